@@ -1,0 +1,73 @@
+/// @file
+/// The thread's last error and the error numbers that the layer gives.
+#pragma once
+#include "platform/linux/types.h"
+
+#define NO_ERROR 0ul
+#define ERROR_SUCCESS 0ul
+#define ERROR_INVALID_FUNCTION 1ul
+#define ERROR_FILE_NOT_FOUND 2ul
+#define ERROR_PATH_NOT_FOUND 3ul
+#define ERROR_TOO_MANY_OPEN_FILES 4ul
+#define ERROR_ACCESS_DENIED 5ul
+#define ERROR_INVALID_HANDLE 6ul
+#define ERROR_NOT_ENOUGH_MEMORY 8ul
+#define ERROR_INVALID_DATA 13ul
+#define ERROR_NOT_SAME_DEVICE 17ul
+#define ERROR_NO_MORE_FILES 18ul
+#define ERROR_WRITE_PROTECT 19ul
+#define ERROR_NOT_READY 21ul
+#define ERROR_BAD_LENGTH 24ul
+#define ERROR_WRITE_FAULT 29ul
+#define ERROR_READ_FAULT 30ul
+#define ERROR_GEN_FAILURE 31ul
+#define ERROR_SHARING_VIOLATION 32ul
+#define ERROR_LOCK_VIOLATION 33ul
+#define ERROR_HANDLE_EOF 38ul
+#define ERROR_NOT_SUPPORTED 50ul
+#define ERROR_BAD_NETPATH 53ul
+#define ERROR_FILE_EXISTS 80ul
+#define ERROR_INVALID_PARAMETER 87ul
+#define ERROR_BROKEN_PIPE 109ul
+#define ERROR_BUFFER_OVERFLOW 111ul
+#define ERROR_DISK_FULL 112ul
+#define ERROR_CALL_NOT_IMPLEMENTED 120ul
+#define ERROR_INSUFFICIENT_BUFFER 122ul
+#define ERROR_INVALID_NAME 123ul
+#define ERROR_MOD_NOT_FOUND 126ul
+#define ERROR_PROC_NOT_FOUND 127ul
+#define ERROR_NEGATIVE_SEEK 131ul
+#define ERROR_DIR_NOT_EMPTY 145ul
+#define ERROR_NOT_LOCKED 158ul
+#define ERROR_BAD_PATHNAME 161ul
+#define ERROR_BUSY 170ul
+#define ERROR_ALREADY_EXISTS 183ul
+#define ERROR_BAD_EXE_FORMAT 193ul
+#define ERROR_FILENAME_EXCED_RANGE 206ul
+#define ERROR_FILE_TOO_LARGE 223ul
+#define ERROR_NO_MORE_ITEMS 259ul
+#define ERROR_DIRECTORY 267ul
+#define ERROR_NOT_OWNER 288ul
+#define ERROR_TOO_MANY_POSTS 298ul
+#define ERROR_INVALID_ADDRESS 487ul
+#define ERROR_IO_PENDING 997ul
+#define ERROR_NOACCESS 998ul
+#define ERROR_FILE_INVALID 1006ul
+#define ERROR_MAPPED_ALIGNMENT 1132ul
+#define ERROR_IO_DEVICE 1117ul
+#define ERROR_USER_MAPPED_FILE 1224ul
+#define ERROR_NO_SYSTEM_RESOURCES 1450ul
+#define ERROR_COMMITMENT_LIMIT 1455ul
+#define ERROR_INVALID_USER_BUFFER 1784ul
+#define ERROR_RESOURCE_DATA_NOT_FOUND 1812ul
+#define ERROR_RESOURCE_TYPE_NOT_FOUND 1813ul
+
+extern "C" {
+QEL_LAYER DWORD WINAPI GetLastError();
+QEL_LAYER void WINAPI SetLastError(DWORD error);
+}
+
+namespace qel::layer {
+/// The Win32 error of a failed system call; unknown values give ERROR_GEN_FAILURE.
+DWORD ErrorFromErrno(int error);
+}  // namespace qel::layer

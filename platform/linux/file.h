@@ -1,0 +1,89 @@
+/// @file
+/// Opening, reading and writing files; attributes, deletion, moving, copying; searching folders.
+#pragma once
+#include "platform/linux/types.h"
+
+#define GENERIC_READ 0x80000000ul
+#define GENERIC_WRITE 0x40000000ul
+#define DELETE 0x00010000ul
+#define FILE_SHARE_READ 1ul
+#define FILE_SHARE_WRITE 2ul
+#define FILE_SHARE_DELETE 4ul
+#define CREATE_NEW 1ul
+#define CREATE_ALWAYS 2ul
+#define OPEN_EXISTING 3ul
+#define OPEN_ALWAYS 4ul
+#define TRUNCATE_EXISTING 5ul
+#define FILE_ATTRIBUTE_READONLY 0x1ul
+#define FILE_ATTRIBUTE_HIDDEN 0x2ul
+#define FILE_ATTRIBUTE_SYSTEM 0x4ul
+#define FILE_ATTRIBUTE_DIRECTORY 0x10ul
+#define FILE_ATTRIBUTE_ARCHIVE 0x20ul
+#define FILE_ATTRIBUTE_NORMAL 0x80ul
+#define FILE_ATTRIBUTE_TEMPORARY 0x100ul
+#define INVALID_FILE_ATTRIBUTES 0xFFFFFFFFul
+#define FILE_FLAG_DELETE_ON_CLOSE 0x04000000ul
+#define FILE_FLAG_SEQUENTIAL_SCAN 0x08000000ul
+#define FILE_FLAG_RANDOM_ACCESS 0x10000000ul
+#define FILE_FLAG_WRITE_THROUGH 0x80000000ul
+#define FILE_FLAG_OVERLAPPED 0x40000000ul
+#define FILE_FLAG_BACKUP_SEMANTICS 0x02000000ul
+#define FILE_BEGIN 0ul
+#define FILE_CURRENT 1ul
+#define FILE_END 2ul
+#define LOCKFILE_FAIL_IMMEDIATELY 1ul
+#define LOCKFILE_EXCLUSIVE_LOCK 2ul
+
+struct OVERLAPPED {
+  ULONG_PTR Internal, InternalHigh;
+  union {
+    struct {
+      DWORD Offset, OffsetHigh;
+    };
+    PVOID Pointer;
+  };
+  HANDLE hEvent;
+};
+using LPOVERLAPPED = OVERLAPPED*;
+static_assert(sizeof(OVERLAPPED) == 20);
+
+struct WIN32_FIND_DATAW {
+  DWORD dwFileAttributes;
+  FILETIME ftCreationTime, ftLastAccessTime, ftLastWriteTime;
+  DWORD nFileSizeHigh, nFileSizeLow, dwReserved0, dwReserved1;
+  WCHAR cFileName[MAX_PATH];
+  WCHAR cAlternateFileName[14];
+};
+using LPWIN32_FIND_DATAW = WIN32_FIND_DATAW*;
+
+extern "C" {
+QEL_LAYER HANDLE WINAPI CreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
+                                    DWORD disposition, DWORD flagsAndAttributes, HANDLE templateFile);
+QEL_LAYER BOOL WINAPI ReadFile(HANDLE file, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead,
+                               LPOVERLAPPED overlapped);
+QEL_LAYER BOOL WINAPI WriteFile(HANDLE file, LPCVOID buffer, DWORD bytesToWrite, LPDWORD bytesWritten,
+                                LPOVERLAPPED overlapped);
+QEL_LAYER BOOL WINAPI GetOverlappedResult(HANDLE file, LPOVERLAPPED overlapped, LPDWORD bytes, BOOL wait);
+QEL_LAYER BOOL WINAPI SetFilePointerEx(HANDLE file, LARGE_INTEGER distance, PLARGE_INTEGER position, DWORD method);
+QEL_LAYER BOOL WINAPI GetFileSizeEx(HANDLE file, PLARGE_INTEGER size);
+QEL_LAYER BOOL WINAPI SetEndOfFile(HANDLE file);
+QEL_LAYER BOOL WINAPI FlushFileBuffers(HANDLE file);
+QEL_LAYER BOOL WINAPI LockFileEx(HANDLE file, DWORD flags, DWORD reserved, DWORD bytesLow, DWORD bytesHigh,
+                                 LPOVERLAPPED overlapped);
+QEL_LAYER BOOL WINAPI UnlockFileEx(HANDLE file, DWORD reserved, DWORD bytesLow, DWORD bytesHigh,
+                                   LPOVERLAPPED overlapped);
+
+QEL_LAYER BOOL WINAPI DeleteFileW(LPCWSTR name);
+QEL_LAYER BOOL WINAPI MoveFileW(LPCWSTR existing, LPCWSTR target);
+QEL_LAYER BOOL WINAPI CopyFileW(LPCWSTR existing, LPCWSTR target, BOOL failIfExists);
+QEL_LAYER DWORD WINAPI GetFileAttributesW(LPCWSTR name);
+QEL_LAYER BOOL WINAPI SetFileAttributesW(LPCWSTR name, DWORD attributes);
+QEL_LAYER BOOL WINAPI CreateDirectoryW(LPCWSTR name, LPSECURITY_ATTRIBUTES security);
+QEL_LAYER BOOL WINAPI RemoveDirectoryW(LPCWSTR name);
+QEL_LAYER UINT WINAPI GetTempFileNameW(LPCWSTR folder, LPCWSTR prefix, UINT unique, LPWSTR name);
+QEL_LAYER UINT WINAPI GetTempFileNameA(LPCSTR folder, LPCSTR prefix, UINT unique, LPSTR name);
+
+QEL_LAYER HANDLE WINAPI FindFirstFileW(LPCWSTR pattern, LPWIN32_FIND_DATAW data);
+QEL_LAYER BOOL WINAPI FindNextFileW(HANDLE find, LPWIN32_FIND_DATAW data);
+QEL_LAYER BOOL WINAPI FindClose(HANDLE find);
+}

@@ -1,0 +1,17 @@
+/// @file
+/// Waiting for one and for several objects.
+#pragma once
+#include "platform/linux/types.h"
+
+#define WAIT_OBJECT_0 0ul
+#define WAIT_ABANDONED 0x80ul
+#define WAIT_ABANDONED_0 0x80ul
+#define WAIT_TIMEOUT 258ul
+#define WAIT_FAILED 0xFFFFFFFFul
+#define MAXIMUM_WAIT_OBJECTS 64
+
+extern "C" {
+QEL_LAYER DWORD WINAPI WaitForSingleObject(HANDLE handle, DWORD timeoutMs);
+/// All kinds may be mixed. Waiting for all of several objects is refused with ERROR_NOT_SUPPORTED: nobody asks for it.
+QEL_LAYER DWORD WINAPI WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD timeoutMs);
+}

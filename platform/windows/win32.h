@@ -1,0 +1,28 @@
+/// @file
+/// The system's headers, and the C runtime names that MinGW lacks (platform/windows/crt_names.cpp).
+#pragma once
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <windows.h>
+// windows.h comes first
+#include <dbghelp.h>
+#include <float.h>
+#include <malloc.h>
+#include <mbstring.h>
+#include <psapi.h>
+#include <shlobj.h>
+#include <shlwapi.h>
+#include <stdio.h>
+#include <string.h>
+#include <wchar.h>
+#include <winver.h>
+
+extern "C" {
+/// Reads (mask 0) or changes the exception masks of the x87 unit and of SSE2; the words after the change go to the
+/// pointers that are not null. Returns 1.
+int __cdecl __control87_2(unsigned int value, unsigned int mask, unsigned int* x87, unsigned int* sse2);
+}

@@ -1,0 +1,63 @@
+/// @file
+/// The log channels of the library and the one function that writes a line to one of them.
+#pragma once
+#include "platform/win32.h"
+#include "qelibaselib/source_position.h"
+
+namespace qel {
+
+/// How long a writer waits for the mutex of a channel or report.
+inline constexpr DWORD kLogMutexTimeoutMs = 60000;
+/// A channel file that is longer takes no more lines.
+inline constexpr DWORD kChannelLimitBytes = 0x100000;
+
+/// The stem of the named mutex and the bare name of the file in the log folder.
+struct LogChannel {
+  const wchar_t* mutexStem;
+  const wchar_t* fileName;
+};
+
+namespace channel {
+// The assertion stem has no "_7EFEA029" and the flush stem an "n" that its file lacks: both are as they must be.
+inline constexpr LogChannel kAssert{L"VemoLogOutAssert-EA59-4b7f-95DE-60189EB13537", L"VemoLogOutAssert_7EFEA029.txt"};
+inline constexpr LogChannel kMisc{L"VemoLogOutMisc_7EFEA029-EA59-4b7f-95DE-60189EB13537",
+                                  L"VemoLogOutMisc_7EFEA029.txt"};
+inline constexpr LogChannel kLock{L"VemoLockLogOut_7EFEA029-EA59-4b7f-95DE-60189EB13537",
+                                  L"VemoLockLogOut_7EFEA029.txt"};
+inline constexpr LogChannel kFileOperation{L"VemoFileOperation_7EFEA029-EA59-4b7f-95DE-60189EB13537",
+                                           L"VemoFileOperation_7EFEA029.txt"};
+inline constexpr LogChannel kFlush{L"VemoFlushViewOfFileLogOutn_7EFEA029-EA59-4b7f-95DE-60189EB13537",
+                                   L"VemoFlushViewOfFileLogOut_7EFEA029.txt"};
+inline constexpr LogChannel kMemoryAllocation{L"VemoMemAllocLogOut_7EFEA029-EA59-4b7f-95DE-60189EB13537",
+                                              L"VemoMemAllocLogOut_7EFEA029.txt"};
+inline constexpr LogChannel kMemoryOperation{L"VemoMemOperation_7EFEA029-EA59-4b7f-95DE-60189EB13537",
+                                             L"VemoMemOperation_7EFEA029.txt"};
+inline constexpr LogChannel kModuleStatusError{L"VemoModuleStatusError_7EFEA029-EA59-4b7f-95DE-60189EB13537",
+                                               L"VemoModuleStatusError_7EFEA029.txt"};
+inline constexpr LogChannel kWinApiWrap{L"VemoWinApiWrap_7EFEA029-EA59-4b7f-95DE-60189EB13537",
+                                        L"VemoWinApiWrap_7EFEA029.txt"};
+/// The two reports share the naming, not the writer: they write their files themselves, under the same kind of mutex.
+inline constexpr LogChannel kModuleStatusReport{L"VemoModuleStatus_382C6292-9290-4b97-83B1-2AB8C02F9A5D",
+                                                L"VemoModuleStatus_382C6292.txt"};
+inline constexpr LogChannel kExceptionReport{L"VemoExceptLogOut_4DE2C31F-8F8D-495a-80A9-BCEE1FEF19FE",
+                                             L"VemoExceptLogOut_4DE2C31F.txt"};
+}  // namespace channel
+
+/// Writes one line with the caller's position. Never throws, reports nothing, keeps the last error.
+void WriteLine(const LogChannel& channel, const char* message, SourcePosition position);
+
+/// As WriteLine, the message formatted first (qelibaselib/format.h), whatever its length.
+void WriteLineF(const LogChannel& channel, SourcePosition position, const char* format, ...)
+#ifdef __MINGW32__
+    __attribute__((format(ms_printf, 3, 4)))
+#endif
+    ;
+
+/// "ASSERT : %s(%d)" to the assertion channel, the line itself attributed to the same position.
+void WriteAssertion(SourcePosition position);
+/// "ASSERT : %s(%d), lec=%lu" with the last error as the caller read it.
+void WriteAssertion(SourcePosition position, DWORD lastError);
+/// "ASSERT : %s(%d), %s" with a short text.
+void WriteAssertion(SourcePosition position, const char* text);
+
+}  // namespace qel

@@ -1,7 +1,62 @@
 /// @file
-/// Faults of the processor as C++ exceptions; see fault.h's parts in frame.S, core.cpp and the front ends
-/// platform/linux/fault.cpp and platform/windows/fault.cpp.
+/// Faults of the processor as C++ exceptions.
+///
+/// A fault inside fault::Run leaves it as an exception, from the place of the fault, with the destructors of every frame
+/// between run: a CSE on a thread whose translator throws one, otherwise one of a private type that only
+/// `catch (...)` takes. Where the frames between cannot be unwound (code without unwind tables, a noexcept function, a
+/// smashed stack) the exception starts at Run itself and only their destructors are left out. A fault outside any Run
+/// goes where it would go without this.
+///
+/// Code that may fault under a Run is compiled with qel_fault_options and calls the C library through
+/// platform/fault/may_fault.h where it hands on a caller's pointer.
 #pragma once
+#include <memory>
 #include <type_traits>
 
 #include "platform/win32.h"
+
+#ifdef _WIN32
+#define QEL_FAULT_API
+#else
+#define QEL_FAULT_API QEL_LAYER __attribute__((noplt))  // one indirect call less for each guard
+#endif
+
+/// A structured exception as a C++ exception: what the translator throws, by value. Holds no pointer into the frame
+/// that faulted, except what the record itself says.
+struct CSE {
+  EXCEPTION_RECORD record;
+  CONTEXT context;
+};
+
+namespace fault {
+
+/// Called with the exception's code on the faulting thread, after it has left the handler of the fault; expected to
+/// throw. If it returns, the exception of the private type is thrown.
+using Translator = void (*)(unsigned int code, EXCEPTION_POINTERS* pointers);
+
+/// Sets the calling thread's translator (null: none, as at the thread's start); returns the previous one.
+QEL_FAULT_API Translator SetTranslator(Translator translator);
+
+/// The translator that throws a CSE.
+QEL_FAULT_API void ThrowCse(unsigned int code, EXCEPTION_POINTERS* pointers);
+
+/// Makes sure that the faults of this process reach us before whatever handler the host has set since; that handler
+/// still gets every fault that is not ours.
+QEL_FAULT_API void ClaimHandlers();
+
+/// Frees what the calling thread holds here. For the module's entry at thread detach; a later Run of the thread is
+/// still sound.
+QEL_FAULT_API void ThreadDetach();
+
+/// Run without the template: calls `body(argument)`.
+QEL_FAULT_API void RunBody(void (*body)(void* argument), void* argument);
+
+/// Calls `body()`. Costs about 10 ns; nests; any thread.
+template <class Body>
+inline void Run(Body&& body) {
+  using Callable = std::remove_reference_t<Body>;
+  const void* argument = std::addressof(body);
+  RunBody([](void* callable) { (*static_cast<Callable*>(callable))(); }, const_cast<void*>(argument));
+}
+
+}  // namespace fault

@@ -1,0 +1,228 @@
+// The thrower: from the guard of a faulting thread to an exception in flight.
+#include <cxxabi.h>
+#include <unwind.h>
+
+#include <cstring>
+#include <new>
+#include <typeinfo>
+
+#include "platform/fault/guard_frame.h"
+
+extern "C" void* __cxa_init_primary_exception(void* object, std::type_info* type, void (*destructor)(void*)) noexcept;
+
+namespace fault {
+namespace {
+
+// What is thrown on a thread without a translator. Nobody else can name it.
+struct UntranslatedException {};
+
+// A destructor that faults cuts the unwinding of a fault short and the next one starts in its place. Where that goes on
+// for ever, the destructors that are left are given up.
+constexpr uint32_t kMostReplaced = 200;
+
+// The first words of __cxa_eh_globals, fixed by the C++ ABI.
+struct ThreadExceptions {
+  void* caught;
+  unsigned int uncaught;
+};
+ThreadExceptions* CurrentExceptions() { return reinterpret_cast<ThreadExceptions*>(abi::__cxa_get_globals()); }
+
+// Reads the exception tables that the compiler writes for each function (LSDA).
+class TableReader {
+ public:
+  explicit TableReader(const uint8_t* position) : position_(position) {}
+  const uint8_t* position() const { return position_; }
+  uint8_t Byte() { return *position_++; }
+  uintptr_t Uleb128() {
+    uintptr_t value = 0;
+    uint8_t byte;
+    unsigned int shift = 0;
+    do {
+      byte = Byte();
+      value |= static_cast<uintptr_t>(byte & 0x7F) << shift;
+      shift += 7;
+    } while (byte & 0x80);
+    return value;
+  }
+  uintptr_t Encoded(uint8_t encoding) {
+    switch (encoding & 0x0F) {
+      case kUleb128:
+        return Uleb128();
+      case kUdata2:
+        return Fixed<uint16_t>();
+      default:
+        return Fixed<uint32_t>();
+    }
+  }
+  static constexpr uint8_t kOmitted = 0xFF;
+
+ private:
+  static constexpr uint8_t kUleb128 = 1, kUdata2 = 2;
+  template <class Value>
+  Value Fixed() {
+    Value value;
+    std::memcpy(&value, position_, sizeof value);
+    position_ += sizeof value;
+    return value;
+  }
+  const uint8_t* position_;
+};
+
+// Whether an exception may pass the frame: an instruction that no entry of the call-site table covers (a noexcept
+// function, a prologue, a call that the compiler takes for one that never throws) would end the process.
+bool MayPass(_Unwind_Context* context) {
+  const auto* table = static_cast<const uint8_t*>(_Unwind_GetLanguageSpecificData(context));
+  if (!table) return true;
+  int beforeInstruction = 0;
+  uintptr_t ip = _Unwind_GetIPInfo(context, &beforeInstruction);
+  if (!beforeInstruction) --ip;
+  const uintptr_t offset = ip - _Unwind_GetRegionStart(context);
+
+  TableReader reader(table);
+  const uint8_t landingPadEncoding = reader.Byte();
+  if (landingPadEncoding != TableReader::kOmitted) reader.Encoded(landingPadEncoding);
+  const uint8_t typeEncoding = reader.Byte();
+  if (typeEncoding != TableReader::kOmitted) reader.Uleb128();
+  const uint8_t callSiteEncoding = reader.Byte();
+  const uintptr_t callSiteBytes = reader.Uleb128();
+  const uint8_t* const end = reader.position() + callSiteBytes;
+  while (reader.position() < end) {
+    const uintptr_t start = reader.Encoded(callSiteEncoding);
+    const uintptr_t length = reader.Encoded(callSiteEncoding);
+    reader.Encoded(callSiteEncoding);  // landing pad
+    reader.Uleb128();                  // action
+    if (offset < start) return false;
+    if (offset < start + length) return true;
+  }
+  return false;
+}
+
+bool IsInside(uintptr_t returnAddress, const void* begin, const void* end) {
+  return returnAddress > reinterpret_cast<uintptr_t>(begin) && returnAddress <= reinterpret_cast<uintptr_t>(end);
+}
+
+struct Walk {
+  const GuardFrame* guard;
+  bool pastThunk;  // the frames before it are the thrower's own, perhaps on another stack
+  bool reached;
+  uintptr_t stack;
+};
+
+_Unwind_Reason_Code VisitFrame(_Unwind_Context* context, void* argument) {
+  constexpr int kEbp = 5;
+  Walk& walk = *static_cast<Walk*>(argument);
+  const uintptr_t ip = _Unwind_GetIP(context);
+  if (!walk.pastThunk) {
+    walk.pastThunk = IsInside(ip, fault_thunk, fault_thunk_end);
+    return _URC_NO_REASON;
+  }
+  if (IsInside(ip, reinterpret_cast<const void*>(&fault_frame_call), fault_frame_end) &&
+      _Unwind_GetGR(context, kEbp) == walk.guard->frame) {
+    walk.reached = true;
+    return _URC_NORMAL_STOP;
+  }
+  const uintptr_t stack = _Unwind_GetCFA(context);
+  const bool older = stack > walk.stack && stack < walk.guard->frame;  // what a sound chain of frames is
+  walk.stack = stack;
+  return older && MayPass(context) ? _URC_NO_REASON : _URC_NORMAL_STOP;
+}
+
+// Whether an exception thrown at the fault arrives at the guard. A fault in here (the stack is smashed) does not come
+// back: the front end sees kSearching and goes to fault_frame_recover.
+bool CanReachGuard(const GuardFrame* guard) {
+  Walk walk{guard, false, false, 0};
+  _Unwind_Backtrace(VisitFrame, &walk);
+  return walk.reached;
+}
+
+[[noreturn]] void GoToGuard(const GuardFrame* guard) {
+  __asm__ __volatile__("movl %0, %%ebp\n\tjmp *%1" : : "r"(guard->frame), "r"(fault_frame_recover) : "memory");
+  __builtin_unreachable();
+}
+
+// Enters the throw in the guard. Exceptions that were in flight and whose unwinding the fault cut short are out of the
+// world now: the count of uncaught exceptions is put right. Returns whether the guard has had enough of them.
+bool NoteThrow(GuardFrame* guard) {
+  ThreadExceptions* exceptions = CurrentExceptions();
+  const bool again = guard->state & kThrown;
+  guard->state = (guard->state & ~kSearching) | kThrown;
+  if (again && exceptions->uncaught > guard->uncaughtBefore) {
+    exceptions->uncaught = guard->uncaughtBefore;
+    return ++guard->replaced > kMostReplaced;
+  }
+  guard->uncaughtBefore = exceptions->uncaught;
+  guard->replaced = 0;
+  return false;
+}
+
+[[noreturn]] void Throw(GuardFrame* guard) {
+  EXCEPTION_POINTERS pointers{&guard->record, &guard->context};
+  const DWORD code = guard->record.ExceptionCode;
+  const Translator translator = ThreadTranslator();
+  if (translator && code != kForeignCppException) translator(code, &pointers);
+  throw UntranslatedException{};
+}
+
+}  // namespace
+
+extern "C" __attribute__((used, noreturn)) QEL_FAULT_HIDDEN void fault_throw(GuardFrame* guard) {
+  if (!CanReachGuard(guard) || NoteThrow(guard)) GoToGuard(guard);
+  PrepareThrow(guard);
+  Throw(guard);
+}
+
+extern "C" __attribute__((used, noreturn)) QEL_FAULT_HIDDEN void fault_throw_from_guard(GuardFrame* guard) {
+  NoteThrow(guard);
+  PrepareThrow(guard);
+  Throw(guard);
+}
+
+Translator SetTranslator(Translator translator) {
+  const Translator previous = ThreadTranslator();
+  SetThreadTranslator(translator);
+  return previous;
+}
+
+void ThrowInGuard(GuardFrame& guard, const EXCEPTION_RECORD& record, const CONTEXT& context) {
+  guard.state = (guard.state & kThrown) | kSearching;
+  guard.record = record;
+  guard.context = context;
+  guard.StartAt(context);
+  guard.eip -= 1;  // a return address: the call before it counts
+  __asm__ __volatile__(
+      "movl %0, %%ebp\n\t"
+      "subl %2, %%esp\n\t"
+      "andl %3, %%esp\n\t"
+      "jmp *%1"
+      :
+      : "r"(&guard), "r"(fault_thunk), "i"(kRedZoneBytes), "i"(-kStackAlignment)
+      : "memory");
+  __builtin_unreachable();
+}
+
+void ThrowCse(unsigned int, EXCEPTION_POINTERS* pointers) {
+  throw CSE{*pointers->ExceptionRecord, *pointers->ContextRecord};
+}
+
+// What `throw` does, except that it survives when the search for a handler finds none. The translator of the library is
+// not called but imitated: its own throw would end the process then.
+void ThrowIfCaught(EXCEPTION_POINTERS* pointers) {
+  const DWORD code = pointers->ExceptionRecord->ExceptionCode;
+  const Translator translator = code == kForeignCppException ? nullptr : ThreadTranslator();
+  const bool asCse = translator == &ThrowCse;
+  if (translator && !asCse) translator(code, pointers);
+
+  void* object = abi::__cxa_allocate_exception(asCse ? sizeof(CSE) : sizeof(UntranslatedException));
+  if (asCse) new (object) CSE{*pointers->ExceptionRecord, *pointers->ContextRecord};
+  const std::type_info& type = asCse ? typeid(CSE) : typeid(UntranslatedException);
+  void* header = __cxa_init_primary_exception(object, const_cast<std::type_info*>(&type), nullptr);
+  *static_cast<int*>(header) = 1;  // the reference that the catch clause gives back
+  auto* unwind = reinterpret_cast<_Unwind_Exception*>(static_cast<char*>(object) - sizeof(_Unwind_Exception));
+  ThreadExceptions* exceptions = CurrentExceptions();
+  ++exceptions->uncaught;
+  _Unwind_RaiseException(unwind);  // comes back when nobody catches
+  --exceptions->uncaught;
+  abi::__cxa_free_exception(object);
+}
+
+}  // namespace fault

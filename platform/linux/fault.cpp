@@ -1,0 +1,309 @@
+// Signals of faults: to the innermost guard of the thread, to the filter, or to who had the signal before.
+//
+// The handler throws nothing. It fills the guard's frame and lets the thread go on in fault_thunk, outside the handler.
+#include "platform/linux/fault.h"
+
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+#include "platform/linux/fault_internal.h"
+#include "platform/linux/fault_probe.h"
+
+using fault::GuardFrame;
+
+namespace qel::layer {
+
+thread_local constinit FaultThread t_faultThread __attribute__((tls_model("initial-exec"))) {};
+
+namespace {
+
+constexpr int kSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL};
+constexpr size_t kSignalStackBytes = 128 * 1024;  // a filter writes its report on it
+constexpr size_t kSpareStackBytes = 64 * 1024;
+constexpr uintptr_t kThrowerBytes = 16 * 1024;     // what the thrower and the unwinder may need
+constexpr uintptr_t kLargestFrame = 64 * 1024;     // how far below ESP an overflow may touch
+
+// Who had a signal before us: at the first time, and at the latest.
+struct Former {
+  struct sigaction original;
+  struct sigaction current;
+  bool known;
+};
+constinit Former g_former[NSIG] = {};
+constinit pthread_mutex_t g_claimMutex = PTHREAD_MUTEX_INITIALIZER;
+constinit LPTOP_LEVEL_EXCEPTION_FILTER g_filter = nullptr;
+
+bool IsFunction(const struct sigaction& action) {
+  return (action.sa_flags & SA_SIGINFO) || (action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN);
+}
+
+void SetDefault(int signal) {
+  struct sigaction action {};
+  action.sa_handler = SIG_DFL;
+  sigaction(signal, &action, nullptr);
+}
+
+// A handler of the host that passes on what it does not want calls us as the former handler, with what it got itself.
+// Only a delivery by the kernel returns to its trampoline: mov $__NR_rt_sigreturn, %eax; int $0x80.
+bool IsDelivery(const void* returnAddress) {
+  static constexpr unsigned char kTrampoline[] = {0xB8, SYS_rt_sigreturn, 0, 0, 0, 0xCD, 0x80};
+  return std::memcmp(returnAddress, kTrampoline, sizeof kTrampoline) == 0;
+}
+
+// Does what the system would have done with `action` in place.
+void PassOn(struct sigaction& action, int signal, siginfo_t* info, void* machine) {
+  const bool ofInstruction = info->si_code > 0;
+  if (!IsFunction(action)) {
+    if (action.sa_handler == SIG_IGN && !ofInstruction) return;
+    SetDefault(signal);  // the instruction repeats and ends the process as it should
+    if (!ofInstruction) syscall(SYS_tgkill, getpid(), gettid(), signal);
+    return;
+  }
+  const struct sigaction called = action;
+  if (called.sa_flags & SA_RESETHAND) {
+    action = {};
+    action.sa_handler = SIG_DFL;
+  }
+  sigset_t blocked = called.sa_mask, before;
+  if (!(called.sa_flags & SA_NODEFER)) sigaddset(&blocked, signal);
+  pthread_sigmask(SIG_BLOCK, &blocked, &before);
+  if (called.sa_flags & SA_SIGINFO) {
+    called.sa_sigaction(signal, info, machine);
+  } else {
+    called.sa_handler(signal);
+  }
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+void OfferToFilter(int signal, siginfo_t* info, ucontext_t& machine) {
+  if (g_filter) {
+    EXCEPTION_RECORD record;
+    CONTEXT context;
+    FillFault(record, context, signal, *info, machine);
+    EXCEPTION_POINTERS pointers{&record, &context};
+    switch (CallUnhandledFilter(&pointers)) {
+      case EXCEPTION_CONTINUE_EXECUTION:
+        ApplyContext(machine, context);
+        return;
+      case EXCEPTION_EXECUTE_HANDLER:
+        _exit(kExitAfterFilter);
+      default:
+        break;
+    }
+  }
+  PassOn(g_former[signal].current, signal, info, &machine);
+}
+
+// An access just below (or, in a large frame, a little above) ESP that finds no page: the stack could not grow. Its
+// lowest address does not tell, since something else may lie in the way of its growth.
+bool IsStackOverflow(const FaultThread& thread, const EXCEPTION_RECORD& record, uintptr_t esp) {
+  if (record.ExceptionCode != EXCEPTION_ACCESS_VIOLATION || esp > thread.stackHigh) return false;
+  const uintptr_t address = record.ExceptionInformation[1];
+  const bool nearEsp = address + kLargestFrame >= esp && address < esp + kLargestFrame;
+  const bool stackEnds = esp < thread.stackLow + kThrowerBytes || fault_probe_write(reinterpret_cast<void*>(esp - 4));
+  return nearEsp && stackEnds && esp + kLargestFrame >= thread.stackLow;
+}
+
+// Where the thrower runs: below the interrupted frame, or on the spare stack when that is no place to be.
+uintptr_t ThrowerStack(const FaultThread& thread, const GuardFrame& guard) {
+  const uintptr_t esp = guard.esp;
+  const bool usable = !(guard.state & fault::kStackOverflow) && esp > thread.stackLow + kThrowerBytes &&
+                      esp <= thread.stackHigh;
+  return usable || !thread.spareTop ? (esp - fault::kRedZoneBytes) & ~(fault::kStackAlignment - 1) : thread.spareTop;
+}
+
+void Redirect(GuardFrame& guard, const FaultThread& thread, int signal, const siginfo_t& info, ucontext_t& machine) {
+  greg_t* registers = machine.uc_mcontext.gregs;
+  if (guard.state & fault::kSearching) {  // the way to the guard is not to be found
+    ClearPendingState(machine);
+    registers[REG_EBP] = static_cast<greg_t>(guard.frame);
+    registers[REG_ESP] = static_cast<greg_t>(guard.frame - fault::kRedZoneBytes);
+    registers[REG_EIP] = reinterpret_cast<greg_t>(fault_frame_recover);
+    return;
+  }
+  guard.state = (guard.state & fault::kThrown) | fault::kSearching;
+  FillFault(guard.record, guard.context, signal, info, machine);
+  guard.StartAt(guard.context);
+  if (IsStackOverflow(thread, guard.record, guard.esp)) {
+    guard.record.ExceptionCode = EXCEPTION_STACK_OVERFLOW;
+    guard.state |= fault::kStackOverflow;
+  } else if (guard.record.ExceptionCode == EXCEPTION_ACCESS_VIOLATION &&
+             guard.record.ExceptionInformation[1] == guard.eip &&
+             !fault_probe_read(reinterpret_cast<void*>(guard.esp))) {
+    // A call through a bad pointer: the caller is the last frame that there is.
+    guard.eip = *reinterpret_cast<uint32_t*>(guard.esp) - 1;
+    guard.esp += 4;
+  }
+  ClearPendingState(machine);
+  registers[REG_ESP] = static_cast<greg_t>(ThrowerStack(thread, guard));
+  registers[REG_EBP] = reinterpret_cast<greg_t>(&guard);
+  registers[REG_EIP] = reinterpret_cast<greg_t>(fault_thunk);
+}
+
+void OnSignal(int signal, siginfo_t* info, void* context) {
+  ucontext_t& machine = *static_cast<ucontext_t*>(context);
+  greg_t& eip = machine.uc_mcontext.gregs[REG_EIP];
+  const auto* instruction = reinterpret_cast<const char*>(eip);
+  if (instruction == fault_probe_read_instruction || instruction == fault_probe_write_instruction) {
+    eip = reinterpret_cast<greg_t>(fault_probe_failed);
+    return;
+  }
+  const int savedErrno = errno;
+  FaultThread& thread = t_faultThread;
+  if (!IsDelivery(__builtin_return_address(0))) {
+    PassOn(g_former[signal].original, signal, info, context);
+  } else if (info->si_code <= 0) {  // kill, raise: not of an instruction
+    PassOn(g_former[signal].current, signal, info, context);
+  } else if (thread.innermost) {
+    Redirect(*thread.innermost, thread, signal, *info, machine);
+  } else {
+    OfferToFilter(signal, info, machine);
+  }
+  errno = savedErrno;
+}
+
+bool IsOurs(const struct sigaction& action) {
+  return (action.sa_flags & SA_SIGINFO) && action.sa_sigaction == &OnSignal;
+}
+
+void Claim(int signal) {
+  Former& former = g_former[signal];
+  struct sigaction present;
+  if (sigaction(signal, nullptr, &present) != 0 || IsOurs(present)) return;
+  if (!former.known) former.original = present;
+  former.known = true;
+  former.current = present;
+  struct sigaction ours {};
+  ours.sa_sigaction = &OnSignal;
+  ours.sa_flags = SA_SIGINFO | SA_NODEFER | SA_ONSTACK;
+  sigaction(signal, &ours, nullptr);
+}
+
+// A blocked fault ends the process, whoever would handle it.
+void Unblock() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (int signal : kSignals) sigaddset(&signals, signal);
+  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+// The stacks of a thread, freed by the key's destructor: after every thread_local object and again should one of the
+// later destructors have run a guard once more.
+constexpr size_t kStacksBytes = kSignalStackBytes + kSpareStackBytes;
+constinit pthread_key_t g_stacksKey = 0;
+constinit bool g_haveKey = false;
+
+void FreeStacks(void* memory) {
+  stack_t present{};
+  if (sigaltstack(nullptr, &present) == 0 && present.ss_sp == memory) {
+    stack_t none{};
+    none.ss_flags = SS_DISABLE;
+    sigaltstack(&none, nullptr);
+  }
+  t_faultThread.ready = false;
+  t_faultThread.spareTop = 0;
+  munmap(memory, kStacksBytes);
+}
+
+void MakeStacks(FaultThread& thread) {
+  void* memory = mmap(nullptr, kStacksBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (memory == MAP_FAILED) return;  // a stack overflow will end the process; all else still works
+  thread.spareTop = reinterpret_cast<uintptr_t>(memory) + kStacksBytes - 4 * fault::kStackAlignment;
+  stack_t present{};
+  if (sigaltstack(nullptr, &present) == 0 && (present.ss_flags & SS_DISABLE)) {
+    stack_t ours{};
+    ours.ss_sp = memory;
+    ours.ss_size = kSignalStackBytes;
+    sigaltstack(&ours, nullptr);
+  }
+  if (g_haveKey) pthread_setspecific(g_stacksKey, memory);
+}
+
+void FindStack(FaultThread& thread) {
+  pthread_attr_t attributes;
+  if (pthread_getattr_np(pthread_self(), &attributes) != 0) return;
+  void* low = nullptr;
+  size_t bytes = 0;
+  pthread_attr_getstack(&attributes, &low, &bytes);
+  pthread_attr_destroy(&attributes);
+  thread.stackLow = reinterpret_cast<uintptr_t>(low);
+  thread.stackHigh = thread.stackLow + bytes;
+}
+
+__attribute__((constructor)) void InstallAtLoad() {
+  g_haveKey = pthread_key_create(&g_stacksKey, &FreeStacks) == 0;
+  fault::ClaimHandlers();
+}
+
+// The guard chain of a thread, from the innermost outwards.
+class GuardLink {
+ public:
+  explicit GuardLink(GuardFrame& guard) : guard_(guard), thread_(t_faultThread) {
+    if (!thread_.ready) [[unlikely]]
+      PrepareFaultThread();
+    guard.state = fault::kQuiet;
+    guard.outer = thread_.innermost;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    thread_.innermost = &guard;
+  }
+  GuardLink(const GuardLink&) = delete;
+  GuardLink& operator=(const GuardLink&) = delete;
+  ~GuardLink() { thread_.innermost = guard_.outer; }
+
+ private:
+  GuardFrame& guard_;
+  FaultThread& thread_;
+};
+
+}  // namespace
+
+void PrepareFaultThread() {
+  const int savedErrno = errno;
+  FaultThread& thread = t_faultThread;
+  fault::ClaimHandlers();
+  Unblock();
+  FindStack(thread);
+  MakeStacks(thread);
+  thread.ready = true;
+  errno = savedErrno;
+}
+
+LONG CallUnhandledFilter(EXCEPTION_POINTERS* pointers) {
+  const LPTOP_LEVEL_EXCEPTION_FILTER filter = g_filter;
+  return filter ? filter(pointers) : EXCEPTION_CONTINUE_SEARCH;
+}
+
+}  // namespace qel::layer
+
+namespace fault {
+
+Translator ThreadTranslator() { return qel::layer::t_faultThread.translator; }
+void SetThreadTranslator(Translator translator) { qel::layer::t_faultThread.translator = translator; }
+
+void PrepareThrow(GuardFrame*) {}
+
+void ClaimHandlers() {
+  pthread_mutex_lock(&qel::layer::g_claimMutex);
+  for (int signal : qel::layer::kSignals) qel::layer::Claim(signal);
+  pthread_mutex_unlock(&qel::layer::g_claimMutex);
+}
+
+void ThreadDetach() {}  // the key's destructor does it, for every thread
+
+void RunBody(void (*body)(void*), void* argument) {
+  GuardFrame guard;
+  const qel::layer::GuardLink link(guard);
+  fault_frame_call(&guard, body, argument);
+}
+
+}  // namespace fault
+
+extern "C" LPTOP_LEVEL_EXCEPTION_FILTER SetUnhandledExceptionFilter(LPTOP_LEVEL_EXCEPTION_FILTER filter) {
+  return __atomic_exchange_n(&qel::layer::g_filter, filter, __ATOMIC_SEQ_CST);
+}

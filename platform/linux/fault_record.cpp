@@ -1,0 +1,171 @@
+// From a signal's machine state to the exception record and context that Windows would deliver, and back.
+#include <cstring>
+
+#include "platform/linux/fault_internal.h"
+
+namespace qel::layer {
+namespace {
+
+// What the kernel saves of the floating-point units: an FSAVE image, then, where the processor has it, an FXSAVE image.
+struct FxImage {
+  uint16_t control, status;
+  uint8_t tag, reserved;
+  uint16_t opcode;
+  uint32_t instructionOffset, instructionSelector, dataOffset, dataSelector;
+  uint32_t mxcsr, mxcsrMask;
+  uint8_t registers[480];
+};
+struct SavedFloatingPoint {
+  uint32_t control, status, tag, errorOffset, errorSelector, dataOffset, dataSelector;
+  uint8_t registers[80];
+  uint16_t statusAgain, magic;  // magic 0: the FXSAVE image follows
+  FxImage fx;
+  bool HasFx() const { return magic == 0; }
+};
+static_assert(offsetof(SavedFloatingPoint, fx) == 112 && offsetof(FxImage, mxcsr) == 24 && sizeof(FxImage) == 512);
+
+constexpr uint32_t kFlagMask = 0x3F;             // the six exception flags; the masks of the control word match them
+constexpr unsigned int kMxcsrMaskShift = 7;
+constexpr uint32_t kX87StackFault = 0x40;
+constexpr uint32_t kX87Pending = 0xB8FF;         // exception flags, summary, stack top, busy
+constexpr uint32_t kX87AllEmpty = 0xFFFFFFFF;
+constexpr greg_t kTrapFlag = 0x100, kDirectionFlag = 0x400, kAlignmentFlag = 0x40000;
+
+enum Trap : greg_t { kTrapPageFault = 14, kTrapX87 = 16, kTrapSse = 19 };
+constexpr greg_t kErrorWrite = 2, kErrorFetch = 16;
+constexpr ULONG_PTR kReading = 0, kWriting = 1, kExecuting = 8;
+constexpr ULONG_PTR kNoAddress = 0xFFFFFFFF;      // a general protection fault names none
+constexpr ULONG_PTR kStatusEndOfFile = 0xC0000011;  // why a page of a mapped file is not there
+
+SavedFloatingPoint* FloatingPoint(const ucontext_t& machine) {
+  return reinterpret_cast<SavedFloatingPoint*>(machine.uc_mcontext.fpregs);
+}
+
+// The processor's own order of the exceptions when several are raised at once.
+DWORD FloatingPointCode(uint32_t flags) {
+  if (flags & 1) return EXCEPTION_FLT_INVALID_OPERATION;
+  if (flags & 4) return EXCEPTION_FLT_DIVIDE_BY_ZERO;
+  if (flags & 2) return EXCEPTION_FLT_DENORMAL_OPERAND;
+  if (flags & 8) return EXCEPTION_FLT_OVERFLOW;
+  if (flags & 16) return EXCEPTION_FLT_UNDERFLOW;
+  if (flags & 32) return EXCEPTION_FLT_INEXACT_RESULT;
+  return EXCEPTION_FLT_INVALID_OPERATION;
+}
+
+// Not by si_code: it does not tell a denormal operand from an underflow.
+DWORD ArithmeticCode(const siginfo_t& info, const ucontext_t& machine) {
+  const SavedFloatingPoint* saved = FloatingPoint(machine);
+  const greg_t trap = machine.uc_mcontext.gregs[REG_TRAPNO];
+  if (saved && trap == kTrapX87) {
+    if (saved->status & kX87StackFault) return EXCEPTION_FLT_STACK_CHECK;
+    return FloatingPointCode(saved->status & ~saved->control & kFlagMask);
+  }
+  if (saved && trap == kTrapSse && saved->HasFx())
+    return FloatingPointCode(saved->fx.mxcsr & ~(saved->fx.mxcsr >> kMxcsrMaskShift) & kFlagMask);
+  return info.si_code == FPE_INTOVF ? EXCEPTION_INT_OVERFLOW : EXCEPTION_INT_DIVIDE_BY_ZERO;
+}
+
+void FillRecord(EXCEPTION_RECORD& record, int signal, const siginfo_t& info, const ucontext_t& machine) {
+  const greg_t* registers = machine.uc_mcontext.gregs;
+  const auto address = reinterpret_cast<ULONG_PTR>(info.si_addr);
+  const greg_t error = registers[REG_ERR];
+  const ULONG_PTR access = error & kErrorFetch ? kExecuting : error & kErrorWrite ? kWriting : kReading;
+  record = {};
+  record.ExceptionAddress = reinterpret_cast<void*>(registers[REG_EIP]);
+  switch (signal) {
+    case SIGSEGV: {
+      const bool pageFault = registers[REG_TRAPNO] == kTrapPageFault;
+      record.ExceptionCode = EXCEPTION_ACCESS_VIOLATION;
+      record.NumberParameters = 2;
+      record.ExceptionInformation[0] = pageFault ? access : kReading;
+      record.ExceptionInformation[1] = pageFault ? address : kNoAddress;
+      break;
+    }
+    case SIGBUS:
+      if (info.si_code == BUS_ADRALN) {
+        record.ExceptionCode = EXCEPTION_DATATYPE_MISALIGNMENT;
+      } else {
+        record.ExceptionCode = EXCEPTION_IN_PAGE_ERROR;
+        record.NumberParameters = 3;
+        record.ExceptionInformation[0] = access;
+        record.ExceptionInformation[1] = address;
+        record.ExceptionInformation[2] = kStatusEndOfFile;
+      }
+      break;
+    case SIGILL:
+      record.ExceptionCode = EXCEPTION_ILLEGAL_INSTRUCTION;
+      break;
+    default:
+      record.ExceptionCode = ArithmeticCode(info, machine);
+  }
+}
+
+void FillContext(CONTEXT& context, const ucontext_t& machine) {
+  const greg_t* registers = machine.uc_mcontext.gregs;
+  const auto value = [registers](int which) { return static_cast<DWORD>(registers[which]); };
+  const auto segment = [registers](int which) { return static_cast<DWORD>(registers[which]) & 0xFFFF; };
+  context = {};
+  context.ContextFlags = CONTEXT_FULL;
+  context.SegGs = segment(REG_GS);
+  context.SegFs = segment(REG_FS);
+  context.SegEs = segment(REG_ES);
+  context.SegDs = segment(REG_DS);
+  context.SegCs = segment(REG_CS);
+  context.SegSs = segment(REG_SS);
+  context.Edi = value(REG_EDI);
+  context.Esi = value(REG_ESI);
+  context.Ebx = value(REG_EBX);
+  context.Edx = value(REG_EDX);
+  context.Ecx = value(REG_ECX);
+  context.Eax = value(REG_EAX);
+  context.Ebp = value(REG_EBP);
+  context.Eip = value(REG_EIP);
+  context.Esp = value(REG_ESP);
+  context.EFlags = value(REG_EFL);
+  if (const SavedFloatingPoint* saved = FloatingPoint(machine)) {
+    context.ContextFlags |= CONTEXT_FLOATING_POINT;
+    std::memcpy(&context.FloatSave, saved, offsetof(FLOATING_SAVE_AREA, Cr0NpxState));
+    if (saved->HasFx()) {
+      context.ContextFlags |= CONTEXT_EXTENDED_REGISTERS;
+      std::memcpy(context.ExtendedRegisters, &saved->fx, sizeof saved->fx);
+    }
+  }
+}
+
+}  // namespace
+
+void FillFault(EXCEPTION_RECORD& record, CONTEXT& context, int signal, const siginfo_t& info,
+               const ucontext_t& machine) {
+  FillRecord(record, signal, info, machine);
+  FillContext(context, machine);
+}
+
+void ApplyContext(ucontext_t& machine, const CONTEXT& context) {
+  greg_t* registers = machine.uc_mcontext.gregs;
+  const auto put = [registers](int which, DWORD value) { registers[which] = static_cast<greg_t>(value); };
+  put(REG_EDI, context.Edi);
+  put(REG_ESI, context.Esi);
+  put(REG_EBX, context.Ebx);
+  put(REG_EDX, context.Edx);
+  put(REG_ECX, context.Ecx);
+  put(REG_EAX, context.Eax);
+  put(REG_EBP, context.Ebp);
+  put(REG_EIP, context.Eip);
+  put(REG_ESP, context.Esp);
+  put(REG_EFL, context.EFlags);
+}
+
+void ClearPendingState(ucontext_t& machine) {
+  machine.uc_mcontext.gregs[REG_EFL] &= ~(kTrapFlag | kDirectionFlag | kAlignmentFlag);
+  SavedFloatingPoint* saved = FloatingPoint(machine);
+  if (!saved) return;
+  saved->status &= ~kX87Pending;
+  saved->tag = kX87AllEmpty;
+  saved->statusAgain &= static_cast<uint16_t>(~kX87Pending);
+  if (!saved->HasFx()) return;
+  saved->fx.status &= static_cast<uint16_t>(~kX87Pending);
+  saved->fx.tag = 0;  // this image counts the other way round
+  saved->fx.mxcsr &= ~kFlagMask;
+}
+
+}  // namespace qel::layer

@@ -1,0 +1,33 @@
+#include "platform/linux/fault_internal.h"
+#include "platform/linux/fault_probe.h"
+#include "platform/linux/memory.h"
+
+namespace {
+
+constexpr uintptr_t kPageBytes = 4096;
+
+// Whether a byte of each page of the range fails the probe. A range that wraps around is bad.
+template <class Probe>
+bool IsBad(uintptr_t first, ULONG_PTR size, Probe probe) {
+  if (size == 0) return false;
+  if (!qel::layer::t_faultThread.ready) [[unlikely]]
+    qel::layer::PrepareFaultThread();
+  const uintptr_t last = first + size - 1;
+  if (last < first) return true;
+  for (uintptr_t address = first;; address = (address | (kPageBytes - 1)) + 1) {
+    if (probe(address)) return true;
+    if ((address ^ last) < kPageBytes) return false;
+  }
+}
+
+}  // namespace
+
+extern "C" BOOL IsBadReadPtr(LPCVOID address, ULONG_PTR size) {
+  return IsBad(reinterpret_cast<uintptr_t>(address), size,
+               [](uintptr_t byte) { return fault_probe_read(reinterpret_cast<const void*>(byte)); });
+}
+
+extern "C" BOOL IsBadWritePtr(LPVOID address, ULONG_PTR size) {
+  return IsBad(reinterpret_cast<uintptr_t>(address), size,
+               [](uintptr_t byte) { return fault_probe_write(reinterpret_cast<void*>(byte)); });
+}

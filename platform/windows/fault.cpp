@@ -1,0 +1,170 @@
+// The guard is a frame on the thread's SEH chain. Its handler redirects the thread; what no guard takes goes to the
+// frames further out and the filter, as if this were not here. A vectored handler would be asked before the frames of
+// the system's own DLLs and take the faults that these expect.
+#include <malloc.h>
+
+#include "platform/fault/guard_frame.h"
+
+using fault::GuardFrame;
+
+extern "C" EXCEPTION_DISPOSITION __cdecl fault_seh_handler(EXCEPTION_RECORD* record, void* frame, CONTEXT* context,
+                                                           void* dispatcher);
+
+namespace fault {
+namespace {
+
+constexpr DWORD kSpareStackBytes = 64 * 1024;
+constexpr DWORD kX87Pending = 0xB8FF;  // exception flags, summary, stack top, busy
+constexpr DWORD kX87AllEmpty = 0xFFFFFFFF;
+constexpr DWORD kTrapFlag = 0x100, kDirectionFlag = 0x400, kAlignmentFlag = 0x40000;
+constexpr DWORD kMxcsrFlags = 0x3F;
+constexpr size_t kFxStatus = 2, kFxTag = 4, kFxMxcsr = 24;
+
+DWORD ChainHead() { return __readfsdword(0); }
+void SetChainHead(const void* frame) { __writefsdword(0, reinterpret_cast<DWORD>(frame)); }
+
+class GuardLink {
+ public:
+  explicit GuardLink(GuardFrame& guard) : guard_(guard) {
+    guard.handler = reinterpret_cast<void*>(&fault_seh_handler);
+    guard.state = kQuiet;
+    guard.spareStack = nullptr;
+    guard.outer = reinterpret_cast<GuardFrame*>(ChainHead());
+    SetChainHead(&guard);
+  }
+  GuardLink(const GuardLink&) = delete;
+  GuardLink& operator=(const GuardLink&) = delete;
+  ~GuardLink() {
+    SetChainHead(guard_.outer);
+    if (guard_.spareStack) [[unlikely]]
+      LeaveAfterOverflow();
+  }
+
+ private:
+  void LeaveAfterOverflow() {
+    VirtualFree(guard_.spareStack, 0, MEM_RELEASE);
+    _resetstkoflw();  // the guard page that the overflow used up
+  }
+  GuardFrame& guard_;
+};
+
+// The translator itself is the slot's value: nothing to allocate, nothing to free. (A thread_local object is a call into
+// the runtime and an allocation here.)
+class TranslatorSlot {
+ public:
+  TranslatorSlot() : slot_(TlsAlloc()) {}
+  TranslatorSlot(const TranslatorSlot&) = delete;
+  TranslatorSlot& operator=(const TranslatorSlot&) = delete;
+  ~TranslatorSlot() { TlsFree(slot_); }
+  Translator Get() const {
+    const DWORD error = GetLastError();  // a successful read clears it
+    void* value = TlsGetValue(slot_);
+    SetLastError(error);
+    return reinterpret_cast<Translator>(value);
+  }
+  void Set(Translator translator) const { TlsSetValue(slot_, reinterpret_cast<void*>(translator)); }
+
+ private:
+  const DWORD slot_;
+};
+TranslatorSlot& Slot() {
+  static TranslatorSlot slot;
+  return slot;
+}
+
+// The thread goes on with an empty x87 stack, no pending floating-point exception and a clear direction flag. The
+// control words stay.
+void ClearPendingState(CONTEXT& context) {
+  context.EFlags &= ~(kTrapFlag | kDirectionFlag | kAlignmentFlag);
+  context.FloatSave.StatusWord &= ~kX87Pending;
+  context.FloatSave.TagWord = kX87AllEmpty;
+  if ((context.ContextFlags & CONTEXT_EXTENDED_REGISTERS) != CONTEXT_EXTENDED_REGISTERS) return;
+  BYTE* image = context.ExtendedRegisters;
+  *reinterpret_cast<WORD*>(image + kFxStatus) &= static_cast<WORD>(~kX87Pending);
+  image[kFxTag] = 0;
+  *reinterpret_cast<DWORD*>(image + kFxMxcsr) &= ~kMxcsrFlags;
+}
+
+// Debug output, thread names, breakpoints and guard pages are somebody else's.
+bool IsForUs(const EXCEPTION_RECORD& record) {
+  if (record.ExceptionFlags & (EXCEPTION_UNWINDING | EXCEPTION_EXIT_UNWIND | EXCEPTION_STACK_INVALID)) return false;
+  const DWORD code = record.ExceptionCode;
+  return code >= 0x80000000 && code != EXCEPTION_BREAKPOINT && code != EXCEPTION_SINGLE_STEP &&
+         code != EXCEPTION_GUARD_PAGE;
+}
+
+// Never at or above the interrupted ESP: the dispatcher's frames, which return through what the handler changed, lie
+// there.
+DWORD ThrowerStack(GuardFrame& guard) {
+  if (guard.record.ExceptionCode == EXCEPTION_STACK_OVERFLOW) {
+    guard.state |= kStackOverflow;
+    if (!guard.spareStack)
+      guard.spareStack = VirtualAlloc(nullptr, kSpareStackBytes, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
+    if (guard.spareStack)
+      return reinterpret_cast<DWORD>(guard.spareStack) + kSpareStackBytes - 4 * kStackAlignment;
+  }
+  return (guard.esp - kRedZoneBytes) & ~(kStackAlignment - 1);
+}
+
+void Redirect(GuardFrame& guard, const EXCEPTION_RECORD& record, CONTEXT& context) {
+  if (guard.state & kSearching) {  // the way to the guard is not to be found
+    ClearPendingState(context);
+    context.Ebp = guard.frame;
+    context.Esp = guard.frame - kRedZoneBytes;
+    context.Eip = reinterpret_cast<DWORD>(fault_frame_recover);
+    return;
+  }
+  guard.state = (guard.state & kThrown) | kSearching;
+  guard.record = record;
+  guard.context = context;
+  guard.StartAt(context);
+  if (record.ExceptionCode == EXCEPTION_ACCESS_VIOLATION && record.NumberParameters >= 2 &&
+      record.ExceptionInformation[1] == guard.eip && !IsBadReadPtr(reinterpret_cast<void*>(guard.esp), sizeof(DWORD))) {
+    // A call through a bad pointer: the caller is the last frame that there is.
+    guard.eip = *reinterpret_cast<DWORD*>(guard.esp) - 1;
+    guard.esp += sizeof(DWORD);
+  }
+  context.Esp = ThrowerStack(guard);
+  context.Ebp = reinterpret_cast<DWORD>(&guard);
+  context.Eip = reinterpret_cast<DWORD>(fault_thunk);
+  ClearPendingState(context);
+}
+
+}  // namespace
+
+Translator ThreadTranslator() { return Slot().Get(); }
+void SetThreadTranslator(Translator translator) { Slot().Set(translator); }
+
+// Lets the SEH frames of foreign code inside the guard run their termination handlers, and drops them from the chain.
+// RtlUnwind keeps no register but ESP.
+void PrepareThrow(GuardFrame* guard) {
+  if (ChainHead() == reinterpret_cast<DWORD>(guard)) return;
+  auto* unwind = &RtlUnwind;
+  DWORD eax, ecx, edx;
+  __asm__ __volatile__(
+      "pushl %%ebx\n\tpushl %%esi\n\tpushl %%edi\n\tpushl %%ebp\n\t"
+      "pushl $0\n\tpushl %4\n\tpushl $1f\n\tpushl %3\n\tcall *%%eax\n1:\n\t"
+      "popl %%ebp\n\tpopl %%edi\n\tpopl %%esi\n\tpopl %%ebx"
+      : "=a"(eax), "=c"(ecx), "=d"(edx)
+      : "1"(guard), "2"(&guard->record), "0"(unwind)
+      : "memory", "cc");
+}
+
+void ClaimHandlers() {}  // nobody can displace a frame of the chain
+void ThreadDetach() {}   // a thread holds nothing
+
+void RunBody(void (*body)(void*), void* argument) {
+  GuardFrame guard;
+  const GuardLink link(guard);
+  fault_frame_call(&guard, body, argument);
+}
+
+}  // namespace fault
+
+extern "C" EXCEPTION_DISPOSITION __cdecl fault_seh_handler(EXCEPTION_RECORD* record, void* frame, CONTEXT* context,
+                                                           void*) {
+  if (!fault::IsForUs(*record)) return ExceptionContinueSearch;
+  fault::Redirect(*static_cast<GuardFrame*>(frame), *record, *context);
+  record->ExceptionFlags &= ~static_cast<DWORD>(EXCEPTION_NONCONTINUABLE);  // the dispatcher would not let us continue
+  return ExceptionContinueExecution;
+}

@@ -1,0 +1,62 @@
+#include "qelibaselib/guard/exception_guard.h"
+
+#include <cstdio>
+
+#include "qelibaselib/guard/floating_point_guard.h"
+#include "qelibaselib/log_channel.h"
+#include "qelibaselib/guard/pending.h"
+
+namespace qel::guard_detail {
+namespace {
+
+constexpr size_t kErrorMessageCharacters = 256;
+
+void NoteException(const char* clause, SourcePosition position) {
+  Swallowed([&] { WriteAssertion(position, clause); });
+  Swallowed([&] {
+    if (_heapchk() != _HEAPOK) WriteAssertion(position, "_heapchk()");
+  });
+}
+
+void WriteReport(const char* message, const CSE* exception, SourcePosition position) {
+  Swallowed([&] {
+    VemoExceptLogOut(PathFindFileNameW(VemoGetExePath()), message, exception ? &exception->record : nullptr,
+                     exception ? &exception->context : nullptr, position.line, position.sourceFile);
+  });
+}
+
+// What the clause reports about is over; what is pending in the floating-point unit must not hit the report.
+class QuietFloatingPoint : public CNdpCtrl87 {
+ public:
+  QuietFloatingPoint() : CNdpCtrl87(1, 1, 1, 1, 1, 1) {}
+};
+
+}  // namespace
+
+// Each step stands in a guard of its own: a report that faults must not keep the next step from being made, nor leave.
+
+void ReportStructuredException(const CSE& exception, SourcePosition position) noexcept {
+  NoteException("_CATCH_SE", position);
+  const QuietFloatingPoint quiet;
+  WriteReport("Exception CATCH_SE", &exception, position);
+}
+
+void ReportFrameworkException(CException* exception, SourcePosition position) noexcept {
+  NoteException("_CATCH_CE", position);
+  const QuietFloatingPoint quiet;
+  static constexpr char kPrefix[] = "Exception CATCH_CE : ";
+  char text[kErrorMessageCharacters] = "";
+  Swallowed([&] { exception->GetErrorMessage(text, sizeof text); });
+  char message[sizeof kPrefix + sizeof text];
+  std::snprintf(message, sizeof message, "%s%s", kPrefix, text);
+  WriteReport(message, nullptr, position);
+  Swallowed([&] { exception->Delete(); });
+}
+
+void ReportOtherException(SourcePosition position) noexcept {
+  NoteException("_CATCH_AE", position);
+  const QuietFloatingPoint quiet;
+  WriteReport("Exception CATCH_AE", nullptr, position);
+}
+
+}  // namespace qel::guard_detail

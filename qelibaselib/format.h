@@ -7,9 +7,9 @@
 #include <cstdio>
 
 #ifdef __MINGW32__
-#define QEL_FORMAT(format, first) __attribute__((format(ms_printf, format, first)))
+#define QEL_FORMAT(text, first) __attribute__((format(ms_printf, text, first)))
 #else
-#define QEL_FORMAT(format, first)
+#define QEL_FORMAT(text, first)
 #endif
 
 namespace qel {

@@ -2,3 +2,9 @@
 /// All that a host includes: the exports, the exported classes and the Win32 names.
 #pragma once
 #include "platform/win32.h"
+#include "qelibaselib/export.h"
+#include "qelibaselib/log_writer.h"
+#include "qelibaselib/processor.h"
+#include "qelibaselib/settings.h"
+#include "qelibaselib/startup_checks.h"
+#include "winapiwrap/winapiwrap.h"

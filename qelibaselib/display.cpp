@@ -1,0 +1,105 @@
+#include <memory>
+
+#include "platform/mfc/thread.h"
+#include "qelibaselib/formatted_text.h"
+#include "qelibaselib/guard/cse.h"
+#include "qelibaselib/guard/exception_guard.h"
+#include "qelibaselib/guard/set_locale.h"
+#include "qelibaselib/log_channel.h"
+#include "qelibaselib/log_line.h"
+#include "qelibaselib/processor.h"
+#include "qelibaselib/settings.h"
+#include "winapiwrap/winapiwrap.h"
+
+namespace {
+
+constexpr DWORD kBeepHz = 7000;
+constexpr DWORD kBeepMs = 300;
+constexpr DWORD kBeepPauseMs = 100;
+constexpr DWORD kBeeperEndMs = 30000;
+
+struct FreeText {
+  void operator()(char* text) const { free(text); }
+};
+using OwnText = std::unique_ptr<char, FreeText>;
+
+class Event {
+ public:
+  explicit Event(HANDLE event) : event_(event) {}
+  Event(const Event&) = delete;
+  Event& operator=(const Event&) = delete;
+  ~Event() {
+    if (event_) CloseHandle(event_);
+  }
+  HANDLE get() const { return event_; }
+
+ private:
+  const HANDLE event_;
+};
+
+std::unique_ptr<CWinThread> BeginSuspended(AFX_THREADPROC procedure, void* argument, BOOL autoDelete) {
+  std::unique_ptr<CWinThread> thread(
+      AfxBeginThread(procedure, argument, THREAD_PRIORITY_TIME_CRITICAL, 0, CREATE_SUSPENDED));
+  if (thread) thread->m_bAutoDelete = autoDelete;
+  return thread;
+}
+
+void WaitForEnd(const CWinThread& thread, DWORD timeoutMs, qel::SourcePosition position) {
+  if (WaitForSingleObject(thread.m_hThread, timeoutMs) != WAIT_OBJECT_0) qel::WriteAssertion(position);
+}
+
+UINT __cdecl BeepUntilSignalled(LPVOID event) {
+  qel::Guarded(QEL_HERE, [&] {
+    const CSEREG translator;
+    while (WaitForSingleObject(event, 0) == WAIT_TIMEOUT) {
+      Beep(kBeepHz, kBeepMs);
+      Sleep(kBeepPauseMs);
+    }
+  });
+  return 0;
+}
+
+// The block is made and goes nowhere: the display has no output.
+void FormatNotification(const char* message) {
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  const qel::ProgramPath program;
+  qel::FormattedText block;
+  block.Format("%04d/%02d/%02d %02d:%02d:%02d.%03d\n----------\n%s\n----------\n%s\n", now.wYear, now.wMonth, now.wDay,
+               now.wHour, now.wMinute, now.wSecond, now.wMilliseconds, program.text, message);
+}
+
+void Display(OwnText text) {
+  VemoOMPSetNumThreads(0);
+  const Event ended(CreateEventX(QEL_HERE.line, QEL_HERE.sourceFile, nullptr, FALSE, FALSE, nullptr));
+  const std::unique_ptr<CWinThread> beeper = BeginSuspended(&BeepUntilSignalled, ended.get(), FALSE);
+  if (beeper) beeper->ResumeThread();
+  FormatNotification(text.get());
+  text.reset();
+  SetEvent(ended.get());
+  if (beeper) WaitForEnd(*beeper, kBeeperEndMs, QEL_HERE);
+}
+
+UINT __cdecl DisplayThread(LPVOID text) {
+  OwnText own(static_cast<char*>(text));
+  qel::Guarded(QEL_HERE, [&] {
+    const CSEREG translator;
+    const CSetLocale locale;
+    Display(std::move(own));
+  });
+  return 0;
+}
+
+}  // namespace
+
+void VemoDispInf(const char* text, int waitForEnd) {
+  qel::Guarded(QEL_HERE, [&] {
+    OwnText copy(_strdup(text));
+    std::unique_ptr<CWinThread> thread = BeginSuspended(&DisplayThread, copy.get(), !waitForEnd);
+    if (!thread) return qel::WriteAssertion(QEL_HERE, GetLastError());
+    copy.release();                                                      // the thread's own from here on
+    CWinThread* display = waitForEnd ? thread.get() : thread.release();  // which deletes itself
+    display->ResumeThread();
+    if (waitForEnd) WaitForEnd(*display, INFINITE, QEL_HERE);
+  });
+}

@@ -1,0 +1,61 @@
+#include "qelibaselib/log_writer.h"
+
+#include "qelibaselib/guard/exception_guard.h"
+#include "qelibaselib/guard/saved_error.h"
+#include "qelibaselib/log_channel.h"
+#include "qelibaselib/log_line.h"
+#include "qelibaselib/memory_status.h"
+
+namespace {
+
+using qel::LogLine;
+
+bool IsFull(const WIN32_FIND_DATAW& file) {
+  const LONG sizeHigh = static_cast<LONG>(file.nFileSizeHigh);  // signed: a negative one counts as small
+  return sizeHigh > 0 || (sizeHigh == 0 && file.nFileSizeLow > qel::kChannelLimitBytes);
+}
+
+void AppendLine(LogLine& held, const wchar_t* mutexStem, const wchar_t* filePath, DWORD timeoutMs, int line,
+                const char* sourceFile, const char* message) {
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  const DWORD memoryLoad = qel::ReadMemoryLoad();
+  if (!qel::AcquireLogMutex(held, mutexStem, timeoutMs)) return;
+  WIN32_FIND_DATAW found;
+  const bool exists = qel::FindLogFile(held, filePath, found);
+  if (exists && IsFull(found)) return;
+  const qel::ProgramPath program;
+  if (!qel::OpenForAppending(held, filePath, exists)) return;
+  if (held.text.Format("%04d/%02d/%02d, %02d:%02d:%02d.%03d, ML=%lu, %s, %lu, %lu, %s(%d):%s\n", now.wYear, now.wMonth,
+                       now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds, memoryLoad, program.text,
+                       GetCurrentProcessId(), GetCurrentThreadId(), sourceFile, line, message))
+    qel::WriteText(held, filePath);
+}
+
+const char* EmptyIfNull(const char* message) { return message ? message : ""; }
+
+}  // namespace
+
+void VemoLogOutFile(const wchar_t* mutexStem, const wchar_t* filePath, DWORD timeoutMs, int line,
+                    const char* sourceFile, const char* message) {
+  const qel::PreserveLastError preserve;
+  LogLine held;
+  qel::Swallowed([&] { AppendLine(held, mutexStem, filePath, timeoutMs, line, sourceFile, message); });
+  qel::Swallowed([&] { qel::Release(held); });
+}
+
+void VemoLogOutAssert(const char* message, int line, const char* sourceFile) {
+  qel::WriteLine(qel::channel::kAssert, EmptyIfNull(message), {line, sourceFile});
+}
+
+void VemoLogOutMisc(const char* message, int line, const char* sourceFile) {
+  qel::WriteLine(qel::channel::kMisc, EmptyIfNull(message), {line, sourceFile});
+}
+
+void VemoLockLogOut(const char* message, int line, const char* sourceFile) {
+  qel::WriteLine(qel::channel::kLock, EmptyIfNull(message), {line, sourceFile});
+}
+
+void VemoFileLogOut(const char* message, int line, const char* sourceFile) {
+  qel::WriteLine(qel::channel::kFileOperation, message, {line, sourceFile});
+}

@@ -1,0 +1,33 @@
+/// @file
+/// The log writer: one line of text appended to one file under one named mutex.
+///
+/// No function here reports a failure: a line that cannot be written is lost. None throws, whatever the pointers that
+/// it is given, none changes the last error, and any thread of any process of the user may call any of them at any
+/// time. A line is in the system's hands when the call returns.
+#pragma once
+#include "qelibaselib/export.h"
+
+extern "C" {
+
+/// Appends "time, ML=load, program, process, thread, sourceFile(line):message" to the file `filePath`, unless that
+/// holds more than 1,048,576 bytes. The mutex is "Local\<mutexStem>_<user>" and is waited for `timeoutMs` milliseconds
+/// (INFINITE: without limit). Null texts print as "(null)".
+QEL_API void VemoLogOutFile(const wchar_t* mutexStem, const wchar_t* filePath, DWORD timeoutMs, int line,
+                            const char* sourceFile, const char* message);
+
+/// Keeps a month of files, one a day: appends to "<folder>\<fileBase>_<day of the month>.<extension>" a line as above
+/// without the memory load. The first line of a day that finds the file of an earlier month deletes it. A file of more
+/// than 1,048,576 bytes takes no line and is not replaced either.
+QEL_API void VemoLogOutFileDayHis(const wchar_t* mutexStem, const wchar_t* folder, const wchar_t* fileBase,
+                                  const wchar_t* extension, DWORD timeoutMs, int line, const char* sourceFile,
+                                  const char* message);
+
+/// Each writes to a file of its own in the log folder (VemoSetLogPath). A null message is an empty one.
+QEL_API void VemoLogOutAssert(const char* message, int line, const char* sourceFile);
+QEL_API void VemoLogOutMisc(const char* message, int line, const char* sourceFile);
+QEL_API void VemoLockLogOut(const char* message, int line, const char* sourceFile);
+
+/// As the three above, to the channel of the file operations; a null message prints as "(null)".
+QEL_API void VemoFileLogOut(const char* message, int line, const char* sourceFile);
+
+}  // extern "C"

@@ -1,0 +1,115 @@
+#include "qelibaselib/thread_record.h"
+
+#include <cstddef>
+
+#include "memory/checked_memory.h"
+#include "qelibaselib/bounded_text.h"
+#include "qelibaselib/guard/exception_guard.h"
+#include "qelibaselib/guard/saved_error.h"
+#include "qelibaselib/log_channel.h"
+#include "qelibaselib/processor.h"
+
+namespace qel {
+namespace {
+
+static_assert(offsetof(ThreadRecord, sourceFile) == 4 && offsetof(ThreadRecord, flushStatistics) == 272);
+
+constexpr SourcePosition kNothingRegistered{0, "????????.???"};
+
+constinit LONG g_slot = static_cast<LONG>(TLS_OUT_OF_INDEXES);
+
+DWORD Slot() { return static_cast<DWORD>(__atomic_load_n(&g_slot, __ATOMIC_RELAXED)); }
+
+bool AllocateSlot() {
+  if (Slot() != TLS_OUT_OF_INDEXES) return true;
+  const DWORD slot = TlsAlloc();
+  if (slot == TLS_OUT_OF_INDEXES) {
+    WriteAssertion(QEL_HERE, GetLastError());
+    return false;
+  }
+  const LONG unallocated = static_cast<LONG>(TLS_OUT_OF_INDEXES);
+  if (InterlockedCompareExchange(&g_slot, static_cast<LONG>(slot), unallocated) != unallocated)
+    TlsFree(slot);  // another thread was faster
+  return true;
+}
+
+void SetPosition(ThreadRecord& record, SourcePosition position) {
+  CopyBounded(record.sourceFile, position.sourceFile ? position.sourceFile : "(null)");
+  record.line = position.line;
+}
+
+ThreadRecord* CreateRecord() {
+  auto* record = static_cast<ThreadRecord*>(GlobalAlloc(GMEM_FIXED, sizeof(ThreadRecord)));
+  if (!record) {
+    WriteAssertion(QEL_HERE, GetLastError());
+    return nullptr;
+  }
+  _MemSet(record, 0, sizeof(ThreadRecord), __LINE__, __FILE__);
+  if (!TlsSetValue(Slot(), record)) {
+    const DWORD error = GetLastError();
+    GlobalFree(record);
+    WriteAssertion(QEL_HERE, error);
+    SetLastError(error);
+    return nullptr;
+  }
+  record->threadId = GetCurrentThreadId();
+  record->ompThreadCount = static_cast<int>(ProcessorCount());
+  SetPosition(*record, kNothingRegistered);
+  return record;
+}
+
+}  // namespace
+
+ThreadRecord* GetThreadRecord() {
+  const DWORD error = GetLastError();  // TlsGetValue clears it
+  if (!AllocateSlot()) return nullptr;
+  auto* record = static_cast<ThreadRecord*>(TlsGetValue(Slot()));
+  if (!record) record = CreateRecord();
+  if (record) SetLastError(error);
+  return record;
+}
+
+void FreeThreadRecord() {
+  if (Slot() == TLS_OUT_OF_INDEXES) return;
+  auto* record = static_cast<ThreadRecord*>(TlsGetValue(Slot()));
+  if (!record) return;
+  GlobalFree(record);
+  if (!TlsSetValue(Slot(), nullptr)) WriteAssertion(QEL_HERE, GetLastError());
+}
+
+void FreeThreadRecordSlot() {
+  if (Slot() == TLS_OUT_OF_INDEXES) return;
+  if (!TlsFree(Slot())) WriteAssertion(QEL_HERE, GetLastError());
+  InterlockedExchange(&g_slot, static_cast<LONG>(TLS_OUT_OF_INDEXES));
+}
+
+void RegisterSourcePosition(SourcePosition position) {
+  const DWORD error = GetLastError();
+  if (ThreadRecord* record = GetThreadRecord())
+    SetPosition(*record, position);
+  else
+    WriteAssertion(QEL_HERE, error);
+}
+
+void GetRegisteredSourcePosition(SourcePosition& position) {
+  if (const ThreadRecord* record = GetThreadRecord())
+    position = {record->line, record->sourceFile};
+  else
+    WriteAssertion(QEL_HERE, GetLastError());
+}
+
+}  // namespace qel
+
+void VemoClearFVOFInf() {
+  qel::Guarded(QEL_HERE, [] {
+    if (qel::ThreadRecord* record = qel::GetThreadRecord()) record->flushStatistics = {};
+  });
+}
+
+T_FVOF_INFORMATION* VemoGetFVOFInf() {
+  T_FVOF_INFORMATION* statistics = nullptr;
+  qel::Guarded(QEL_HERE, [&] {
+    if (qel::ThreadRecord* record = qel::GetThreadRecord()) statistics = &record->flushStatistics;
+  });
+  return statistics;
+}

@@ -1,0 +1,33 @@
+/// @file
+/// What the library keeps for each thread that calls it.
+#pragma once
+#include "qelibaselib/settings.h"
+#include "qelibaselib/source_position.h"
+
+namespace qel {
+
+struct ThreadRecord {
+  static constexpr std::size_t kSourceFileBytes = 260;
+  DWORD threadId;
+  char sourceFile[kSourceFileBytes];  ///< the last one that the thread registered
+  int line;
+  int ompThreadCount;  ///< for the thread's parallel regions
+  T_FVOF_INFORMATION flushStatistics;
+};
+
+/// The calling thread's record, made if need be; the last error stays. Null when it cannot be made: an assertion line
+/// is written and the last error says why.
+ThreadRecord* GetThreadRecord();
+/// Frees the calling thread's record, if it has one.
+void FreeThreadRecord();
+/// Gives the slot of all records back.
+void FreeThreadRecordSlot();
+
+/// Keeps `position` in the calling thread's record, the name cut to 259 characters. Without a record an assertion line
+/// tells the last error as it was on entry.
+void RegisterSourcePosition(SourcePosition position);
+/// The position that the calling thread registered last, the name inside the thread's record. Without a record an
+/// assertion line is written and `position` stays as it is.
+void GetRegisteredSourcePosition(SourcePosition& position);
+
+}  // namespace qel

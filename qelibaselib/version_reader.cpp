@@ -1,0 +1,44 @@
+#include "qelibaselib/version_reader.h"
+
+#include <stdexcept>
+
+#include "qelibaselib/guard/exception_guard.h"
+
+namespace qel {
+namespace {
+
+constexpr int kVersionRead = 2;
+
+class Library {
+ public:
+  explicit Library(const char* name) : module_(LoadLibraryA(name)) {
+    if (!module_) throw std::runtime_error(name);
+  }
+  Library(const Library&) = delete;
+  Library& operator=(const Library&) = delete;
+  ~Library() { FreeLibrary(module_); }
+  FARPROC Function(const char* name) const {
+    const FARPROC function = GetProcAddress(module_, name);
+    if (!function) throw std::runtime_error(name);
+    return function;
+  }
+
+ private:
+  const HMODULE module_;
+};
+
+}  // namespace
+
+int ReadSystemVersion(OSVERSIONINFOEXW& version) {
+  using ReadVersion = LONG(WINAPI*)(OSVERSIONINFOEXW * version);
+  version = {};
+  version.dwOSVersionInfoSize = sizeof(version);
+  LONG status = -1;
+  const bool read = Swallowed([&] {
+    const Library system("ntdll.dll");
+    status = reinterpret_cast<ReadVersion>(reinterpret_cast<void*>(system.Function("RtlGetVersion")))(&version);
+  });
+  return read && status == 0 ? kVersionRead : 0;
+}
+
+}  // namespace qel

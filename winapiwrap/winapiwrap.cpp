@@ -1,0 +1,59 @@
+#include "winapiwrap/winapiwrap.h"
+
+#include "qelibaselib/guard/exception_guard.h"
+#include "qelibaselib/guard/saved_error.h"
+#include "qelibaselib/log_channel.h"
+
+// The log writer makes its own mutex through CreateMutexX: a failure there enters the writer again for this channel.
+// No flag stops that, by intention; the chain ends with the first creation that succeeds.
+
+namespace {
+
+const wchar_t* Printable(const wchar_t* name) { return name ? name : L"NULL"; }
+
+DWORD AsUnsigned(BOOL flag) { return static_cast<DWORD>(flag); }
+
+}  // namespace
+
+HANDLE CreateEventX(int line, const char* sourceFile, LPSECURITY_ATTRIBUTES sa, BOOL manualReset, BOOL initialState,
+                    const wchar_t* name) {
+  HANDLE event = nullptr;
+  qel::Guarded(QEL_HERE, [&] {
+    event = CreateEventW(sa, manualReset, initialState, name);
+    const DWORD error = GetLastError();
+    if (!event)
+      qel::WriteLineF(qel::channel::kWinApiWrap, {line, sourceFile}, "lastErr=%lu, %s(0x%p, %lu, %lu, %ls)", error,
+                      "CreateEventX", static_cast<void*>(sa), AsUnsigned(manualReset), AsUnsigned(initialState),
+                      Printable(name));
+    qel::RestoreError(error);
+  });
+  return event;
+}
+
+HANDLE CreateMutexX(int line, const char* sourceFile, LPSECURITY_ATTRIBUTES sa, BOOL initialOwner,
+                    const wchar_t* name) {
+  HANDLE mutex = nullptr;
+  qel::Guarded(QEL_HERE, [&] {
+    mutex = CreateMutexW(sa, initialOwner, name);
+    const DWORD error = GetLastError();
+    if (!mutex)
+      qel::WriteLineF(qel::channel::kWinApiWrap, {line, sourceFile}, "lastErr=%lu, %s(0x%p, %lu, %ls)", error,
+                      "CreateMutexX", static_cast<void*>(sa), AsUnsigned(initialOwner), Printable(name));
+    qel::RestoreError(error);
+  });
+  return mutex;
+}
+
+HANDLE CreateSemaphoreX(int line, const char* sourceFile, LPSECURITY_ATTRIBUTES sa, LONG initialCount,
+                        LONG maximumCount, const wchar_t* name) {
+  HANDLE semaphore = nullptr;
+  qel::Guarded(QEL_HERE, [&] {
+    semaphore = CreateSemaphoreW(sa, initialCount, maximumCount, name);
+    const DWORD error = GetLastError();
+    if (!semaphore)
+      qel::WriteLineF(qel::channel::kWinApiWrap, {line, sourceFile}, "lastErr=%lu, %s(0x%p, %ld, %ld, %ls)", error,
+                      "CreateSemaphoreX", static_cast<void*>(sa), initialCount, maximumCount, Printable(name));
+    qel::RestoreError(error);
+  });
+  return semaphore;
+}

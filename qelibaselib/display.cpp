@@ -2,9 +2,9 @@
 
 #include "platform/mfc/thread.h"
 #include "qelibaselib/formatted_text.h"
-#include "qelibaselib/guard/cse.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/guard/set_locale.h"
+#include "qelibaselib/guard/locale_scope.h"
+#include "qelibaselib/guard/structured_exception_translator.h"
 #include "qelibaselib/log_channel.h"
 #include "qelibaselib/log_line.h"
 #include "qelibaselib/processor.h"

@@ -1,0 +1,116 @@
+#include "modulestatus/exception_report.h"
+
+#include <omp.h>
+
+#include "modulestatus/exception_sections.h"
+#include "modulestatus/heap_check.h"
+#include "modulestatus/lighter_guard.h"
+#include "modulestatus/report_file.h"
+#include "modulestatus/source_name.h"
+#include "modulestatus/stack_walk.h"
+#include "modulestatus/status_report.h"
+
+namespace qel::report {
+namespace {
+
+constexpr int kVemoHeapCheckAtEntry = 832;
+constexpr int kReportFollowsLine = 839;
+constexpr int kNoMutexLine = 845;
+constexpr int kMutexNotOwnedLine = 849;
+constexpr int kVemoHeapCheckAtExit = 895;
+constexpr int kHeapCheckAtEntry = 287;
+constexpr int kHeapCheckAtExit = 419;
+
+/// Reports of this process. A plain word: reports into the report file are serialised, and a count that two reports
+/// into streams of their own share does no harm.
+DWORD g_reportCount = 0;
+
+const char* OrEmpty(const char* text) { return text ? text : ""; }
+
+void WriteSeparators(ReportStream& out) {
+  for (int i = 0; i < 2; ++i) {
+    out.Print(">>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>\n");
+  }
+}
+
+void WriteBanner(ReportStream& out, const wchar_t* title, const char* message) {
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  char program[MAX_PATH] = "";
+  GetModuleFileNameA(nullptr, program, MAX_PATH);
+  program[MAX_PATH - 1] = '\0';
+  out.Print("\n");
+  WriteSeparators(out);
+  out.Print(">>>>>>>>>> %04d/%02d/%02d %02d:%02d:%02d.%03d\n", now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute,
+            now.wSecond, now.wMilliseconds);
+  // A title or message that cannot be read costs its line.
+  GuardedReport(QEL_HERE, "ExceptLogOut",
+                [&] { out.Print(">>>>>>>>>> %ls(%s)\n", title ? title : L"", OrEmpty(message)); });
+  out.Print(">>>>>>>>>> %s\n", program);
+  ++g_reportCount;
+  out.Print(">>>>>>>>>> TC=%lu, ProcessId()=%lu, ThreadId()=%lu\n", g_reportCount, GetCurrentProcessId(),
+            GetCurrentThreadId());
+  WriteSeparators(out);
+}
+
+void WriteSourcePosition(ReportStream& out, int line, const char* sourceFile) {
+  out.Print("======================= File Information ==============================================\n");
+  GuardedReport(QEL_HERE, "ExceptLogOut", [&] { out.Print("%s(%d)\n", OrEmpty(sourceFile), line); });
+}
+
+void WriteException(ReportStream& out, const EXCEPTION_RECORD* record, const CONTEXT* context) {
+  out.Print("======================= Exception Information(EXCEPTION_RECORD) =======================\n");
+  out.Print("processID=%lu, threadId=%lu, omp_get_thread_num=%d\n", GetCurrentProcessId(), GetCurrentThreadId(),
+            omp_get_thread_num());
+  GuardedReport(QEL_HERE, "ExceptLogOut", [&] { WriteRecord(out, record); });
+  out.Print("======================= Exception Information(CONTEXT) ================================\n");
+  GuardedReport(QEL_HERE, "ExceptLogOut", [&] { WriteContext(out, context); });
+}
+
+/// The report file while the report's mutex is owned.
+void WriteReportFile(const wchar_t* title, const char* message, const EXCEPTION_RECORD* record, const CONTEXT* context,
+                     int line, const char* sourceFile) {
+  NamedLogMutex mutex(QEL_HERE, channel::kExceptionReport.mutexStem);
+  if (!mutex.Exists()) return WriteAssertion(FixedPosition(kNoMutexLine));
+  if (!mutex.Acquire(kLogMutexTimeoutMs)) return WriteAssertion(FixedPosition(kMutexNotOwnedLine));
+  const ReportFile file(ReportPath(channel::kExceptionReport));
+  if (!file.get()) return;
+  const char* fileName = nullptr;
+  GuardedReport(QEL_HERE, "VemoExceptLogOut", [&] { fileName = sourceFile ? PathFindFileNameA(sourceFile) : nullptr; });
+  ExceptLogOut(file.get(), title, message, record, context, line, fileName, GetCurrentProcess(), GetCurrentProcessId(),
+               GetCurrentThread());
+}
+
+}  // namespace
+}  // namespace qel::report
+
+using namespace qel::report;
+
+int VemoExceptLogOut(const wchar_t* title, const char* message, const EXCEPTION_RECORD* record, const CONTEXT* context,
+                     int line, const char* sourceFile) {
+  int heapCode = _HEAPOK;
+  GuardedReport(QEL_HERE, "VemoExceptLogOut", [&] {
+    CheckHeap(kVemoHeapCheckAtEntry);
+    qel::WriteAssertion(FixedPosition(kReportFollowsLine));
+    WriteReportFile(title, message, record, context, line, sourceFile);
+    heapCode = CheckHeap(kVemoHeapCheckAtExit);
+  });
+  return heapCode;
+}
+
+int ExceptLogOut(std::FILE* stream, const wchar_t* title, const char* message, const EXCEPTION_RECORD* record,
+                 const CONTEXT* context, int line, const char* sourceFile, HANDLE process, DWORD /*processId*/,
+                 HANDLE thread) {
+  int heapCode = _HEAPOK;
+  GuardedReport(QEL_HERE, "ExceptLogOut", [&] {
+    ReportStream out(stream);
+    CheckHeap(kHeapCheckAtEntry);
+    WriteBanner(out, title, message);
+    WriteSourcePosition(out, line, sourceFile);
+    WriteException(out, record, context);
+    StackWalkLogOut(stream, process, thread, context);
+    ModuleStatusLogOut(stream, title, "");
+    heapCode = CheckHeap(kHeapCheckAtExit);
+  });
+  return heapCode;
+}

@@ -1,0 +1,34 @@
+/// @file
+/// The guard of the report functions. It is lighter than the exported functions' guard: it writes one line and no
+/// report, since a report that faults must not start another one.
+///
+///     GuardedReport(QEL_HERE, "ExceptLogOut", [&] { ... });
+///
+/// Cuts a report into parts that fail alone: what one part had written stays, and the next one follows. A fault in code
+/// without unwind tables skips the destructors up to the innermost guard, so what must be given back (a mutex, a file,
+/// symbols) is held outside the guard of the part that uses it.
+#pragma once
+#include "platform/fault/fault.h"
+#include "platform/mfc/exception.h"
+#include "qelibaselib/log_channel.h"
+#include "qelibaselib/source_position.h"
+
+namespace qel::report {
+
+/// Runs `body`; returns whether it ended without an exception. Otherwise a line in the module-status error channel
+/// names `function`.
+template <class Body>
+bool GuardedReport(SourcePosition position, const char* function, Body&& body) {
+  try {
+    fault::Run(body);
+    return true;
+  } catch (CException* exception) {
+    exception->Delete();
+    WriteLineF(channel::kModuleStatusError, position, "%s(catch(CException* e))", function);
+  } catch (...) {
+    WriteLineF(channel::kModuleStatusError, position, "%s(catch(...))", function);
+  }
+  return false;
+}
+
+}  // namespace qel::report

@@ -1,0 +1,81 @@
+#include "modulestatus/debugger_command.h"
+#include "modulestatus/exception_report.h"
+#include "modulestatus/lighter_guard.h"
+#include "modulestatus/source_name.h"
+#include "qelibaselib/format.h"
+#include "qelibaselib/guard/exception_guard.h"
+#include "winapiwrap/winapiwrap.h"
+
+namespace qel::report {
+namespace {
+
+constexpr int kCreateEventLine = 1022;
+constexpr DWORD kRegisteredCharacters = 259;
+constexpr std::size_t kCommandCharacters = 4096;
+constexpr std::size_t kRemarkCharacters = 1024;
+
+enum DebuggerStatus { kNotTried = -1, kAttached = 0, kNotStarted = 1 };
+
+struct Attempt {
+  DebuggerStatus status = kNotTried;
+  LONG result = EXCEPTION_CONTINUE_SEARCH;
+  char command[kCommandCharacters] = "";
+};
+
+bool Start(char* command) {
+  char desktop[] = "Winsta0\\Default";
+  STARTUPINFOA startup{};
+  startup.cb = sizeof startup;
+  startup.lpDesktop = desktop;
+  PROCESS_INFORMATION started{};
+  if (!CreateProcessA(nullptr, command, nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &started)) return false;
+  CloseHandle(started.hProcess);
+  CloseHandle(started.hThread);
+  return true;
+}
+
+void TryDebugger(Attempt& attempt) {
+  if (IsDebuggerPresent()) return;
+  char registered[kRegisteredCharacters + 1] = "";
+  GetProfileStringA("AeDebug", "Debugger", nullptr, registered, kRegisteredCharacters);
+  registered[kRegisteredCharacters] = '\0';
+  if (!IsDebuggerCommand(registered)) return;
+  SECURITY_ATTRIBUTES inheritable{sizeof inheritable, nullptr, TRUE};
+  // Stays open: the debugger signals it whenever it is ready, and this process is at its end.
+  const HANDLE attached = CreateEventX(kCreateEventLine, kSourceName, &inheritable, TRUE, FALSE, nullptr);
+  FormatDebuggerCommand(attempt.command, sizeof attempt.command, registered, GetCurrentProcessId(), attached);
+  if (Start(attempt.command) && attached) {
+    attempt.status = kAttached;
+    WaitForSingleObject(attached, INFINITE);
+    attempt.result = EXCEPTION_CONTINUE_EXECUTION;
+  } else {
+    attempt.status = kNotStarted;
+  }
+}
+
+/// Leaves a text on the stack, where whoever looks into the dump of this process finds it. It goes nowhere else.
+void LeaveRemark(const Attempt& attempt) {
+  char program[MAX_PATH] = "";
+  GetModuleFileNameA(nullptr, program, MAX_PATH);
+  program[MAX_PATH - 1] = '\0';
+  char remark[kRemarkCharacters];
+  FormatText(remark, sizeof remark,
+             "Error : Exception Occurred\nAeDebuggerUnhandledExceptionFilter()\n%s\n%s\nStatDebugger=%d", program,
+             attempt.command, static_cast<int>(attempt.status));
+}
+
+}  // namespace
+}  // namespace qel::report
+
+using namespace qel::report;
+
+LONG AeDebuggerUnhandledExceptionFilter() {
+  LONG result = EXCEPTION_CONTINUE_SEARCH;
+  GuardedReport(QEL_HERE, "AeDebuggerUnhandledExceptionFilter", [&] {
+    Attempt attempt;
+    qel::Swallowed([&] { TryDebugger(attempt); });
+    if (attempt.status == kNotTried) LeaveRemark(attempt);
+    result = attempt.result;
+  });
+  return result;
+}

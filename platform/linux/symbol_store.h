@@ -1,0 +1,25 @@
+/// @file
+/// The loaded modules and their functions, kept between walks.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+
+namespace qel::layer {
+
+struct FoundFunction {
+  uint32_t address = 0;  // where it is loaded
+  uint32_t size = 0;
+};
+
+/// Looks at the list of loaded modules again when that has changed. A module's symbols are read at the first look-up in
+/// it. False when the thread is inside the store already, which is so when a fault happened in there.
+bool RefreshModules();
+
+/// The address of the first byte of the module that the address lies in; 0 for none.
+uint32_t FindModuleBase(uint32_t address);
+
+/// The function that the address lies in; false for none. `name`, when given, receives its readable name, cut to `size`
+/// characters with the terminator.
+bool FindFunction(uint32_t address, FoundFunction& found, char* name, std::size_t size);
+
+}  // namespace qel::layer

@@ -1,0 +1,68 @@
+#include <atomic>
+
+#include "platform/linux/error.h"
+#include "platform/linux/module.h"
+#include "platform/linux/symbol_store.h"
+
+namespace qel::layer {
+namespace {
+
+/// Threads that are inside a session. On Windows a second session fails; here they are counted, since reports of
+/// several threads may overlap.
+std::atomic<int> g_sessions = 0;
+
+DWORD FindSymbol(DWORD address, DWORD& displacement, IMAGEHLP_SYMBOL& symbol) {
+  if (symbol.SizeOfStruct < sizeof symbol) return ERROR_INVALID_PARAMETER;
+  if (g_sessions == 0) return ERROR_INVALID_HANDLE;
+  if (FindModuleBase(address) == 0) return ERROR_MOD_NOT_FOUND;
+  FoundFunction found;
+  if (!FindFunction(address, found, symbol.Name, symbol.MaxNameLength)) return ERROR_INVALID_ADDRESS;
+  symbol.Address = found.address;
+  symbol.Size = found.size;
+  symbol.Flags = 0;
+  displacement = address - found.address;
+  return ERROR_SUCCESS;
+}
+
+}  // namespace
+}  // namespace qel::layer
+
+using namespace qel::layer;
+
+BOOL WINAPI SymInitialize(HANDLE, LPCSTR, BOOL) {
+  if (!RefreshModules()) {
+    SetLastError(ERROR_BUSY);
+    return FALSE;
+  }
+  ++g_sessions;
+  return TRUE;
+}
+
+BOOL WINAPI SymCleanup(HANDLE) {
+  int sessions = g_sessions;
+  while (sessions > 0) {
+    if (g_sessions.compare_exchange_weak(sessions, sessions - 1)) return TRUE;
+  }
+  SetLastError(ERROR_INVALID_HANDLE);
+  return FALSE;
+}
+
+DWORD WINAPI SymGetModuleBase(HANDLE, DWORD address) {
+  const DWORD error = g_sessions == 0 ? ERROR_INVALID_HANDLE : ERROR_MOD_NOT_FOUND;
+  const DWORD base = g_sessions == 0 ? 0 : FindModuleBase(address);
+  if (base == 0) SetLastError(error);
+  return base;
+}
+
+BOOL WINAPI SymGetSymFromAddr(HANDLE, DWORD address, PDWORD displacement, PIMAGEHLP_SYMBOL symbol) {
+  DWORD distance = 0;
+  const DWORD error = FindSymbol(address, distance, *symbol);
+  if (error != ERROR_SUCCESS) {
+    SetLastError(error);
+    return FALSE;
+  }
+  if (displacement) *displacement = distance;
+  return TRUE;
+}
+
+PVOID WINAPI SymFunctionTableAccess(HANDLE, DWORD) { return nullptr; }

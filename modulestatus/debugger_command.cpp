@@ -1,5 +1,6 @@
 #include "modulestatus/debugger_command.h"
 
+#include <iterator>
 #include <algorithm>
 #include <cstring>
 

@@ -1,0 +1,82 @@
+// The report of the benchmark's figures.
+#include <cstdio>
+#include <memory>
+
+#include "qelibaselib/format.h"
+#include "qelibaselib/guard/exception_guard.h"
+#include "qelibaselib/guard/string_converter.h"
+#include "qelibaselib/log_channel.h"
+#include "qelibaselib/named_log_mutex.h"
+#include "qelibaselib/qelibaselib.h"
+#include "qelsystembenchmark/qelsystembenchmark.h"
+
+namespace {
+
+constexpr qel::LogChannel kReport{L"QelSystemBenchmark_7EFEA029-EA59-4b7f-95DE-60189EB13537",
+                                  L"QelSystemBenchmark.txt"};
+
+struct CloseStream {
+  void operator()(std::FILE* stream) const { std::fclose(stream); }
+};
+
+void PrintTime(std::FILE* stream, const SYSTEMTIME& time) {
+  qel::FormatToStream(stream, "%04d/%02d/%02d %02d:%02d:%02d.%03d\n", time.wYear, time.wMonth, time.wDay, time.wHour,
+                      time.wMinute, time.wSecond, time.wMilliseconds);
+}
+
+void PrintFigures(std::FILE* stream, const T_RESULT& result) {
+  const struct {
+    const char* format;
+    double figure;
+  } lines[] = {
+      {"======================= BenchMark of Memory =======================\n", 0},
+      {"Memory - Sequential Read        = %5.2f Mbyte/sec \n", result.memorySequentialRead},
+      {"Memory - Sequential Write       = %5.2f Mbyte/sec \n", result.memorySequentialWrite},
+      {"Memory - Sequential ReadWrite   = %5.2f Mbyte/sec \n", result.memorySequentialReadWrite},
+      {"Memory - Random     Read        = %5.2f Mbyte/sec \n", result.memoryRandomRead},
+      {"Memory - Random     Write       = %5.2f Mbyte/sec \n", result.memoryRandomWrite},
+      {"Memory - Random     ReadWrite   = %5.2f Mbyte/sec \n", result.memoryRandomReadWrite},
+      {"======================= BenchMark of MMF    =======================\n", 0},
+      {"MMF    - Sequential Read        = %5.2f Mbyte/sec \n", result.mappedSequentialRead},
+      {"MMF    - Sequential Write       = %5.2f Mbyte/sec \n", result.mappedSequentialWrite},
+      {"MMF    - Sequential ReadWrite   = %5.2f Mbyte/sec \n", result.mappedSequentialReadWrite},
+      {"MMF    - Random     Read        = %5.2f Mbyte/sec \n", result.mappedRandomRead},
+      {"MMF    - Random     Write       = %5.2f Mbyte/sec \n", result.mappedRandomWrite},
+      {"MMF\t - Random     ReadWrite   = %5.2f Mbyte/sec \n", result.mappedRandomReadWrite},
+      {"======================= BenchMark of OMP    =======================\n", 0},
+  };
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+  for (const auto& line : lines) qel::FormatToStream(stream, line.format, line.figure);
+#pragma GCC diagnostic pop
+}
+
+}  // namespace
+
+void CQelSystemBenchmark::LogOutResult(const char* message, const wchar_t* title, unsigned long value) {
+  qel::Guarded(QEL_HERE, [&] {
+    qel::NamedLogMutex mutex(QEL_HERE, kReport.mutexStem);
+    if (!mutex.Exists() || !mutex.Acquire(qel::kLogMutexTimeoutMs)) return;
+    wchar_t path[MAX_PATH];
+    if (!PathCombineW(path, VemoGetLogPath(), kReport.fileName)) return;
+    const std::unique_ptr<std::FILE, CloseStream> stream(_wfopen(path, L"at"));
+    if (!stream) return;
+
+    SYSTEMTIME now{};
+    GetLocalTime(&now);
+    qel::FormatToStream(stream.get(), "##### SystemBenchmark\n");
+    PrintTime(stream.get(), now);
+    qel::FormatToStream(stream.get(), "#####\n");
+    PrintFigures(stream.get(), m_result);
+    for (long threads = 1; threads < m_threadRateCount; ++threads)
+      qel::FormatToStream(stream.get(), "numThreads=%d/%d        = %5.2f Mbyte/sec \n", static_cast<int>(threads),
+                          static_cast<int>(m_threadRateCount - 1), m_threadRates[threads]);
+    qel::FormatToStream(stream.get(), "=======ErrLog=======\nLine = %06d,LastErrNum = %6d\n", m_errorLine,
+                        static_cast<int>(m_errorNumber));
+    qel::FormatToStream(stream.get(), "=======TimeStamp=======\n");
+    PrintTime(stream.get(), m_result.localTime);
+    CStrCnv narrowTitle(title);
+    qel::FormatToStream(stream.get(), "%s(%s), %lu\n", title ? narrowTitle.Narrow() : "", message ? message : "",
+                        value);
+  });
+}

@@ -36,11 +36,13 @@ inline constexpr LogChannel kModuleStatusError{L"VemoModuleStatusError_7EFEA029-
                                                L"VemoModuleStatusError_7EFEA029.txt"};
 inline constexpr LogChannel kWinApiWrap{L"VemoWinApiWrap_7EFEA029-EA59-4b7f-95DE-60189EB13537",
                                         L"VemoWinApiWrap_7EFEA029.txt"};
-/// The two reports share the naming, not the writer: they write their files themselves, under the same kind of mutex.
+/// Reports share the naming, not the writer: they write their files themselves, under the same kind of mutex.
 inline constexpr LogChannel kModuleStatusReport{L"VemoModuleStatus_382C6292-9290-4b97-83B1-2AB8C02F9A5D",
                                                 L"VemoModuleStatus_382C6292.txt"};
 inline constexpr LogChannel kExceptionReport{L"VemoExceptLogOut_4DE2C31F-8F8D-495a-80A9-BCEE1FEF19FE",
                                              L"VemoExceptLogOut_4DE2C31F.txt"};
+inline constexpr LogChannel kBenchmarkReport{L"QelSystemBenchmark_7EFEA029-EA59-4b7f-95DE-60189EB13537",
+                                             L"QelSystemBenchmark.txt"};
 }  // namespace channel
 
 /// Writes one line with the caller's position. Never throws, reports nothing, keeps the last error.

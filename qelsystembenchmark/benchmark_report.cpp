@@ -12,9 +12,6 @@
 
 namespace {
 
-constexpr qel::LogChannel kReport{L"QelSystemBenchmark_7EFEA029-EA59-4b7f-95DE-60189EB13537",
-                                  L"QelSystemBenchmark.txt"};
-
 struct CloseStream {
   void operator()(std::FILE* stream) const { std::fclose(stream); }
 };
@@ -55,10 +52,10 @@ void PrintFigures(std::FILE* stream, const T_RESULT& result) {
 
 void CQelSystemBenchmark::LogOutResult(const char* message, const wchar_t* title, unsigned long value) {
   qel::Guarded(QEL_HERE, [&] {
-    qel::NamedLogMutex mutex(QEL_HERE, kReport.mutexStem);
+    qel::NamedLogMutex mutex(QEL_HERE, qel::channel::kBenchmarkReport.mutexStem);
     if (!mutex.Exists() || !mutex.Acquire(qel::kLogMutexTimeoutMs)) return;
     wchar_t path[MAX_PATH];
-    if (!PathCombineW(path, VemoGetLogPath(), kReport.fileName)) return;
+    if (!PathCombineW(path, VemoGetLogPath(), qel::channel::kBenchmarkReport.fileName)) return;
     const std::unique_ptr<std::FILE, CloseStream> stream(_wfopen(path, L"at"));
     if (!stream) return;
 

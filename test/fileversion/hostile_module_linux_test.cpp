@@ -1,0 +1,52 @@
+// Modules that somebody has tampered with: nothing is read outside them. On Windows the parser is the system's.
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "qelibaselib/qelibaselib.h"
+#include "test/fileversion/module_builder.h"
+#include "test/support/log_folder.h"
+#include "test/support/scratch_folder.h"
+
+namespace {
+
+using qel::test::ByteVector;
+
+// Reads all that there is to read, as a host would.
+void ReadAll(const std::wstring& file, const ByteVector& bytes, const std::filesystem::path& path) {
+  qel::test::WriteWholeFile(path, {bytes.begin(), bytes.end()});
+  void* version = CreateCFileVersion(file.c_str());
+  ASSERT_NE(version, nullptr);
+  if (char** strings = GetVerCFileVersion(version))
+    for (int column = 0; column < kVersionStringCount; ++column)
+      if (strings[column]) ASSERT_LT(std::strlen(strings[column]), 200000u);
+  ReleaseCFileVersion(version);
+}
+
+TEST(HostileModule, DamagedBytesAndCutFilesNeverFault) {
+  qel::test::LogFolder();
+  const qel::test::ScratchFolder folder;
+  const std::wstring file = folder.Wide("module.dll");
+  const auto path = folder.Path() / "module.dll";
+  const ByteVector sound = qel::test::BuildModule(qel::test::BuildVersionResource(
+      {{{"040904e4", {{"CompanyName", u"ACME"}, {"FileVersion", std::u16string(300, u'\u20AC')}}}},
+       {{0x0409, 0x04E4}}}));
+  std::mt19937 random(20240305);
+  const auto below = [&](size_t limit) { return random() % limit; };
+  constexpr int kRounds = 6000;
+  for (int round = 0; round < kRounds; ++round) {
+    ByteVector bytes = sound;
+    const size_t changes = 1 + below(4);
+    for (size_t i = 0; i < changes; ++i) {
+      // Half of the damage goes where offsets and lengths stand.
+      const size_t at = below(2) ? below(bytes.size()) : 0x3C + below(0x200);
+      static constexpr uint8_t kInteresting[] = {0, 1, 0x7F, 0x80, 0xFF};
+      bytes[at % bytes.size()] = below(2) ? kInteresting[below(5)] : static_cast<uint8_t>(random());
+    }
+    if (below(8) == 0) bytes.resize(below(bytes.size()));
+    ReadAll(file, bytes, path);
+  }
+  EXPECT_TRUE(qel::test::TakeLines(qel::channel::kAssert).empty()) << "a fault was caught by the guard";
+}
+
+}  // namespace

@@ -1,0 +1,55 @@
+# What `cmake --install` lays out: headers, module, import library, the layer or the run-time DLLs, a CMake package and a
+# pkg-config file.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(package_include ${CMAKE_INSTALL_INCLUDEDIR}/qelibaselib-${PROJECT_VERSION_MAJOR})
+set(package_cmake ${CMAKE_INSTALL_LIBDIR}/cmake/QelIBaseLib)
+
+# The headers that qelibaselib/qelibaselib.h includes, and those that they include.
+file(STRINGS ${CMAKE_SOURCE_DIR}/cmake/public_headers.txt public_headers REGEX "^[a-z]")
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/cmake/public_headers.txt)
+foreach(header IN LISTS public_headers)
+  cmake_path(GET header PARENT_PATH folder)
+  if((header MATCHES "/linux/" AND WIN32) OR (header MATCHES "/windows/" AND NOT WIN32))
+    continue()
+  endif()
+  install(FILES ${CMAKE_SOURCE_DIR}/${header} DESTINATION ${package_include}/${folder})
+endforeach()
+
+set(package_targets QelIBaseLib)
+if(NOT WIN32)
+  list(APPEND package_targets QelWin32)
+endif()
+foreach(target IN LISTS package_targets)
+  target_include_directories(${target} INTERFACE $<INSTALL_INTERFACE:${package_include}>)
+  if(NOT WIN32)
+    set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN")
+  endif()
+endforeach()
+install(TARGETS ${package_targets} EXPORT QelIBaseLibTargets
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(EXPORT QelIBaseLibTargets NAMESPACE QelIBaseLib:: DESTINATION ${package_cmake})
+if(WIN32)
+  install(FILES ${CMAKE_BINARY_DIR}/libgcc_s_dw2-1.dll ${CMAKE_BINARY_DIR}/libstdc++-6.dll
+                ${CMAKE_BINARY_DIR}/libgomp-1.dll ${CMAKE_BINARY_DIR}/libwinpthread-1.dll
+          DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+
+configure_package_config_file(${CMAKE_SOURCE_DIR}/cmake/QelIBaseLibConfig.cmake.in
+  ${CMAKE_BINARY_DIR}/QelIBaseLibConfig.cmake INSTALL_DESTINATION ${package_cmake})
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/QelIBaseLibConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_BINARY_DIR}/QelIBaseLibConfig.cmake ${CMAKE_BINARY_DIR}/QelIBaseLibConfigVersion.cmake
+  DESTINATION ${package_cmake})
+
+if(WIN32)
+  set(pkg_config_flags "-msse2")
+  set(pkg_config_libs "-lQelIBaseLib")
+else()
+  set(pkg_config_flags "-m32 -msse2")
+  set(pkg_config_libs "-m32 -lQelIBaseLib -lQelWin32")
+endif()
+configure_file(${CMAKE_SOURCE_DIR}/cmake/qelibaselib.pc.in ${CMAKE_BINARY_DIR}/qelibaselib.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/qelibaselib.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -120,7 +120,7 @@ double CQelSystemBenchmark::GetMemTransferRate(E_BENCH_ACCESSTYPE access, E_BENC
       if (second) second->Reset();
       const CDeltaTime time;
       kernel(*first, second ? &*second : nullptr);
-      sum += RateOfRun(time.ElapsedMicroseconds(), first->count());
+      sum += RateOfRun(time.ElapsedUs(), first->count());
     }
     if (m_iterations > 0) rate = sum / m_iterations * kMiBOfByte;
   });
@@ -151,7 +151,7 @@ void CQelSystemBenchmark::MeasureThreads(unsigned char* source, unsigned char* d
     for (unsigned long run = 0; run < m_iterations; ++run) {
       const CDeltaTime time;
       qel::RunPixelLoop(source, destination, static_cast<int>(threads));
-      const double microseconds = time.ElapsedMicroseconds();
+      const double microseconds = time.ElapsedUs();
       if (microseconds > 0) rate += qel::kImageBytes / (microseconds * 0.001 * 0.001) * kMiBOfByte;
     }
     if (m_iterations != 0) rate /= m_iterations;

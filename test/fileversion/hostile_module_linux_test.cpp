@@ -1,6 +1,7 @@
 // Modules that somebody has tampered with: nothing is read outside them. On Windows the parser is the system's.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <random>
 
 #include "qelibaselib/qelibaselib.h"

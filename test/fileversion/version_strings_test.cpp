@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <random>
+#include <cstring>
 
 #include "qelibaselib/qelibaselib.h"
 #include "test/fileversion/module_builder.h"
@@ -82,7 +82,9 @@ TEST_F(VersionStrings, FilesWithoutAVersionGiveAHandleWithoutATable) {
     EXPECT_NE(version.handle, nullptr);
     EXPECT_EQ(version.strings(), nullptr);
   }
-  const VersionHandle none{CreateCFileVersion(nullptr) ? folder_.Wide("missing.dll") : std::wstring()};
+  void* unnamed = CreateCFileVersion(nullptr);
+  EXPECT_NE(unnamed, nullptr);
+  ReleaseCFileVersion(unnamed);
   EXPECT_EQ(GetVerCFileVersion(nullptr), nullptr);
   ReleaseCFileVersion(nullptr);
 }
@@ -97,14 +99,16 @@ TEST_F(VersionStrings, ATranslationWithoutATableGivesAnEmptyRow) {
   EXPECT_STREQ(strings[kVersionStringCount + kVersionCompanyName], "ACME");
 }
 
-TEST_F(VersionStrings, NoMemoryKeepsWhatWasRead) {
+TEST_F(VersionStrings, AFailedQueryKeepsWhatWasRead) {
   const std::wstring file = Write(BuildModule(BuildVersionResource(TwoLanguages())));
   for (int nth = 1; nth <= 3; ++nth) {
     auto fail = FAIL_CALL(VerQueryValueA, nth, ERROR_INVALID_DATA, FALSE);
     const VersionHandle version(file);
     char** strings = version.strings();
     EXPECT_EQ(strings == nullptr, nth == 1);  // the first query asks for the translations
-    if (strings && nth == 3) EXPECT_EQ(strings[kVersionCompanyName], nullptr);
+    if (strings && nth == 3) {
+      EXPECT_EQ(strings[kVersionCompanyName], nullptr);
+    }
   }
 }
 
@@ -151,7 +155,7 @@ TEST_F(VersionStrings, QueriesOfTheBlock) {
     EXPECT_EQ(length, 0u);
   }
   const std::vector<char> zeros(size);
-  EXPECT_FALSE(VerQueryValueA(zeros.data(), "\\", &value, &length));
+  EXPECT_FALSE(VerQueryValueA(zeros.data(), "\\StringFileInfo\\040904e4\\CompanyName", &value, &length));
 }
 
 TEST_F(VersionStrings, AShortBlockIsCutAndStaysReadable) {

@@ -1,0 +1,148 @@
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "qelibaselib/qelibaselib.h"
+#include "test/support/log_folder.h"
+#include "test/support/replace_call.h"
+#include "test/support/scratch_folder.h"
+
+namespace {
+
+using qel::test::LogFolder;
+using qel::test::ScratchFolder;
+using qel::test::TakeMessages;
+
+class Benchmark : public testing::Test {
+ protected:
+  Benchmark() {
+    LogFolder();
+    TakeMessages(qel::channel::kAssert);
+    benchmark_.m_iterations = 2;
+    benchmark_.m_bufferBytes = 1 << 20;
+    benchmark_.m_maximumThreads = 2;
+    std::wcscpy(benchmark_.m_temporaryFile, folder_.Wide("bench.tmp").c_str());
+  }
+  size_t FilesLeft() const {
+    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(folder_.Path()), {}));
+  }
+  ScratchFolder folder_;
+  CQelSystemBenchmark benchmark_;
+};
+
+TEST_F(Benchmark, EveryMemoryKernelGivesARate) {
+  for (auto access : {E_BENCH_SEQUENTIAL, E_BENCH_RANDOM})
+    for (auto readWrite : {E_BENCH_READ, E_BENCH_WRITE, E_BENCH_READ_AND_WRITE})
+      EXPECT_GT(benchmark_.GetMemTransferRate(access, readWrite, 0), 0) << access << readWrite;
+  EXPECT_TRUE(TakeMessages(qel::channel::kAssert).empty());
+}
+
+TEST_F(Benchmark, MappedFilesAreOpenedForWhatIsMeasuredAndGoneAfterwards) {
+  std::vector<DWORD> accesses;
+  {
+    auto create =
+        STAND_IN(CreateFileW, [&](int, LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
+                                  DWORD disposition, DWORD flags, HANDLE model) {
+          if (std::wcsstr(name, L"bench.tmp")) {
+            accesses.push_back(access);
+            EXPECT_EQ(share, DWORD{FILE_SHARE_READ});
+            EXPECT_EQ(disposition, DWORD{CREATE_ALWAYS});
+          }
+          return CreateFileW(name, access, share, security, disposition, flags, model);
+        });
+    EXPECT_GT(benchmark_.GetMemTransferRate(E_BENCH_SEQUENTIAL, E_BENCH_READ_AND_WRITE, 1), 0);
+    EXPECT_GT(benchmark_.GetMemTransferRate(E_BENCH_RANDOM, E_BENCH_READ_AND_WRITE, 1), 0);
+    EXPECT_EQ(accesses, std::vector<DWORD>(4, GENERIC_READ | GENERIC_WRITE));
+    accesses.clear();
+    // A mapping for both needs a file that was opened for both.
+    EXPECT_EQ(benchmark_.GetMemTransferRate(E_BENCH_SEQUENTIAL, E_BENCH_READ, 1), 0);
+    EXPECT_EQ(benchmark_.GetMemTransferRate(E_BENCH_SEQUENTIAL, E_BENCH_WRITE, 1), 0);
+    EXPECT_EQ(accesses, (std::vector<DWORD>{GENERIC_READ, GENERIC_WRITE}));
+  }
+  EXPECT_EQ(TakeMessages(qel::channel::kAssert).size(), 4u);  // for each: the clause and the mark of its report
+  EXPECT_EQ(FilesLeft(), 0u);
+}
+
+TEST_F(Benchmark, ThePriorityIsRaisedForTheMeasurementAndPutBack) {
+  std::vector<int> priorities;
+  auto set = STAND_IN(SetThreadPriority, [&](int, HANDLE thread, int priority) {
+    priorities.push_back(priority);
+    return SetThreadPriority(thread, priority);
+  });
+  benchmark_.GetMemTransferRate(E_BENCH_SEQUENTIAL, E_BENCH_READ, 0);
+  EXPECT_EQ(priorities, (std::vector<int>{THREAD_PRIORITY_TIME_CRITICAL, THREAD_PRIORITY_NORMAL}));
+  priorities.clear();
+  std::wcscpy(benchmark_.m_temporaryFile, folder_.Wide("missing/bench.tmp").c_str());
+  EXPECT_EQ(benchmark_.GetMemTransferRate(E_BENCH_SEQUENTIAL, E_BENCH_READ_AND_WRITE, 1), 0);
+  EXPECT_EQ(priorities, (std::vector<int>{THREAD_PRIORITY_TIME_CRITICAL, THREAD_PRIORITY_NORMAL}));
+  TakeMessages(qel::channel::kAssert);
+}
+
+TEST_F(Benchmark, ThreadCountsFromOneToTheMaximum) {
+  benchmark_.CheckOmpPerformanceRate();
+  ASSERT_NE(benchmark_.m_threadRates, nullptr);
+  EXPECT_EQ(benchmark_.m_threadRates[0], 0);
+  EXPECT_GT(benchmark_.m_threadRates[1], 0);
+  EXPECT_GT(benchmark_.m_threadRates[2], 0);
+
+  const CQelSystemBenchmark copy(benchmark_);
+  EXPECT_NE(copy.m_threadRates, benchmark_.m_threadRates);
+  EXPECT_EQ(copy.m_threadRates[2], benchmark_.m_threadRates[2]);
+
+  benchmark_.m_maximumThreads = 0;
+  benchmark_.CheckOmpPerformanceRate();
+  ASSERT_NE(benchmark_.m_threadRates, nullptr);
+  EXPECT_EQ(benchmark_.m_threadRates[0], 0);
+  benchmark_.Clear();
+  EXPECT_EQ(benchmark_.m_threadRates, nullptr);
+}
+
+TEST_F(Benchmark, ARunThatTheClockCannotSeeCountsAsNothing) {
+  auto counter = STAND_IN(QueryPerformanceCounter, [](int, LARGE_INTEGER* count) {
+    count->QuadPart = 1000;
+    return TRUE;
+  });
+  EXPECT_EQ(benchmark_.GetMemTransferRate(E_BENCH_SEQUENTIAL, E_BENCH_READ, 0), 0);
+}
+
+TEST_F(Benchmark, OverAllFillsItsTwoFiguresAndTheTime) {
+  const T_RESULT result = benchmark_.OverAll();
+  EXPECT_GT(result.memorySequentialReadWrite, 0);
+  EXPECT_GT(result.mappedSequentialReadWrite, 0);
+  EXPECT_EQ(result.memorySequentialRead, 0);
+  EXPECT_EQ(result.mappedRandomReadWrite, 0);
+  EXPECT_GE(result.localTime.wYear, 2024);
+}
+
+TEST_F(Benchmark, TheReportHasItsLinesInOrder) {
+  benchmark_.m_result = {1, 2.25, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12.5, {2024, 3, 2, 5, 14, 7, 9, 42}};
+  benchmark_.CheckOmpPerformanceRate();
+  benchmark_.m_threadRates[1] = 100;
+  benchmark_.m_threadRates[2] = 200.5;
+  benchmark_.LogOutResult("message", L"title", 7);
+  std::istringstream text(qel::test::ReadWholeFile(qel::test::ChannelFile(qel::channel::kBenchmarkReport)));
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(text, line);) lines.push_back(line);
+  ASSERT_EQ(lines.size(), 25u);
+  EXPECT_EQ(lines[0], "##### SystemBenchmark\r");
+  EXPECT_EQ(lines[1].size(), 24u);
+  EXPECT_EQ(lines[2], "#####\r");
+  EXPECT_EQ(lines[3], "======================= BenchMark of Memory =======================\r");
+  EXPECT_EQ(lines[4], "Memory - Sequential Read        =  1.00 Mbyte/sec \r");
+  EXPECT_EQ(lines[5], "Memory - Sequential Write       =  2.25 Mbyte/sec \r");
+  EXPECT_EQ(lines[9], "Memory - Random     ReadWrite   =  6.00 Mbyte/sec \r");
+  EXPECT_EQ(lines[10], "======================= BenchMark of MMF    =======================\r");
+  EXPECT_EQ(lines[11], "MMF    - Sequential Read        =  7.00 Mbyte/sec \r");
+  EXPECT_EQ(lines[16], "MMF\t - Random     ReadWrite   = 12.50 Mbyte/sec \r");
+  EXPECT_EQ(lines[17], "======================= BenchMark of OMP    =======================\r");
+  EXPECT_EQ(lines[18], "numThreads=1/2        = 100.00 Mbyte/sec \r");
+  EXPECT_EQ(lines[19], "numThreads=2/2        = 200.50 Mbyte/sec \r");
+  EXPECT_EQ(lines[20], "=======ErrLog=======\r");
+  EXPECT_EQ(lines[21], "Line = 000000,LastErrNum =      0\r");
+  EXPECT_EQ(lines[22], "=======TimeStamp=======\r");
+  EXPECT_EQ(lines[23], "2024/03/05 14:07:09.042\r");
+  EXPECT_EQ(lines[24], "title(message), 7\r");
+}
+
+}  // namespace

@@ -18,9 +18,13 @@ void ReadAll(const std::wstring& file, const ByteVector& bytes, const std::files
   qel::test::WriteWholeFile(path, {bytes.begin(), bytes.end()});
   void* version = CreateCFileVersion(file.c_str());
   ASSERT_NE(version, nullptr);
-  if (char** strings = GetVerCFileVersion(version))
-    for (int column = 0; column < kVersionStringCount; ++column)
-      if (strings[column]) ASSERT_LT(std::strlen(strings[column]), 200000u);
+  if (char** strings = GetVerCFileVersion(version)) {
+    for (int column = 0; column < kVersionStringCount; ++column) {
+      if (strings[column]) {
+        ASSERT_LT(std::strlen(strings[column]), 200000u);
+      }
+    }
+  }
   ReleaseCFileVersion(version);
 }
 

@@ -3,6 +3,7 @@
 #include <iterator>
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "qelibaselib/format.h"
 

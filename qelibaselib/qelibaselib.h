@@ -3,6 +3,7 @@
 #pragma once
 #include "fileversion/fileversion.h"
 #include "memory/memory.h"
+#include "modulestatus/modulestatus.h"
 #include "platform/win32.h"
 #include "qelibaselib/export.h"
 #include "qelibaselib/log_writer.h"

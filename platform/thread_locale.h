@@ -1,6 +1,6 @@
 /// @file
-/// The locale of one thread. The C runtime of Windows gives its setlocale this meaning; the C library of Linux has other
-/// names for it.
+/// The locale of one thread. The C runtime of Windows gives its setlocale this meaning; the C library of Linux has
+/// other names for it.
 #pragma once
 #include <locale.h>
 

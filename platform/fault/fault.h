@@ -1,11 +1,11 @@
 /// @file
 /// Faults of the processor as C++ exceptions.
 ///
-/// A fault inside fault::Run leaves it as an exception, from the place of the fault, with the destructors of every frame
-/// between run: a CSE on a thread whose translator throws one, otherwise one of a private type that only
-/// `catch (...)` takes. Where the frames between cannot be unwound (code without unwind tables, a noexcept function, a
-/// smashed stack) the exception starts at Run itself and only their destructors are left out. A fault outside any Run
-/// goes where it would go without this.
+/// A fault inside fault::Run leaves it as an exception, from the place of the fault, with the destructors of every
+/// frame between run: a CSE on a thread whose translator throws one, otherwise one of a private type that only `catch
+/// (...)` takes. Where the frames between cannot be unwound (code without unwind tables, a noexcept function, a smashed
+/// stack) the exception starts at Run itself and only their destructors are left out. A fault outside any Run goes
+/// where it would go without this.
 ///
 /// Code that may fault under a Run is compiled with qel_fault_options and calls the C library through
 /// platform/fault/may_fault.h where it hands on a caller's pointer.

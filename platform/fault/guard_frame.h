@@ -23,14 +23,14 @@ enum GuardState : uint32_t {
 
 // One for each Run, on its stack. What the assembler part uses has fixed places; nothing is cleared at entry.
 struct GuardFrame {
-  GuardFrame* outer;                       // Windows: the next registration on the thread's SEH chain
-  void* handler;                           // Windows: the SEH handler
-  uint32_t frame;                          // EBP of fault_frame_call, stored by it
-  uint32_t state;                          // of GuardState
-  uint32_t eip, esp, ebp, ebx, esi, edi;   // where the thread was interrupted: what the unwinder goes on from
-  uint32_t uncaughtBefore;                 // exceptions in flight when the first fault was thrown; with kThrown
-  uint32_t replaced;                       // faults that cut the unwinding of an earlier one short; with kThrown
-  void* spareStack;                        // Windows: what the thrower runs on after a stack overflow
+  GuardFrame* outer;                      // Windows: the next registration on the thread's SEH chain
+  void* handler;                          // Windows: the SEH handler
+  uint32_t frame;                         // EBP of fault_frame_call, stored by it
+  uint32_t state;                         // of GuardState
+  uint32_t eip, esp, ebp, ebx, esi, edi;  // where the thread was interrupted: what the unwinder goes on from
+  uint32_t uncaughtBefore;                // exceptions in flight when the first fault was thrown; with kThrown
+  uint32_t replaced;                      // faults that cut the unwinding of an earlier one short; with kThrown
+  void* spareStack;                       // Windows: what the thrower runs on after a stack overflow
   EXCEPTION_RECORD record;
   CONTEXT context;
 

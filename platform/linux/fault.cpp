@@ -19,15 +19,15 @@ using fault::GuardFrame;
 
 namespace qel::layer {
 
-thread_local constinit FaultThread t_faultThread __attribute__((tls_model("initial-exec"))) {};
+thread_local constinit FaultThread t_faultThread __attribute__((tls_model("initial-exec"))){};
 
 namespace {
 
 constexpr int kSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL};
 constexpr size_t kSignalStackBytes = 128 * 1024;  // a filter writes its report on it
 constexpr size_t kSpareStackBytes = 64 * 1024;
-constexpr uintptr_t kThrowerBytes = 16 * 1024;     // what the thrower and the unwinder may need
-constexpr uintptr_t kLargestFrame = 64 * 1024;     // how far below ESP an overflow may touch
+constexpr uintptr_t kThrowerBytes = 16 * 1024;  // what the thrower and the unwinder may need
+constexpr uintptr_t kLargestFrame = 64 * 1024;  // how far below ESP an overflow may touch
 
 // Who had a signal before us: at the first time, and at the latest.
 struct Former {
@@ -113,8 +113,8 @@ bool IsStackOverflow(const FaultThread& thread, const EXCEPTION_RECORD& record, 
 // Where the thrower runs: below the interrupted frame, or on the spare stack when that is no place to be.
 uintptr_t ThrowerStack(const FaultThread& thread, const GuardFrame& guard) {
   const uintptr_t esp = guard.esp;
-  const bool usable = !(guard.state & fault::kStackOverflow) && esp > thread.stackLow + kThrowerBytes &&
-                      esp <= thread.stackHigh;
+  const bool usable =
+      !(guard.state & fault::kStackOverflow) && esp > thread.stackLow + kThrowerBytes && esp <= thread.stackHigh;
   return usable || !thread.spareTop ? (esp - fault::kRedZoneBytes) & ~(fault::kStackAlignment - 1) : thread.spareTop;
 }
 
@@ -212,7 +212,8 @@ void FreeStacks(void* memory) {
 }
 
 void MakeStacks(FaultThread& thread) {
-  void* memory = mmap(nullptr, kStacksBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  void* memory =
+      mmap(nullptr, kStacksBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (memory == MAP_FAILED) return;  // a stack overflow will end the process; all else still works
   thread.spareTop = reinterpret_cast<uintptr_t>(memory) + kStacksBytes - 4 * fault::kStackAlignment;
   stack_t present{};

@@ -61,10 +61,12 @@ HIDDEN_LABEL fault_probe_write_instruction
     movl %ecx, \offset(%eax)
     .endm
 
-    .globl RtlCaptureContext
+    .globl RtlCaptureContext, fault_capture_context
     .type RtlCaptureContext, @function
+    .hidden fault_capture_context
     .p2align 4
 RtlCaptureContext:
+fault_capture_context:
     .cfi_startproc
     pushfl
     .cfi_adjust_cfa_offset 4
@@ -147,7 +149,7 @@ RaiseException:
     andl $-16, %esp
     leal 32(%esp), %eax
     movl %eax, (%esp)
-    call RtlCaptureContext
+    call fault_capture_context
     leal 32(%esp), %eax
     movl (%ebp), %ecx
     movl %ecx, Ebp(%eax)

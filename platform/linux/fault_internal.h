@@ -1,9 +1,10 @@
 /// @file
 /// What the files of the fault front end share.
 #pragma once
+#include <ucontext.h>
+
 #include <csignal>
 #include <cstdint>
-#include <ucontext.h>
 
 #include "platform/fault/guard_frame.h"
 
@@ -13,16 +14,18 @@ namespace qel::layer {
 struct FaultThread {
   fault::GuardFrame* innermost;
   fault::Translator translator;
-  bool ready;                                // the rest is known and the alternate signal stack in place
-  uintptr_t stackLow, stackHigh, spareTop;   // the thread's stack; where a thrower starts that cannot use it
+  bool ready;                               // the rest is known and the alternate signal stack in place
+  uintptr_t stackLow, stackHigh, spareTop;  // the thread's stack; where a thrower starts that cannot use it
 };
-extern thread_local constinit FaultThread t_faultThread __attribute__((tls_model("initial-exec"), visibility("hidden")));
+extern thread_local constinit FaultThread t_faultThread
+    __attribute__((tls_model("initial-exec"), visibility("hidden")));
 
 /// First guard or probe of a thread.
 void PrepareFaultThread();
 
 /// Fills what Windows would deliver for the signal.
-void FillFault(EXCEPTION_RECORD& record, CONTEXT& context, int signal, const siginfo_t& info, const ucontext_t& machine);
+void FillFault(EXCEPTION_RECORD& record, CONTEXT& context, int signal, const siginfo_t& info,
+               const ucontext_t& machine);
 /// Puts the context's general registers into the interrupted thread.
 void ApplyContext(ucontext_t& machine, const CONTEXT& context);
 /// Lets the thread go on with an empty x87 stack, no pending floating-point exception and a clear direction flag. The

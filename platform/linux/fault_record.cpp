@@ -24,17 +24,17 @@ struct SavedFloatingPoint {
 };
 static_assert(offsetof(SavedFloatingPoint, fx) == 112 && offsetof(FxImage, mxcsr) == 24 && sizeof(FxImage) == 512);
 
-constexpr uint32_t kFlagMask = 0x3F;             // the six exception flags; the masks of the control word match them
+constexpr uint32_t kFlagMask = 0x3F;  // the six exception flags; the masks of the control word match them
 constexpr unsigned int kMxcsrMaskShift = 7;
 constexpr uint32_t kX87StackFault = 0x40;
-constexpr uint32_t kX87Pending = 0xB8FF;         // exception flags, summary, stack top, busy
+constexpr uint32_t kX87Pending = 0xB8FF;  // exception flags, summary, stack top, busy
 constexpr uint32_t kX87AllEmpty = 0xFFFFFFFF;
 constexpr greg_t kTrapFlag = 0x100, kDirectionFlag = 0x400, kAlignmentFlag = 0x40000;
 
 enum Trap : greg_t { kTrapPageFault = 14, kTrapX87 = 16, kTrapSse = 19 };
 constexpr greg_t kErrorWrite = 2, kErrorFetch = 16;
 constexpr ULONG_PTR kReading = 0, kWriting = 1, kExecuting = 8;
-constexpr ULONG_PTR kNoAddress = 0xFFFFFFFF;      // a general protection fault names none
+constexpr ULONG_PTR kNoAddress = 0xFFFFFFFF;        // a general protection fault names none
 constexpr ULONG_PTR kStatusEndOfFile = 0xC0000011;  // why a page of a mapped file is not there
 
 SavedFloatingPoint* FloatingPoint(const ucontext_t& machine) {

@@ -48,8 +48,8 @@ class GuardLink {
   GuardFrame& guard_;
 };
 
-// The translator itself is the slot's value: nothing to allocate, nothing to free. (A thread_local object is a call into
-// the runtime and an allocation here.)
+// The translator itself is the slot's value: nothing to allocate, nothing to free. (A thread_local object is a call
+// into the runtime and an allocation here.)
 class TranslatorSlot {
  public:
   TranslatorSlot() : slot_(TlsAlloc()) {}
@@ -100,8 +100,7 @@ DWORD ThrowerStack(GuardFrame& guard) {
     guard.state |= kStackOverflow;
     if (!guard.spareStack)
       guard.spareStack = VirtualAlloc(nullptr, kSpareStackBytes, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
-    if (guard.spareStack)
-      return reinterpret_cast<DWORD>(guard.spareStack) + kSpareStackBytes - 4 * kStackAlignment;
+    if (guard.spareStack) return reinterpret_cast<DWORD>(guard.spareStack) + kSpareStackBytes - 4 * kStackAlignment;
   }
   return (guard.esp - kRedZoneBytes) & ~(kStackAlignment - 1);
 }

@@ -2,9 +2,10 @@
 
 #include <cstdio>
 
+#include "modulestatus/exception_report.h"
 #include "qelibaselib/guard/floating_point_guard.h"
 #include "qelibaselib/log_channel.h"
-#include "qelibaselib/guard/pending.h"
+#include "qelibaselib/settings.h"
 
 namespace qel::guard_detail {
 namespace {

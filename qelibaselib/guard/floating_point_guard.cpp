@@ -13,7 +13,8 @@ CNdpCtrl87::CNdpCtrl87(int invalid, int denormal, int zeroDivide, int overflow, 
   _clearfp();
   if (__control87_2(0, 0, &savedX87_, &savedSse2_) == 1) saved_ = TRUE;
   if (saved_) {
-    static const std::array<int, kExceptions.size()> flags = {invalid, denormal, zeroDivide, overflow, underflow, inexact};
+    static const std::array<int, kExceptions.size()> flags = {invalid,  denormal,  zeroDivide,
+                                                              overflow, underflow, inexact};
     unsigned int masks = kAllExceptions;
     unsigned int changed = kAllExceptions;
     for (size_t i = 0; i < flags.size(); ++i) {

@@ -3,7 +3,8 @@
 #pragma once
 #include "platform/win32.h"
 
-/// No exception may cross the end of a region. The code inside catches, fills one of these and reports after the region.
+/// No exception may cross the end of a region. The code inside catches, fills one of these and reports after the
+/// region.
 class COmpException {
  public:
   COmpException() = default;

@@ -30,10 +30,8 @@ wchar_t* ToWide(const char* text) {
 
 }  // namespace
 
-CStrCnv::CStrCnv(const char* narrow)
-    : narrow_(narrow ? CopyOf(narrow, may_fault::StringLength(narrow)) : nullptr) {}
-CStrCnv::CStrCnv(const wchar_t* wide)
-    : wide_(wide ? CopyOf(wide, may_fault::WideStringLength(wide)) : nullptr) {}
+CStrCnv::CStrCnv(const char* narrow) : narrow_(narrow ? CopyOf(narrow, may_fault::StringLength(narrow)) : nullptr) {}
+CStrCnv::CStrCnv(const wchar_t* wide) : wide_(wide ? CopyOf(wide, may_fault::WideStringLength(wide)) : nullptr) {}
 
 CStrCnv::~CStrCnv() {
   delete[] narrow_;

@@ -1,0 +1,107 @@
+#include "platform/linux/file_attributes.h"
+
+#include <fcntl.h>
+#include <sys/xattr.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+#include "platform/linux/error.h"
+#include "platform/linux/file.h"
+#include "platform/linux/path.h"
+
+namespace qel::layer {
+namespace {
+
+constexpr char kName[] = "user.qel.attributes";
+constexpr mode_t kModeBits = 07777;
+constexpr DWORD kStored = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE;
+constexpr DWORD kStoredOfFile = kStored | FILE_ATTRIBUTE_TEMPORARY;
+constexpr DWORD kStoredOfFolder = kStored | FILE_ATTRIBUTE_READONLY;
+
+FILETIME FileTime(const statx_timestamp& time) {
+  constexpr long long kSecondsFrom1601 = 11'644'473'600, kTicks = 10'000'000;
+  const auto ticks = static_cast<ULONGLONG>((time.tv_sec + kSecondsFrom1601) * kTicks + time.tv_nsec / 100);
+  return {static_cast<DWORD>(ticks), static_cast<DWORD>(ticks >> 32)};
+}
+
+mode_t MarkOf(bool folder) { return folder ? S_ISUID : S_ISVTX; }
+
+DWORD Finish(const FileStatus& status, DWORD stored) {
+  DWORD attributes = stored & (status.IsFolder() ? kStoredOfFolder : kStoredOfFile);
+  if (status.IsFolder()) attributes |= FILE_ATTRIBUTE_DIRECTORY;
+  if (status.IsReadOnlyFile()) attributes |= FILE_ATTRIBUTE_READONLY;
+  if (S_ISLNK(status.mode)) attributes = FILE_ATTRIBUTE_ARCHIVE | kReparsePoint;
+  return attributes ? attributes : FILE_ATTRIBUTE_NORMAL;
+}
+
+// `read(text, size)` is the getxattr that fits.
+template <class Read>
+DWORD Attributes(const FileStatus& status, Read read) {
+  const bool folder = status.IsFolder();
+  if (!(status.mode & MarkOf(folder))) return Finish(status, folder ? 0 : FILE_ATTRIBUTE_ARCHIVE);
+  char text[16];
+  const ssize_t length = read(text, sizeof text - 1);
+  if (length <= 0) return Finish(status, folder ? FILE_ATTRIBUTE_READONLY : 0);
+  text[length] = 0;
+  return Finish(status, std::strtoul(text, nullptr, 16));
+}
+
+// A new write bit goes to the owner alone: who else had one before is not remembered.
+mode_t ModeFor(const FileStatus& status, DWORD attributes) {
+  mode_t mode = status.mode & kModeBits & ~MarkOf(status.IsFolder());
+  if (status.IsFolder()) return mode;
+  if (attributes & FILE_ATTRIBUTE_READONLY) return mode & ~kWriteBits;
+  return mode & kWriteBits ? mode : mode | S_IWUSR;
+}
+
+}  // namespace
+
+int ReadStatus(int folder, const char* name, int flags, FileStatus& status) {
+  struct statx found;
+  if (statx(folder, name, flags, STATX_BASIC_STATS | STATX_BTIME, &found) != 0) return errno;
+  status.mode = found.stx_mode;
+  status.links = found.stx_nlink;
+  status.device = static_cast<unsigned long long>(found.stx_dev_major) << 32 | found.stx_dev_minor;
+  status.node = found.stx_ino;
+  status.size = S_ISDIR(found.stx_mode) ? 0 : found.stx_size;
+  status.written = FileTime(found.stx_mtime);
+  status.accessed = FileTime(found.stx_atime);
+  status.created = found.stx_mask & STATX_BTIME ? FileTime(found.stx_btime) : status.written;
+  return 0;
+}
+
+int ReadStatus(int descriptor, FileStatus& status) { return ReadStatus(descriptor, "", AT_EMPTY_PATH, status); }
+
+int ReadStatusOfName(const char* path, FileStatus& status) {
+  const int error = ReadStatus(AT_FDCWD, path, 0, status);
+  return error == ENOENT ? ReadStatus(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, status) : error;
+}
+
+DWORD AttributesOf(const FileStatus& status, const char* path) {
+  return Attributes(status, [&](char* text, size_t size) { return getxattr(path, kName, text, size); });
+}
+
+DWORD AttributesOf(const FileStatus& status, int descriptor) {
+  return Attributes(status, [&](char* text, size_t size) { return fgetxattr(descriptor, kName, text, size); });
+}
+
+int WriteAttributes(int descriptor, const FileStatus& status, DWORD attributes) {
+  const bool folder = status.IsFolder();
+  const DWORD stored = attributes & (folder ? kStoredOfFolder : kStoredOfFile);
+  const DWORD unmarked = folder ? 0 : FILE_ATTRIBUTE_ARCHIVE, unwritten = folder ? FILE_ATTRIBUTE_READONLY : 0;
+  const mode_t mark = MarkOf(folder);
+  mode_t mode = ModeFor(status, attributes);
+  if (stored != unmarked) {
+    mode |= mark;
+    char text[16];
+    const int length = std::snprintf(text, sizeof text, "0x%lx", stored);
+    if (stored != unwritten) fsetxattr(descriptor, kName, text, static_cast<size_t>(length), 0);
+  }
+  if (status.mode & mark && (stored == unmarked || stored == unwritten)) fremovexattr(descriptor, kName);
+  if (mode == (status.mode & kModeBits)) return 0;
+  return fchmod(descriptor, mode) == 0 ? 0 : errno;
+}
+
+}  // namespace qel::layer

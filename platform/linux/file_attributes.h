@@ -1,0 +1,44 @@
+/// @file
+/// The Win32 attributes of a file or folder.
+///
+/// Read-only is a file without any write bit. Hidden, system, archive and temporary stand in the extended attribute
+/// "user.qel.attributes" as hexadecimal text. Whether there is anything to read there, an unused mode bit says (sticky
+/// of a file, set-user-id of a folder), so that an ordinary file costs one stat. An ordinary file has ARCHIVE; a marked
+/// one without the extended attribute has nothing (a file) or is read-only (a folder). Where the file system has no
+/// extended attributes, that is all that is kept.
+#pragma once
+#include <sys/stat.h>
+
+#include "platform/linux/types.h"
+
+namespace qel::layer {
+
+constexpr DWORD kReparsePoint = 0x400;
+constexpr mode_t kWriteBits = S_IWUSR | S_IWGRP | S_IWOTH;
+
+/// The parts of a stat that Win32 answers are made of.
+struct FileStatus {
+  mode_t mode;
+  unsigned links;
+  unsigned long long device, node, size;
+  FILETIME created, accessed, written;
+
+  bool IsFolder() const { return S_ISDIR(mode); }
+  bool IsReadOnlyFile() const { return !S_ISDIR(mode) && (mode & kWriteBits) == 0; }
+  bool SameFile(const FileStatus& other) const { return device == other.device && node == other.node; }
+};
+
+/// 0 or the errno. `flags` may be AT_SYMLINK_NOFOLLOW.
+int ReadStatus(int folder, const char* name, int flags, FileStatus& status);
+int ReadStatus(int descriptor, FileStatus& status);
+/// Follows a link; one that leads nowhere is answered for itself.
+int ReadStatusOfName(const char* path, FileStatus& status);
+
+/// What GetFileAttributesW gives; `path` is read only where the mode says that there is more.
+DWORD AttributesOf(const FileStatus& status, const char* path);
+DWORD AttributesOf(const FileStatus& status, int descriptor);
+
+/// Replaces the attributes of an open file; unknown ones must be left out by the caller. Returns the errno.
+int WriteAttributes(int descriptor, const FileStatus& status, DWORD attributes);
+
+}  // namespace qel::layer

@@ -1,0 +1,111 @@
+#include "platform/linux/file_sharing.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <time.h>
+
+#include <cerrno>
+
+#include "platform/linux/error.h"
+
+namespace qel::layer {
+namespace {
+
+constexpr off_t kFirstByte = kEndOfRanges;
+constexpr int kBytes = 64;
+
+enum class Answer { kFree, kConflict, kUnsupported };
+
+constexpr int ByteOf(ShareMode mode) { return static_cast<int>(mode.access << 3 | mode.share); }
+
+bool Compatible(ShareMode mode, int byte) {
+  const unsigned access = static_cast<unsigned>(byte) >> 3, share = static_cast<unsigned>(byte) & 7;
+  return (mode.access & ~share) == 0 && (access & ~mode.share) == 0;
+}
+
+struct flock Range(short type, off_t from, off_t length) {
+  struct flock range = {};
+  range.l_type = type;
+  range.l_whence = SEEK_SET;
+  range.l_start = from;
+  range.l_len = length;
+  return range;
+}
+
+// Looks at the bytes [from, to) that others hold. The kernel names any one of them, so the rest is looked at on both
+// sides of it.
+Answer Look(int descriptor, ShareMode mode, int from, int to) {
+  if (from >= to) return Answer::kFree;
+  struct flock range = Range(F_WRLCK, kFirstByte + from, to - from);
+  if (fcntl(descriptor, F_OFD_GETLK, &range) != 0) return Answer::kUnsupported;
+  if (range.l_type == F_UNLCK) return Answer::kFree;
+  const off_t byte = range.l_start - kFirstByte;
+  if (byte < from || byte >= to) return Answer::kFree;  // a foreign program locks the whole file in its own way
+  if (!Compatible(mode, static_cast<int>(byte))) return Answer::kConflict;
+  const Answer before = Look(descriptor, mode, from, static_cast<int>(byte));
+  return before == Answer::kFree ? Look(descriptor, mode, static_cast<int>(byte) + 1, to) : before;
+}
+
+Answer Look(int descriptor, ShareMode mode) { return Look(descriptor, mode, 0, kBytes); }
+
+// Looks, places the own byte and looks again: of two that come at once at least one sees the other, so never both
+// stand. Both may draw back; then they meet at the gate. The first look keeps an open that is bound to fail from
+// placing its byte before the eyes of others.
+Answer TryEnter(int descriptor, ShareMode mode) {
+  if (const Answer before = Look(descriptor, mode); before != Answer::kFree) return before;
+  struct flock own = Range(F_RDLCK, kFirstByte + ByteOf(mode), 1);
+  // A descriptor for writing alone cannot hold a shared lock.
+  if (fcntl(descriptor, F_OFD_SETLK, &own) != 0)
+    return errno == EAGAIN || errno == EACCES ? Answer::kConflict : Answer::kUnsupported;
+  const Answer after = Look(descriptor, mode);
+  if (after != Answer::kFree) LeaveSharing(descriptor, mode);
+  return after;
+}
+
+// One at a time. A foreign program may keep this lock for ever, so it is given up after about a tenth of a second.
+class Gate {
+ public:
+  explicit Gate(int descriptor) : descriptor_(descriptor) {
+    constexpr int kTries = 500, kShortWaits = 20;
+    for (int i = 0; i < kTries && !held_; ++i) {
+      held_ = flock(descriptor_, LOCK_EX | LOCK_NB) == 0;
+      if (held_ || errno != EWOULDBLOCK) break;
+      const timespec wait{0, i < kShortWaits ? 10'000 : 200'000};
+      nanosleep(&wait, nullptr);
+    }
+  }
+  Gate(const Gate&) = delete;
+  Gate& operator=(const Gate&) = delete;
+  ~Gate() {
+    if (held_) flock(descriptor_, LOCK_UN);
+  }
+
+ private:
+  int descriptor_;
+  bool held_ = false;
+};
+
+}  // namespace
+
+DWORD EnterSharing(int descriptor, ShareMode mode) {
+  if (TryEnter(descriptor, mode) != Answer::kConflict) return ERROR_SUCCESS;
+  const Gate gate(descriptor);
+  return TryEnter(descriptor, mode) == Answer::kConflict ? ERROR_SHARING_VIOLATION : ERROR_SUCCESS;
+}
+
+void LeaveSharing(int descriptor, ShareMode mode) {
+  struct flock own = Range(F_UNLCK, kFirstByte + ByteOf(mode), 1);
+  fcntl(descriptor, F_OFD_SETLK, &own);
+}
+
+bool MayShare(int descriptor, ShareMode mode) { return Look(descriptor, mode) != Answer::kConflict; }
+
+DWORD CheckRange(int descriptor, off_t from, off_t length, bool writing) {
+  if (length <= 0 || from < 0 || from >= kEndOfRanges) return ERROR_SUCCESS;
+  if (length > kEndOfRanges - from) length = kEndOfRanges - from;
+  struct flock range = Range(writing ? F_WRLCK : F_RDLCK, from, length);
+  if (fcntl(descriptor, F_OFD_GETLK, &range) != 0) return ERROR_SUCCESS;
+  return range.l_type == F_UNLCK ? ERROR_SUCCESS : ERROR_LOCK_VIOLATION;
+}
+
+}  // namespace qel::layer

@@ -1,0 +1,37 @@
+/// @file
+/// Share modes and range locks of files, kept as the kernel's locks on the open file, so that they hold between
+/// processes and end with a process that is killed.
+///
+/// Every open holds one shared lock on one of 64 bytes far beyond any data; the number of the byte says what the open
+/// may do and what it lets others do. Programs that know nothing of this are not held off and hold nobody off.
+#pragma once
+#include <sys/types.h>
+
+#include "platform/linux/types.h"
+
+namespace qel::layer {
+
+enum Right : unsigned { kReading = 1, kWriting = 2, kDeleting = 4, kAllRights = 7 };
+
+/// What one open does and allows: two sets of Right.
+struct ShareMode {
+  unsigned access, share;
+};
+
+/// Enters the open among the others of its file. ERROR_SHARING_VIOLATION when it cannot stand beside them; success also
+/// where the file system has no such locks.
+DWORD EnterSharing(int descriptor, ShareMode mode);
+
+/// Before the close: a mapping or a child that was forked a moment ago may keep the open file description.
+void LeaveSharing(int descriptor, ShareMode mode);
+
+/// Whether an open of this kind could stand now. One system call while nobody has the file open.
+bool MayShare(int descriptor, ShareMode mode);
+
+/// Range locks end where the sharing bytes begin.
+constexpr off_t kEndOfRanges = 0x7fffffffffffff00;
+
+/// ERROR_LOCK_VIOLATION when another open file description has locked a part of the range against this use.
+DWORD CheckRange(int descriptor, off_t from, off_t length, bool writing);
+
+}  // namespace qel::layer

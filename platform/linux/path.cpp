@@ -1,0 +1,144 @@
+#include "platform/linux/path.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <cwchar>
+
+#include "platform/linux/error.h"
+#include "platform/linux/utf8.h"
+
+namespace qel::layer {
+namespace {
+
+bool IsLetter(wchar_t c) { return (c >= L'A' && c <= L'Z') || (c >= L'a' && c <= L'z'); }
+
+bool Is(LPCWSTR name, LPCWSTR end, LPCWSTR text) {
+  const size_t length = std::wcslen(text);
+  return static_cast<size_t>(end - name) == length && std::wmemcmp(name, text, length) == 0;
+}
+
+size_t CountCharacters(const char* text) {
+  size_t count = 0;
+  for (; *text; ++text) count += (*text & 0xC0) != 0x80;
+  return count;
+}
+
+// The current folder counts in the length of a relative name.
+size_t CharactersOfCurrentFolder() {
+  char folder[SystemPath::kSize];
+  return getcwd(folder, sizeof folder) ? CountCharacters(folder) + 1 : 0;
+}
+
+}  // namespace
+
+bool IsWildcard(wchar_t c) { return c == L'?' || c == L'*' || c == L'<' || c == L'>' || c == L'"'; }
+bool IsForbidden(wchar_t c) { return (c > 0 && c < 32) || c == L'|' || IsWildcard(c); }
+
+DWORD SystemPath::Parse(LPCWSTR name, LPCWSTR end) {
+  if (!name) return ERROR_PATH_NOT_FOUND;
+  if (!end) end = name + std::wcslen(name);
+  bool longNames = false;
+  if (end - name >= 4 && std::wmemcmp(name, L"\\\\?\\", 4) == 0) {
+    name += 4;
+    longNames = true;
+  }
+  if (name == end) return ERROR_PATH_NOT_FOUND;
+  for (LPCWSTR c = name; c != end; ++c)
+    if (IsForbidden(*c) || IsUnencodable(*c)) return ERROR_INVALID_NAME;
+  if (end - name >= 2 && name[1] == L':' && IsLetter(name[0])) return ERROR_PATH_NOT_FOUND;  // there are no drives
+  if (end - name >= 3 && name[0] == L'\\' && name[1] == L'\\' && !IsSeparator(name[2])) return ERROR_BAD_NETPATH;
+
+  length_ = start_ = 0;
+  characters_ = 0;
+  endsInSeparator_ = IsSeparator(end[-1]);
+  if (IsSeparator(*name)) {
+    text_[length_++] = '/';
+    start_ = 1;
+    characters_ = 1;
+  }
+  if (const DWORD error = AddComponents(name, end)) return error;
+  if (length_ == 0) text_[length_++] = '.';
+  text_[length_] = 0;
+  if (!endsInSeparator_) RemoveTrailingDotsAndBlanks();
+  if (longNames) return ERROR_SUCCESS;
+  if (start_ == 0) characters_ += CharactersOfCurrentFolder();
+  return characters_ < MAX_PATH ? ERROR_SUCCESS : ERROR_PATH_NOT_FOUND;
+}
+
+DWORD SystemPath::AddComponents(LPCWSTR name, LPCWSTR end) {
+  while (name != end) {
+    LPCWSTR next = name;
+    while (next != end && !IsSeparator(*next)) ++next;
+    if (const DWORD error = AddComponent(name, next)) return error;
+    name = next == end ? end : next + 1;
+  }
+  return ERROR_SUCCESS;
+}
+
+DWORD SystemPath::AddComponent(LPCWSTR name, LPCWSTR end) {
+  if (name == end || Is(name, end, L".")) return ERROR_SUCCESS;
+  if (Is(name, end, L"..")) {
+    if (length_ > start_ && !EndsInParent()) {
+      text_[length_] = 0;
+      const char* last = std::strrchr(text_, '/');
+      const size_t kept = last ? static_cast<size_t>(last - text_) : 0;
+      characters_ -= CountCharacters(text_ + (kept > start_ ? kept : start_));
+      length_ = kept > start_ ? kept : start_;
+      return ERROR_SUCCESS;
+    }
+    if (start_ == 1) return ERROR_SUCCESS;  // the root is its own parent
+  }
+  if (length_ > start_) {
+    text_[length_++] = '/';
+    ++characters_;
+  }
+  for (; name != end; ++name) {
+    if (length_ + kLongestUtf8 + 2 > kSize) return ERROR_PATH_NOT_FOUND;
+    length_ = static_cast<size_t>(EncodeUtf8(*name, text_ + length_) - text_);
+    ++characters_;
+  }
+  return ERROR_SUCCESS;
+}
+
+bool SystemPath::EndsInParent() const {
+  return length_ >= 2 && text_[length_ - 1] == '.' && text_[length_ - 2] == '.' &&
+         (length_ == 2 || text_[length_ - 3] == '/');
+}
+
+// Windows drops them from the last component. A file that does have such a name stays within reach here, so that a tree
+// which holds one can be copied and deleted.
+void SystemPath::RemoveTrailingDotsAndBlanks() {
+  size_t kept = length_;
+  while (kept > start_ && (text_[kept - 1] == '.' || text_[kept - 1] == ' ')) --kept;
+  if (kept == length_ || kept == start_ || text_[kept - 1] == '/') return;
+  struct stat unused;
+  if (lstat(text_, &unused) == 0) return;
+  length_ = kept;
+  text_[length_] = 0;
+}
+
+DWORD SystemPath::SeparatorError() const {
+  struct stat status;
+  if (stat(text_, &status) == 0) return S_ISDIR(status.st_mode) ? ERROR_PATH_NOT_FOUND : ERROR_INVALID_NAME;
+  return PathError(errno, *this) == ERROR_FILE_NOT_FOUND ? ERROR_INVALID_NAME : ERROR_PATH_NOT_FOUND;
+}
+
+void SystemPath::RemoveLast() {
+  while (length_ > start_ && text_[length_ - 1] != '/') --length_;
+  if (length_ > 1) --length_;
+  if (length_ == 0) text_[length_++] = '.';
+  text_[length_] = 0;
+}
+
+DWORD PathError(int number, const SystemPath& path) {
+  if (number != ENOENT) return ErrorFromErrno(number);
+  SystemPath folder = path;
+  folder.RemoveLast();
+  struct stat status;
+  return stat(folder.text(), &status) == 0 && S_ISDIR(status.st_mode) ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND;
+}
+
+}  // namespace qel::layer

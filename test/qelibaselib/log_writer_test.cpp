@@ -10,9 +10,10 @@ constexpr size_t kLimit = 1048576;
 
 CHILD_ROLE(HoldMutex) {
   const std::wstring name(arguments[0].begin(), arguments[0].end());
-  const HANDLE mutex = CreateMutexW(nullptr, TRUE, name.c_str());
-  Say(mutex ? "held" : "failed");
+  const HANDLE mutex = CreateMutexW(nullptr, FALSE, name.c_str());
+  Say(WaitForSingleObject(mutex, INFINITE) == WAIT_OBJECT_0 ? "held" : "failed");
   Hear();
+  ReleaseMutex(mutex);
   return 0;
 }
 

@@ -1,0 +1,124 @@
+/// @file
+/// The memory map as the kernel prints it, made into the regions that a query answers with. Nothing here asks the
+/// system: text, owners and result are the caller's.
+#pragma once
+#include <cstdint>
+#include <string_view>
+
+#include "platform/linux/types.h"
+
+namespace qel::layer {
+
+inline constexpr uint32_t kPageBytes = 0x1000;
+inline constexpr uint32_t kGranularityBytes = 0x10000;
+inline constexpr uint64_t kAddressSpaceEnd = 0x100000000;
+
+constexpr uint32_t PageOf(uint32_t address) { return address & ~(kPageBytes - 1); }
+/// The next multiple, which is 4 GiB for the last few addresses.
+constexpr uint64_t RoundUp(uint64_t value, uint32_t step) { return (value + step - 1) / step * step; }
+inline uint32_t AddressOf(const void* pointer) { return reinterpret_cast<uintptr_t>(pointer); }
+inline void* PointerTo(uint32_t address) { return reinterpret_cast<void*>(address); }
+
+/// One line of /proc/self/maps.
+struct MapLine {
+  uint32_t start, end;
+  bool read, write, execute, shared;
+  uint64_t offset;
+  uint32_t device;  ///< any number that two lines of the same device share
+  uint64_t inode;   ///< 0 for memory that no file stands behind
+};
+
+/// False for what is no such line; the line feed is not part of it.
+bool ParseMapLine(std::string_view line, MapLine* result);
+
+/// Cuts a stream of blocks into lines. What is left of a block goes before the next one.
+class LineCutter {
+ public:
+  explicit LineCutter(std::string_view text) : text_(text) {}
+  /// False when no whole line is left.
+  bool Next(std::string_view* line);
+  /// The begun line at the end.
+  std::string_view Rest() const { return text_; }
+
+ private:
+  std::string_view text_;
+};
+
+/// Pages of one state, type, protection and allocation.
+struct AddressRegion {
+  uint32_t start;
+  uint64_t end;
+  uint32_t allocationBase;
+  DWORD allocationProtect, state, protect, type;
+};
+
+/// A list that goes on working, with fewer places, when there is no memory: a failed allocation is just when the
+/// address space is looked at.
+class RegionList {
+ public:
+  constexpr RegionList() = default;
+  RegionList(const RegionList&) = delete;
+  RegionList& operator=(const RegionList&) = delete;
+  ~RegionList();
+  void Clear() { size_ = 0; }
+  /// False when there is no place.
+  bool Push(const AddressRegion& region);
+  uint32_t size() const { return size_; }
+  const AddressRegion& operator[](uint32_t index) const { return data()[index]; }
+
+ private:
+  static constexpr uint32_t kSpares = 32;
+  static constexpr uint32_t kFirstCapacity = 256;
+  bool Grow();
+  const AddressRegion* data() const { return heap_ ? heap_ : spare_; }
+  AddressRegion spare_[kSpares] = {};
+  AddressRegion* heap_ = nullptr;
+  uint32_t size_ = 0;
+  uint32_t capacity_ = kSpares;
+};
+
+/// Whom an address belongs to, and up to where this holds.
+struct MemoryOwner {
+  DWORD type = 0;  ///< MEM_IMAGE, MEM_MAPPED or MEM_PRIVATE; 0 when it is nobody's that we know
+  uint32_t base = 0;
+  uint64_t until = kAddressSpaceEnd;
+  DWORD allocationProtect = 0;
+  bool reserved = false;  ///< without pages that could be used
+};
+
+class MemoryOwners {
+ public:
+  virtual MemoryOwner At(uint32_t address) = 0;
+
+ protected:
+  ~MemoryOwners() = default;
+};
+
+/// Makes regions of the lines of a map, from the region of one address on. Lines that overlap earlier ones, as they can
+/// when the map changes while it is read, lose the overlap.
+class RegionBuilder {
+ public:
+  RegionBuilder(uint32_t from, MemoryOwners* owners, RegionList* regions)
+      : from_(from), owners_(owners), regions_(regions) {}
+  /// False when the list is full: what it holds is right, and ends early.
+  bool Add(const MapLine& line);
+  /// Adds what is free behind the last line.
+  bool Finish();
+
+ private:
+  void FollowForeignBase(const MapLine& line);
+  AddressRegion Describe(const MapLine& line, uint32_t start, uint64_t end, const MemoryOwner& owner) const;
+  bool AddRegion(const AddressRegion& region);
+  bool AddFree(uint64_t end);
+  bool PushCurrent();
+
+  const uint32_t from_;
+  MemoryOwners* const owners_;
+  RegionList* const regions_;
+  AddressRegion current_ = {};
+  uint64_t position_ = 0;  // what lies below was seen
+  MapLine lastLine_ = {};
+  uint32_t foreignBase_ = 0;
+};
+
+}  // namespace qel::layer

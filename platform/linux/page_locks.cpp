@@ -1,0 +1,112 @@
+// The kernel does not say which pages are locked, so the ranges are remembered here; locks do not nest, as on Windows.
+#include "platform/linux/page_locks.h"
+
+#include <pthread.h>
+#include <sys/mman.h>
+
+#include <atomic>
+#include <cerrno>
+#include <mutex>
+#include <new>
+
+#include "platform/linux/error.h"
+#include "platform/linux/memory.h"
+#include "platform/linux/page_set.h"
+#include "platform/linux/virtual_query.h"
+
+namespace qel::layer {
+namespace {
+
+constinit std::mutex g_mutex;
+constinit std::atomic<bool> g_anyLocks{false};
+
+PageSet& Locked() {
+  static auto* pages = new PageSet;  // outlives every static destructor
+  return *pages;
+}
+
+// A forked child inherits no memory locks.
+__attribute__((constructor)) void ForgetInForkedChildren() {
+  pthread_atfork([] { g_mutex.lock(); }, [] { g_mutex.unlock(); },
+                 [] {
+                   Locked() = PageSet();
+                   g_mutex.unlock();
+                 });
+}
+
+struct Pages {
+  uint32_t start;
+  uint64_t end;
+};
+// False for an empty range and one that wraps around.
+bool PagesOf(LPVOID address, SIZE_T size, Pages* pages) {
+  pages->start = PageOf(AddressOf(address));
+  pages->end = RoundUp(uint64_t{AddressOf(address)} + size, kPageBytes);
+  return size != 0 && pages->end <= kAddressSpaceEnd;
+}
+
+bool AllAccessible(const Pages& pages) {
+  for (uint64_t at = pages.start; at < pages.end;) {
+    AddressRegion region;
+    if (QueryRegion(at, &region) != ERROR_SUCCESS) return false;
+    if (region.state != MEM_COMMIT || region.protect == PAGE_NOACCESS) return false;
+    at = region.end;
+  }
+  return true;
+}
+
+DWORD Lock(LPVOID address, SIZE_T size) {
+  Pages pages;
+  if (!PagesOf(address, size, &pages)) return ERROR_INVALID_PARAMETER;
+  if (mlock(PointerTo(pages.start), pages.end - pages.start) != 0) {
+    // One error number for pages that are not there, for those that cannot be read and for the limit.
+    const int error = errno;
+    munlock(PointerTo(pages.start), pages.end - pages.start);
+    if (!AllAccessible(pages)) return ERROR_NOACCESS;
+    return error == ENOMEM || error == EPERM ? ERROR_WORKING_SET_QUOTA : ErrorFromErrno(error);
+  }
+  try {
+    const std::lock_guard lock(g_mutex);
+    Locked().Add(pages.start, pages.end);
+    g_anyLocks.store(true, std::memory_order_relaxed);
+  } catch (const std::bad_alloc&) {
+    munlock(PointerTo(pages.start), pages.end - pages.start);
+    return ERROR_NOT_ENOUGH_MEMORY;
+  }
+  return ERROR_SUCCESS;
+}
+
+DWORD Unlock(LPVOID address, SIZE_T size) try {
+  Pages pages;
+  if (!PagesOf(address, size, &pages)) return ERROR_INVALID_PARAMETER;
+  const std::lock_guard lock(g_mutex);
+  if (!Locked().Contains(pages.start, pages.end)) return ERROR_NOT_LOCKED;
+  Locked().Remove(pages.start, pages.end);
+  munlock(PointerTo(pages.start), pages.end - pages.start);
+  return ERROR_SUCCESS;
+} catch (const std::bad_alloc&) {
+  return ERROR_NOT_ENOUGH_MEMORY;
+}
+
+BOOL Finish(DWORD error) {
+  if (error == ERROR_SUCCESS) return TRUE;
+  SetLastError(error);
+  return FALSE;
+}
+
+}  // namespace
+
+void ForgetLocks(uint32_t start, uint64_t bytes) {
+  if (!g_anyLocks.load(std::memory_order_relaxed)) return;
+  const std::lock_guard lock(g_mutex);
+  try {
+    Locked().Remove(start, start + bytes);
+  } catch (const std::bad_alloc&) {
+    // Only a piece in the middle of a longer range needs memory; it stays listed and can be unlocked once more.
+  }
+}
+
+}  // namespace qel::layer
+
+BOOL VirtualLock(LPVOID address, SIZE_T size) { return qel::layer::Finish(qel::layer::Lock(address, size)); }
+BOOL VirtualUnlock(LPVOID address, SIZE_T size) { return qel::layer::Finish(qel::layer::Unlock(address, size)); }

@@ -1,0 +1,56 @@
+#include "platform/linux/page_set.h"
+
+#include <algorithm>
+
+namespace qel::layer {
+
+PageSet::Ranges::const_iterator PageSet::Holding(uint64_t address) const {
+  auto next = ranges_.upper_bound(address);
+  if (next == ranges_.begin()) return ranges_.end();
+  --next;
+  return address < next->second ? next : ranges_.end();
+}
+
+void PageSet::Add(uint32_t start, uint64_t end) {
+  if (start >= end) return;
+  uint64_t first = start;
+  auto next = ranges_.lower_bound(start);
+  if (next != ranges_.begin() && std::prev(next)->second >= start) {
+    --next;
+    first = next->first;
+  }
+  // The range that begins first is made longer where there is one: only a new beginning needs memory.
+  const auto target = next != ranges_.end() && next->first == first ? next : ranges_.emplace_hint(next, first, end);
+  target->second = std::max(target->second, end);
+  for (auto other = std::next(target); other != ranges_.end() && other->first <= target->second;) {
+    target->second = std::max(target->second, other->second);
+    other = ranges_.erase(other);
+  }
+}
+
+void PageSet::Remove(uint32_t start, uint64_t end) {
+  if (start >= end) return;
+  if (const auto last = Holding(end); last != ranges_.end() && last->first < end)
+    ranges_.emplace(end, last->second);  // what goes on behind; done first, for it alone needs memory
+  auto next = ranges_.lower_bound(start);
+  if (next != ranges_.begin() && std::prev(next)->second > start) std::prev(next)->second = start;
+  while (next != ranges_.end() && next->first < end) next = ranges_.erase(next);
+}
+
+bool PageSet::Contains(uint32_t start, uint64_t end) const {
+  const auto range = Holding(start);
+  return range != ranges_.end() && end <= range->second;
+}
+
+bool PageSet::Touches(uint32_t start, uint64_t end) const {
+  const auto next = ranges_.lower_bound(start);
+  return (next != ranges_.end() && next->first < end) || Holding(start) != ranges_.end();
+}
+
+uint64_t PageSet::ChangeAfter(uint32_t address, uint64_t limit) const {
+  if (const auto range = Holding(address); range != ranges_.end()) return std::min(range->second, limit);
+  const auto next = ranges_.upper_bound(address);
+  return next == ranges_.end() ? limit : std::min(next->first, limit);
+}
+
+}  // namespace qel::layer

@@ -1,0 +1,28 @@
+/// @file
+/// A set of pages, kept as ranges.
+#pragma once
+#include <cstdint>
+#include <map>
+
+namespace qel::layer {
+
+/// Not safe for several threads at once. Without memory, Add and Remove throw std::bad_alloc and change nothing.
+class PageSet {
+ public:
+  void Add(uint32_t start, uint64_t end);
+  void Remove(uint32_t start, uint64_t end);
+  /// Whether all of the range is in the set.
+  bool Contains(uint32_t start, uint64_t end) const;
+  /// Whether any of the range is in the set.
+  bool Touches(uint32_t start, uint64_t end) const;
+  bool empty() const { return ranges_.empty(); }
+  /// Where the answer for this address changes, at most `limit`.
+  uint64_t ChangeAfter(uint32_t address, uint64_t limit) const;
+
+ private:
+  using Ranges = std::map<uint64_t, uint64_t>;  // start to end; they neither overlap nor touch
+  Ranges::const_iterator Holding(uint64_t address) const;
+  Ranges ranges_;
+};
+
+}  // namespace qel::layer

@@ -1,0 +1,108 @@
+#include "platform/linux/placement.h"
+
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+
+#include "platform/linux/memory_map.h"
+
+namespace qel::layer {
+namespace {
+
+constexpr uint32_t kLowEnd = 0x80000000;
+// The first place to try; what lies below is left for the end: a null pointer with an offset should hit nothing.
+constexpr uint32_t kFirstPlace = 0x10000000;
+constexpr uint32_t kLowestPlace = 0x00100000;
+
+constinit std::atomic<uint32_t> g_nextPlace{kFirstPlace};
+
+bool IsFullyLow(uint64_t base, size_t bytes) { return base + bytes <= kLowEnd; }
+
+// The lowest gap of this size in the range; 0 when there is none.
+uint32_t FindGap(uint32_t from, size_t bytes) {
+  uint64_t candidate = from;
+  bool found = false;
+  ReadMemoryMap([&](const MapLine& line) {
+    if (line.end <= candidate) return true;
+    found = candidate + bytes <= line.start;
+    if (!found) candidate = RoundUp(line.end, kGranularityBytes);
+    return !found && IsFullyLow(candidate, bytes);
+  });
+  return found && IsFullyLow(candidate, bytes) ? candidate : 0;
+}
+
+// Another thread can take a gap between the reading of the map and the call: a few tries are enough.
+void* MapInGap(uint32_t from, const MappingRequest& request) {
+  constexpr int kTries = 4;
+  for (int i = 0; i < kTries; ++i) {
+    const uint32_t gap = FindGap(from, request.bytes);
+    if (gap == 0) break;
+    if (void* const got = MapAt(gap, request)) {
+      g_nextPlace.store(RoundUp(gap + request.bytes, kGranularityBytes), std::memory_order_relaxed);
+      return got;
+    }
+    if (errno != EEXIST) return nullptr;
+  }
+  errno = EEXIST;
+  return nullptr;
+}
+
+// Room for the alignment is reserved along with the region and given back around it.
+void* MapHigh(const MappingRequest& request) {
+  const size_t whole = RoundUp(request.bytes, kPageBytes);
+  const size_t room = whole + kGranularityBytes - kPageBytes;
+  void* const raw = mmap(nullptr, room, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (raw == MAP_FAILED) return nullptr;
+  const uint32_t start = AddressOf(raw);
+  const uint32_t base = RoundUp(start, kGranularityBytes);
+  void* const got = mmap(PointerTo(base), request.bytes, request.protection, request.flags | MAP_FIXED,
+                         request.descriptor, request.offset);
+  if (got == MAP_FAILED) {
+    const int error = errno;
+    munmap(raw, room);
+    errno = error;
+    return nullptr;
+  }
+  if (base > start) munmap(raw, base - start);
+  if (start + room > base + whole) munmap(PointerTo(base + whole), start + room - base - whole);
+  return got;
+}
+
+}  // namespace
+
+// Kernels before 4.17 do not know the flag and take the address as a hint.
+void* MapAt(uint32_t base, const MappingRequest& request) {
+  void* const wanted = PointerTo(base);
+  void* const got = mmap(wanted, request.bytes, request.protection, request.flags | MAP_FIXED_NOREPLACE,
+                         request.descriptor, request.offset);
+  if (got == MAP_FAILED) return nullptr;
+  if (got == wanted) return got;
+  munmap(got, request.bytes);
+  errno = EEXIST;
+  return nullptr;
+}
+
+void* MapAnywhere(const MappingRequest& request) {
+  const uint32_t place = g_nextPlace.load(std::memory_order_relaxed);
+  if (IsFullyLow(place, request.bytes)) {
+    if (void* const got = MapAt(place, request)) {
+      g_nextPlace.store(RoundUp(place + request.bytes, kGranularityBytes), std::memory_order_relaxed);
+      return got;
+    }
+    if (errno != EEXIST) return nullptr;
+  }
+  for (const uint32_t from : {kFirstPlace, kLowestPlace}) {
+    if (void* const got = MapInGap(from, request)) return got;
+    if (errno != EEXIST) return nullptr;
+  }
+  return MapHigh(request);
+}
+
+void OfferPlace(uint32_t base, uint32_t bytes) {
+  uint32_t end = RoundUp(uint64_t{base} + bytes, kGranularityBytes);
+  if (base < kLowEnd) g_nextPlace.compare_exchange_strong(end, base, std::memory_order_relaxed);
+}
+
+}  // namespace qel::layer

@@ -1,0 +1,59 @@
+#include "platform/linux/view_table.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <new>
+#include <utility>
+
+#include "platform/linux/handle_table.h"
+
+namespace qel::layer {
+namespace {
+
+constinit std::mutex g_mutex;
+
+RegionTable::Regions& All() {
+  static auto* regions = new RegionTable::Regions;  // outlives every static destructor
+  return *regions;
+}
+
+// A child that is forked while another thread holds the table must find it whole and free.
+__attribute__((constructor)) void KeepWholeInForkedChildren() {
+  All();
+  pthread_atfork([] { g_mutex.lock(); }, [] { g_mutex.unlock(); }, [] { g_mutex.unlock(); });
+}
+
+}  // namespace
+
+SharedDescriptor::~SharedDescriptor() { close(descriptor_); }
+
+RegionTable::RegionTable() : lock_(g_mutex) {}
+
+RegionTable::Regions::iterator RegionTable::end() { return All().end(); }
+
+RegionTable::Regions::iterator RegionTable::After(uint32_t address) { return All().upper_bound(address); }
+
+RegionTable::Regions::iterator RegionTable::Find(uint32_t address) {
+  auto region = After(address);
+  if (region == All().begin()) return end();
+  --region;
+  return address - region->first < region->second.bytes ? region : end();
+}
+
+bool RegionTable::Insert(uint32_t base, MemoryRegion region) try {
+  All().insert_or_assign(base, std::move(region));
+  CountOpened();
+  return true;
+} catch (const std::bad_alloc&) {
+  return false;
+}
+
+MemoryRegion RegionTable::Remove(Regions::iterator region) {
+  MemoryRegion removed = std::move(region->second);
+  All().erase(region);
+  CountClosed();
+  return removed;
+}
+
+}  // namespace qel::layer

@@ -1,0 +1,57 @@
+/// @file
+/// The views and blocks that this process was given, found by any address inside them.
+#pragma once
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "platform/linux/page_set.h"
+#include "platform/linux/types.h"
+
+namespace qel::layer {
+
+/// Owns a descriptor that views of a mapping share; it is closed with the last of them.
+class SharedDescriptor {
+ public:
+  explicit SharedDescriptor(int descriptor) : descriptor_(descriptor) {}
+  SharedDescriptor(const SharedDescriptor&) = delete;
+  SharedDescriptor& operator=(const SharedDescriptor&) = delete;
+  ~SharedDescriptor();
+  int get() const { return descriptor_; }
+
+ private:
+  const int descriptor_;
+};
+
+struct MemoryRegion {
+  enum class Kind : uint8_t { kView, kBlock };
+  Kind kind;
+  uint32_t bytes;    ///< whole pages
+  DWORD protection;  ///< as asked for at the allocation
+  PageSet reserved;  ///< pages of a block that are not committed
+  /// Where the changes of a view go on disk; empty when a flush has nothing to do.
+  std::shared_ptr<const SharedDescriptor> file;
+  uint64_t offset = 0;
+};
+
+/// The table, locked while this lives. It is counted among what a process can leak.
+class RegionTable {
+ public:
+  using Regions = std::map<uint32_t, MemoryRegion>;
+
+  RegionTable();
+  Regions::iterator Find(uint32_t address);  ///< the region that holds the address, or end()
+  Regions::iterator After(uint32_t address);
+  Regions::iterator end();
+  /// False without memory.
+  bool Insert(uint32_t base, MemoryRegion region);
+  MemoryRegion Remove(Regions::iterator region);
+
+ private:
+  std::lock_guard<std::mutex> lock_;
+};
+
+}  // namespace qel::layer

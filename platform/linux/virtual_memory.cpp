@@ -1,0 +1,229 @@
+// Blocks of virtual memory: a block that is reserved has no access, committing opens its pages.
+#include <sys/mman.h>
+
+#include <cerrno>
+#include <new>
+#include <utility>
+
+#include "platform/linux/error.h"
+#include "platform/linux/memory.h"
+#include "platform/linux/page_locks.h"
+#include "platform/linux/placement.h"
+#include "platform/linux/view_table.h"
+#include "platform/linux/virtual_query.h"
+
+namespace qel::layer {
+namespace {
+
+using Kind = MemoryRegion::Kind;
+constexpr SIZE_T kLargestBytes = 0x7FFE0000;  // what lies between the first and the last address of a program
+constexpr int kBlockFlags = MAP_PRIVATE | MAP_ANONYMOUS;
+
+struct Range {
+  uint32_t start;
+  uint64_t end;
+  size_t bytes() const { return end - start; }
+};
+
+// The pages that hold any byte of a range.
+Range PagesOf(LPCVOID address, SIZE_T size) {
+  const uint32_t start = AddressOf(address);
+  return {PageOf(start), RoundUp(uint64_t{start} + size, kPageBytes)};
+}
+
+// The protections that a private block can have; -1 for all others.
+int BlockProtection(DWORD protection) {
+  switch (protection) {
+    case PAGE_NOACCESS:
+      return PROT_NONE;
+    case PAGE_READONLY:
+      return PROT_READ;
+    case PAGE_READWRITE:
+      return PROT_READ | PROT_WRITE;
+    case PAGE_EXECUTE:
+      return PROT_EXEC;
+    case PAGE_EXECUTE_READ:
+      return PROT_READ | PROT_EXEC;
+    case PAGE_EXECUTE_READWRITE:
+      return PROT_READ | PROT_WRITE | PROT_EXEC;
+    default:
+      return -1;
+  }
+}
+
+int ProtectionFor(DWORD protection) {
+  if (protection == PAGE_WRITECOPY) return PROT_READ | PROT_WRITE;
+  if (protection == PAGE_EXECUTE_WRITECOPY) return PROT_READ | PROT_WRITE | PROT_EXEC;
+  return BlockProtection(protection);
+}
+
+// Memory that is only reserved costs the system nothing: what can be reserved but not had is a lack of memory.
+DWORD ShortageOf(size_t bytes) {
+  void* const reserved = mmap(nullptr, bytes, PROT_NONE, kBlockFlags | MAP_NORESERVE, -1, 0);
+  if (reserved == MAP_FAILED) return ERROR_NOT_ENOUGH_MEMORY;
+  munmap(reserved, bytes);
+  return ERROR_COMMITMENT_LIMIT;
+}
+
+// `wanted` null: anywhere.
+DWORD ReserveBlock(void* wanted, SIZE_T size, DWORD type, DWORD protection, void** block) {
+  const bool commits = (type & MEM_COMMIT) != 0;
+  const Range pages = wanted ? PagesOf(wanted, size) : Range{0, RoundUp(size, kPageBytes)};
+  const uint32_t place = pages.start & ~(kGranularityBytes - 1);
+  const size_t bytes = pages.end - place;
+  const int flags = commits ? kBlockFlags : kBlockFlags | MAP_NORESERVE;
+  const MappingRequest request = {bytes, commits ? BlockProtection(protection) : PROT_NONE, flags, -1, 0};
+  void* got;
+  if (wanted) {
+    if (place == 0 || pages.end > kAddressSpaceEnd) return ERROR_INVALID_ADDRESS;
+    got = MapAt(place, request);
+  } else {
+    got = MapAnywhere(request);
+  }
+  if (!got && wanted) return ERROR_INVALID_ADDRESS;
+  if (!got) return ShortageOf(bytes);
+
+  MemoryRegion region = {Kind::kBlock, static_cast<uint32_t>(bytes), protection, {}, nullptr, 0};
+  bool kept = true;
+  try {
+    if (!commits) region.reserved.Add(AddressOf(got), uint64_t{AddressOf(got)} + bytes);
+  } catch (const std::bad_alloc&) {
+    kept = false;
+  }
+  if (!kept || !RegionTable().Insert(AddressOf(got), std::move(region))) {
+    munmap(got, bytes);
+    return ERROR_NOT_ENOUGH_MEMORY;
+  }
+  *block = got;
+  return ERROR_SUCCESS;
+}
+
+DWORD CommitPages(void* address, SIZE_T size, DWORD protection, void** block) try {
+  const Range pages = PagesOf(address, size);
+  RegionTable table;
+  const auto region = table.Find(pages.start);
+  if (region == table.end() || region->second.kind != Kind::kBlock ||
+      pages.end > uint64_t{region->first} + region->second.bytes)
+    return ERROR_INVALID_ADDRESS;
+  PageSet reserved = region->second.reserved;
+  reserved.Remove(pages.start, pages.end);
+  if (mprotect(PointerTo(pages.start), pages.bytes(), BlockProtection(protection)) != 0)
+    return errno == ENOMEM ? ERROR_COMMITMENT_LIMIT : ErrorFromErrno(errno);
+  region->second.reserved = std::move(reserved);
+  *block = PointerTo(pages.start);
+  return ERROR_SUCCESS;
+} catch (const std::bad_alloc&) {
+  return ERROR_NOT_ENOUGH_MEMORY;
+}
+
+DWORD Allocate(LPVOID address, SIZE_T size, DWORD type, DWORD protection, void** block) {
+  if (size == 0 || size > kLargestBytes || (type & (MEM_COMMIT | MEM_RESERVE)) == 0 ||
+      (type & ~(MEM_COMMIT | MEM_RESERVE)) != 0 || BlockProtection(protection) < 0)
+    return ERROR_INVALID_PARAMETER;
+  if (address && (type & MEM_RESERVE) == 0) return CommitPages(address, size, protection, block);
+  return ReserveBlock(address, size, type, protection, block);
+}
+
+DWORD Release(LPVOID address) {
+  MemoryRegion removed;
+  uint32_t base;
+  {
+    RegionTable table;
+    const auto region = table.Find(AddressOf(address));
+    if (region == table.end()) return ERROR_INVALID_ADDRESS;
+    if (region->second.kind != Kind::kBlock) return ERROR_INVALID_PARAMETER;
+    base = region->first;
+    if (PageOf(AddressOf(address)) != base) return ERROR_INVALID_ADDRESS;
+    removed = table.Remove(region);
+  }
+  ForgetLocks(base, removed.bytes);
+  munmap(PointerTo(base), removed.bytes);
+  OfferPlace(base, removed.bytes);
+  return ERROR_SUCCESS;
+}
+
+// Size 0 means the whole block. The pages are mapped anew: what was in them is gone, as it must be.
+DWORD Decommit(LPVOID address, SIZE_T size) try {
+  Range pages = PagesOf(address, size);
+  RegionTable table;
+  const auto region = table.Find(pages.start);
+  if (region == table.end()) return ERROR_INVALID_ADDRESS;
+  if (region->second.kind != Kind::kBlock) return ERROR_INVALID_PARAMETER;
+  const uint64_t end = uint64_t{region->first} + region->second.bytes;
+  if (size == 0 && pages.start == region->first) pages.end = end;
+  if (size == 0 && pages.start != region->first) return ERROR_INVALID_ADDRESS;
+  if (pages.end > end) return ERROR_INVALID_ADDRESS;
+  PageSet reserved = region->second.reserved;
+  reserved.Add(pages.start, pages.end);
+  if (mmap(PointerTo(pages.start), pages.bytes(), PROT_NONE, kBlockFlags | MAP_NORESERVE | MAP_FIXED, -1, 0) ==
+      MAP_FAILED)
+    return ErrorFromErrno(errno);
+  region->second.reserved = std::move(reserved);
+  ForgetLocks(pages.start, pages.bytes());
+  return ERROR_SUCCESS;
+} catch (const std::bad_alloc&) {
+  return ERROR_NOT_ENOUGH_MEMORY;
+}
+
+DWORD Free(LPVOID address, SIZE_T size, DWORD type) {
+  if (type == MEM_DECOMMIT) return Decommit(address, size);
+  if (type != MEM_RELEASE || size != 0) return ERROR_INVALID_PARAMETER;
+  return Release(address);
+}
+
+// All pages must be committed ones of one allocation.
+DWORD CheckCommitted(const Range& pages, DWORD* protection) {
+  DWORD first = 0;
+  uint32_t allocation = 0;
+  for (uint64_t at = pages.start; at < pages.end;) {
+    AddressRegion region;
+    if (const DWORD error = QueryRegion(at, &region)) return error;
+    if (at == pages.start) {
+      allocation = region.allocationBase;
+      first = region.protect;
+    }
+    if (region.state != MEM_COMMIT || region.allocationBase != allocation) return ERROR_INVALID_ADDRESS;
+    at = region.end;
+  }
+  *protection = first;
+  return ERROR_SUCCESS;
+}
+
+DWORD Protect(LPVOID address, SIZE_T size, DWORD protection, PDWORD previous) {
+  const Range pages = PagesOf(address, size);
+  const int wanted = ProtectionFor(protection);
+  if (wanted < 0 || size == 0) return ERROR_INVALID_PARAMETER;
+  if (!previous) return ERROR_NOACCESS;
+  if (pages.end > kAddressSpaceEnd) return ERROR_INVALID_PARAMETER;
+  DWORD old;
+  if (const DWORD error = CheckCommitted(pages, &old)) return error;
+  if (mprotect(PointerTo(pages.start), pages.bytes(), wanted) != 0)  // EACCES: a view of what cannot be written
+    return errno == EACCES ? ERROR_INVALID_PARAMETER : ErrorFromErrno(errno);
+  *previous = old;
+  return ERROR_SUCCESS;
+}
+
+BOOL Finish(DWORD error) {
+  if (error == ERROR_SUCCESS) {
+    ForgetSnapshot();
+    return TRUE;
+  }
+  SetLastError(error);
+  return FALSE;
+}
+
+}  // namespace
+}  // namespace qel::layer
+
+LPVOID VirtualAlloc(LPVOID address, SIZE_T size, DWORD type, DWORD protection) {
+  void* block = nullptr;
+  return qel::layer::Finish(qel::layer::Allocate(address, size, type, protection, &block)) ? block : nullptr;
+}
+
+BOOL VirtualFree(LPVOID address, SIZE_T size, DWORD type) {
+  return qel::layer::Finish(qel::layer::Free(address, size, type));
+}
+
+BOOL VirtualProtect(LPVOID address, SIZE_T size, DWORD protection, PDWORD previous) {
+  return qel::layer::Finish(qel::layer::Protect(address, size, protection, previous));
+}

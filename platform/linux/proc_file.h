@@ -1,0 +1,31 @@
+/// @file
+/// A file of /proc that is kept open, so that one system call reads it.
+#pragma once
+#include <atomic>
+#include <cstddef>
+#include <string_view>
+
+namespace qel::layer {
+
+/// Safe for several threads. A descriptor that the host closed, and perhaps opened again for something else, is noticed
+/// by the beginning of the text and replaced.
+class ProcFile {
+ public:
+  /// `beginning`: what the text begins with; empty when a digit does.
+  constexpr ProcFile(const char* path, std::string_view beginning) : path_(path), beginning_(beginning) {}
+  /// The text, cut to the buffer; empty when it cannot be read.
+  std::string_view Read(char* buffer, size_t size);
+  /// In a forked child, for a file that is the process's own.
+  void CloseInChild();
+
+ private:
+  bool IsOurs(std::string_view text) const;
+  const char* const path_;
+  const std::string_view beginning_;
+  std::atomic<int> descriptor_{-1};
+};
+
+/// The number behind a name such as "MemTotal:" at the beginning of a line, or the fallback.
+unsigned long long FieldOf(std::string_view text, std::string_view name, unsigned long long fallback);
+
+}  // namespace qel::layer

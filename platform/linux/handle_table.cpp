@@ -1,11 +1,12 @@
 #include "platform/linux/handle_table.h"
 
 #include <mutex>
-#include <vector>
 
 #include "platform/linux/error.h"
 #include "platform/linux/handle.h"
 #include "platform/linux/process.h"
+#include "platform/linux/process_object.h"
+#include "platform/linux/thread_object.h"
 
 namespace qel::layer {
 namespace {
@@ -16,45 +17,65 @@ constexpr uint32_t kSlotBits = 16;
 constexpr uint32_t kSlots = 1u << kSlotBits;
 constexpr uint32_t kGenerations = 1u << 12;
 
+// A slot's state: its users, of which an open handle is one, in units of kUser, and how far it is on its way from an
+// open handle to the free slots. Users come to every slot that a handle's value points to and look at the rest then.
+// Whoever finds the slot closed without users, which happens once, takes it to empty and releases the object.
+constexpr uint32_t kClosed = 1;
+constexpr uint32_t kEmpty = 2;
+constexpr uint32_t kUser = 4;
+
 struct Slot {
-  // Twice the number of users (an open handle is one of them) plus one while the handle is closed.
-  std::atomic<uint32_t> state{1};
-  std::atomic<uint32_t> generation{0};
-  std::atomic<Object*> object{nullptr};
+  std::atomic<uint32_t> state{kClosed | kEmpty};
+  // Written only while the slot is empty, read by users only while it is not.
+  uint32_t generation = 0;
+  Object* object = nullptr;
+  uint32_t nextFree = 0;
 };
 
 constinit Slot g_slots[kSlots];
 constinit std::atomic<uint32_t> g_openCount{0};
 constinit std::mutex g_freeMutex;
-uint32_t g_unused = 1;  // slot 0 is never given out: its first handle would be null
+constinit uint32_t g_firstFree = 0;  // 0 ends the list: slot 0 is never given out, its first handle would be null
+constinit uint32_t g_unused = 1;
 
-std::vector<uint32_t>& FreeSlots() {
-  static auto* slots = new std::vector<uint32_t>;  // outlives every static destructor
-  return *slots;
+void FreeSlot(uint32_t slot) {
+  g_slots[slot].nextFree = g_firstFree;
+  g_firstFree = slot;
 }
 
 uint32_t TakeSlot() {
   const std::lock_guard lock(g_freeMutex);
-  auto& slots = FreeSlots();
-  if (!slots.empty()) {
-    const uint32_t slot = slots.back();
-    slots.pop_back();
-    return slot;
-  }
+  if (g_firstFree != 0) return std::exchange(g_firstFree, g_slots[g_firstFree].nextFree);
   return g_unused < kSlots ? g_unused++ : 0;
 }
 
-void Destroy(uint32_t slot) {
-  Object* object = g_slots[slot].object.exchange(nullptr);
-  if (!object) return;  // a late look-up of a handle that was closed before
-  object->Release();
-  CountClosed();
+// For a table that has given out no handle of this slot yet.
+bool TakeSlotAt(uint32_t slot) {
   const std::lock_guard lock(g_freeMutex);
-  FreeSlots().push_back(slot);
+  if (slot < g_unused) {
+    uint32_t* place = &g_firstFree;
+    while (*place != 0 && *place != slot) place = &g_slots[*place].nextFree;
+    if (*place == 0) return false;
+    *place = g_slots[slot].nextFree;
+    return true;
+  }
+  while (g_unused < slot) FreeSlot(g_unused++);
+  ++g_unused;
+  return true;
 }
 
 void DropUser(uint32_t slot) {
-  if (g_slots[slot].state.fetch_sub(2, std::memory_order_acq_rel) == 3) Destroy(slot);
+  Slot& s = g_slots[slot];
+  if (s.state.fetch_sub(kUser, std::memory_order_acq_rel) != kUser + kClosed) return;
+  uint32_t expected = kClosed;
+  if (!s.state.compare_exchange_strong(expected, kClosed | kEmpty, std::memory_order_acq_rel)) return;
+  Object* object = std::exchange(s.object, nullptr);
+  {
+    const std::lock_guard lock(g_freeMutex);
+    FreeSlot(slot);
+  }
+  CountClosed();
+  object->Release();
 }
 
 struct Parts {
@@ -67,69 +88,118 @@ Parts Split(HANDLE handle) {
   return {slot, static_cast<uint32_t>(value >> (2 + kSlotBits)), (value & 3) == 0 && slot != 0};
 }
 
-}  // namespace
-
-HANDLE InsertHandle(Object* object) {
-  const uint32_t slot = TakeSlot();
-  if (slot == 0) {
-    object->Release();
-    return nullptr;
-  }
+HANDLE OpenSlot(uint32_t slot, uint32_t generation, Object* object) {
   Slot& s = g_slots[slot];
-  const uint32_t generation = (s.generation.load(std::memory_order_relaxed) + 1) % kGenerations;
-  s.generation.store(generation, std::memory_order_relaxed);
-  s.state.fetch_add(1);  // open, one user; a look-up that comes now finds no object yet
-  s.object.store(object);
+  s.generation = generation;
+  s.object = object;
+  s.state.fetch_add(kUser - kClosed - kEmpty, std::memory_order_release);
   CountOpened();
   return reinterpret_cast<HANDLE>(((generation << kSlotBits) | slot) << 2);
 }
 
-bool RemoveHandle(HANDLE handle) {
+}  // namespace
+
+HANDLE InsertHandle(Object* object) {
+  const uint32_t slot = TakeSlot();
+  if (slot != 0) return OpenSlot(slot, (g_slots[slot].generation + 1) % kGenerations, object);
+  object->Release();
+  return nullptr;
+}
+
+bool InsertHandleAt(HANDLE handle, Object* object) {
   const Parts parts = Split(handle);
-  if (!parts.valid) return false;
-  Slot& s = g_slots[parts.slot];
-  if (s.generation.load(std::memory_order_relaxed) != parts.generation) return false;
-  uint32_t state = s.state.load();
-  do {
-    if (state & 1) return false;
-  } while (!s.state.compare_exchange_weak(state, state - 1));
-  if (state - 1 == 1) Destroy(parts.slot);
-  return true;
+  if (parts.valid && parts.generation < kGenerations && TakeSlotAt(parts.slot)) {
+    OpenSlot(parts.slot, parts.generation, object);
+    return true;
+  }
+  object->Release();
+  return false;
+}
+
+bool RemoveHandle(HANDLE handle) {
+  const Pin pin(handle);
+  return pin.get() && pin.Close();
 }
 
 void CountOpened() { g_openCount.fetch_add(1, std::memory_order_relaxed); }
 void CountClosed() { g_openCount.fetch_sub(1, std::memory_order_relaxed); }
 uint32_t OpenCount() { return g_openCount.load(std::memory_order_relaxed); }
 
+void LockHandlesForFork() { g_freeMutex.lock(); }
+void UnlockHandlesAfterFork() { g_freeMutex.unlock(); }
+
 Pin::Pin(HANDLE handle) {
   const Parts parts = Split(handle);
   if (!parts.valid) return;
   slot_ = parts.slot;
   Slot& s = g_slots[slot_];
-  const uint32_t before = s.state.fetch_add(2, std::memory_order_acq_rel);
-  if ((before & 1) == 0 && s.generation.load(std::memory_order_relaxed) == parts.generation)
-    object_ = s.object.load(std::memory_order_acquire);
+  const uint32_t before = s.state.fetch_add(kUser, std::memory_order_acq_rel);
+  // A user of an open slot keeps it from becoming empty, so that the rest of it stands still.
+  if ((before & kClosed) == 0 && s.generation == parts.generation) object_ = s.object;
   if (!object_) DropUser(slot_);
 }
 
 void Pin::Unpin() { DropUser(slot_); }
 
+bool Pin::Close() const {
+  std::atomic<uint32_t>& state = g_slots[slot_].state;
+  uint32_t value = state.load(std::memory_order_relaxed);
+  do {
+    if ((value & kClosed) != 0) return false;
+  } while (!state.compare_exchange_weak(value, value - kUser + kClosed, std::memory_order_acq_rel));
+  return true;
+}
+
+namespace {
+
+bool IsPseudo(HANDLE handle) { return handle == GetCurrentProcess() || handle == GetCurrentThread(); }
+
+// A new reference of what a handle or pseudo handle stands for.
+Reference<Object> Resolve(HANDLE handle) {
+  if (handle == GetCurrentProcess()) return Reference<Object>::Share(CurrentProcess());
+  if (handle == GetCurrentThread()) return Reference<Object>::Share(CurrentThread());
+  const Pin pin(handle);
+  return Reference<Object>::Share(pin.get());
+}
+
+DWORD Duplicate(HANDLE source, BOOL inherit, DWORD options, HANDLE* target) {
+  if (options != DUPLICATE_SAME_ACCESS && options != (DUPLICATE_SAME_ACCESS | DUPLICATE_CLOSE_SOURCE))
+    return ERROR_INVALID_PARAMETER;
+  if (inherit) return ERROR_INVALID_PARAMETER;
+  Reference<Object> object = Resolve(source);
+  if (!object) return ERROR_INVALID_HANDLE;
+  *target = InsertHandle(object.Detach());
+  if (!*target) return ERROR_TOO_MANY_OPEN_FILES;
+  if ((options & DUPLICATE_CLOSE_SOURCE) != 0 && !IsPseudo(source)) RemoveHandle(source);
+  return ERROR_SUCCESS;
+}
+
+bool CloseAny(HANDLE handle) {
+  if (IsPseudo(handle)) return true;
+  const Pin pin(handle);
+  // A search is closed by FindClose alone.
+  return pin.get() && pin.get()->kind() != Kind::kFind && pin.Close();
+}
+
+}  // namespace
 }  // namespace qel::layer
 
+using namespace qel::layer;
+
 BOOL CloseHandle(HANDLE handle) {
-  const auto value = reinterpret_cast<intptr_t>(handle);
-  if (value == -1 || value == -2) return TRUE;
-  // A search is closed by FindClose alone.
-  {
-    const qel::layer::Pin pin(handle);
-    if (!pin.get() || pin.get()->kind() == qel::layer::Kind::kFind) {
-      SetLastError(ERROR_INVALID_HANDLE);
-      return FALSE;
-    }
-  }
-  if (qel::layer::RemoveHandle(handle)) return TRUE;
+  if (CloseAny(handle)) return TRUE;
   SetLastError(ERROR_INVALID_HANDLE);
   return FALSE;
+}
+
+BOOL DuplicateHandle(HANDLE sourceProcess, HANDLE source, HANDLE targetProcess, LPHANDLE target, DWORD, BOOL inherit,
+                     DWORD options) {
+  HANDLE result = nullptr;
+  const bool own = sourceProcess == GetCurrentProcess() && targetProcess == GetCurrentProcess();
+  const DWORD error = own ? Duplicate(source, inherit, options, &result) : ERROR_INVALID_HANDLE;
+  if (target) *target = result;
+  if (error != ERROR_SUCCESS) SetLastError(error);
+  return error == ERROR_SUCCESS;
 }
 
 BOOL GetProcessHandleCount(HANDLE process, PDWORD count) {
@@ -137,6 +207,6 @@ BOOL GetProcessHandleCount(HANDLE process, PDWORD count) {
     SetLastError(ERROR_INVALID_HANDLE);
     return FALSE;
   }
-  *count = qel::layer::OpenCount();
+  *count = OpenCount();
   return TRUE;
 }

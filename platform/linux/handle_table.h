@@ -34,6 +34,10 @@ class Object {
 /// and the result is null (ERROR_TOO_MANY_OPEN_FILES is the caller's to set).
 HANDLE InsertHandle(Object* object);
 
+/// The same with the handle that another process gave the object. False, the reference released, when the handle is
+/// none or its slot is taken.
+bool InsertHandleAt(HANDLE handle, Object* object);
+
 /// Closes a handle. FALSE when it is none; the last error is the caller's to set.
 bool RemoveHandle(HANDLE handle);
 
@@ -42,7 +46,12 @@ void CountOpened();
 void CountClosed();
 uint32_t OpenCount();
 
-/// Keeps the object behind a handle alive for a call that does not block. Two atomic steps, no reference.
+/// A fork waits for changes of the table that are under way.
+void LockHandlesForFork();
+void UnlockHandlesAfterFork();
+
+/// Keeps the object behind a handle alive for a call, and the handle's value from being given out again. Two atomic
+/// steps, no reference.
 class Pin {
  public:
   explicit Pin(HANDLE handle);
@@ -52,6 +61,8 @@ class Pin {
     if (object_) Unpin();
   }
   Object* get() const { return object_; }
+  /// Closes the handle; the object goes with the last pin. False when somebody else has closed it meanwhile.
+  bool Close() const;
   /// The object when it is of this kind, else null.
   template <class T>
   T* As(Kind kind) const {

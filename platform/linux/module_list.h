@@ -1,0 +1,15 @@
+/// @file
+/// The modules that are told of threads.
+#pragma once
+#include "platform/linux/types.h"
+
+namespace qel::layer {
+
+/// Calls every registered module: DLL_THREAD_ATTACH in the order of registration, DLL_THREAD_DETACH against it.
+void NotifyModules(DWORD reason);
+
+/// A fork waits for calls under way; the child starts with nobody inside.
+void LockModulesForFork();
+void UnlockModulesAfterFork(bool inChild);
+
+}  // namespace qel::layer

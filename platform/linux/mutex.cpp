@@ -1,0 +1,131 @@
+#include "platform/linux/mutex.h"
+
+#include <cerrno>
+
+#include "platform/linux/error.h"
+#include "platform/linux/synchronization.h"
+#include "platform/linux/thread_data.h"
+
+namespace qel::layer {
+namespace {
+
+using Ownership = Storage::Ownership;
+
+bool IsMine(Storage& storage) { return storage.ownership.thread.load(std::memory_order_relaxed) == &t_thread; }
+
+// The storage is used by its owner, too: closing the last handle must not unmap memory that the thread's robust list
+// points into, and the lock must stay until it is released or the thread ends.
+void Own(Storage& storage) {
+  Ownership& ownership = storage.ownership;
+  ownership.thread.store(&t_thread, std::memory_order_relaxed);
+  ownership.depth = 1;
+  ownership.previous = nullptr;
+  ownership.next = t_thread.owned;
+  if (ownership.next) ownership.next->ownership.previous = &storage;
+  t_thread.owned = &storage;
+  storage.AddUser();
+  ArmThreadEnd();
+}
+
+void Disown(Storage& storage) {
+  Ownership& ownership = storage.ownership;
+  (ownership.previous ? ownership.previous->ownership.next : t_thread.owned) = ownership.next;
+  if (ownership.next) ownership.next->ownership.previous = ownership.previous;
+  ownership.thread.store(nullptr, std::memory_order_relaxed);
+  pthread_mutex_unlock(&storage.state().mutex);
+  ChangedAmongSeveral();
+  storage.DropUser();
+}
+
+int LockUntil(pthread_mutex_t& mutex, int64_t deadlineNs) {
+  if (deadlineNs == kNever) return pthread_mutex_lock(&mutex);
+  const timespec deadline = {static_cast<time_t>(deadlineNs / kNsPerSecond),
+                             static_cast<long>(deadlineNs % kNsPerSecond)};
+  return pthread_mutex_clocklock(&mutex, CLOCK_MONOTONIC, &deadline);
+}
+
+}  // namespace
+
+void InitialiseMutex(pthread_mutex_t& mutex, bool owned) {
+  pthread_mutexattr_t attributes;
+  pthread_mutexattr_init(&attributes);
+  pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+  pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+  pthread_mutex_init(&mutex, &attributes);
+  pthread_mutexattr_destroy(&attributes);
+  if (owned) pthread_mutex_trylock(&mutex);
+}
+
+// Process ends are told by the kernel, thread ends by a mark of ours.
+Taken Mutex::Locked(int result) {
+  if (result == EOWNERDEAD)
+    pthread_mutex_consistent(&state().mutex);  // at once: released without it the mutex is lost for ever
+  else if (result != 0)
+    return Taken::kNo;
+  bool abandoned = result == EOWNERDEAD;
+  if (state().orphaned.load(std::memory_order_relaxed) != 0) {
+    state().orphaned.store(0, std::memory_order_relaxed);
+    abandoned = true;
+  }
+  Own(storage());
+  return abandoned ? Taken::kAbandoned : Taken::kYes;
+}
+
+Taken Mutex::TryTake() {
+  Storage& storage = this->storage();
+  if (IsMine(storage)) {
+    ++storage.ownership.depth;
+    return Taken::kYes;
+  }
+  return Locked(pthread_mutex_trylock(&storage.state().mutex));
+}
+
+// Tries, since only a try tells whether the owner's process is alive.
+bool Mutex::IsReady() {
+  if (IsMine(storage())) return true;
+  const Taken taken = TryTake();
+  if (taken == Taken::kNo) return false;
+  PutBack(taken);
+  return true;
+}
+
+void Mutex::PutBack(Taken taken) {
+  if (taken == Taken::kAbandoned) state().orphaned.store(1, std::memory_order_relaxed);
+  Release();
+}
+
+Taken Mutex::Wait(int64_t deadlineNs) { return Locked(LockUntil(state().mutex, deadlineNs)); }
+
+void Mutex::TookAtCreation() { Own(storage()); }
+
+bool Mutex::Release() {
+  Storage& storage = this->storage();
+  if (!IsMine(storage)) return false;
+  if (--storage.ownership.depth == 0) Disown(storage);
+  return true;
+}
+
+void AbandonMutexes() {
+  while (Storage* storage = t_thread.owned) {
+    storage->state().orphaned.store(1, std::memory_order_relaxed);
+    Disown(*storage);
+  }
+}
+
+}  // namespace qel::layer
+
+using namespace qel::layer;
+
+HANDLE CreateMutexW(LPSECURITY_ATTRIBUTES, BOOL initialOwner, LPCWSTR name) {
+  return CreateStored<Mutex>(name, {.kind = Kind::kMutex, .owned = initialOwner != FALSE});
+}
+
+HANDLE OpenMutexW(DWORD, BOOL, LPCWSTR name) { return OpenStored<Mutex>(name, Kind::kMutex); }
+
+BOOL ReleaseMutex(HANDLE handle) {
+  const Pin pin(handle);
+  auto* mutex = pin.As<Mutex>(Kind::kMutex);
+  if (mutex && mutex->Release()) return TRUE;
+  SetLastError(mutex ? ERROR_NOT_OWNER : ERROR_INVALID_HANDLE);
+  return FALSE;
+}

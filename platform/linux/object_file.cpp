@@ -1,0 +1,81 @@
+#include "platform/linux/object_file.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace qel::layer {
+namespace {
+
+bool Lock(int file, short type) {
+  struct flock lock = {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  lock.l_len = 1;
+  int result;
+  do {
+    result = fcntl(file, F_OFD_SETLK, &lock);
+  } while (result != 0 && errno == EINTR);
+  return result == 0;
+}
+
+// Removes the file when nobody holds it. The name is looked at under the lock: it may be another file's by now.
+void RemoveIfUnheld(int folder, int file, const char* fileName) {
+  if (!TryHoldExclusive(file)) return;
+  UnlinkFile(folder, file, fileName);
+  DropHold(file);
+}
+
+}  // namespace
+
+bool TryHoldExclusive(int file) { return Lock(file, F_WRLCK); }
+bool TryHoldShared(int file) { return Lock(file, F_RDLCK); }
+void DropHold(int file) { Lock(file, F_UNLCK); }
+
+FileHolder HolderOf(int file) {
+  struct flock lock = {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  lock.l_len = 1;
+  if (fcntl(file, F_OFD_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) return FileHolder::kNone;
+  return lock.l_type == F_WRLCK ? FileHolder::kMaker : FileHolder::kUser;
+}
+
+void UnlinkFile(int folder, int file, const char* fileName) {
+  struct stat opened, named;
+  if (fstat(file, &opened) != 0 || fstatat(folder, fileName, &named, AT_SYMLINK_NOFOLLOW) != 0) return;
+  if (opened.st_ino == named.st_ino && opened.st_dev == named.st_dev) unlinkat(folder, fileName, 0);
+}
+
+bool IsOwnFile(int file, unsigned user) {
+  struct stat status;
+  return fstat(file, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == user && (status.st_mode & 077) == 0;
+}
+
+void LeaveFile(int folder, int file, const char* fileName) {
+  // First let go, then try to be alone: two last users that both only raised their lock would block each other.
+  DropHold(file);
+  RemoveIfUnheld(folder, file, fileName);
+}
+
+void RemoveUnheldFiles(int folder) {
+  const int again = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  DIR* entries = again < 0 ? nullptr : fdopendir(again);
+  if (!entries) {
+    if (again >= 0) close(again);
+    return;
+  }
+  while (const dirent* entry = readdir(entries)) {
+    if (entry->d_name[0] == '.') continue;
+    const int file = openat(folder, entry->d_name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (file < 0) continue;
+    RemoveIfUnheld(folder, file, entry->d_name);
+    close(file);
+  }
+  closedir(entries);
+}
+
+}  // namespace qel::layer

@@ -1,0 +1,448 @@
+#include "platform/linux/object_namespace.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <new>
+
+#include "platform/linux/error.h"
+#include "platform/linux/mutex.h"
+#include "platform/linux/object_file.h"
+#include "platform/linux/object_name.h"
+#include "platform/linux/shared_folder.h"
+
+namespace qel::layer {
+namespace {
+
+constexpr size_t kStateBytes = kSectionDataOffset;
+static_assert(sizeof(ObjectState) <= kStateBytes);
+
+// Tells this layout from any other that may meet it in the folder.
+constexpr uint32_t kLayoutVersion = 1;
+constexpr uint32_t kMark = 0x51454C00 ^ (kLayoutVersion << 16) ^ sizeof(ObjectState);
+
+constexpr DWORD kStartOver = ~0ul;  // the file was removed meanwhile
+constexpr int kMostStarts = 1000;
+constexpr int64_t kMakerLimitNs = 10 * kNsPerSecond;  // a maker that was stopped must not stop everybody
+constexpr useconds_t kMakerPauseUs = 20;
+
+void InitialiseState(ObjectState& state, const StorageRequest& request) {
+  state.mark.store(0, std::memory_order_relaxed);
+  state.kind = request.kind;
+  state.word.store(request.word, std::memory_order_relaxed);
+  state.parameter = request.parameter;
+  state.orphaned.store(0, std::memory_order_relaxed);
+  state.dueNs.store(kNever, std::memory_order_relaxed);
+  state.periodNs.store(0, std::memory_order_relaxed);
+  state.sectionSize = request.sectionSize;
+  if (request.kind == Kind::kMutex) InitialiseMutex(state.mutex, request.owned);
+  state.mark.store(kMark, std::memory_order_release);
+}
+
+bool IsValid(const ObjectState& state) { return state.mark.load(std::memory_order_acquire) == kMark; }
+
+// Reserves memory for the whole file at once: a page that is missing later would be a fault in the middle of a call.
+DWORD Reserve(int file, uint64_t sectionSize) {
+  const auto bytes = static_cast<off_t>(kStateBytes + sectionSize);
+  if (bytes < 0) return ERROR_COMMITMENT_LIMIT;
+  int result;
+  do {
+    result = fallocate(file, 0, 0, bytes);
+  } while (result != 0 && errno == EINTR);
+  if (result == 0) return ERROR_SUCCESS;
+  return sectionSize != 0 ? ERROR_COMMITMENT_LIMIT : ErrorFromErrno(errno);
+}
+
+ObjectState* MapState(int file) {
+  void* place = mmap(nullptr, kStateBytes, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+  return place == MAP_FAILED ? nullptr : static_cast<ObjectState*>(place);
+}
+
+}  // namespace
+
+/// The names of this process. One of it; everything in it stands under its lock.
+class ObjectNamespace {
+ public:
+  DWORD Acquire(const ObjectKey& key, const StorageRequest& request, bool create, StorageReference* out);
+  void DropLast(Storage* storage);
+  void LeaveAll();
+  void Lock() { gate_.lock(); }
+  void Unlock() { gate_.unlock(); }
+  void ForgetInChild();
+
+  static Storage* NewPrivate(const StorageRequest& request);
+  static DWORD NewInheritable(const StorageRequest& request, StorageReference* out);
+  static Storage* Adopt(int descriptor, Kind kind);
+
+ private:
+  static constexpr size_t kBuckets = 256;
+  static constexpr size_t kMostParked = 16;
+
+  static ObjectKey KeyOf(const Storage* storage);
+  Storage** Place(const ObjectKey& key);
+  void Insert(Storage* storage, const ObjectKey& key);
+  void Remove(Storage* storage);
+  bool Unpark(Storage* storage);
+  void Park(Storage* storage);
+  void Leave(int file, const ObjectKey& key);
+
+  DWORD OpenFile(const ObjectKey& key, const StorageRequest& request, bool create, StorageReference* out);
+  int OpenDescriptor(const ObjectKey& key, bool create, DWORD* error);
+  DWORD Enter(Storage* storage, const ObjectKey& key, const StorageRequest& request, bool create);
+  DWORD Make(Storage* storage, const ObjectKey& key, const StorageRequest& request, bool create);
+  DWORD Join(Storage* storage, const ObjectKey& key, Kind kind);
+  void Unlink(int file, const ObjectKey& key);
+
+  std::mutex gate_;
+  SharedFolder folder_;
+  Storage* buckets_[kBuckets] = {};
+  // Storage of closed mutexes, without its lock: the next creation of the name finds descriptor and mapping at hand.
+  Storage* parked_[kMostParked] = {};
+  uint32_t parkings_ = 0;
+  bool left_ = false;
+};
+
+namespace {
+constinit ObjectNamespace g_namespace;
+}
+
+Storage::~Storage() {
+  if (descriptor_ < 0) return;
+  if (state_) munmap(state_, kStateBytes);
+  close(descriptor_);
+}
+
+void Storage::DropUser() {
+  uint32_t users = users_.load(std::memory_order_relaxed);
+  while (users > 1)
+    if (users_.compare_exchange_weak(users, users - 1, std::memory_order_release, std::memory_order_relaxed)) return;
+  g_namespace.DropLast(this);
+}
+
+ObjectKey ObjectNamespace::KeyOf(const Storage* storage) {
+  return {storage->key_[0], storage->key_[1], static_cast<uint32_t>(storage->key_[2]),
+          static_cast<uid_t>(storage->key_[2] >> 32)};
+}
+
+// Where the storage of this name is linked in, or would be.
+Storage** ObjectNamespace::Place(const ObjectKey& key) {
+  Storage** place = &buckets_[key.low % kBuckets];
+  while (*place && KeyOf(*place) != key) place = &(*place)->nextInBucket_;
+  return place;
+}
+
+void ObjectNamespace::Insert(Storage* storage, const ObjectKey& key) {
+  storage->named_ = true;
+  storage->key_[0] = key.low;
+  storage->key_[1] = key.high;
+  storage->key_[2] = key.session | static_cast<uint64_t>(key.user) << 32;
+  *Place(key) = storage;
+}
+
+// Takes the name out of the table and frees the storage.
+void ObjectNamespace::Remove(Storage* storage) {
+  Storage** place = Place(KeyOf(storage));
+  *place = storage->nextInBucket_;
+  delete storage;
+}
+
+bool ObjectNamespace::Unpark(Storage* storage) {
+  for (Storage*& parked : parked_)
+    if (parked == storage) {
+      parked = nullptr;
+      return true;
+    }
+  return false;
+}
+
+// The object is gone with its lock; others see that at once.
+void ObjectNamespace::Park(Storage* storage) {
+  DropHold(storage->descriptor_);
+  storage->parkedSince_ = ++parkings_;
+  Storage** oldest = &parked_[0];
+  for (Storage*& parked : parked_) {
+    if (!parked) {
+      oldest = &parked;
+      break;
+    }
+    if (parkings_ - parked->parkedSince_ > parkings_ - (*oldest)->parkedSince_) oldest = &parked;
+  }
+  if (Storage* evicted = std::exchange(*oldest, storage)) {
+    Leave(evicted->descriptor_, KeyOf(evicted));
+    Remove(evicted);
+  }
+}
+
+void ObjectNamespace::Leave(int file, const ObjectKey& key) {
+  char fileName[kObjectFileNameSize];
+  FormatObjectFileName(key, fileName);
+  DWORD ignored;
+  LeaveFile(folder_.Open(key.user, &ignored), file, fileName);
+}
+
+void ObjectNamespace::Unlink(int file, const ObjectKey& key) {
+  char fileName[kObjectFileNameSize];
+  FormatObjectFileName(key, fileName);
+  DWORD ignored;
+  UnlinkFile(folder_.Open(key.user, &ignored), file, fileName);
+}
+
+Storage* ObjectNamespace::NewPrivate(const StorageRequest& request) {
+  auto* storage = new (std::nothrow) Storage;
+  if (!storage) return nullptr;
+  storage->state_ = &storage->own_;
+  InitialiseState(storage->own_, request);
+  return storage;
+}
+
+DWORD ObjectNamespace::NewInheritable(const StorageRequest& request, StorageReference* out) {
+  auto* storage = new (std::nothrow) Storage;
+  if (!storage) return ERROR_NOT_ENOUGH_MEMORY;
+  *out = StorageReference(storage);
+  storage->descriptor_ = memfd_create("qel-object", MFD_CLOEXEC);
+  if (storage->descriptor_ < 0) return ErrorFromErrno(errno);
+  if (const DWORD error = Reserve(storage->descriptor_, request.sectionSize)) return error;
+  storage->state_ = MapState(storage->descriptor_);
+  if (!storage->state_) return ERROR_NOT_ENOUGH_MEMORY;
+  InitialiseState(*storage->state_, request);
+  return ERROR_SUCCESS;
+}
+
+Storage* ObjectNamespace::Adopt(int descriptor, Kind kind) {
+  struct stat status;
+  const bool inMemory = fcntl(descriptor, F_GET_SEALS) >= 0;
+  if (!inMemory || fstat(descriptor, &status) != 0 || status.st_size < off_t{kStateBytes}) return nullptr;
+  ObjectState* state = MapState(descriptor);
+  if (!state) return nullptr;
+  auto* storage = IsValid(*state) && state->kind == kind ? new (std::nothrow) Storage : nullptr;
+  if (!storage) {
+    munmap(state, kStateBytes);
+    return nullptr;
+  }
+  fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+  storage->descriptor_ = descriptor;
+  storage->state_ = state;
+  return storage;
+}
+
+DWORD ObjectNamespace::Acquire(const ObjectKey& key, const StorageRequest& request, bool create,
+                               StorageReference* out) {
+  const std::lock_guard lock(gate_);
+  if (Storage* known = *Place(key)) {
+    if (known->users_.load(std::memory_order_relaxed) != 0) {
+      if (known->state_->kind != request.kind) return ERROR_INVALID_HANDLE;
+      known->AddUser();
+      *out = StorageReference(known);
+      return ERROR_ALREADY_EXISTS;
+    }
+    Unpark(known);
+    const DWORD result = create && known->state_->kind == request.kind ? Enter(known, key, request, true) : kStartOver;
+    if (result == ERROR_SUCCESS || result == ERROR_ALREADY_EXISTS) {
+      known->users_.store(1, std::memory_order_relaxed);
+      *out = StorageReference(known);
+      return result;
+    }
+    Remove(known);
+  }
+  const DWORD result = left_ ? ERROR_NOT_SUPPORTED : OpenFile(key, request, create, out);
+  if (*out) {
+    Insert(out->get(), key);
+    return result;
+  }
+  if (!create || request.kind != Kind::kMutex || result == ERROR_INVALID_HANDLE) return result;
+  Storage* local = NewPrivate(request);
+  if (!local) return ERROR_NOT_ENOUGH_MEMORY;
+  Insert(local, key);
+  *out = StorageReference(local);
+  return ERROR_SUCCESS;
+}
+
+int ObjectNamespace::OpenDescriptor(const ObjectKey& key, bool create, DWORD* error) {
+  char fileName[kObjectFileNameSize];
+  FormatObjectFileName(key, fileName);
+  for (int start = 0; start < kMostStarts; ++start) {
+    const int folder = folder_.Open(key.user, error);
+    if (folder < 0) return -1;
+    const int file = openat(folder, fileName, O_RDWR | O_CLOEXEC | O_NOFOLLOW | (create ? O_CREAT : 0), 0600);
+    if (file >= 0 && IsOwnFile(file, key.user)) return file;
+    *error = file >= 0 ? ERROR_ACCESS_DENIED : ErrorFromErrno(errno);
+    if (file >= 0) close(file);
+    // Only a removed folder is worth another look.
+    if (*error != ERROR_FILE_NOT_FOUND || !folder_.ForgetIfRemoved()) return -1;
+  }
+  return -1;
+}
+
+DWORD ObjectNamespace::OpenFile(const ObjectKey& key, const StorageRequest& request, bool create,
+                                StorageReference* out) {
+  DWORD result = kStartOver;
+  for (int start = 0; start < kMostStarts && result == kStartOver; ++start) {
+    DWORD error = ERROR_SUCCESS;
+    const int file = OpenDescriptor(key, create, &error);
+    if (file < 0) return error;
+    auto* storage = new (std::nothrow) Storage;
+    if (!storage) {
+      close(file);
+      return ERROR_NOT_ENOUGH_MEMORY;
+    }
+    storage->descriptor_ = file;
+    result = Enter(storage, key, request, create);
+    if (result == ERROR_SUCCESS || result == ERROR_ALREADY_EXISTS)
+      *out = StorageReference(storage);
+    else
+      delete storage;
+  }
+  return result == kStartOver ? ERROR_BUSY : result;
+}
+
+// Becomes a holder of the object through the storage's file: as its maker, or as one more user beside a living one.
+DWORD ObjectNamespace::Enter(Storage* storage, const ObjectKey& key, const StorageRequest& request, bool create) {
+  const int file = storage->descriptor_;
+  int64_t limit = 0;
+  for (;;) {
+    if (TryHoldExclusive(file)) return Make(storage, key, request, create);
+    if (HolderOf(file) == FileHolder::kUser && TryHoldShared(file)) return Join(storage, key, request.kind);
+    const int64_t now = MonotonicNs();
+    if (limit == 0) limit = now + kMakerLimitNs;
+    if (now > limit) return ERROR_BUSY;
+    usleep(kMakerPauseUs);
+  }
+}
+
+// Nobody holds the object: makes it and becomes its first user.
+DWORD ObjectNamespace::Make(Storage* storage, const ObjectKey& key, const StorageRequest& request, bool create) {
+  const int file = storage->descriptor_;
+  struct stat status;
+  DWORD result = ERROR_SUCCESS;
+  if (fstat(file, &status) != 0 || status.st_nlink == 0) {
+    result = kStartOver;
+  } else if (!create) {
+    Unlink(file, key);
+    result = ERROR_FILE_NOT_FOUND;
+  } else if (status.st_size > off_t{kStateBytes} || (status.st_size != 0 && request.kind == Kind::kMapping)) {
+    // A section's memory may still be seen by a view whose handle was closed: it is never used again.
+    Unlink(file, key);
+    result = kStartOver;
+  } else {
+    if (status.st_size < off_t{kStateBytes} + static_cast<off_t>(request.sectionSize))
+      result = Reserve(file, request.sectionSize);
+    if (result == ERROR_SUCCESS && !storage->state_) {
+      storage->state_ = MapState(file);
+      if (!storage->state_) result = ERROR_NOT_ENOUGH_MEMORY;
+    }
+    if (result != ERROR_SUCCESS) Unlink(file, key);
+  }
+  if (result != ERROR_SUCCESS) {
+    DropHold(file);
+    return result;
+  }
+  InitialiseState(*storage->state_, request);
+  TryHoldShared(file);  // lowers the lock in one step
+  return ERROR_SUCCESS;
+}
+
+// The shared lock is held, beside that of a user that lives or lived when it was asked for.
+DWORD ObjectNamespace::Join(Storage* storage, const ObjectKey& key, Kind kind) {
+  const int file = storage->descriptor_;
+  struct stat status;
+  DWORD result = ERROR_ALREADY_EXISTS;
+  if (fstat(file, &status) != 0 || status.st_nlink == 0) {
+    result = kStartOver;
+  } else if (status.st_size < off_t{kStateBytes}) {
+    result = ERROR_INVALID_DATA;
+  } else {
+    if (!storage->state_) storage->state_ = MapState(file);
+    if (!storage->state_)
+      result = ERROR_NOT_ENOUGH_MEMORY;
+    else if (!IsValid(*storage->state_))
+      result = ERROR_INVALID_DATA;
+    else if (storage->state_->kind != kind)
+      result = ERROR_INVALID_HANDLE;
+  }
+  if (result == ERROR_ALREADY_EXISTS) return result;
+  Leave(file, key);
+  return result;
+}
+
+void ObjectNamespace::DropLast(Storage* storage) {
+  // Of an unnamed storage nobody can become a user again; a named one is found under the lock.
+  if (!storage->named_) {
+    if (storage->users_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete storage;
+    return;
+  }
+  const std::lock_guard lock(gate_);
+  if (storage->users_.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+  if (storage->descriptor_ < 0) {
+    Remove(storage);
+  } else if (storage->state_->kind == Kind::kMutex && !left_) {
+    Park(storage);
+  } else {
+    if (!left_) Leave(storage->descriptor_, KeyOf(storage));
+    Remove(storage);
+  }
+}
+
+void ObjectNamespace::LeaveAll() {
+  const std::lock_guard lock(gate_);
+  left_ = true;
+  for (Storage* storage : buckets_)
+    for (; storage; storage = storage->nextInBucket_)
+      // Mappings stay, and what another thread is still inside of: the end of the process gives that up.
+      if (storage->descriptor_ >= 0 && !storage->ownership.thread.load()) Leave(storage->descriptor_, KeyOf(storage));
+  if (folder_.descriptor() >= 0) RemoveUnheldFiles(folder_.descriptor());
+  folder_.RemoveIfEmpty();
+  folder_.Forget();
+}
+
+// Locks belong to the description that the child shares with its parent, so nothing of it may be given up here. The
+// mappings stay, for handles that the child closes.
+void ObjectNamespace::ForgetInChild() {
+  for (Storage*& bucket : buckets_) {
+    for (Storage* storage = std::exchange(bucket, nullptr); storage; storage = storage->nextInBucket_) {
+      storage->named_ = false;
+    }
+  }
+  for (Storage*& parked : parked_) delete std::exchange(parked, nullptr);
+  folder_.Forget();
+}
+
+namespace {
+bool IsEmpty(const wchar_t* name) { return !name || !*name; }
+}  // namespace
+
+DWORD CreateStorage(const wchar_t* name, const StorageRequest& request, StorageReference* storage) {
+  if (IsEmpty(name)) {
+    if (request.inheritable || request.kind == Kind::kMapping) return ObjectNamespace::NewInheritable(request, storage);
+    *storage = StorageReference(ObjectNamespace::NewPrivate(request));
+    return *storage ? ERROR_SUCCESS : ERROR_NOT_ENOUGH_MEMORY;
+  }
+  ObjectKey key;
+  if (const DWORD error = ParseObjectName(name, &key)) return error;
+  return g_namespace.Acquire(key, request, true, storage);
+}
+
+DWORD OpenStorage(const wchar_t* name, Kind kind, StorageReference* storage) {
+  if (IsEmpty(name)) return ERROR_INVALID_PARAMETER;
+  ObjectKey key;
+  if (const DWORD error = ParseObjectName(name, &key)) return error;
+  const DWORD result = g_namespace.Acquire(key, {.kind = kind}, false, storage);
+  return result == ERROR_ALREADY_EXISTS ? ERROR_SUCCESS : result;
+}
+
+Storage* AdoptInherited(int descriptor, Kind kind) { return ObjectNamespace::Adopt(descriptor, kind); }
+
+void LockNamespaceForFork() { g_namespace.Lock(); }
+
+void UnlockNamespaceAfterFork(bool inChild) {
+  if (inChild) g_namespace.ForgetInChild();
+  g_namespace.Unlock();
+}
+
+void LeaveNamespace() { g_namespace.LeaveAll(); }
+
+}  // namespace qel::layer

@@ -1,0 +1,60 @@
+#include "platform/linux/synchronization.h"
+#include "platform/linux/waitable.h"
+
+namespace qel::layer {
+namespace {
+
+// The word is the count.
+class Semaphore final : public StoredObject {
+ public:
+  explicit Semaphore(StorageReference storage) : StoredObject(Kind::kSemaphore, std::move(storage)) {}
+
+  Taken TryTake() override {
+    uint32_t count = word().load();
+    while (count != 0)
+      if (word().compare_exchange_weak(count, count - 1)) return Taken::kYes;
+    return Taken::kNo;
+  }
+  bool IsReady() override { return word().load() != 0; }
+  void PutBack(Taken) override { Add(1, nullptr); }
+
+  // False when the count would pass its greatest value.
+  bool Add(uint32_t added, LONG* previous) {
+    uint32_t count = word().load();
+    do {
+      if (added > state().parameter - count) return false;
+    } while (!word().compare_exchange_weak(count, count + added));
+    Changed(word(), scope());
+    if (previous) *previous = static_cast<LONG>(count);
+    return true;
+  }
+};
+
+}  // namespace
+}  // namespace qel::layer
+
+using namespace qel::layer;
+
+HANDLE CreateSemaphoreW(LPSECURITY_ATTRIBUTES, LONG initialCount, LONG maximumCount, LPCWSTR name) {
+  if (initialCount < 0 || maximumCount <= 0 || initialCount > maximumCount) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return nullptr;
+  }
+  return CreateStored<Semaphore>(name, {.kind = Kind::kSemaphore,
+                                        .word = static_cast<uint32_t>(initialCount),
+                                        .parameter = static_cast<uint32_t>(maximumCount)});
+}
+
+BOOL ReleaseSemaphore(HANDLE handle, LONG releaseCount, LPLONG previousCount) {
+  const Pin pin(handle);
+  auto* semaphore = pin.As<Semaphore>(Kind::kSemaphore);
+  DWORD error = ERROR_SUCCESS;
+  if (!semaphore)
+    error = ERROR_INVALID_HANDLE;
+  else if (releaseCount <= 0)
+    error = ERROR_INVALID_PARAMETER;
+  else if (!semaphore->Add(static_cast<uint32_t>(releaseCount), previousCount))
+    error = ERROR_TOO_MANY_POSTS;
+  if (error != ERROR_SUCCESS) SetLastError(error);
+  return error == ERROR_SUCCESS;
+}

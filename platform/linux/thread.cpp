@@ -1,0 +1,216 @@
+#include "platform/linux/thread.h"
+
+#include <cxxabi.h>
+#include <limits.h>
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+#include <memory>
+
+#include "platform/linux/error.h"
+#include "platform/linux/module_list.h"
+#include "platform/linux/mutex.h"
+#include "platform/linux/thread_data.h"
+#include "platform/linux/thread_object.h"
+
+extern "C" void* __dso_handle;
+
+namespace qel::layer {
+
+thread_local constinit ThreadData t_thread = {};
+
+namespace {
+
+constexpr SIZE_T kLeastStackBytes = 256 * 1024;
+constexpr SIZE_T kStackUnitBytes = 64 * 1024;
+constexpr int kDetachRounds = 4;  // a detach may fill a slot again
+
+// In this order: the modules may still log and lock while they detach; who waits for the thread finds all of it done.
+void EndThread(void*) {
+  ThreadData& thread = t_thread;
+  for (int round = 0; round < kDetachRounds && std::exchange(thread.attached, false); ++round)
+    NotifyModules(DLL_THREAD_DETACH);
+  FreeThreadSlots();
+  AbandonMutexes();
+  if (Thread* object = std::exchange(thread.object, nullptr)) {
+    object->SignalEnd();
+    object->Release();
+  }
+  // A destructor of the host's that runs after this one and calls the library arms the thread's end once more.
+  thread.endArmed = false;
+  thread.attached = false;
+}
+
+struct Start {
+  Reference<Thread> thread;
+  LPTHREAD_START_ROUTINE routine;
+  LPVOID argument;
+};
+
+void* RunThread(void* memory) {
+  Thread* object;
+  LPTHREAD_START_ROUTINE routine;
+  LPVOID argument;
+  {
+    const std::unique_ptr<Start> start(static_cast<Start*>(memory));
+    object = start->thread.Detach();
+    routine = start->routine;
+    argument = start->argument;
+  }
+  t_thread.object = object;
+  t_thread.attached = true;
+  ArmThreadEnd();
+  object->id.store(GetCurrentThreadId());
+  WakeAll(object->id, Scope::kProcess);
+  while (object->suspended.load() != 0) SleepOn(object->suspended, 1, Scope::kProcess, kNever);
+  NotifyModules(DLL_THREAD_ATTACH);
+  object->exitCode.store(routine(argument));
+  return nullptr;
+}
+
+bool StartThread(std::unique_ptr<Start> start, SIZE_T stackBytes) {
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  bool started = true;
+  if (stackBytes != 0) {
+    const SIZE_T units = stackBytes / kStackUnitBytes + (stackBytes % kStackUnitBytes != 0);
+    started = units <= SIZE_MAX / kStackUnitBytes &&
+              pthread_attr_setstacksize(&attributes, std::max(units * kStackUnitBytes, kLeastStackBytes)) == 0;
+  }
+  pthread_t ignored;
+  started = started && pthread_create(&ignored, &attributes, RunThread, start.get()) == 0;
+  if (started) static_cast<void>(start.release());
+  pthread_attr_destroy(&attributes);
+  return started;
+}
+
+// The object of a handle, or of the pseudo handle of the calling thread.
+class ThreadTarget {
+ public:
+  explicit ThreadTarget(HANDLE handle)
+      : pin_(handle), thread_(handle == GetCurrentThread() ? CurrentThread() : pin_.As<Thread>(Kind::kThread)) {
+    if (!thread_) SetLastError(ERROR_INVALID_HANDLE);
+  }
+  explicit operator bool() const { return thread_ != nullptr; }
+  Thread* operator->() const { return thread_; }
+
+ private:
+  const Pin pin_;
+  Thread* const thread_;
+};
+
+bool IsPriority(int priority) {
+  return (priority >= THREAD_PRIORITY_LOWEST && priority <= THREAD_PRIORITY_HIGHEST) ||
+         priority == THREAD_PRIORITY_IDLE || priority == THREAD_PRIORITY_TIME_CRITICAL;
+}
+
+}  // namespace
+
+void ArmThreadEndSlowly() {
+  t_thread.endArmed = true;
+  // Keeps this module loaded until the thread has ended, which a key of the thread library would not.
+  __cxxabiv1::__cxa_thread_atexit(&EndThread, nullptr, &__dso_handle);
+}
+
+void Thread::SignalEnd() {
+  DWORD active = STILL_ACTIVE;
+  exitCode.compare_exchange_strong(active, 0);  // of a thread that the layer did not start
+  ended_.store(1);
+  Changed(ended_, Scope::kProcess);
+}
+
+Thread* CurrentThread() {
+  if (!t_thread.object) {
+    auto* object = new (std::nothrow) Thread;
+    if (!object) return nullptr;
+    object->id.store(GetCurrentThreadId());
+    t_thread.object = object;
+    ArmThreadEnd();
+  }
+  return t_thread.object;
+}
+
+}  // namespace qel::layer
+
+using namespace qel::layer;
+
+HANDLE CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T stackSize, LPTHREAD_START_ROUTINE routine, LPVOID argument,
+                    DWORD flags, LPDWORD threadId) {
+  if (!routine || (flags & ~CREATE_SUSPENDED) != 0) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return nullptr;
+  }
+  auto thread = Reference<Thread>::Adopt(new (std::nothrow) Thread);
+  std::unique_ptr<Start> start(thread ? new (std::nothrow) Start : nullptr);
+  HANDLE handle = nullptr;
+  if (start) {
+    thread->suspended.store(flags == CREATE_SUSPENDED);
+    *start = {Reference<Thread>::Share(thread.get()), routine, argument};
+    handle = InsertHandle(Reference<Thread>::Share(thread.get()).Detach());
+  }
+  if (!handle || !StartThread(std::move(start), stackSize)) {
+    if (handle) RemoveHandle(handle);
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return nullptr;
+  }
+  while (thread->id.load() == 0) SleepOn(thread->id, 0, Scope::kProcess, kNever);
+  if (threadId) *threadId = thread->id.load();
+  return handle;
+}
+
+DWORD ResumeThread(HANDLE handle) {
+  const ThreadTarget thread(handle);
+  if (!thread) return static_cast<DWORD>(-1);
+  const DWORD previous = thread->suspended.exchange(0);
+  if (previous != 0) WakeAll(thread->suspended, Scope::kProcess);
+  return previous;
+}
+
+BOOL GetExitCodeThread(HANDLE handle, LPDWORD exitCode) {
+  const ThreadTarget thread(handle);
+  if (!thread) return FALSE;
+  // The routine's result is there before the thread has ended.
+  *exitCode = thread->IsReady() ? thread->exitCode.load() : STILL_ACTIVE;
+  return TRUE;
+}
+
+HANDLE GetCurrentThread() { return reinterpret_cast<HANDLE>(static_cast<LONG_PTR>(-2)); }
+
+DWORD GetCurrentThreadId() {
+  if (t_thread.id == 0) t_thread.id = static_cast<DWORD>(gettid());
+  return t_thread.id;
+}
+
+BOOL SetThreadPriority(HANDLE handle, int priority) {
+  const ThreadTarget thread(handle);
+  if (!thread) return FALSE;
+  if (!IsPriority(priority)) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return FALSE;
+  }
+  thread->priority.store(priority);
+  return TRUE;
+}
+
+int GetThreadPriority(HANDLE handle) {
+  const ThreadTarget thread(handle);
+  return thread ? thread->priority.load() : THREAD_PRIORITY_ERROR_RETURN;
+}
+
+void Sleep(DWORD ms) {
+  if (ms == 0) {
+    sched_yield();
+    return;
+  }
+  if (ms == INFINITE)
+    for (;;) pause();
+  const int64_t end = DeadlineNs(ms);
+  const timespec until = {static_cast<time_t>(end / kNsPerSecond), static_cast<long>(end % kNsPerSecond)};
+  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr) == EINTR) {
+  }
+}

@@ -1,0 +1,38 @@
+/// @file
+/// What the layer keeps for each thread.
+#pragma once
+#include "platform/linux/types.h"
+
+namespace qel::layer {
+
+class Storage;
+class Thread;
+
+struct ThreadSlot {
+  LPVOID value;
+  uint32_t generation;  ///< of the slot when the value was set; the value is void when the slot was freed since
+};
+inline constexpr DWORD kDirectSlots = 64;
+inline constexpr DWORD kFurtherSlots = 1024;
+
+struct ThreadData {
+  DWORD id;                  ///< 0 until it is asked for
+  bool endArmed;             ///< EndThread will run
+  bool attached;             ///< the modules are owed a detach
+  Thread* object;            ///< a reference of the thread's own; null until it is asked for
+  Storage* owned;            ///< mutexes that the thread owns
+  ThreadSlot* furtherSlots;  ///< made when the first of them is set
+  ThreadSlot slots[kDirectSlots];
+};
+extern thread_local constinit ThreadData t_thread;
+
+/// Sees to it that the thread's end gives up what it holds. Whoever puts something into t_thread calls it.
+void ArmThreadEndSlowly();
+inline void ArmThreadEnd() {
+  if (!t_thread.endArmed) ArmThreadEndSlowly();
+}
+
+/// Frees the thread's slot values; what they point to is the modules' matter.
+void FreeThreadSlots();
+
+}  // namespace qel::layer

@@ -1,0 +1,147 @@
+#include "platform/linux/wait.h"
+
+#include <algorithm>
+#include <array>
+#include <optional>
+
+#include "platform/linux/error.h"
+#include "platform/linux/process.h"
+#include "platform/linux/process_object.h"
+#include "platform/linux/thread_object.h"
+#include "platform/linux/waitable.h"
+
+namespace qel::layer {
+namespace {
+
+// A wait for several objects sleeps on one word of the process, which every change of an object moves on while such a
+// wait is under way.
+constinit Word g_anyChange{0};
+constinit Word g_severalWaits{0};
+
+// Changes that other processes make do not reach g_anyChange.
+constexpr int64_t kOutsideSliceNs = 5 * kNsPerMs;
+
+class SeveralWait {
+ public:
+  SeveralWait() { g_severalWaits.fetch_add(1); }
+  SeveralWait(const SeveralWait&) = delete;
+  SeveralWait& operator=(const SeveralWait&) = delete;
+  ~SeveralWait() { g_severalWaits.fetch_sub(1); }
+};
+
+DWORD ResultOf(Taken taken, DWORD index) { return (taken == Taken::kAbandoned ? WAIT_ABANDONED_0 : 0) + index; }
+
+DWORD TakeAny(Waitable* const* objects, DWORD count) {
+  for (DWORD i = 0; i < count; ++i)
+    if (const Taken taken = objects[i]->TryTake(); taken != Taken::kNo) return ResultOf(taken, i);
+  return WAIT_TIMEOUT;
+}
+
+// All or none: what was taken before another object was lost to somebody else is put back.
+DWORD TakeAll(Waitable* const* objects, DWORD count) {
+  if (!std::all_of(objects, objects + count, [](Waitable* object) { return object->IsReady(); })) return WAIT_TIMEOUT;
+  std::array<Taken, MAXIMUM_WAIT_OBJECTS> taken;
+  DWORD result = WAIT_OBJECT_0;
+  for (DWORD i = 0; i < count; ++i) {
+    taken[i] = objects[i]->TryTake();
+    if (taken[i] == Taken::kAbandoned && result == WAIT_OBJECT_0) result = WAIT_ABANDONED_0;
+    if (taken[i] != Taken::kNo) continue;
+    while (i-- > 0) objects[i]->PutBack(taken[i]);
+    return WAIT_TIMEOUT;
+  }
+  return result;
+}
+
+using Take = DWORD (*)(Waitable* const* objects, DWORD count);
+
+DWORD WaitSeveral(Waitable* const* objects, DWORD count, Take take, int64_t deadlineNs) {
+  const SeveralWait several;
+  for (;;) {
+    // Both before the try, so that no later change and no later due time is missed.
+    const uint32_t seen = g_anyChange.load();
+    const int64_t now = MonotonicNs();
+    if (const DWORD result = take(objects, count); result != WAIT_TIMEOUT) return result;
+    if (now >= deadlineNs) return WAIT_TIMEOUT;
+    int64_t limit = deadlineNs;
+    for (DWORD i = 0; i < count; ++i) {
+      // A timer that is due already waits for the others, whose changes will be told.
+      if (const int64_t due = objects[i]->DueNs(); due > now) limit = std::min(limit, due);
+      if (objects[i]->ChangesFromOutside()) limit = std::min(limit, now + kOutsideSliceNs);
+    }
+    SleepOn(g_anyChange, seen, Scope::kProcess, limit);
+  }
+}
+
+// What a wait keeps alive: the object behind a handle, the current process or the current thread.
+class Target {
+ public:
+  explicit Target(HANDLE handle) : pin_(handle) {
+    const Object* object = pin_.get();
+    if (object && IsWaitable(object->kind()))
+      object_ = static_cast<Waitable*>(pin_.get());
+    else if (handle == GetCurrentProcess())
+      object_ = CurrentProcess();
+    else if (handle == GetCurrentThread())
+      object_ = CurrentThread();
+  }
+  Waitable* get() const { return object_; }
+
+ private:
+  const Pin pin_;
+  Waitable* object_ = nullptr;
+};
+
+DWORD Fail(DWORD error) {
+  SetLastError(error);
+  return WAIT_FAILED;
+}
+
+}  // namespace
+
+void ChangedAmongSeveral() {
+  if (g_severalWaits.load() == 0) return;
+  g_anyChange.fetch_add(1);
+  WakeAll(g_anyChange, Scope::kProcess);
+}
+
+// Everybody is woken: a wait for several objects that is woken for one of them may take another.
+void Changed(Word& word, Scope scope) {
+  WakeAll(word, scope);
+  ChangedAmongSeveral();
+}
+
+Taken Waitable::Wait(int64_t deadlineNs) {
+  for (;;) {
+    const uint32_t seen = word().load();
+    if (const Taken taken = TryTake(); taken != Taken::kNo) return taken;
+    if (deadlineNs != kNever && MonotonicNs() >= deadlineNs) return Taken::kNo;
+    SleepOn(word(), seen, scope(), std::min(deadlineNs, DueNs()));
+  }
+}
+
+}  // namespace qel::layer
+
+using namespace qel::layer;
+
+DWORD WaitForSingleObject(HANDLE handle, DWORD timeoutMs) {
+  const Target target(handle);
+  if (!target.get()) return Fail(ERROR_INVALID_HANDLE);
+  Taken taken = target.get()->TryTake();
+  if (taken == Taken::kNo && timeoutMs != 0) taken = target.get()->Wait(DeadlineNs(timeoutMs));
+  return taken == Taken::kNo ? WAIT_TIMEOUT : ResultOf(taken, 0);
+}
+
+DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD timeoutMs) {
+  if (count == 0 || count > MAXIMUM_WAIT_OBJECTS) return Fail(ERROR_INVALID_PARAMETER);
+  std::array<std::optional<Target>, MAXIMUM_WAIT_OBJECTS> targets;
+  std::array<Waitable*, MAXIMUM_WAIT_OBJECTS> objects;
+  for (DWORD i = 0; i < count; ++i) {
+    objects[i] = targets[i].emplace(handles[i]).get();
+    if (!objects[i]) return Fail(ERROR_INVALID_HANDLE);
+    if (all && std::find(objects.begin(), objects.begin() + i, objects[i]) != objects.begin() + i)
+      return Fail(ERROR_INVALID_PARAMETER);
+  }
+  const Take take = all ? TakeAll : TakeAny;
+  if (timeoutMs == 0) return take(objects.data(), count);
+  return WaitSeveral(objects.data(), count, take, DeadlineNs(timeoutMs));
+}

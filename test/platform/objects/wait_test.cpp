@@ -1,0 +1,198 @@
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+#include "test/platform/objects/handles.h"
+
+using namespace qel::test;
+
+namespace {
+
+constexpr DWORD kLongMs = 60'000;
+
+HANDLE ClosedHandle() {
+  HANDLE handle = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  CloseHandle(handle);
+  return handle;
+}
+HANDLE Garbage() { return reinterpret_cast<HANDLE>(0x1234560); }
+
+TEST(WaitForSingleObject, LeavesTheLastErrorAlone) {
+  const Handle event = CreateEventW(nullptr, TRUE, TRUE, nullptr);
+  EXPECT_CALL(WaitForSingleObject(event, 0), WAIT_OBJECT_0, kUntouched);
+  ResetEvent(event);
+  EXPECT_CALL(WaitForSingleObject(event, 0), WAIT_TIMEOUT, kUntouched);
+  EXPECT_CALL(WaitForSingleObject(event, 20), WAIT_TIMEOUT, kUntouched);
+}
+
+TEST(WaitForSingleObject, BadHandles) {
+  for (HANDLE handle : {HANDLE(nullptr), Garbage(), ClosedHandle()}) {
+    EXPECT_CALL(WaitForSingleObject(handle, 0), WAIT_FAILED, ERROR_INVALID_HANDLE);
+    EXPECT_CALL(SetEvent(handle), FALSE, ERROR_INVALID_HANDLE);
+    EXPECT_CALL(ResetEvent(handle), FALSE, ERROR_INVALID_HANDLE);
+    EXPECT_CALL(ReleaseMutex(handle), FALSE, ERROR_INVALID_HANDLE);
+    EXPECT_CALL(ReleaseSemaphore(handle, 1, nullptr), FALSE, ERROR_INVALID_HANDLE);
+    EXPECT_CALL(CloseHandle(handle), FALSE, ERROR_INVALID_HANDLE);
+  }
+}
+
+TEST(WaitForSingleObject, PseudoHandlesMeanProcessAndThread) {
+  EXPECT_CALL(WaitForSingleObject(INVALID_HANDLE_VALUE, 5), WAIT_TIMEOUT, kUntouched);
+  EXPECT_CALL(WaitForSingleObject(GetCurrentThread(), 5), WAIT_TIMEOUT, kUntouched);
+}
+
+TEST(Events, OtherKindsAreRefused) {
+  const Handle event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  const Handle mutex = CreateMutexW(nullptr, FALSE, nullptr);
+  EXPECT_CALL(SetEvent(mutex), FALSE, ERROR_INVALID_HANDLE);
+  EXPECT_CALL(ReleaseMutex(event), FALSE, ERROR_INVALID_HANDLE);
+  EXPECT_CALL(ReleaseSemaphore(event, 1, nullptr), FALSE, ERROR_INVALID_HANDLE);
+}
+
+TEST(Events, AutoResetIsConsumedManualStays) {
+  const Handle single = CreateEventW(nullptr, FALSE, TRUE, nullptr);
+  EXPECT_EQ(WaitForSingleObject(single, 0), WAIT_OBJECT_0);
+  EXPECT_EQ(WaitForSingleObject(single, 0), WAIT_TIMEOUT);
+  SetEvent(single);
+  SetEvent(single);
+  EXPECT_EQ(WaitForSingleObject(single, 0), WAIT_OBJECT_0);
+  EXPECT_EQ(WaitForSingleObject(single, 0), WAIT_TIMEOUT);
+  const Handle manual = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  SetEvent(manual);
+  EXPECT_EQ(WaitForSingleObject(manual, 0), WAIT_OBJECT_0);
+  EXPECT_EQ(WaitForSingleObject(manual, 0), WAIT_OBJECT_0);
+}
+
+// Every signal is taken once, whoever waits alone or for several.
+TEST(Events, NoSignalIsLostAmongManyWaiters) {
+  constexpr int kRounds = 2000;
+  const Handle turn = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  const Handle taken = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  const Handle stop = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  std::atomic<int> count{0};
+  std::vector<std::unique_ptr<Worker>> workers;
+  for (int i = 0; i < 3; ++i)
+    workers.push_back(std::make_unique<Worker>([&]() -> DWORD {
+      const HANDLE handles[] = {stop, turn};
+      while (WaitForMultipleObjects(2, handles, FALSE, INFINITE) == WAIT_OBJECT_0 + 1) {
+        ++count;
+        SetEvent(taken);
+      }
+      return 0;
+    }));
+  for (int i = 0; i < kRounds; ++i) {
+    SetEvent(turn);
+    ASSERT_EQ(WaitForSingleObject(taken, kLongMs), WAIT_OBJECT_0);
+  }
+  SetEvent(stop);
+  workers.clear();
+  EXPECT_EQ(count, kRounds);
+}
+
+TEST(Semaphores, CountDownAndUp) {
+  const Handle semaphore = CreateSemaphoreW(nullptr, 2, 3, nullptr);
+  LONG previous = -1;
+  EXPECT_CALL(ReleaseSemaphore(semaphore, 2, &previous), FALSE, ERROR_TOO_MANY_POSTS);
+  EXPECT_EQ(previous, -1);
+  EXPECT_CALL(ReleaseSemaphore(semaphore, 1, &previous), TRUE, kUntouched);
+  EXPECT_EQ(previous, 2);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(WaitForSingleObject(semaphore, 0), WAIT_OBJECT_0);
+  EXPECT_EQ(WaitForSingleObject(semaphore, 0), WAIT_TIMEOUT);
+}
+
+TEST(Semaphores, CountsThatAreNone) {
+  const Handle semaphore = CreateSemaphoreW(nullptr, 0, 1, nullptr);
+  if (RunsUnderWine()) {
+    EXPECT_CALL(ReleaseSemaphore(semaphore, 0, nullptr), TRUE, kUntouched);
+    EXPECT_CALL(ReleaseSemaphore(semaphore, -1, nullptr), FALSE, ERROR_TOO_MANY_POSTS);
+  } else {
+    EXPECT_CALL(ReleaseSemaphore(semaphore, 0, nullptr), FALSE, ERROR_INVALID_PARAMETER);
+    EXPECT_CALL(ReleaseSemaphore(semaphore, -1, nullptr), FALSE, ERROR_INVALID_PARAMETER);
+  }
+  EXPECT_EQ(WaitForSingleObject(semaphore, 0), WAIT_TIMEOUT);
+}
+
+TEST(WaitForMultipleObjects, AnyTakesTheFirstAndOnlyIt) {
+  const Handle first = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  const Handle second = CreateEventW(nullptr, FALSE, TRUE, nullptr);
+  const Handle third = CreateSemaphoreW(nullptr, 1, 1, nullptr);
+  const HANDLE handles[] = {first, second, third};
+  EXPECT_CALL(WaitForMultipleObjects(3, handles, FALSE, kLongMs), WAIT_OBJECT_0 + 1, kUntouched);
+  EXPECT_EQ(WaitForMultipleObjects(3, handles, FALSE, kLongMs), WAIT_OBJECT_0 + 2);
+  EXPECT_CALL(WaitForMultipleObjects(3, handles, FALSE, 0), WAIT_TIMEOUT, kUntouched);
+  EXPECT_CALL(WaitForMultipleObjects(3, handles, FALSE, 20), WAIT_TIMEOUT, kUntouched);
+}
+
+TEST(WaitForMultipleObjects, AllTakesAllOrNone) {
+  const Handle first = CreateEventW(nullptr, FALSE, TRUE, nullptr);
+  const Handle second = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  const Handle mutex = CreateMutexW(nullptr, FALSE, nullptr);
+  const HANDLE handles[] = {first, mutex, second};
+  EXPECT_EQ(WaitForMultipleObjects(3, handles, TRUE, 0), WAIT_TIMEOUT);
+  EXPECT_FALSE(ReleaseMutex(mutex));
+  EXPECT_EQ(WaitForSingleObject(first, 0), WAIT_OBJECT_0);
+  SetEvent(first);
+  Worker setter([&]() -> DWORD { return SetEvent(second); });
+  EXPECT_EQ(WaitForMultipleObjects(3, handles, TRUE, kLongMs), WAIT_OBJECT_0);
+  EXPECT_TRUE(ReleaseMutex(mutex));
+  EXPECT_EQ(WaitForSingleObject(first, 0), WAIT_TIMEOUT);
+  EXPECT_EQ(WaitForSingleObject(second, 0), WAIT_TIMEOUT);
+}
+
+TEST(WaitForMultipleObjects, BadArguments) {
+  const Handle event = CreateEventW(nullptr, TRUE, TRUE, nullptr);
+  std::vector<HANDLE> handles(MAXIMUM_WAIT_OBJECTS + 1, event);
+  EXPECT_CALL(WaitForMultipleObjects(0, handles.data(), FALSE, 0), WAIT_FAILED, ERROR_INVALID_PARAMETER);
+  EXPECT_CALL(WaitForMultipleObjects(65, handles.data(), FALSE, 0), WAIT_FAILED, ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(WaitForMultipleObjects(64, handles.data(), FALSE, 0), WAIT_OBJECT_0);
+  handles[1] = nullptr;
+  EXPECT_CALL(WaitForMultipleObjects(2, handles.data(), FALSE, 0), WAIT_FAILED, ERROR_INVALID_HANDLE);
+  handles[1] = event;
+  if (!RunsUnderWine())
+    EXPECT_CALL(WaitForMultipleObjects(2, handles.data(), TRUE, 0), WAIT_FAILED, ERROR_INVALID_PARAMETER);
+}
+
+TEST(CloseHandle, PseudoHandlesAreLeftAlone) {
+  EXPECT_TRUE(CloseHandle(GetCurrentProcess()));
+  EXPECT_TRUE(CloseHandle(GetCurrentThread()));
+  EXPECT_EQ(WaitForSingleObject(GetCurrentThread(), 0), WAIT_TIMEOUT);
+}
+
+// A closed handle stays invalid though its place was given out again.
+TEST(CloseHandle, AnOldValueDoesNotReachANewObject) {
+  const HANDLE old = ClosedHandle();
+  std::vector<Handle> handles;
+  for (int i = 0; i < 100; ++i) handles.emplace_back(CreateEventW(nullptr, TRUE, TRUE, nullptr));
+  bool reused = false;
+  for (const Handle& handle : handles) reused |= static_cast<HANDLE>(handle) == old;
+  if (!reused) EXPECT_CALL(CloseHandle(old), FALSE, ERROR_INVALID_HANDLE);
+}
+
+TEST(DuplicateHandle, IsAnotherHandleOfTheSameObject) {
+  Handle event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  HANDLE copy = nullptr;
+  const HANDLE process = GetCurrentProcess();
+  ASSERT_TRUE(DuplicateHandle(process, event, process, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS));
+  const Handle owner = copy;
+  SetEvent(event);
+  event.Close();
+  EXPECT_EQ(WaitForSingleObject(copy, 0), WAIT_OBJECT_0);
+  HANDLE none = copy;
+  EXPECT_CALL(DuplicateHandle(process, Garbage(), process, &none, 0, FALSE, DUPLICATE_SAME_ACCESS), FALSE,
+              ERROR_INVALID_HANDLE);
+  EXPECT_EQ(none, nullptr);
+}
+
+TEST(DuplicateHandle, ClosesTheSourceWhenAsked) {
+  const HANDLE event = CreateEventW(nullptr, TRUE, TRUE, nullptr);
+  HANDLE copy = nullptr;
+  const HANDLE process = GetCurrentProcess();
+  ASSERT_TRUE(
+      DuplicateHandle(process, event, process, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS | DUPLICATE_CLOSE_SOURCE));
+  const Handle owner = copy;
+  EXPECT_EQ(WaitForSingleObject(copy, 0), WAIT_OBJECT_0);
+  if (event != copy) EXPECT_CALL(CloseHandle(event), FALSE, ERROR_INVALID_HANDLE);
+}
+
+}  // namespace

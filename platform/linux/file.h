@@ -5,6 +5,11 @@
 
 #define GENERIC_READ 0x80000000ul
 #define GENERIC_WRITE 0x40000000ul
+#define GENERIC_ALL 0x10000000ul
+#define FILE_READ_DATA 0x1ul
+#define FILE_WRITE_DATA 0x2ul
+#define FILE_READ_ATTRIBUTES 0x80ul
+#define FILE_WRITE_ATTRIBUTES 0x100ul
 #define DELETE 0x00010000ul
 #define FILE_SHARE_READ 1ul
 #define FILE_SHARE_WRITE 2ul
@@ -57,8 +62,12 @@ struct WIN32_FIND_DATAW {
 using LPWIN32_FIND_DATAW = WIN32_FIND_DATAW*;
 
 extern "C" {
+/// Names: both separators separate, there are no drive letters, case counts as the file system says, and a name that
+/// ends in dots or blanks means the one without them unless it exists. Share modes hold among the programs that use
+/// this layer. A read-only file is one without any write bit. Inheriting and templates are not supported.
 QEL_LAYER HANDLE WINAPI CreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
                                     DWORD disposition, DWORD flagsAndAttributes, HANDLE templateFile);
+/// With FILE_FLAG_OVERLAPPED the transfer is done at once, and ERROR_IO_PENDING is given all the same.
 QEL_LAYER BOOL WINAPI ReadFile(HANDLE file, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead,
                                LPOVERLAPPED overlapped);
 QEL_LAYER BOOL WINAPI WriteFile(HANDLE file, LPCVOID buffer, DWORD bytesToWrite, LPDWORD bytesWritten,
@@ -68,14 +77,21 @@ QEL_LAYER BOOL WINAPI SetFilePointerEx(HANDLE file, LARGE_INTEGER distance, PLAR
 QEL_LAYER BOOL WINAPI GetFileSizeEx(HANDLE file, PLARGE_INTEGER size);
 QEL_LAYER BOOL WINAPI SetEndOfFile(HANDLE file);
 QEL_LAYER BOOL WINAPI FlushFileBuffers(HANDLE file);
+/// Ranges hold against ReadFile and WriteFile of other handles of this process, and of those that another process opens
+/// later; not against ones that it had open already. Offsets end at 2^63 - 256. A handle that asks for what it has
+/// locked itself fails at once, also when it would wait.
 QEL_LAYER BOOL WINAPI LockFileEx(HANDLE file, DWORD flags, DWORD reserved, DWORD bytesLow, DWORD bytesHigh,
                                  LPOVERLAPPED overlapped);
 QEL_LAYER BOOL WINAPI UnlockFileEx(HANDLE file, DWORD reserved, DWORD bytesLow, DWORD bytesHigh,
                                    LPOVERLAPPED overlapped);
 
+/// The name is gone at once, also when the file is open with FILE_SHARE_DELETE. A mapped view does not hold a file.
+/// Of a link, the link itself is deleted.
 QEL_LAYER BOOL WINAPI DeleteFileW(LPCWSTR name);
 QEL_LAYER BOOL WINAPI MoveFileW(LPCWSTR existing, LPCWSTR target);
 QEL_LAYER BOOL WINAPI CopyFileW(LPCWSTR existing, LPCWSTR target, BOOL failIfExists);
+/// Hidden, system, archive and temporary, and read-only of a folder, need a file system with extended attributes.
+/// Where it has none, archive and read-only are kept. Clearing read-only gives the owner alone the right to write.
 QEL_LAYER DWORD WINAPI GetFileAttributesW(LPCWSTR name);
 QEL_LAYER BOOL WINAPI SetFileAttributesW(LPCWSTR name, DWORD attributes);
 QEL_LAYER BOOL WINAPI CreateDirectoryW(LPCWSTR name, LPSECURITY_ATTRIBUTES security);
@@ -83,6 +99,8 @@ QEL_LAYER BOOL WINAPI RemoveDirectoryW(LPCWSTR name);
 QEL_LAYER UINT WINAPI GetTempFileNameW(LPCWSTR folder, LPCWSTR prefix, UINT unique, LPWSTR name);
 QEL_LAYER UINT WINAPI GetTempFileNameA(LPCSTR folder, LPCSTR prefix, UINT unique, LPSTR name);
 
+/// Patterns follow the rules of NTFS, but case counts. A link to a folder is no folder where it is one of several
+/// entries: no walk leaves its tree by one.
 QEL_LAYER HANDLE WINAPI FindFirstFileW(LPCWSTR pattern, LPWIN32_FIND_DATAW data);
 QEL_LAYER BOOL WINAPI FindNextFileW(HANDLE find, LPWIN32_FIND_DATAW data);
 QEL_LAYER BOOL WINAPI FindClose(HANDLE find);

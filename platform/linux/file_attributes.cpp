@@ -56,6 +56,51 @@ mode_t ModeFor(const FileStatus& status, DWORD attributes) {
   return mode & kWriteBits ? mode : mode | S_IWUSR;
 }
 
+struct ByPath {
+  const char* path;
+  void Set(const char* text, size_t length) const { setxattr(path, kName, text, length, 0); }
+  void Remove() const { removexattr(path, kName); }
+  int ChangeMode(mode_t mode) const { return chmod(path, mode); }
+};
+struct ByDescriptor {
+  int descriptor;
+  void Set(const char* text, size_t length) const { fsetxattr(descriptor, kName, text, length, 0); }
+  void Remove() const { fremovexattr(descriptor, kName); }
+  int ChangeMode(mode_t mode) const { return fchmod(descriptor, mode); }
+};
+
+// A file system without extended attributes keeps what the mode can say.
+template <class Target>
+int Write(const Target& target, const FileStatus& status, DWORD attributes) {
+  const bool folder = status.IsFolder();
+  const mode_t mark = MarkOf(folder);
+  const DWORD stored = attributes & (folder ? kStoredOfFolder : kStoredOfFile);
+  const DWORD unmarked = folder ? 0 : FILE_ATTRIBUTE_ARCHIVE, unwritten = folder ? FILE_ATTRIBUTE_READONLY : 0;
+  const bool writes = stored != unmarked && stored != unwritten;
+  if (writes) {
+    char text[16];
+    target.Set(text, static_cast<size_t>(std::snprintf(text, sizeof text, "0x%lx", stored)));
+  } else if (status.mode & mark) {
+    target.Remove();
+  }
+  const mode_t mode = ModeFor(status, attributes) | (stored != unmarked ? mark : 0);
+  if (mode == (status.mode & kModeBits)) return 0;
+  return target.ChangeMode(mode) == 0 ? 0 : errno;
+}
+
+// A link has no attributes of its own here, and what it leads to may be anybody's.
+DWORD SetAttributes(LPCWSTR name, DWORD attributes) {
+  if (!AreKnownAttributes(attributes)) return ERROR_INVALID_PARAMETER;
+  SystemPath path;
+  if (const DWORD error = path.Parse(name)) return error;
+  FileStatus status;
+  if (const int error = ReadStatus(AT_FDCWD, path.text(), AT_SYMLINK_NOFOLLOW, status)) return PathError(error, path);
+  if (path.EndsInSeparator() && !status.IsFolder()) return path.SeparatorError();
+  if (S_ISLNK(status.mode)) return ERROR_SUCCESS;
+  const int error = WriteAttributes(path.text(), status, attributes);
+  return error ? ErrorFromErrno(error) : ERROR_SUCCESS;
+}
+
 }  // namespace
 
 int ReadStatus(int folder, const char* name, int flags, FileStatus& status) {
@@ -87,21 +132,40 @@ DWORD AttributesOf(const FileStatus& status, int descriptor) {
   return Attributes(status, [&](char* text, size_t size) { return fgetxattr(descriptor, kName, text, size); });
 }
 
+bool AreKnownAttributes(DWORD attributes) {
+  constexpr DWORD kKnown = kStoredOfFile | kStoredOfFolder | FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_NORMAL;
+  return (attributes & ~kKnown) == 0;
+}
+
+int WriteAttributes(const char* path, const FileStatus& status, DWORD attributes) {
+  return Write(ByPath{path}, status, attributes);
+}
+
 int WriteAttributes(int descriptor, const FileStatus& status, DWORD attributes) {
-  const bool folder = status.IsFolder();
-  const DWORD stored = attributes & (folder ? kStoredOfFolder : kStoredOfFile);
-  const DWORD unmarked = folder ? 0 : FILE_ATTRIBUTE_ARCHIVE, unwritten = folder ? FILE_ATTRIBUTE_READONLY : 0;
-  const mode_t mark = MarkOf(folder);
-  mode_t mode = ModeFor(status, attributes);
-  if (stored != unmarked) {
-    mode |= mark;
-    char text[16];
-    const int length = std::snprintf(text, sizeof text, "0x%lx", stored);
-    if (stored != unwritten) fsetxattr(descriptor, kName, text, static_cast<size_t>(length), 0);
-  }
-  if (status.mode & mark && (stored == unmarked || stored == unwritten)) fremovexattr(descriptor, kName);
-  if (mode == (status.mode & kModeBits)) return 0;
-  return fchmod(descriptor, mode) == 0 ? 0 : errno;
+  return Write(ByDescriptor{descriptor}, status, attributes);
 }
 
 }  // namespace qel::layer
+
+using namespace qel::layer;
+
+DWORD GetFileAttributesW(LPCWSTR name) {
+  SystemPath path;
+  FileStatus status;
+  DWORD error = path.Parse(name);
+  if (!error) {
+    if (const int number = ReadStatusOfName(path.text(), status))
+      error = PathError(number, path);
+    else if (path.EndsInSeparator() && !status.IsFolder())
+      error = ERROR_INVALID_NAME;
+  }
+  if (!error) return AttributesOf(status, path.text());
+  SetLastError(error);
+  return INVALID_FILE_ATTRIBUTES;
+}
+
+BOOL SetFileAttributesW(LPCWSTR name, DWORD attributes) {
+  const DWORD error = SetAttributes(name, attributes);
+  if (error) SetLastError(error);
+  return error == ERROR_SUCCESS;
+}

@@ -38,7 +38,11 @@ int ReadStatusOfName(const char* path, FileStatus& status);
 DWORD AttributesOf(const FileStatus& status, const char* path);
 DWORD AttributesOf(const FileStatus& status, int descriptor);
 
-/// Replaces the attributes of an open file; unknown ones must be left out by the caller. Returns the errno.
+/// Whether SetFileAttributesW and CreateFileW know these and no others.
+bool AreKnownAttributes(DWORD attributes);
+
+/// Replaces the attributes of a file. Returns the errno.
+int WriteAttributes(const char* path, const FileStatus& status, DWORD attributes);
 int WriteAttributes(int descriptor, const FileStatus& status, DWORD attributes);
 
 }  // namespace qel::layer

@@ -12,7 +12,9 @@ namespace qel::layer {
 namespace {
 
 constexpr off_t kFirstByte = kEndOfRanges;
-constexpr int kBytes = 64;
+constexpr int kShareBytes = 64;
+constexpr int kRangesLockedByte = kShareBytes;  // held by those who have locked ranges
+constexpr int kBytes = kShareBytes + 1;
 
 enum class Answer { kFree, kConflict, kUnsupported };
 
@@ -34,30 +36,32 @@ struct flock Range(short type, off_t from, off_t length) {
 
 // Looks at the bytes [from, to) that others hold. The kernel names any one of them, so the rest is looked at on both
 // sides of it.
-Answer Look(int descriptor, ShareMode mode, int from, int to) {
+Answer Look(int descriptor, ShareMode mode, bool* rangesLocked, int from = 0, int to = kBytes) {
   if (from >= to) return Answer::kFree;
   struct flock range = Range(F_WRLCK, kFirstByte + from, to - from);
   if (fcntl(descriptor, F_OFD_GETLK, &range) != 0) return Answer::kUnsupported;
   if (range.l_type == F_UNLCK) return Answer::kFree;
-  const off_t byte = range.l_start - kFirstByte;
-  if (byte < from || byte >= to) return Answer::kFree;  // a foreign program locks the whole file in its own way
-  if (!Compatible(mode, static_cast<int>(byte))) return Answer::kConflict;
-  const Answer before = Look(descriptor, mode, from, static_cast<int>(byte));
-  return before == Answer::kFree ? Look(descriptor, mode, static_cast<int>(byte) + 1, to) : before;
+  const int byte = static_cast<int>(range.l_start - kFirstByte);
+  if (range.l_start < kFirstByte || byte >= to) return Answer::kFree;  // a foreign program locks the whole file
+  if (byte == kRangesLockedByte) {
+    if (rangesLocked) *rangesLocked = true;
+  } else if (!Compatible(mode, byte)) {
+    return Answer::kConflict;
+  }
+  const Answer before = Look(descriptor, mode, rangesLocked, from, byte);
+  return before == Answer::kFree ? Look(descriptor, mode, rangesLocked, byte + 1, to) : before;
 }
-
-Answer Look(int descriptor, ShareMode mode) { return Look(descriptor, mode, 0, kBytes); }
 
 // Looks, places the own byte and looks again: of two that come at once at least one sees the other, so never both
 // stand. Both may draw back; then they meet at the gate. The first look keeps an open that is bound to fail from
 // placing its byte before the eyes of others.
-Answer TryEnter(int descriptor, ShareMode mode) {
-  if (const Answer before = Look(descriptor, mode); before != Answer::kFree) return before;
+Answer TryEnter(int descriptor, ShareMode mode, bool* rangesLocked) {
+  if (const Answer before = Look(descriptor, mode, rangesLocked); before != Answer::kFree) return before;
   struct flock own = Range(F_RDLCK, kFirstByte + ByteOf(mode), 1);
   // A descriptor for writing alone cannot hold a shared lock.
   if (fcntl(descriptor, F_OFD_SETLK, &own) != 0)
     return errno == EAGAIN || errno == EACCES ? Answer::kConflict : Answer::kUnsupported;
-  const Answer after = Look(descriptor, mode);
+  const Answer after = Look(descriptor, mode, rangesLocked);
   if (after != Answer::kFree) LeaveSharing(descriptor, mode);
   return after;
 }
@@ -87,10 +91,10 @@ class Gate {
 
 }  // namespace
 
-DWORD EnterSharing(int descriptor, ShareMode mode) {
-  if (TryEnter(descriptor, mode) != Answer::kConflict) return ERROR_SUCCESS;
+DWORD EnterSharing(int descriptor, ShareMode mode, bool* rangesLocked) {
+  if (TryEnter(descriptor, mode, rangesLocked) != Answer::kConflict) return ERROR_SUCCESS;
   const Gate gate(descriptor);
-  return TryEnter(descriptor, mode) == Answer::kConflict ? ERROR_SHARING_VIOLATION : ERROR_SUCCESS;
+  return TryEnter(descriptor, mode, rangesLocked) == Answer::kConflict ? ERROR_SHARING_VIOLATION : ERROR_SUCCESS;
 }
 
 void LeaveSharing(int descriptor, ShareMode mode) {
@@ -98,7 +102,12 @@ void LeaveSharing(int descriptor, ShareMode mode) {
   fcntl(descriptor, F_OFD_SETLK, &own);
 }
 
-bool MayShare(int descriptor, ShareMode mode) { return Look(descriptor, mode) != Answer::kConflict; }
+bool MayShare(int descriptor, ShareMode mode) { return Look(descriptor, mode, nullptr) != Answer::kConflict; }
+
+void MarkRangesLocked(int descriptor, bool locked) {
+  struct flock mark = Range(locked ? F_RDLCK : F_UNLCK, kFirstByte + kRangesLockedByte, 1);
+  fcntl(descriptor, F_OFD_SETLK, &mark);
+}
 
 DWORD CheckRange(int descriptor, off_t from, off_t length, bool writing) {
   if (length <= 0 || from < 0 || from >= kEndOfRanges) return ERROR_SUCCESS;

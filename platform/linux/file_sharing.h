@@ -19,8 +19,8 @@ struct ShareMode {
 };
 
 /// Enters the open among the others of its file. ERROR_SHARING_VIOLATION when it cannot stand beside them; success also
-/// where the file system has no such locks.
-DWORD EnterSharing(int descriptor, ShareMode mode);
+/// where the file system has no such locks. `rangesLocked`, if given, becomes true when one of them has locked a range.
+DWORD EnterSharing(int descriptor, ShareMode mode, bool* rangesLocked = nullptr);
 
 /// Before the close: a mapping or a child that was forked a moment ago may keep the open file description.
 void LeaveSharing(int descriptor, ShareMode mode);
@@ -30,6 +30,9 @@ bool MayShare(int descriptor, ShareMode mode);
 
 /// Range locks end where the sharing bytes begin.
 constexpr off_t kEndOfRanges = 0x7fffffffffffff00;
+
+/// Places or lifts the mark of an open that has locked ranges, for those that come later.
+void MarkRangesLocked(int descriptor, bool locked);
 
 /// ERROR_LOCK_VIOLATION when another open file description has locked a part of the range against this use.
 DWORD CheckRange(int descriptor, off_t from, off_t length, bool writing);

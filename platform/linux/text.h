@@ -1,6 +1,6 @@
 /// @file
 /// Narrow and wide text, bounded copies, text-mode streams, locale. Narrow text is UTF-8, wide text UTF-32; bytes that
-/// are no UTF-8 become U+DC80 + byte and come back unharmed.
+/// are no UTF-8 become U+DC00 + byte and come back unharmed.
 #pragma once
 #include <cstdio>
 #include <cwchar>

@@ -1,0 +1,212 @@
+// Reading, writing, position and size of an open file.
+#include "platform/linux/file.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "platform/linux/error.h"
+#include "platform/linux/open_file.h"
+#include "platform/linux/synchronization.h"
+
+namespace qel::layer {
+namespace {
+
+constexpr off_t kHere = -1;  // at the file's position, which moves on
+constexpr uintptr_t kPage = 4096;
+constexpr ssize_t kMostAtOnce = 0x7FFFF000;  // what the kernel moves with one call
+
+struct Transfer {
+  DWORD bytes = 0;
+  DWORD error = ERROR_SUCCESS;
+};
+
+bool IsAll(ssize_t done, DWORD length) { return done >= 0 && static_cast<DWORD>(done) == length; }
+
+ssize_t ReadOnce(int descriptor, void* buffer, size_t length, off_t at) {
+  return at == kHere ? read(descriptor, buffer, length) : pread(descriptor, buffer, length, at);
+}
+ssize_t WriteOnce(int descriptor, const void* buffer, size_t length, off_t at) {
+  return at == kHere ? write(descriptor, buffer, length) : pwrite(descriptor, buffer, length, at);
+}
+
+// The kernel stops without an error in front of a bad page when it has moved something, and at the most that one call
+// moves. The position goes back when the rest fails.
+template <class Once, class Byte>
+Transfer MoveRest(Once once, int descriptor, Byte* buffer, DWORD length, off_t at, ssize_t done) {
+  Transfer transfer;
+  auto moved = static_cast<size_t>(done > 0 ? done : 0);
+  while (done > 0 ? moved < length : done < 0 && errno == EINTR) {
+    done = once(descriptor, buffer + moved, length - moved, at == kHere ? kHere : at + static_cast<off_t>(moved));
+    if (done > 0) moved += static_cast<size_t>(done);
+  }
+  transfer.bytes = static_cast<DWORD>(moved);
+  if (done < 0) transfer.error = ErrorFromErrno(errno);
+  return transfer;
+}
+
+Transfer Read(const File& file, void* buffer, DWORD length, off_t at) {
+  auto* bytes = static_cast<char*>(buffer);
+  const ssize_t done = ReadOnce(file.descriptor(), bytes, length, at);
+  if (IsAll(done, length)) return {length, ERROR_SUCCESS};
+  // Less than asked is the end of the file, unless it stops where a page of the buffer begins.
+  if (done >= 0 && done < kMostAtOnce && (reinterpret_cast<uintptr_t>(bytes + done) & (kPage - 1)) != 0)
+    return {static_cast<DWORD>(done), ERROR_SUCCESS};
+  Transfer transfer = MoveRest(ReadOnce, file.descriptor(), bytes, length, at, done);
+  if (transfer.error && at == kHere) lseek(file.descriptor(), -static_cast<off_t>(transfer.bytes), SEEK_CUR);
+  if (transfer.error) transfer.bytes = 0;
+  return transfer;
+}
+
+Transfer Write(const File& file, const void* buffer, DWORD length, off_t at) {
+  if (length == 0) return {};
+  const auto* bytes = static_cast<const char*>(buffer);
+  const ssize_t done = WriteOnce(file.descriptor(), bytes, length, at);
+  if (IsAll(done, length)) return {length, ERROR_SUCCESS};
+  Transfer transfer = MoveRest(WriteOnce, file.descriptor(), bytes, length, at, done);
+  if (transfer.error == ERROR_NOACCESS) transfer.error = ERROR_INVALID_USER_BUFFER;
+  return transfer;
+}
+
+off_t Position(int descriptor) { return lseek(descriptor, 0, SEEK_CUR); }
+
+// Where the transfer begins as a number, for the locks of others.
+DWORD CheckRanges(const File& file, DWORD length, off_t at, bool writing) {
+  return file.CheckRanges(length, writing, [&] { return at == kHere ? Position(file.descriptor()) : at; });
+}
+
+constexpr DWORD kStatusEndOfFile = 0xC0000011;
+constexpr DWORD kStatusOfError = 0xC0070000;  // plus the Win32 error
+
+off_t OffsetOf(const File& file, const OVERLAPPED& overlapped, bool writing) {
+  const bool atEnd = overlapped.Offset == MAXDWORD && overlapped.OffsetHigh == MAXDWORD;
+  if (writing && atEnd) {
+    FileStatus status;
+    return ReadStatus(file.descriptor(), status) == 0 ? static_cast<off_t>(status.size) : 0;
+  }
+  return static_cast<off_t>(static_cast<ULONGLONG>(overlapped.OffsetHigh) << 32 | overlapped.Offset);
+}
+
+void KeepResult(OVERLAPPED& overlapped, const Transfer& transfer) {
+  overlapped.InternalHigh = transfer.bytes;
+  overlapped.Internal = transfer.error == ERROR_HANDLE_EOF ? kStatusEndOfFile
+                        : transfer.error                   ? kStatusOfError | transfer.error
+                                                           : 0;
+}
+
+// With an offset of the caller's. On a synchronous handle the position moves behind the data. An overlapped one is told
+// that the transfer goes on, and finds its end at once.
+template <class Move>
+Transfer MoveAt(const File& file, DWORD length, OVERLAPPED& overlapped, bool writing, Move move) {
+  const off_t at = OffsetOf(file, overlapped, writing);
+  if (at < 0) return {0, ERROR_INVALID_PARAMETER};
+  if (const DWORD error = CheckRanges(file, length, at, writing)) return {0, error};
+  Transfer transfer = move(at);
+  if (!writing && !transfer.error && transfer.bytes == 0 && length > 0) transfer.error = ERROR_HANDLE_EOF;
+  KeepResult(overlapped, transfer);
+  const bool started = !transfer.error || transfer.error == ERROR_HANDLE_EOF;
+  if (!file.overlapped()) {
+    if (started) lseek(file.descriptor(), at + transfer.bytes, SEEK_SET);
+  } else if (started) {
+    if (overlapped.hEvent) SetEvent(overlapped.hEvent);
+    transfer = {0, ERROR_IO_PENDING};
+  }
+  return transfer;
+}
+
+template <class Move>
+Transfer Perform(const File& file, DWORD length, OVERLAPPED* overlapped, bool writing, Move move) {
+  if (!(writing ? file.MayWrite() : file.MayRead())) return {0, ERROR_ACCESS_DENIED};
+  if (overlapped) return MoveAt(file, length, *overlapped, writing, move);
+  if (file.overlapped()) return {0, ERROR_INVALID_PARAMETER};
+  if (const DWORD error = CheckRanges(file, length, kHere, writing)) return {0, error};
+  return move(kHere);
+}
+
+BOOL Finish(DWORD error) {
+  if (error) SetLastError(error);
+  return error == ERROR_SUCCESS;
+}
+
+// Runs `use` on the file behind a handle.
+template <class Use>
+BOOL WithFile(HANDLE handle, Use use) {
+  const Pin pin(handle);
+  const auto* file = pin.As<File>(Kind::kFile);
+  return Finish(file ? use(*file) : ERROR_INVALID_HANDLE);
+}
+
+DWORD SetPosition(int descriptor, LONGLONG distance, LARGE_INTEGER* position, DWORD method) {
+  constexpr int kWhence[] = {SEEK_SET, SEEK_CUR, SEEK_END};
+  if (method > FILE_END) return ERROR_INVALID_PARAMETER;
+  const off_t at = lseek(descriptor, distance, kWhence[method]);
+  if (at < 0) return errno == EINVAL || errno == EOVERFLOW ? ERROR_NEGATIVE_SEEK : ErrorFromErrno(errno);
+  if (position) position->QuadPart = at;
+  return ERROR_SUCCESS;
+}
+
+DWORD EndFileHere(const File& file) {
+  if (!file.MayWrite()) return ERROR_ACCESS_DENIED;
+  FileStatus status;
+  if (const int error = ReadStatus(file.descriptor(), status)) return ErrorFromErrno(error);
+  const off_t end = Position(file.descriptor()), size = static_cast<off_t>(status.size);
+  if (end > size) return GrowFile(file.descriptor(), size, end);
+  return end == size || ftruncate(file.descriptor(), end) == 0 ? ERROR_SUCCESS : ErrorFromErrno(errno);
+}
+
+}  // namespace
+}  // namespace qel::layer
+
+using namespace qel::layer;
+
+BOOL ReadFile(HANDLE handle, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead, LPOVERLAPPED overlapped) {
+  if (bytesRead) *bytesRead = 0;
+  return WithFile(handle, [&](const File& file) {
+    const Transfer transfer =
+        Perform(file, bytesToRead, overlapped, false, [&](off_t at) { return Read(file, buffer, bytesToRead, at); });
+    if (bytesRead) *bytesRead = transfer.bytes;
+    return transfer.error;
+  });
+}
+
+BOOL WriteFile(HANDLE handle, LPCVOID buffer, DWORD bytesToWrite, LPDWORD bytesWritten, LPOVERLAPPED overlapped) {
+  if (bytesWritten) *bytesWritten = 0;
+  return WithFile(handle, [&](const File& file) {
+    const Transfer transfer =
+        Perform(file, bytesToWrite, overlapped, true, [&](off_t at) { return Write(file, buffer, bytesToWrite, at); });
+    if (bytesWritten) *bytesWritten = transfer.bytes;
+    return transfer.error;
+  });
+}
+
+BOOL GetOverlappedResult(HANDLE handle, LPOVERLAPPED overlapped, LPDWORD bytes, BOOL) {
+  return WithFile(handle, [&](const File&) -> DWORD {
+    *bytes = overlapped->InternalHigh;
+    if (overlapped->Internal == kStatusEndOfFile) return ERROR_HANDLE_EOF;
+    return overlapped->Internal & 0xFFFF;
+  });
+}
+
+BOOL SetFilePointerEx(HANDLE handle, LARGE_INTEGER distance, PLARGE_INTEGER position, DWORD method) {
+  return WithFile(
+      handle, [&](const File& file) { return SetPosition(file.descriptor(), distance.QuadPart, position, method); });
+}
+
+BOOL GetFileSizeEx(HANDLE handle, PLARGE_INTEGER size) {
+  return WithFile(handle, [&](const File& file) -> DWORD {
+    FileStatus status;
+    if (const int error = ReadStatus(file.descriptor(), status)) return ErrorFromErrno(error);
+    size->QuadPart = static_cast<LONGLONG>(status.size);
+    return ERROR_SUCCESS;
+  });
+}
+
+BOOL SetEndOfFile(HANDLE handle) { return WithFile(handle, EndFileHere); }
+
+BOOL FlushFileBuffers(HANDLE handle) {
+  return WithFile(handle, [](const File& file) -> DWORD {
+    if (!file.MayWrite()) return ERROR_ACCESS_DENIED;
+    return fsync(file.descriptor()) == 0 || errno == EINVAL ? ERROR_SUCCESS : ErrorFromErrno(errno);
+  });
+}

@@ -1,0 +1,103 @@
+#include "platform/linux/file_copy.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+#include <new>
+
+#include "platform/linux/error.h"
+#include "platform/linux/file.h"
+#include "platform/linux/open_file.h"
+
+namespace qel::layer {
+namespace {
+
+constexpr size_t kLargestPart = 1u << 30;
+constexpr size_t kBufferSize = 256 * 1024;
+
+bool CannotCopyInKernel(int error) {
+  return error == EXDEV || error == EINVAL || error == ENOSYS || error == EOPNOTSUPP || error == EPERM;
+}
+
+DWORD CopyThroughBuffer(int from, int to) {
+  const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kBufferSize]);
+  if (!buffer) return ERROR_NOT_ENOUGH_MEMORY;
+  for (;;) {
+    const ssize_t got = read(from, buffer.get(), kBufferSize);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return got == 0 ? ERROR_SUCCESS : ErrorFromErrno(errno);
+    for (ssize_t done = 0; done < got;) {
+      const ssize_t written = write(to, buffer.get() + done, static_cast<size_t>(got - done));
+      if (written < 0 && errno != EINTR) return ErrorFromErrno(errno);
+      if (written > 0) done += written;
+    }
+  }
+}
+
+// In the kernel as far as that goes, the rest through a buffer: both sides keep their positions. Some special files
+// have a size of 0 and contents all the same; the kernel copies nothing of them.
+DWORD CopyContents(int from, int to) {
+  for (bool any = false;; any = true) {
+    const ssize_t copied = copy_file_range(from, nullptr, to, nullptr, kLargestPart, 0);
+    if (copied > 0 || (copied < 0 && errno == EINTR)) continue;
+    if (copied == 0) return any ? ERROR_SUCCESS : CopyThroughBuffer(from, to);
+    return CannotCopyInKernel(errno) ? CopyThroughBuffer(from, to) : ErrorFromErrno(errno);
+  }
+}
+
+// Write time and attributes become those of the source.
+DWORD CopyProperties(const FileStatus& source, int from, const OpenedFile& target) {
+  FileStatus status;
+  if (const int error = ReadStatus(target.descriptor(), status)) return ErrorFromErrno(error);
+  const DWORD attributes = AttributesOf(source, from);
+  if (attributes != AttributesOf(status, target.descriptor()))
+    if (const int error = WriteAttributes(target.descriptor(), status, attributes)) return ErrorFromErrno(error);
+  struct stat times;
+  if (fstat(from, &times) != 0) return ErrorFromErrno(errno);
+  const timespec changes[] = {{0, UTIME_OMIT}, times.st_mtim};
+  return futimens(target.descriptor(), changes) == 0 ? ERROR_SUCCESS : ErrorFromErrno(errno);
+}
+
+bool SameName(const FileStatus& source, const SystemPath& target) {
+  FileStatus existing;
+  return ReadStatus(AT_FDCWD, target.text(), 0, existing) == 0 && existing.SameFile(source);
+}
+
+DWORD CopyInto(const OpenedFile& source, const OpenedFile& target) {
+  const off_t all = static_cast<off_t>(source.status().size);
+  if (source.rangesLocked())
+    if (const DWORD error = CheckRange(source.descriptor(), 0, all > 0 ? all : 1, false)) return error;
+  if (const DWORD error = CopyContents(source.descriptor(), target.descriptor())) return error;
+  return CopyProperties(source.status(), source.descriptor(), target);
+}
+
+}  // namespace
+
+DWORD CopyFileByPath(const SystemPath& sourcePath, const SystemPath& targetPath, bool failIfExists) {
+  OpenedFile source, target;
+  OpenRequest request{{kReading, kAllRights}, OPEN_EXISTING};
+  if (const DWORD error = source.Open(sourcePath, request)) return error;
+  if (!failIfExists && SameName(source.status(), targetPath)) return ERROR_SHARING_VIOLATION;
+  request = {{kWriting, kReading}, failIfExists ? CREATE_NEW : CREATE_ALWAYS};
+  request.permissions = (source.status().mode & 0777) | S_IWUSR;
+  if (const DWORD error = target.Open(targetPath, request)) return error;
+  const DWORD error = CopyInto(source, target);
+  if (error) unlink(targetPath.text());
+  return error;
+}
+
+}  // namespace qel::layer
+
+using namespace qel::layer;
+
+BOOL CopyFileW(LPCWSTR existing, LPCWSTR target, BOOL failIfExists) {
+  SystemPath from, to;
+  DWORD error = from.ParseFile(existing);
+  if (!error) error = to.ParseFile(target);
+  if (!error) error = CopyFileByPath(from, to, failIfExists != FALSE);
+  SetLastError(error);
+  return error == ERROR_SUCCESS;
+}

@@ -1,0 +1,11 @@
+/// @file
+/// Copying a file by its system paths.
+#pragma once
+#include "platform/linux/path.h"
+
+namespace qel::layer {
+
+/// Returns the Win32 error. A copy that fails midway leaves no target.
+DWORD CopyFileByPath(const SystemPath& source, const SystemPath& target, bool failIfExists);
+
+}  // namespace qel::layer

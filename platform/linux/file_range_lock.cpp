@@ -1,0 +1,184 @@
+// LockFileEx and UnlockFileEx. The kernel's locks merge and split; Win32's are unlocked as they were locked, so each
+// handle keeps a list of its own.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <mutex>
+#include <new>
+#include <vector>
+
+#include "platform/linux/error.h"
+#include "platform/linux/file.h"
+#include "platform/linux/open_file.h"
+
+namespace qel::layer {
+
+constinit std::atomic<bool> File::g_rangesEverLocked{false};
+
+class RangeLocks {
+ public:
+  explicit RangeLocks(int descriptor) : descriptor_(descriptor) {}
+  ~RangeLocks() {
+    if (writable_ >= 0) close(writable_);
+  }
+
+  /// The descriptor that the own locks are not in the way of.
+  int descriptor() const { return writable_ >= 0 ? writable_.load() : descriptor_; }
+  DWORD Lock(off_t from, off_t to, bool exclusive, bool wait);
+  DWORD Unlock(off_t from, off_t to);
+
+ private:
+  struct Range {
+    off_t from, to;
+    bool exclusive;
+    bool Overlaps(const Range& other) const { return from < other.to && other.from < to; }
+  };
+  DWORD Place(const Range& range, bool wait);
+  int DescriptorFor(const Range& range);
+
+  const int descriptor_;
+  std::atomic<int> writable_{-1};  // an exclusive lock needs a descriptor that writes
+  std::mutex mutex_;
+  std::vector<Range> held_;
+};
+
+namespace {
+struct flock KernelRange(short type, off_t from, off_t to) {
+  struct flock range = {};
+  range.l_type = type;
+  range.l_whence = SEEK_SET;
+  range.l_start = from;
+  range.l_len = to - from;
+  return range;
+}
+}  // namespace
+
+int RangeLocks::DescriptorFor(const Range& range) {
+  if (!range.exclusive || (fcntl(descriptor_, F_GETFL) & O_ACCMODE) != O_RDONLY) return descriptor_;
+  if (writable_ < 0) {
+    char name[32];
+    std::snprintf(name, sizeof name, "/proc/self/fd/%d", descriptor_);
+    writable_ = open(name, O_RDWR | O_CLOEXEC);
+  }
+  return writable_;
+}
+
+DWORD RangeLocks::Place(const Range& range, bool wait) {
+  const int descriptor = DescriptorFor(range);
+  if (descriptor < 0) return ERROR_ACCESS_DENIED;
+  struct flock kernel = KernelRange(range.exclusive ? F_WRLCK : F_RDLCK, range.from, range.to);
+  int result;
+  do result = fcntl(descriptor, wait ? F_OFD_SETLKW : F_OFD_SETLK, &kernel);
+  while (result != 0 && errno == EINTR);
+  if (result == 0) return ERROR_SUCCESS;
+  return errno == EAGAIN || errno == EACCES ? ERROR_LOCK_VIOLATION : ErrorFromErrno(errno);
+}
+
+DWORD RangeLocks::Lock(off_t from, off_t to, bool exclusive, bool wait) {
+  const Range range{from, to, exclusive};
+  {
+    const std::lock_guard lock(mutex_);
+    for (const Range& held : held_)
+      if (held.Overlaps(range) && (held.exclusive || exclusive)) return ERROR_LOCK_VIOLATION;
+    held_.reserve(held_.size() + 1);
+  }
+  if (const DWORD error = Place(range, wait)) return error;
+  const std::lock_guard lock(mutex_);
+  if (held_.empty()) MarkRangesLocked(descriptor_, true);
+  held_.push_back(range);
+  return ERROR_SUCCESS;
+}
+
+DWORD RangeLocks::Unlock(off_t from, off_t to) {
+  const std::lock_guard lock(mutex_);
+  auto found = held_.begin();
+  while (found != held_.end() && (found->from != from || found->to != to)) ++found;
+  if (found == held_.end()) return ERROR_NOT_LOCKED;
+  const Range freed = *found;
+  struct flock kernel = KernelRange(F_UNLCK, freed.from, freed.to);
+  fcntl(freed.exclusive ? DescriptorFor(freed) : descriptor_, F_OFD_SETLK, &kernel);
+  held_.erase(found);
+  for (const Range& held : held_)  // the rest of shared locks that overlapped it
+    if (held.Overlaps(freed)) Place(held, false);
+  if (held_.empty()) MarkRangesLocked(descriptor_, false);
+  return ERROR_SUCCESS;
+}
+
+RangeLocks* File::Ranges() {
+  RangeLocks* ranges = ranges_.load();
+  if (ranges) return ranges;
+  auto* fresh = new (std::nothrow) RangeLocks(descriptor());
+  if (!fresh) return nullptr;
+  if (ranges_.compare_exchange_strong(ranges, fresh)) return fresh;
+  delete fresh;
+  return ranges;
+}
+
+int File::RangeDescriptor() const {
+  const RangeLocks* ranges = ranges_.load();
+  return ranges ? ranges->descriptor() : descriptor();
+}
+
+void File::FreeRangeLocks() { delete ranges_.load(); }
+
+namespace {
+
+// From the parts of a call to [from, to); the kernel's offsets end before Win32's do.
+struct Bounds {
+  off_t from, to;
+  bool valid;
+};
+Bounds BoundsOf(const OVERLAPPED& overlapped, DWORD low, DWORD high) {
+  const ULONGLONG from = static_cast<ULONGLONG>(overlapped.OffsetHigh) << 32 | overlapped.Offset;
+  const ULONGLONG length = static_cast<ULONGLONG>(high) << 32 | low;
+  constexpr auto kEnd = static_cast<ULONGLONG>(kEndOfRanges);
+  if (from >= kEnd || length == 0) return {0, 0, false};
+  const ULONGLONG to = length > kEnd - from ? kEnd : from + length;
+  return {static_cast<off_t>(from), static_cast<off_t>(to), true};
+}
+
+template <class Use>
+BOOL UseRanges(HANDLE handle, const OVERLAPPED* overlapped, DWORD low, DWORD high, Use use) {
+  DWORD error = ERROR_INVALID_HANDLE;
+  Reference<File> file;  // the call may wait
+  {
+    const Pin pin(handle);
+    file = Reference<File>::Share(pin.As<File>(Kind::kFile));
+  }
+  if (file) {
+    const Bounds bounds = overlapped ? BoundsOf(*overlapped, low, high) : Bounds{0, 0, false};
+    RangeLocks* ranges = bounds.valid ? file->Ranges() : nullptr;
+    try {
+      error = !bounds.valid ? ERROR_INVALID_PARAMETER : ranges ? use(*ranges, bounds) : ERROR_NOT_ENOUGH_MEMORY;
+    } catch (const std::bad_alloc&) {
+      error = ERROR_NOT_ENOUGH_MEMORY;
+    }
+  }
+  if (error) SetLastError(error);
+  return error == ERROR_SUCCESS;
+}
+
+}  // namespace
+}  // namespace qel::layer
+
+using namespace qel::layer;
+
+BOOL LockFileEx(HANDLE file, DWORD flags, DWORD, DWORD bytesLow, DWORD bytesHigh, LPOVERLAPPED overlapped) {
+  if (flags & ~(LOCKFILE_FAIL_IMMEDIATELY | LOCKFILE_EXCLUSIVE_LOCK)) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return FALSE;
+  }
+  return UseRanges(file, overlapped, bytesLow, bytesHigh, [&](RangeLocks& ranges, const Bounds& bounds) {
+    File::NoteRangeLock();
+    return ranges.Lock(bounds.from, bounds.to, (flags & LOCKFILE_EXCLUSIVE_LOCK) != 0,
+                       (flags & LOCKFILE_FAIL_IMMEDIATELY) == 0);
+  });
+}
+
+BOOL UnlockFileEx(HANDLE file, DWORD, DWORD bytesLow, DWORD bytesHigh, LPOVERLAPPED overlapped) {
+  return UseRanges(file, overlapped, bytesLow, bytesHigh,
+                   [](RangeLocks& ranges, const Bounds& bounds) { return ranges.Unlock(bounds.from, bounds.to); });
+}

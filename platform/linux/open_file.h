@@ -1,0 +1,101 @@
+/// @file
+/// The opening of files, for CreateFileW and for the calls that open one themselves, and the object behind a file
+/// handle.
+#pragma once
+#include <atomic>
+#include <memory>
+
+#include "platform/linux/file_attributes.h"
+#include "platform/linux/file_sharing.h"
+#include "platform/linux/handle_table.h"
+#include "platform/linux/path.h"
+#include "platform/linux/types.h"
+
+namespace qel::layer {
+
+/// What an open asks for. Access 0 only asks about the file: no share mode is tested, and it is in nobody's way.
+struct OpenRequest {
+  ShareMode mode;
+  DWORD disposition;
+  DWORD attributes = 0;  // of a file that is made
+  bool folders = false;  // may be a folder
+  bool deletes = false;  // at the close
+  bool writesThrough = false;
+  mode_t permissions = 0666;  // of a file that is made
+};
+
+/// An open descriptor with its place among the others of its file. It leaves and closes at the end of the scope.
+class OpenedFile {
+ public:
+  OpenedFile() = default;
+  OpenedFile(OpenedFile&& other) noexcept;
+  OpenedFile& operator=(const OpenedFile&) = delete;
+  ~OpenedFile();
+
+  /// Returns the Win32 error. A read-only file is not opened for writing, whoever asks.
+  DWORD Open(const SystemPath& path, const OpenRequest& request);
+
+  int descriptor() const { return descriptor_; }
+  bool existed() const { return existed_; }
+  bool rangesLocked() const { return rangesLocked_; }
+  unsigned access() const { return mode_.access; }
+  /// Of a file that existed: before it was emptied.
+  const FileStatus& status() const { return status_; }
+
+ private:
+  DWORD OpenDescriptor(const SystemPath& path, const OpenRequest& request);
+  int OpenExisting(const SystemPath& path, const OpenRequest& request) const;
+  DWORD Enter(const OpenRequest& request);
+  DWORD CheckExisting(const OpenRequest& request) const;
+  DWORD SetContentsAndAttributes(const OpenRequest& request);
+  void Close();
+
+  int descriptor_ = -1;
+  bool entered_ = false, existed_ = false, rangesLocked_ = false;
+  ShareMode mode_ = {};
+  FileStatus status_;
+};
+
+class RangeLocks;
+
+/// What a file handle stands for. Its position is the descriptor's.
+class File final : public Object {
+ public:
+  File(OpenedFile&& opened, bool overlapped);
+
+  int descriptor() const { return opened_.descriptor(); }
+  bool MayRead() const { return (opened_.access() & kReading) != 0; }
+  bool MayWrite() const { return (opened_.access() & kWriting) != 0; }
+  bool overlapped() const { return overlapped_; }
+
+  /// Another handle's range lock that is in the way of this use. Costs nothing as long as no handle of this process has
+  /// ever locked a range and none of another process had when this file was opened; a range that another process locks
+  /// later is then not seen.
+  template <class From>
+  DWORD CheckRanges(DWORD length, bool writing, From from) const {
+    if (!checksRanges_ && !g_rangesEverLocked.load(std::memory_order_relaxed)) return 0;
+    return CheckRange(RangeDescriptor(), from(), length, writing);
+  }
+  static void NoteRangeLock() { g_rangesEverLocked.store(true); }
+  /// The locks of this handle; made at the first use. Null without memory.
+  RangeLocks* Ranges();
+
+  /// False without memory.
+  bool DeleteOnClose(const SystemPath& path);
+
+ private:
+  ~File() override;
+  void FreeRangeLocks();
+  int RangeDescriptor() const;
+  static constinit std::atomic<bool> g_rangesEverLocked;
+
+  OpenedFile opened_;
+  const bool overlapped_, checksRanges_;
+  std::atomic<RangeLocks*> ranges_{nullptr};
+  std::unique_ptr<char[]> deletedName_;
+};
+
+/// Lengthens a file with all its blocks, so that a full disk is known now and not at a later write into a view.
+DWORD GrowFile(int descriptor, off_t from, off_t to);
+
+}  // namespace qel::layer

@@ -1,0 +1,111 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cwchar>
+
+#include "platform/linux/error.h"
+#include "platform/linux/file.h"
+#include "platform/linux/path.h"
+#include "platform/linux/text.h"
+
+namespace qel::layer {
+namespace {
+
+constexpr size_t kLongestFolder = MAX_PATH - 14;
+constexpr unsigned kNumbers = 0xFFFF;
+
+// The folder with a separator of its own kind, and the first three characters of the prefix.
+DWORD Begin(LPCWSTR folder, LPCWSTR prefix, wchar_t* name, size_t& length) {
+  SystemPath path;
+  struct stat status;
+  const size_t size = std::wcslen(folder);
+  if (size > kLongestFolder) return ERROR_BUFFER_OVERFLOW;
+  if (path.Parse(folder) || stat(path.text(), &status) != 0 || !S_ISDIR(status.st_mode)) return ERROR_DIRECTORY;
+  std::wmemcpy(name, folder, size);
+  length = size;
+  if (!IsSeparator(name[length - 1])) name[length++] = name[0] == L'/' ? L'/' : L'\\';
+  for (int i = 0; prefix && i < 3 && prefix[i]; ++i) name[length++] = prefix[i];
+  return ERROR_SUCCESS;
+}
+
+void End(wchar_t* name, size_t length, unsigned number) {
+  std::swprintf(name + length, MAX_PATH - length, L"%X.tmp", number);
+}
+
+// Other processes count from other numbers.
+unsigned FirstNumber() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<unsigned>(now.tv_nsec / 1000 + now.tv_sec * 61 + getpid() * 257) % kNumbers;
+}
+
+DWORD MakeFile(wchar_t* name, size_t length, unsigned& number) {
+  const unsigned first = FirstNumber();
+  for (unsigned i = 0; i < kNumbers; ++i) {
+    number = (first + i) % kNumbers + 1;
+    End(name, length, number);
+    SystemPath path;
+    if (const DWORD error = path.Parse(name)) return error;
+    const int descriptor = open(path.text(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (descriptor >= 0) {
+      close(descriptor);
+      return ERROR_SUCCESS;
+    }
+    if (errno != EEXIST) return PathError(errno, path);
+  }
+  return ERROR_FILE_EXISTS;
+}
+
+// Returns the number, 0 with the error in `error`.
+unsigned TempFileName(LPCWSTR folder, LPCWSTR prefix, UINT unique, wchar_t* name, DWORD& error) {
+  size_t length = 0;
+  unsigned number = unique & kNumbers;
+  name[0] = 0;
+  error = Begin(folder, prefix, name, length);
+  if (!error && number != 0)
+    End(name, length, number);
+  else if (!error)
+    error = MakeFile(name, length, number);
+  if (error) name[0] = 0;
+  return error ? 0 : number;
+}
+
+}  // namespace
+}  // namespace qel::layer
+
+using namespace qel::layer;
+
+UINT GetTempFileNameW(LPCWSTR folder, LPCWSTR prefix, UINT unique, LPWSTR name) {
+  if (!folder || !name) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
+  DWORD error;
+  wchar_t made[MAX_PATH];
+  const unsigned number = TempFileName(folder, prefix, unique, made, error);
+  std::wcscpy(name, made);
+  if (error || (unique & kNumbers) == 0) SetLastError(error);
+  return number;
+}
+
+UINT GetTempFileNameA(LPCSTR folder, LPCSTR prefix, UINT unique, LPSTR name) {
+  wchar_t wideFolder[MAX_PATH], widePrefix[MAX_PATH], made[MAX_PATH];
+  if (!folder || !MultiByteToWideChar(CP_ACP, 0, folder, -1, wideFolder, MAX_PATH)) {
+    SetLastError(folder ? ERROR_BUFFER_OVERFLOW : ERROR_DIRECTORY);
+    return 0;
+  }
+  if (!prefix || !MultiByteToWideChar(CP_ACP, 0, prefix, -1, widePrefix, MAX_PATH)) widePrefix[0] = 0;
+  const UINT number = GetTempFileNameW(wideFolder, widePrefix, unique, made);
+  // As on Windows the caller's room is MAX_PATH, in characters of this code page.
+  if (number && !WideCharToMultiByte(CP_ACP, 0, made, -1, name, MAX_PATH, nullptr, nullptr)) {
+    if ((unique & kNumbers) == 0) DeleteFileW(made);
+    SetLastError(ERROR_BUFFER_OVERFLOW);
+    return 0;
+  }
+  if (!number && name) *name = 0;
+  return number;
+}

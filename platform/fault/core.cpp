@@ -183,19 +183,29 @@ Translator SetTranslator(Translator translator) {
   return previous;
 }
 
-void ThrowInGuard(GuardFrame& guard, const EXCEPTION_RECORD& record, const CONTEXT& context) {
+// The thread is "interrupted" in here, so that the unwinder finds every register of the callers.
+__attribute__((noinline)) void ThrowInGuard(GuardFrame& guard, const EXCEPTION_RECORD& record, const CONTEXT& context) {
   guard.state = (guard.state & kThrown) | kSearching;
   guard.record = record;
   guard.context = context;
-  guard.StartAt(context);
-  guard.eip -= 1;  // a return address: the call before it counts
   __asm__ __volatile__(
-      "movl %0, %%ebp\n\t"
-      "subl %2, %%esp\n\t"
-      "andl %3, %%esp\n\t"
-      "jmp *%1"
+      "call 1f\n"
+      "1:\tpopl %c[eip](%[guard])\n\t"
+      "movl %%esp, %c[esp](%[guard])\n\t"
+      "movl %%ebp, %c[ebp](%[guard])\n\t"
+      "movl %%ebx, %c[ebx](%[guard])\n\t"
+      "movl %%esi, %c[esi](%[guard])\n\t"
+      "movl %%edi, %c[edi](%[guard])\n\t"
+      "movl %[guard], %%ebp\n\t"
+      "subl %[redZone], %%esp\n\t"
+      "andl %[alignment], %%esp\n\t"
+      "jmp *%[thunk]"
       :
-      : "r"(&guard), "r"(fault_thunk), "i"(kRedZoneBytes), "i"(-kStackAlignment)
+      : [guard] "r"(&guard), [thunk] "r"(fault_thunk), [eip] "i"(offsetof(GuardFrame, eip)),
+        [esp] "i"(offsetof(GuardFrame, esp)), [ebp] "i"(offsetof(GuardFrame, ebp)),
+        [ebx] "i"(offsetof(GuardFrame, ebx)), [esi] "i"(offsetof(GuardFrame, esi)),
+        [edi] "i"(offsetof(GuardFrame, edi)), [redZone] "i"(kRedZoneBytes),
+        [alignment] "i"(-static_cast<int>(kStackAlignment))
       : "memory");
   __builtin_unreachable();
 }

@@ -51,9 +51,10 @@ static_assert(offsetof(GuardFrame, frame) == 8 && offsetof(GuardFrame, eip) == 1
 // Given by the front end.
 Translator ThreadTranslator();
 void SetThreadTranslator(Translator translator);
+GuardFrame* InnermostGuard();          // of the thread; null when there is none, or foreign frames are further in
 void PrepareThrow(GuardFrame* guard);  // whatever the system needs before frames are skipped
 
-// Goes on as if the thread had been interrupted at the context's address, in `guard`.
+// Goes on as after a fault of the calling function, with this record and context.
 [[noreturn]] void ThrowInGuard(GuardFrame& guard, const EXCEPTION_RECORD& record, const CONTEXT& context);
 
 // Throws for `pointers` if a handler up the stack takes the exception; otherwise returns and has changed nothing.

@@ -23,62 +23,18 @@ thread_local constinit FaultThread t_faultThread __attribute__((tls_model("initi
 
 namespace {
 
-constexpr int kSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL};
 constexpr size_t kSignalStackBytes = 128 * 1024;  // a filter writes its report on it
 constexpr size_t kSpareStackBytes = 64 * 1024;
 constexpr uintptr_t kThrowerBytes = 16 * 1024;  // what the thrower and the unwinder may need
 constexpr uintptr_t kLargestFrame = 64 * 1024;  // how far below ESP an overflow may touch
 
-// Who had a signal before us: at the first time, and at the latest.
-struct Former {
-  struct sigaction original;
-  struct sigaction current;
-  bool known;
-};
-constinit Former g_former[NSIG] = {};
-constinit pthread_mutex_t g_claimMutex = PTHREAD_MUTEX_INITIALIZER;
 constinit LPTOP_LEVEL_EXCEPTION_FILTER g_filter = nullptr;
-
-bool IsFunction(const struct sigaction& action) {
-  return (action.sa_flags & SA_SIGINFO) || (action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN);
-}
-
-void SetDefault(int signal) {
-  struct sigaction action {};
-  action.sa_handler = SIG_DFL;
-  sigaction(signal, &action, nullptr);
-}
 
 // A handler of the host that passes on what it does not want calls us as the former handler, with what it got itself.
 // Only a delivery by the kernel returns to its trampoline: mov $__NR_rt_sigreturn, %eax; int $0x80.
 bool IsDelivery(const void* returnAddress) {
   static constexpr unsigned char kTrampoline[] = {0xB8, SYS_rt_sigreturn, 0, 0, 0, 0xCD, 0x80};
   return std::memcmp(returnAddress, kTrampoline, sizeof kTrampoline) == 0;
-}
-
-// Does what the system would have done with `action` in place.
-void PassOn(struct sigaction& action, int signal, siginfo_t* info, void* machine) {
-  const bool ofInstruction = info->si_code > 0;
-  if (!IsFunction(action)) {
-    if (action.sa_handler == SIG_IGN && !ofInstruction) return;
-    SetDefault(signal);  // the instruction repeats and ends the process as it should
-    if (!ofInstruction) syscall(SYS_tgkill, getpid(), gettid(), signal);
-    return;
-  }
-  const struct sigaction called = action;
-  if (called.sa_flags & SA_RESETHAND) {
-    action = {};
-    action.sa_handler = SIG_DFL;
-  }
-  sigset_t blocked = called.sa_mask, before;
-  if (!(called.sa_flags & SA_NODEFER)) sigaddset(&blocked, signal);
-  pthread_sigmask(SIG_BLOCK, &blocked, &before);
-  if (called.sa_flags & SA_SIGINFO) {
-    called.sa_sigaction(signal, info, machine);
-  } else {
-    called.sa_handler(signal);
-  }
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 void OfferToFilter(int signal, siginfo_t* info, ucontext_t& machine) {
@@ -97,7 +53,7 @@ void OfferToFilter(int signal, siginfo_t* info, ucontext_t& machine) {
         break;
     }
   }
-  PassOn(g_former[signal].current, signal, info, &machine);
+  PassToHost(signal, info, &machine);
 }
 
 // An access just below (or, in a large frame, a little above) ESP that finds no page: the stack could not grow. Its
@@ -146,53 +102,6 @@ void Redirect(GuardFrame& guard, const FaultThread& thread, int signal, const si
   registers[REG_EIP] = reinterpret_cast<greg_t>(fault_thunk);
 }
 
-void OnSignal(int signal, siginfo_t* info, void* context) {
-  ucontext_t& machine = *static_cast<ucontext_t*>(context);
-  greg_t& eip = machine.uc_mcontext.gregs[REG_EIP];
-  const auto* instruction = reinterpret_cast<const char*>(eip);
-  if (instruction == fault_probe_read_instruction || instruction == fault_probe_write_instruction) {
-    eip = reinterpret_cast<greg_t>(fault_probe_failed);
-    return;
-  }
-  const int savedErrno = errno;
-  FaultThread& thread = t_faultThread;
-  if (!IsDelivery(__builtin_return_address(0))) {
-    PassOn(g_former[signal].original, signal, info, context);
-  } else if (info->si_code <= 0) {  // kill, raise: not of an instruction
-    PassOn(g_former[signal].current, signal, info, context);
-  } else if (thread.innermost) {
-    Redirect(*thread.innermost, thread, signal, *info, machine);
-  } else {
-    OfferToFilter(signal, info, machine);
-  }
-  errno = savedErrno;
-}
-
-bool IsOurs(const struct sigaction& action) {
-  return (action.sa_flags & SA_SIGINFO) && action.sa_sigaction == &OnSignal;
-}
-
-void Claim(int signal) {
-  Former& former = g_former[signal];
-  struct sigaction present;
-  if (sigaction(signal, nullptr, &present) != 0 || IsOurs(present)) return;
-  if (!former.known) former.original = present;
-  former.known = true;
-  former.current = present;
-  struct sigaction ours {};
-  ours.sa_sigaction = &OnSignal;
-  ours.sa_flags = SA_SIGINFO | SA_NODEFER | SA_ONSTACK;
-  sigaction(signal, &ours, nullptr);
-}
-
-// A blocked fault ends the process, whoever would handle it.
-void Unblock() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  for (int signal : kSignals) sigaddset(&signals, signal);
-  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
-}
-
 // The stacks of a thread, freed by the key's destructor: after every thread_local object and again should one of the
 // later destructors have run a guard once more.
 constexpr size_t kStacksBytes = kSignalStackBytes + kSpareStackBytes;
@@ -239,7 +148,7 @@ void FindStack(FaultThread& thread) {
 
 __attribute__((constructor)) void InstallAtLoad() {
   g_haveKey = pthread_key_create(&g_stacksKey, &FreeStacks) == 0;
-  fault::ClaimHandlers();
+  ClaimSignals();
 }
 
 // The guard chain of a thread, from the innermost outwards.
@@ -264,11 +173,33 @@ class GuardLink {
 
 }  // namespace
 
+void OnFaultSignal(int signal, siginfo_t* info, void* context) {
+  ucontext_t& machine = *static_cast<ucontext_t*>(context);
+  greg_t& eip = machine.uc_mcontext.gregs[REG_EIP];
+  const auto* instruction = reinterpret_cast<const char*>(eip);
+  if (instruction == fault_probe_read_instruction || instruction == fault_probe_write_instruction) {
+    eip = reinterpret_cast<greg_t>(fault_probe_failed);
+    return;
+  }
+  const int savedErrno = errno;
+  FaultThread& thread = t_faultThread;
+  if (!IsDelivery(__builtin_return_address(0))) {
+    PassToOriginal(signal, info, context);
+  } else if (info->si_code <= 0) {  // kill, raise: not of an instruction
+    PassToHost(signal, info, context);
+  } else if (thread.innermost) {
+    Redirect(*thread.innermost, thread, signal, *info, machine);
+  } else {
+    OfferToFilter(signal, info, machine);
+  }
+  errno = savedErrno;
+}
+
 void PrepareFaultThread() {
   const int savedErrno = errno;
   FaultThread& thread = t_faultThread;
-  fault::ClaimHandlers();
-  Unblock();
+  ClaimSignals();
+  UnblockSignals();
   FindStack(thread);
   MakeStacks(thread);
   thread.ready = true;
@@ -287,14 +218,10 @@ namespace fault {
 Translator ThreadTranslator() { return qel::layer::t_faultThread.translator; }
 void SetThreadTranslator(Translator translator) { qel::layer::t_faultThread.translator = translator; }
 
+GuardFrame* InnermostGuard() { return qel::layer::t_faultThread.innermost; }
 void PrepareThrow(GuardFrame*) {}
 
-void ClaimHandlers() {
-  pthread_mutex_lock(&qel::layer::g_claimMutex);
-  for (int signal : qel::layer::kSignals) qel::layer::Claim(signal);
-  pthread_mutex_unlock(&qel::layer::g_claimMutex);
-}
-
+void ClaimHandlers() { qel::layer::ClaimSignals(); }
 void ThreadDetach() {}  // the key's destructor does it, for every thread
 
 void RunBody(void (*body)(void*), void* argument) {

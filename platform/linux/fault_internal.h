@@ -23,6 +23,16 @@ extern thread_local constinit FaultThread t_faultThread
 /// First guard or probe of a thread.
 void PrepareFaultThread();
 
+/// The handler of all four signals.
+void OnFaultSignal(int signal, siginfo_t* info, void* machine);
+/// Puts the handler in place where it is not.
+void ClaimSignals();
+/// A fault whose signal is blocked ends the process, whoever would handle it.
+void UnblockSignals();
+/// What is not ours: to the host's present handler; to the one that we found at the first time.
+void PassToHost(int signal, siginfo_t* info, void* machine);
+void PassToOriginal(int signal, siginfo_t* info, void* machine);
+
 /// Fills what Windows would deliver for the signal.
 void FillFault(EXCEPTION_RECORD& record, CONTEXT& context, int signal, const siginfo_t& info,
                const ucontext_t& machine);

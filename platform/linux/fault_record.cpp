@@ -97,6 +97,9 @@ void FillRecord(EXCEPTION_RECORD& record, int signal, const siginfo_t& info, con
       break;
     default:
       record.ExceptionCode = ArithmeticCode(info, machine);
+      // The x87 unit traps at its next instruction; the one that did it is named.
+      if (const SavedFloatingPoint* saved = FloatingPoint(machine); saved && registers[REG_TRAPNO] == kTrapX87)
+        record.ExceptionAddress = reinterpret_cast<void*>(saved->errorOffset);
   }
 }
 

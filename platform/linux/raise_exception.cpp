@@ -31,9 +31,7 @@ int SignalOf(DWORD code) {
 [[noreturn]] void EndProcess(DWORD code) {
   const int signal = SignalOf(code);
   raise(signal);  // to the host's handler, if it has one
-  struct sigaction action {};
-  action.sa_handler = SIG_DFL;
-  sigaction(signal, &action, nullptr);
+  ::signal(signal, SIG_DFL);
   raise(signal);
   _exit(128 + signal);
 }
@@ -50,7 +48,7 @@ extern "C" __attribute__((used, visibility("hidden"))) void fault_raise(CONTEXT*
     record.NumberParameters = std::min<DWORD>(count, EXCEPTION_MAXIMUM_PARAMETERS);
     std::copy_n(arguments, record.NumberParameters, record.ExceptionInformation);
   }
-  if (fault::GuardFrame* guard = qel::layer::t_faultThread.innermost) fault::ThrowInGuard(*guard, record, *context);
+  if (fault::GuardFrame* guard = fault::InnermostGuard()) fault::ThrowInGuard(*guard, record, *context);
 
   EXCEPTION_POINTERS pointers{&record, context};
   fault::ThrowIfCaught(&pointers);

@@ -134,6 +134,13 @@ void Redirect(GuardFrame& guard, const EXCEPTION_RECORD& record, CONTEXT& contex
 Translator ThreadTranslator() { return Slot().Get(); }
 void SetThreadTranslator(Translator translator) { Slot().Set(translator); }
 
+GuardFrame* InnermostGuard() {
+  constexpr DWORD kEndOfChain = 0xFFFFFFFF;
+  auto* head = reinterpret_cast<GuardFrame*>(ChainHead());
+  const bool ours = ChainHead() != kEndOfChain && head->handler == reinterpret_cast<void*>(&fault_seh_handler);
+  return ours ? head : nullptr;
+}
+
 // Lets the SEH frames of foreign code inside the guard run their termination handlers, and drops them from the chain.
 // RtlUnwind keeps no register but ESP.
 void PrepareThrow(GuardFrame* guard) {

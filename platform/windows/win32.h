@@ -26,3 +26,11 @@ extern "C" {
 /// pointers that are not null. Returns 1.
 int __cdecl __control87_2(unsigned int value, unsigned int mask, unsigned int* x87, unsigned int* sse2);
 }
+
+#ifdef QEL_BUILD
+extern "C" {
+/// RaiseException, except that C++ handlers take what is raised, with all destructors run.
+void WINAPI QelRaiseException(DWORD code, DWORD flags, DWORD count, const ULONG_PTR* arguments);
+}
+#define RaiseException QelRaiseException
+#endif

@@ -1,0 +1,59 @@
+// Faults on purpose. Each function faults in a frame of its own below one that it is called from, both with a Witness.
+#pragma once
+#include <iosfwd>
+
+#include "platform/fault/fault.h"
+
+// Neither moved into the caller nor split: the fault must happen where it is written.
+#define OWN_FRAME __attribute__((noipa))
+
+#if defined(__SANITIZE_ADDRESS__)
+#define SKIP_UNDER_ASAN() GTEST_SKIP() << "the sanitizer reports its own access on the broken stack"
+#else
+#define SKIP_UNDER_ASAN() static_cast<void>(0)
+#endif
+
+namespace qel::test {
+
+// Counts the destructors that ran.
+class Witness {
+ public:
+  explicit Witness(int& count) : count_(count) {}
+  Witness(const Witness&) = delete;
+  Witness& operator=(const Witness&) = delete;
+  ~Witness() { Count(count_); }
+
+ private:
+  OWN_FRAME static void Count(int& count) { ++count; }
+  int& count_;
+};
+
+// Not mapped on either target.
+inline constexpr ULONG_PTR kBadAddress = 0x18;
+inline void* BadPointer() {
+  void* volatile pointer = reinterpret_cast<void*>(kBadAddress);
+  return pointer;
+}
+
+struct FaultKind {
+  static constexpr ULONG_PTR kAny = ~ULONG_PTR{0};
+  const char* name;
+  void (*provoke)(int& destroyed);  // two witnesses
+  DWORD code;
+  DWORD parameters;           // at least
+  ULONG_PTR access, address;  // the first two of them, where there are two
+};
+std::ostream& operator<<(std::ostream& stream, const FaultKind& kind);
+
+extern const FaultKind kFaultKinds[];
+extern const size_t kFaultKindCount;
+
+void ReadBadAddress(int& destroyed);
+void FaultInDestructor(int& destroyed);
+void FaultInDestructorWhileUnwinding(int& destroyed);
+void FaultInNoexcept(int& destroyed);
+void FaultWithSmashedFrame();
+void FaultWithDirectionFlag(int& destroyed);
+void OverflowStack(int& destroyed);
+
+}  // namespace qel::test

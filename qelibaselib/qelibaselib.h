@@ -11,4 +11,5 @@
 #include "qelibaselib/settings.h"
 #include "qelibaselib/startup_checks.h"
 #include "qelsystembenchmark/qelsystembenchmark.h"
+#include "watchthreadstat/watchthreadstat.h"
 #include "winapiwrap/winapiwrap.h"

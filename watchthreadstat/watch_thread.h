@@ -1,0 +1,62 @@
+/// @file
+/// What the two watchdogs have in common: their handles and their watcher thread.
+#pragma once
+#include "platform/mfc/thread.h"
+#include "platform/win32.h"
+
+namespace qel::watch {
+
+/// How long a destructor waits for the watcher thread.
+inline constexpr DWORD kThreadEndTimeoutMs = 30000;
+
+/// Owns a handle until it is handed on.
+class ScopedHandle {
+ public:
+  explicit ScopedHandle(HANDLE handle) : handle_(handle) {}
+  ScopedHandle(const ScopedHandle&) = delete;
+  ScopedHandle& operator=(const ScopedHandle&) = delete;
+  ~ScopedHandle() {
+    if (handle_) CloseHandle(handle_);
+  }
+  HANDLE get() const { return handle_; }
+  HANDLE release() {
+    HANDLE handle = handle_;
+    handle_ = nullptr;
+    return handle;
+  }
+
+ private:
+  HANDLE handle_;
+};
+
+/// A real handle of the calling thread, to be closed; null with the last error.
+HANDLE DuplicateCurrentThread();
+
+/// Starts `procedure(param)`; the thread object is the caller's to delete. Null when the thread cannot be made.
+CWinThread* StartWatchThread(AFX_THREADPROC procedure, void* param, int priority);
+
+/// Signals the stop event, gives the thread time to end and deletes the thread object.
+void StopWatchThread(CWinThread* thread, HANDLE stopEvent);
+
+/// Calls `onTimer` for every signal of the timer until the stop event is set.
+template <class OnTimer>
+void RunUntilStopped(HANDLE stopEvent, HANDLE timer, OnTimer&& onTimer) {
+  const HANDLE handles[] = {stopEvent, timer};
+  for (;;) {
+    switch (WaitForMultipleObjects(2, handles, FALSE, INFINITE)) {
+      case WAIT_OBJECT_0:
+        return;
+      case WAIT_OBJECT_0 + 1:
+        onTimer();
+        break;
+      default:
+        static_cast<void>(GetLastError());
+    }
+  }
+}
+
+inline void CloseIfOpen(HANDLE handle) {
+  if (handle) CloseHandle(handle);
+}
+
+}  // namespace qel::watch

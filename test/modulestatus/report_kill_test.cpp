@@ -1,0 +1,68 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <random>
+#include <thread>
+
+#include "qelibaselib/qelibaselib.h"
+#include "test/modulestatus/captured_fault.h"
+#include "test/modulestatus/report_reader.h"
+#include "test/support/child_process.h"
+#include "test/support/log_folder.h"
+#include "test/support/scratch_folder.h"
+
+namespace qel::test {
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::steady_clock;
+
+// A report takes about a second where the debug help reads the symbols anew for each.
+constexpr int kKills = sizeof(wchar_t) == 2 ? 20 : 100;
+
+void WriteReport(CapturedFault& fault) {
+  VemoExceptLogOut(L"killed", "", &fault.record, &fault.context, __LINE__, __FILE__);
+}
+
+CHILD_ROLE(ReportForEver) {
+  LogFolder();
+  Say("ready");
+  for (;;) {
+    CapturedFault captured;
+    Capture(
+        captured, [] { CallReadThrough(nullptr); }, &WriteReport);
+  }
+}
+
+TEST(ReportKill, TheNextReportIsWhole) {
+  LogFolder();
+  const auto file = ChannelFile(channel::kExceptionReport);
+  CapturedFault captured;
+  ASSERT_TRUE(Capture(
+      captured, [] { CallReadThrough(nullptr); }, &WriteReport));
+  const auto start = steady_clock::now();
+  WriteReport(captured);
+  const auto oneReport = std::chrono::duration_cast<std::chrono::microseconds>(steady_clock::now() - start);
+  std::mt19937 random(1);
+  int cut = 0;
+  for (int kill = 0; kill < kKills; ++kill) {
+    ChildProcess child("ReportForEver");
+    ASSERT_EQ(child.WaitForLine(), "ready");
+    std::this_thread::sleep_for(oneReport * (random() % 300) / 100);
+    child.Kill();
+    const auto before = fs::exists(file) ? fs::file_size(file) : 0;
+    const std::string left = ReadWholeFile(file);
+    if (!left.ends_with("\r\n") || left.rfind("= Disk Free Space =") < left.rfind("= File Information =")) ++cut;
+    VemoExceptLogOut(L"next", "", &captured.record, &captured.context, 1, "source.cpp");
+    ReportReader reader(ReadWholeFile(file).substr(before));
+    EXPECT_EQ(ReadExceptionReport(reader).title, "next()");
+    EXPECT_TRUE(reader.AtEnd());
+    ASSERT_FALSE(HasFailure()) << "after kill " << kill;
+    fs::remove(file);
+  }
+  EXPECT_GT(cut, kKills / 10) << "the kills came at the wrong times";
+}
+
+}  // namespace
+}  // namespace qel::test

@@ -5,6 +5,7 @@
 #include "memory/memory.h"
 #include "modulestatus/modulestatus.h"
 #include "platform/win32.h"
+#include "file/file.h"
 #include "qelibaselib/export.h"
 #include "qelibaselib/log_writer.h"
 #include "qelibaselib/processor.h"

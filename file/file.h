@@ -1,0 +1,21 @@
+/// @file
+/// File operations: all exports of this folder.
+///
+/// What holds for all of them:
+/// - `line` and `sourceFile` name the caller's place in its source. They are only copied into log lines.
+/// - The result is that of the Win32 call named. The last error is that call's own, put back after the logging; where
+///   it is 0, or where a function says otherwise, the last error is left as it is.
+/// - Paths are copied into 260 characters (longer ones are cut to 259, null is the empty path) and lose one pair of
+///   enclosing double quotes. Log lines show the caller's text; a null pointer reads "NULL".
+/// - Every failure writes a line to the file-operation channel while the caller waits.
+/// - No exception leaves them. A fault, of a bad pointer for instance, is logged by the guard, and the function returns
+///   what its result was so far, in general its failure value.
+/// - They may be called from any thread; nothing is shared but the log.
+#pragma once
+#include "file/bulk_transfer.h"
+#include "file/directory_tree.h"
+#include "file/flush_calls.h"
+#include "file/mapping_calls.h"
+#include "file/object_file.h"
+#include "file/plain_calls.h"
+#include "file/retrying_calls.h"

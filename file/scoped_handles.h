@@ -1,0 +1,55 @@
+/// @file
+/// Owners of handles. There is one for each failure value and closing call, so that null and INVALID_HANDLE_VALUE are
+/// never mixed up. Closing keeps the last error.
+#pragma once
+#include <utility>
+
+#include "platform/win32.h"
+#include "qelibaselib/guard/saved_error.h"
+
+namespace qel {
+
+template <class Kind>
+class ScopedHandle {
+ public:
+  ScopedHandle() = default;
+  explicit ScopedHandle(HANDLE handle) : handle_(handle) {}
+  ScopedHandle(ScopedHandle&& other) noexcept : handle_(std::exchange(other.handle_, Kind::None())) {}
+  ScopedHandle& operator=(ScopedHandle&& other) noexcept {
+    std::swap(handle_, other.handle_);
+    return *this;
+  }
+  ~ScopedHandle() {
+    if (*this) {
+      PreserveLastError keep;
+      Kind::Close(handle_);
+    }
+  }
+
+  explicit operator bool() const { return handle_ != Kind::None(); }
+  HANDLE Get() const { return handle_; }
+  /// Closes ahead of the scope's end; FALSE when the system refuses.
+  BOOL Close() { return Kind::Close(std::exchange(handle_, Kind::None())); }
+
+ private:
+  HANDLE handle_ = Kind::None();
+};
+
+struct FileKind {
+  static HANDLE None() { return INVALID_HANDLE_VALUE; }
+  static BOOL Close(HANDLE file) { return CloseHandle(file); }
+};
+struct FindKind {
+  static HANDLE None() { return INVALID_HANDLE_VALUE; }
+  static BOOL Close(HANDLE find) { return FindClose(find); }
+};
+struct MappingKind {
+  static HANDLE None() { return nullptr; }
+  static BOOL Close(HANDLE mapping) { return CloseHandle(mapping); }
+};
+
+using ScopedFile = ScopedHandle<FileKind>;
+using ScopedFind = ScopedHandle<FindKind>;
+using ScopedMapping = ScopedHandle<MappingKind>;
+
+}  // namespace qel

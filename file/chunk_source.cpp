@@ -57,21 +57,25 @@ bool ChunkSource::AllocateBuffer() {
   return Check(buffer_ != nullptr, QEL_HERE);
 }
 
-const void* ChunkSource::Get(Chunk chunk) {
-  if (memory_) return memory_ + chunk.offset;
-  return mapping_ ? View(chunk) : Read(chunk.bytes);
+bool ChunkSource::Get(Chunk chunk, const void*& bytes) {
+  if (usesMemory_) {
+    bytes = memory_ + chunk.offset;
+    return true;
+  }
+  const bool mapped = static_cast<bool>(mapping_);
+  if (!(mapped ? View(chunk) : Read(chunk))) return false;
+  bytes = mapped ? view_->Get() : buffer_;
+  return true;
 }
 
-const void* ChunkSource::View(Chunk chunk) {
+bool ChunkSource::View(Chunk chunk) {
   view_.emplace(caller_, mapping_.Get(), FILE_MAP_READ, chunk.offset, chunk.bytes);
-  Check(static_cast<bool>(*view_), QEL_HERE);
-  return view_->Get();
+  return Check(static_cast<bool>(*view_), QEL_HERE);
 }
 
-const void* ChunkSource::Read(DWORD bytes) {
+bool ChunkSource::Read(Chunk chunk) {
   DWORD bytesRead = 0;
-  return Check(ReadFile(file_.Get(), buffer_, bytes, &bytesRead, nullptr) && bytesRead == bytes, QEL_HERE) ? buffer_
-                                                                                                           : nullptr;
+  return Check(ReadFile(file_.Get(), buffer_, chunk.bytes, &bytesRead, nullptr) && bytesRead == chunk.bytes, QEL_HERE);
 }
 
 void ChunkSource::Finish(int shortageThreshold) {
@@ -95,8 +99,8 @@ ScopedFile CreateTarget(SourcePosition caller, const wchar_t* path, DWORD dispos
 bool CopyChunks(SourcePosition caller, ChunkSource& source, HANDLE target, unsigned long long size,
                 int shortageThreshold) {
   for (const Chunk chunk : Chunks(size)) {
-    const void* bytes = source.Get(chunk);
-    if (!bytes) return false;
+    const void* bytes;
+    if (!source.Get(chunk, bytes)) return false;
     ScopedView view(caller, target, FILE_MAP_ALL_ACCESS, chunk.offset, chunk.bytes);
     if (!Check(static_cast<bool>(view), QEL_HERE)) return false;
     _MemCpy(view.Get(), bytes, chunk.bytes, caller.line, caller.sourceFile);

@@ -18,7 +18,10 @@ class ChunkSource {
   ChunkSource& operator=(const ChunkSource&) = delete;
   ~ChunkSource();
 
-  void UseMemory(const void* bytes) { memory_ = static_cast<const BYTE*>(bytes); }
+  void UseMemory(const void* bytes) {
+    memory_ = static_cast<const BYTE*>(bytes);
+    usesMemory_ = true;
+  }
   bool OpenObject(const wchar_t* name);
   /// Opens a file, which others may read, within 10 s.
   bool OpenFile(const wchar_t* path);
@@ -27,19 +30,20 @@ class ChunkSource {
   /// Maps the open file whole, or allocates the buffer.
   bool PrepareFile(bool map) { return map ? MapFile() : AllocateBuffer(); }
 
-  /// The bytes of a chunk, until Finish. Chunks are asked for in order. Null when they could not be had.
-  const void* Get(Chunk chunk);
+  /// The bytes of a chunk, until Finish. Chunks are asked for in order. False when they could not be had.
+  bool Get(Chunk chunk, const void*& bytes);
   /// Gives the chunk back, a view flushed first when memory is short.
   void Finish(int shortageThreshold);
 
  private:
   bool MapFile();
   bool AllocateBuffer();
-  const void* View(Chunk chunk);
-  const void* Read(DWORD bytes);
+  bool View(Chunk chunk);
+  bool Read(Chunk chunk);
 
   const SourcePosition caller_;
-  const BYTE* memory_ = nullptr;
+  bool usesMemory_ = false;
+  const BYTE* memory_ = nullptr;  // the caller's, not looked at here
   ScopedFile file_;
   unsigned long long fileSize_ = 0;
   ScopedMapping mapping_;

@@ -1,0 +1,224 @@
+#include "test/file/transfer_test.h"
+#include "test/support/open_handles.h"
+
+namespace qel::test {
+namespace {
+
+class BulkTransfer : public FileTest {
+ protected:
+  ScopedFile NewFile(const std::string& name, const std::string& bytes = {}) {
+    WriteWholeFile(folder_.Path() / name, bytes);
+    return ScopedFile(OpenPlain(folder_.Wide(name), GENERIC_READ | GENERIC_WRITE, 3));
+  }
+  static ULONGLONG Position(const ScopedFile& file) {
+    LARGE_INTEGER position;
+    SetFilePointerEx(file.Get(), {}, &position, FILE_CURRENT);
+    return static_cast<ULONGLONG>(position.QuadPart);
+  }
+};
+
+class BulkTransferOfSize : public BulkTransfer, public testing::WithParamInterface<DWORD> {};
+
+// Every way writes exactly the bytes, for sizes around the borders of views.
+TEST_P(BulkTransferOfSize, AllBytesArrive) {
+  const DWORD size = GetParam();
+  const std::string bytes = Pattern(size);
+  const std::wstring source = folder_.Wide("mapped"), target = folder_.Wide("target");
+  const unsigned long handles = OpenHandleCount();
+  ViewRecorder views;
+
+  EXPECT_TRUE(Mem2FileMMF(HOST, bytes.data(), size, source.c_str(), -1));
+  EXPECT_TRUE(FileHolds(folder_.Path() / "mapped", bytes));
+  EXPECT_EQ(views.Views().size(), (size + kChunk - 1) / kChunk);
+  EXPECT_TRUE(Mem2File(HOST, bytes.data(), size, target.c_str()));
+  EXPECT_TRUE(FileHolds(folder_.Path() / "target", bytes));
+  for (const BOOL mapSource : {TRUE, FALSE}) {
+    WriteWholeFile(folder_.Path() / "target", "what was there before");
+    EXPECT_TRUE(CopyFileMMF(HOST, source.c_str(), target.c_str(), FALSE, -1, mapSource));
+    EXPECT_TRUE(FileHolds(folder_.Path() / "target", bytes));
+  }
+  EXPECT_EQ(views.Mapped(), 0u);
+  EXPECT_EQ(OpenHandleCount(), handles);
+  EXPECT_EQ(FileMessages(), Messages{});
+  EXPECT_EQ(Assertions(), Messages{});
+}
+
+TEST_P(BulkTransferOfSize, WritesAnywhereInAFile) {
+  const DWORD size = GetParam();
+  const std::string bytes = Pattern(size, 7);
+  const std::string before = Pattern(3 * kGranularity, 9);
+  for (const long long offset : {1ll, kGranularity - 1ll, kGranularity * 1ll, kGranularity * 5 + 3ll}) {
+    const ScopedFile file = NewFile("x", before);
+    ULONGLONG written = 99;
+    SetLastError(kUntouched);
+    EXPECT_TRUE(WriteFileMMF2(HOST, file.Get(), bytes.data(), size, &written, nullptr, offset, -1));
+    EXPECT_EQ(written, size);
+    EXPECT_EQ(Position(file), offset + size);
+    std::string expected = before;
+    expected.resize(std::max<size_t>(expected.size(), static_cast<size_t>(offset) + size));
+    expected.replace(static_cast<size_t>(offset), size, bytes);
+    EXPECT_TRUE(FileHolds(folder_.Path() / "x", expected));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Borders, BulkTransferOfSize,
+                         testing::Values(1, kGranularity - 1, kGranularity, kGranularity + 1, kChunk - 1, kChunk,
+                                         kChunk + 1, 40 << 20));
+
+TEST_F(BulkTransfer, FortyMebibytesAreThreeViews) {
+  const std::string bytes = Pattern(40 << 20);
+  ViewRecorder views;
+  EXPECT_TRUE(Mem2FileMMF(HOST, bytes.data(), 40 << 20, folder_.Wide("x").c_str(), -1));
+  EXPECT_EQ(views.Sizes(), (std::vector<SIZE_T>{kChunk, kChunk, 8 << 20}));
+}
+
+TEST_F(BulkTransfer, AppendingMovesTheFilePointer) {
+  const ScopedFile file = NewFile("x", "0123456789");
+  ULONGLONG written;
+  EXPECT_TRUE(WriteFileMMF2(HOST, file.Get(), "abcde", 5, &written, nullptr, -1, 100));
+  EXPECT_EQ(Position(file), 15u);
+  DWORD count;
+  EXPECT_TRUE(WriteFileMMF(HOST, file.Get(), "fgh", 3, &count, nullptr, 100));
+  EXPECT_EQ(count, 3u);
+  EXPECT_EQ(Position(file), 18u);
+  EXPECT_EQ(ReadWholeFile(folder_.Path() / "x"), "0123456789abcdefgh");
+  EXPECT_EQ(GetLastError(), kUntouched);
+}
+
+TEST_F(BulkTransfer, ViewsStartAtTheGranularityAndAreGivenBackByTheAddressOfTheData) {
+  const ScopedFile file = NewFile("x", std::string(10, '-'));
+  const std::string bytes = Pattern(kChunk + 5);
+  const ULONGLONG offset = 3 * kGranularity + 77;
+  ViewRecorder views;
+  ULONGLONG written;
+  EXPECT_TRUE(WriteFileMMF2(HOST, file.Get(), bytes.data(), bytes.size(), &written, nullptr, offset, -1));
+  ASSERT_EQ(views.Views().size(), 2u);
+  const auto &first = views.Views()[0], &second = views.Views()[1];
+  EXPECT_EQ(first.offset, 3 * kGranularity);
+  EXPECT_EQ(first.bytes, kChunk + 77);
+  EXPECT_EQ(first.unmappedBy, first.address + 77);
+  EXPECT_EQ(second.offset, 3 * kGranularity + kChunk);
+  EXPECT_EQ(second.bytes, 77u + 5);
+  EXPECT_EQ(second.unmappedBy, second.address + 77);
+}
+
+TEST_F(BulkTransfer, ViewsAreFlushedWhileMemoryIsShort) {
+  const std::string bytes = Pattern(kChunk + 1);
+  const ScopedFile file = NewFile("x");
+  MemoryShortage shortage;
+  auto flush = STAND_IN(FlushViewOfFile, [](int, LPCVOID address, SIZE_T size) {
+    EXPECT_EQ(size, 0u);
+    return FlushViewOfFile(address, size);
+  });
+  const auto flushesOf = [&](BOOL done) {
+    static int before;
+    EXPECT_TRUE(done);
+    return flush.Calls() - std::exchange(before, flush.Calls());
+  };
+  const std::wstring source = folder_.Wide("s"), target = folder_.Wide("t");
+  const DWORD size = static_cast<DWORD>(bytes.size());
+  ULONGLONG written;
+  for (const int threshold : {0, 100, -1}) {
+    const int each = threshold < 0 ? 0 : 2;
+    EXPECT_EQ(flushesOf(Mem2FileMMF(HOST, bytes.data(), size, source.c_str(), threshold)), each);
+    EXPECT_EQ(flushesOf(CopyFileMMF(HOST, source.c_str(), target.c_str(), FALSE, threshold, TRUE)), 2 * each);
+    EXPECT_EQ(flushesOf(CopyFileMMF(HOST, source.c_str(), target.c_str(), FALSE, threshold, FALSE)), each);
+    EXPECT_EQ(flushesOf(WriteFileMMF2(HOST, file.Get(), bytes.data(), size, &written, nullptr, 7, threshold)), each);
+  }
+  EXPECT_TRUE(FileHolds(folder_.Path() / "t", bytes));
+}
+
+TEST_F(BulkTransfer, AFailedWriteNamesItsArguments) {
+  FakeClock clock;
+  const HANDLE bad = HANDLE(0x7ABCDEF0);
+  const char* text = "abc";
+  ULONGLONG written = 99;
+  DWORD count = 99;
+  EXPECT_FALSE(WriteFileMMF2(HOST, bad, text, 0x100000003, &written, HANDLE(0xA), -1, -7));
+  EXPECT_EQ(GetLastError(), 6u);
+  EXPECT_EQ(written, 0u);
+  EXPECT_FALSE(WriteFileMMF(HOST, bad, text, 3, &count, nullptr, 100));
+  EXPECT_EQ(GetLastError(), 6u);
+  EXPECT_EQ(FileMessages(), (Messages{"lastErr=6, WriteFileMMF2(0x7abcdef0, 0x" + Hex(text) + ", 4294967299, 0x" +
+                                          Hex(&written) + ", 0x0000000A, -1, 4294967289)",
+                                      "lastErr=6, WriteFileMMF(0x7abcdef0, 0x" + Hex(text) + ", 3, 0x" + Hex(&count) +
+                                          ", 0x00000000, 100)"}));
+  EXPECT_EQ(Assertions().size(), 1u);
+
+  const ScopedFile readable(OpenPlain(folder_.Wide("r"), GENERIC_READ, 3, CREATE_NEW));
+  EXPECT_FALSE(WriteFileMMF2(HOST, readable.Get(), text, 3, &written, nullptr, 5, 0));
+  EXPECT_EQ(GetLastError(), 5u);
+  const Messages messages = FileMessages();
+  ASSERT_EQ(messages.size(), 31u);
+  EXPECT_EQ(messages[30], "lastErr=5, WriteFileMMF2(0x" + LowerHex(readable.Get()) + ", 0x" + Hex(text) + ", 3, 0x" +
+                              Hex(&written) + ", 0x00000000, 5, 0)");
+  EXPECT_EQ(Assertions().size(), 1u);
+}
+
+TEST_F(BulkTransfer, WhatWasWrittenBeforeAFailureCountsAndStays) {
+  const std::string bytes = Pattern(2 * kChunk);
+  const ScopedFile file = NewFile("x");
+  const unsigned long handles = OpenHandleCount();
+  auto map = FAIL_CALL(MapViewOfFile, 2, ERROR_ACCESS_DENIED, nullptr);
+  ULONGLONG written;
+  EXPECT_FALSE(WriteFileMMF2(HOST, file.Get(), bytes.data(), bytes.size(), &written, nullptr, 0, -1));
+  EXPECT_EQ(GetLastError(), 5u);
+  EXPECT_EQ(written, kChunk);
+  EXPECT_EQ(FileMessages().size(), 2u) << "of the view and of the write";
+  EXPECT_EQ(Assertions().size(), 1u);
+  EXPECT_TRUE(FileHolds(folder_.Path() / "x", bytes.substr(0, kChunk) + std::string(kChunk, '\0')));
+  EXPECT_EQ(OpenHandleCount(), handles);
+}
+
+TEST_F(BulkTransfer, ThereIsNoMappedFileWithoutBytes) {
+  FakeClock clock;
+  WriteWholeFile(folder_.Path() / "empty", "");
+  EXPECT_FALSE(Mem2FileMMF(HOST, "", 0, folder_.Wide("x").c_str(), -1));
+  EXPECT_EQ(GetLastError(), 1006u);
+  EXPECT_EQ(FileMessages().size(), 30u);
+  EXPECT_EQ(Assertions().size(), 1u);
+  EXPECT_FALSE(CopyFileMMF(HOST, folder_.Wide("empty").c_str(), folder_.Wide("x").c_str(), FALSE, -1, TRUE));
+  EXPECT_FALSE(CopyFileMMF(HOST, folder_.Wide("empty").c_str(), folder_.Wide("x").c_str(), FALSE, -1, FALSE));
+  EXPECT_TRUE(Mem2File(HOST, "", 0, folder_.Wide("x").c_str()));
+}
+
+TEST_F(BulkTransfer, AFailedWriteOfAWholeFileLeavesNoError) {
+  {
+    auto write = FAIL_CALL(WriteFile, 1, ERROR_DISK_FULL, FALSE);
+    EXPECT_FALSE(Mem2File(HOST, "abc", 3, folder_.Wide("x").c_str()));
+    EXPECT_EQ(GetLastError(), 0u);
+    EXPECT_EQ(Assertions(), Messages{});
+    EXPECT_EQ(FileMessages().size(), 1u);
+  }
+  FakeClock clock;
+  EXPECT_TRUE(CreateDirectoryW(folder_.Wide("folder").c_str(), nullptr));
+  EXPECT_FALSE(Mem2File(HOST, "abc", 3, folder_.Wide("folder").c_str()));
+  EXPECT_EQ(GetLastError(), 5u);
+  EXPECT_EQ(Assertions().size(), 1u);
+  EXPECT_EQ(FileMessages().size(), 11u);
+}
+
+TEST_F(BulkTransfer, CopyKeepsAnExistingFileWhenAsked) {
+  FakeClock clock;
+  WriteWholeFile(folder_.Path() / "s", "new");
+  WriteWholeFile(folder_.Path() / "t", "old");
+  EXPECT_FALSE(CopyFileMMF(HOST, folder_.Wide("s").c_str(), folder_.Wide("t").c_str(), TRUE, -1, TRUE));
+  EXPECT_EQ(GetLastError(), 80u);
+  EXPECT_EQ(clock.Sleeps(), std::vector<DWORD>(10, 1000));
+  EXPECT_EQ(Assertions().size(), 1u);
+  EXPECT_EQ(ReadWholeFile(folder_.Path() / "t"), "old");
+  EXPECT_TRUE(CopyFileMMF(HOST, folder_.Wide("s").c_str(), folder_.Wide("new/t").c_str(), TRUE, -1, FALSE));
+}
+
+TEST_F(BulkTransfer, AShortReadEndsACopy) {
+  WriteWholeFile(folder_.Path() / "s", Pattern(kChunk + 10));
+  auto read = STAND_IN(ReadFile, [](int nth, HANDLE file, LPVOID buffer, DWORD bytes, LPDWORD count, LPOVERLAPPED) {
+    return ReadFile(file, buffer, nth == 2 ? bytes - 1 : bytes, count, nullptr);
+  });
+  EXPECT_FALSE(CopyFileMMF(HOST, folder_.Wide("s").c_str(), folder_.Wide("t").c_str(), FALSE, -1, FALSE));
+  EXPECT_EQ(Assertions().size(), 1u);
+  EXPECT_TRUE(FileHolds(folder_.Path() / "t", Pattern(kChunk) + std::string(10, '\0'))) << "the size of the whole";
+}
+
+}  // namespace
+}  // namespace qel::test

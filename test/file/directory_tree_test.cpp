@@ -1,0 +1,252 @@
+#include <fstream>
+
+#include "test/file/file_test.h"
+#include "test/support/open_handles.h"
+
+namespace qel::test {
+namespace {
+namespace fs = std::filesystem;
+
+class DirectoryTree : public FileTest {
+ protected:
+  // "a", "a/b" and so on with their folders, each file holding as many bytes as its path has characters.
+  void MakeFiles(const std::vector<std::string>& paths) {
+    for (const std::string& path : paths) {
+      fs::create_directories((folder_.Path() / path).parent_path());
+      WriteWholeFile(folder_.Path() / path, std::string(path.size(), 'x'));
+    }
+  }
+  void MakeReadOnly(const std::string& path) {
+    SetFileAttributesW(folder_.Wide(path).c_str(), FILE_ATTRIBUTE_READONLY);
+  }
+  // The root folder with `count` - 1 folders in it.
+  void MakeFolders(const std::string& root, int count) {
+    for (int i = 1; i < count; ++i) fs::create_directories(folder_.Path() / root / std::to_string(i));
+  }
+  bool Exists(const std::string& path) { return fs::exists(folder_.Path() / path); }
+  size_t EntryCount(const std::string& path) {
+    return static_cast<size_t>(std::distance(fs::directory_iterator(folder_.Path() / path), fs::directory_iterator()));
+  }
+
+  BOOL Size(const std::wstring& path, unsigned long long& size) {
+    return GetFileSizeDirectoryTree(HOST, path.c_str(), &size);
+  }
+  BOOL Delete(const std::string& path, BOOL removeFolder, BOOL recurse) {
+    return DeleteDirectoryTree(HOST, folder_.Wide(path).c_str(), removeFolder, recurse);
+  }
+  BOOL Copy(const std::string& from, const std::string& to) {
+    return CopyDirectoryTree(HOST, folder_.Wide(from).c_str(), folder_.Wide(to).c_str());
+  }
+};
+
+TEST_F(DirectoryTree, AllFilesCount) {
+  MakeFiles({"t/1", "t/.hidden", "t/a/no extension", "t/a/b/c/deep.txt", "beside"});
+  SetFileAttributesW(folder_.Wide("t/1").c_str(), FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM);
+  fs::create_directories(folder_.Path() / "t/...");  // not a dot entry where the system allows it
+  unsigned long long size = 99;
+  EXPECT_TRUE(Size(folder_.Wide("t"), size));
+  EXPECT_EQ(size, 3u + 9 + 16 + 16);
+  EXPECT_TRUE(Size(L"\"" + folder_.Wide("t") + L"\\\\\\\"", size)) << "quotes and backslashes at the end";
+  EXPECT_EQ(size, 44u);
+
+  fs::create_directories(folder_.Path() / "empty");
+  EXPECT_TRUE(Size(folder_.Wide("empty"), size));
+  EXPECT_EQ(size, 0u);
+  EXPECT_EQ(Assertions(), Messages{});
+}
+
+TEST_F(DirectoryTree, ThereMustBeAFolder) {
+  MakeFiles({"file"});
+  fs::current_path(folder_.Path());  // an empty path must not stand for it
+  for (const wchar_t* path :
+       {folder_.Wide("no").c_str(), folder_.Wide("file").c_str(), L"", L"\"\"", static_cast<const wchar_t*>(nullptr)}) {
+    unsigned long long size = 99;
+    EXPECT_FALSE(GetFileSizeDirectoryTree(HOST, path, &size));
+    EXPECT_EQ(size, 0u);
+    EXPECT_FALSE(DeleteDirectoryTree(HOST, path, TRUE, TRUE));
+    EXPECT_FALSE(CopyDirectoryTree(HOST, path, folder_.Wide("target").c_str()));
+  }
+  EXPECT_TRUE(Exists("file"));
+  EXPECT_FALSE(Exists("target"));
+  fs::current_path(folder_.Path().parent_path());
+}
+
+TEST_F(DirectoryTree, DeletionGoesAsFarAsAsked) {
+  const auto make = [&] {
+    MakeFiles({"t/1", "t/2", "t/a/3", "t/a/b/4"});
+    MakeReadOnly("t/2");
+    MakeReadOnly("t/a/b/4");
+  };
+  make();
+  EXPECT_TRUE(Delete("t", FALSE, FALSE));
+  EXPECT_EQ(EntryCount("t"), 1u);
+  EXPECT_TRUE(Exists("t/a/3"));
+
+  EXPECT_FALSE(Delete("t", TRUE, FALSE)) << "a folder that is not empty";
+  EXPECT_TRUE(Exists("t/a/3"));
+  EXPECT_EQ(Assertions().size(), 1u);
+
+  make();
+  EXPECT_TRUE(Delete("t", FALSE, TRUE));
+  EXPECT_EQ(EntryCount("t"), 0u);
+  make();
+  EXPECT_TRUE(Delete("t", TRUE, TRUE));
+  EXPECT_FALSE(Exists("t"));
+  EXPECT_EQ(Assertions(), Messages{});
+  EXPECT_EQ(FileMessages(), Messages{});
+}
+
+TEST_F(DirectoryTree, AFileInUseIsTheOnlyOneThatStays) {
+  MakeFiles({"t/1", "t/a/held", "t/a/x", "t/b/2"});
+  FileHolder holder(folder_.Narrow("t/a/held"));
+  FakeClock clock;
+  const unsigned long handles = OpenHandleCount();
+  EXPECT_FALSE(Delete("t", TRUE, TRUE));
+  EXPECT_EQ(clock.Sleeps(), std::vector<DWORD>(11, 100));
+  EXPECT_EQ(FileMessages().size(), 1u);
+  EXPECT_EQ(Assertions().size(), 4u) << "the file, its folder, the failed sub-walk, the start folder";
+  EXPECT_EQ(EntryCount("t"), 1u);
+  EXPECT_EQ(EntryCount("t/a"), 1u);
+  EXPECT_EQ(OpenHandleCount(), handles);
+}
+
+TEST_F(DirectoryTree, CopyTakesAllAndOverwrites) {
+  MakeFiles({"t/1", "t/a/3", "t/a/b/4", "target/a/3"});
+  fs::create_directories(folder_.Path() / "t/empty");
+  WriteWholeFile(folder_.Path() / "target/a/3", "longer than what comes");
+  WriteWholeFile(folder_.Path() / "target/a/other", "stays");
+  MakeReadOnly("t/1");
+  EXPECT_TRUE(Copy("t", "target"));
+  for (const char* file : {"1", "a/3", "a/b/4"}) {
+    const std::string name = file;
+    EXPECT_EQ(ReadWholeFile(folder_.Path() / "target" / name), ReadWholeFile(folder_.Path() / "t" / name)) << name;
+  }
+  EXPECT_TRUE(Exists("target/empty"));
+  EXPECT_EQ(ReadWholeFile(folder_.Path() / "target/a/other"), "stays");
+  EXPECT_TRUE(GetFileAttributesW(folder_.Wide("target/1").c_str()) & FILE_ATTRIBUTE_READONLY);
+  EXPECT_EQ(Assertions(), Messages{});
+  EXPECT_EQ(FileMessages(), Messages{});
+}
+
+TEST_F(DirectoryTree, NoCopyGoesIntoItself) {
+  MakeFiles({"Tree/1", "Tree/sub/2"});
+  const std::vector<std::string> targets = {"Tree", "tREE", "Tree/sub", "Tree/new/deeper", "TREE/new"};
+  for (const std::string& target : targets) EXPECT_FALSE(Copy("Tree", target)) << target;
+  EXPECT_FALSE(CopyDirectoryTree(HOST, (folder_.Wide("Tree") + L"\\\\").c_str(), folder_.Wide("Tree/sub").c_str()));
+  EXPECT_EQ(EntryCount(""), 1u);
+  EXPECT_EQ(EntryCount("Tree"), 2u);
+  EXPECT_EQ(EntryCount("Tree/sub"), 1u);
+  EXPECT_EQ(Assertions().size(), targets.size() + 1);
+  EXPECT_TRUE(Copy("Tree/sub", "Tree")) << "out of a sub-folder is another matter";
+  EXPECT_TRUE(Copy("Tree", "Tree2")) << "a name that only begins alike";
+}
+
+TEST_F(DirectoryTree, AFileThatCannotBeCopiedStopsNothing) {
+  MakeFiles({"t/1", "t/2", "t/a/3"});
+  FileHolder holder(folder_.Narrow("t/1"));
+  FakeClock clock;
+  EXPECT_FALSE(Copy("t", "target"));
+  EXPECT_TRUE(Exists("target/2"));
+  EXPECT_TRUE(Exists("target/a/3"));
+  EXPECT_FALSE(Exists("target/1"));
+  EXPECT_EQ(clock.Sleeps(), std::vector<DWORD>(10, 1000));
+  EXPECT_EQ(Assertions().size(), 1u);
+  const std::vector<LogLine> lines = TakeLines(channel::kFileOperation);
+  ASSERT_EQ(lines.size(), 11u);
+  EXPECT_EQ(lines[0].sourceFile, "file/directory_tree.cpp");
+}
+
+TEST_F(DirectoryTree, AWalkVisits1024Folders) {
+  MakeFolders("full", 1024);
+  MakeFolders("over", 1025);
+  for (const char* root : {"full", "over"}) {
+    for (int i = 1; i < (root[0] == 'f' ? 1024 : 1025); ++i)
+      WriteWholeFile(folder_.Path() / root / std::to_string(i) / "f", "x");
+  }
+  unsigned long long size;
+  EXPECT_TRUE(Size(folder_.Wide("full"), size));
+  EXPECT_EQ(size, 1023u);
+  EXPECT_TRUE(Copy("full", "copy"));
+  EXPECT_TRUE(Delete("full", TRUE, TRUE));
+  EXPECT_EQ(Assertions(), Messages{});
+
+  EXPECT_FALSE(Size(folder_.Wide("over"), size));
+  EXPECT_EQ(size, 1023u);
+  EXPECT_EQ(Assertions().size(), 1u);
+  EXPECT_FALSE(Copy("over", "copy2"));
+  EXPECT_EQ(EntryCount("copy2"), 1023u);
+  EXPECT_EQ(Assertions().size(), 2u) << "of the folder and of the entry";
+  EXPECT_FALSE(Delete("over", TRUE, TRUE));
+  EXPECT_EQ(EntryCount("over"), 1u);
+  EXPECT_EQ(Assertions().size(), 2u) << "the folder too many, and the start folder that is not empty";
+}
+
+TEST_F(DirectoryTree, PathsEndAt259Characters) {
+  fs::path fitting = folder_.Path() / "t";
+  while (fitting.string().size() < 250) fitting /= "d";
+  fs::create_directories(fitting);
+  WriteWholeFile(fitting / "f", "12345");
+  unsigned long long size;
+  EXPECT_TRUE(Size(folder_.Wide("t"), size));
+  EXPECT_EQ(size, 5u);
+  EXPECT_TRUE(Delete("t", TRUE, TRUE)) << "a hundred levels";
+
+  fs::path beyond = fitting;
+  for (int i = 0; i < 100; ++i) beyond /= "d";
+  std::error_code error;
+  fs::create_directories(beyond, error);
+  if (error) GTEST_SKIP() << "no longer paths here: " << error.message();
+  ScratchFolder current;
+  WriteWholeFile(current.Path() / "bystander", "x");
+  fs::current_path(current.Path());
+  EXPECT_FALSE(Size(folder_.Wide("t"), size));
+  EXPECT_FALSE(Copy("t", "copy"));
+  EXPECT_FALSE(Delete("t", TRUE, TRUE));
+  EXPECT_TRUE(fs::exists(beyond)) << "nothing of it can be reached";
+  EXPECT_TRUE(fs::exists("bystander"));
+  fs::current_path(folder_.Path().parent_path());
+}
+
+TEST_F(DirectoryTree, AFolderThatCannotBeReadIsAnError) {
+  MakeFiles({"t/1", "t/a/2", "t/b/3"});
+  const auto secondFolderFails = [](const auto& call) {
+    auto find = STAND_IN(FindFirstFileW, [](int, LPCWSTR pattern, LPWIN32_FIND_DATAW data) {
+      if (std::wstring(pattern).ends_with(L"a\\*.*")) {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return INVALID_HANDLE_VALUE;
+      }
+      return FindFirstFileW(pattern, data);
+    });
+    EXPECT_FALSE(call());
+  };
+  unsigned long long size;
+  secondFolderFails([&] { return Size(folder_.Wide("t"), size); });
+  EXPECT_EQ(size, 6u);
+  EXPECT_EQ(Assertions().size(), 1u);
+  secondFolderFails([&] { return Copy("t", "copy"); });
+  EXPECT_TRUE(Exists("copy/b/3"));
+  EXPECT_EQ(Assertions().size(), 2u);
+  secondFolderFails([&] { return Delete("t", TRUE, TRUE); });
+  EXPECT_TRUE(Exists("t/a/2"));
+  EXPECT_FALSE(Exists("t/b"));
+}
+
+TEST_F(DirectoryTree, ABrokenEnumerationIsAnError) {
+  MakeFiles({"t/1", "t/2"});
+  unsigned long long size;
+  {
+    auto next = FAIL_CALL(FindNextFileW, 3, ERROR_READ_FAULT, FALSE);
+    EXPECT_FALSE(Size(folder_.Wide("t"), size));
+    EXPECT_EQ(size, 3u);
+  }
+  fs::create_directories(folder_.Path() / "empty");
+  auto close = STAND_IN(FindClose, [](int, HANDLE find) {
+    FindClose(find);
+    return FALSE;
+  });
+  EXPECT_FALSE(Delete("empty", FALSE, TRUE));
+  EXPECT_EQ(Assertions().size(), 2u);
+}
+
+}  // namespace
+}  // namespace qel::test

@@ -1,0 +1,105 @@
+// What the tests of the transfers share.
+#pragma once
+#include "memory/physical_memory.h"
+#include "test/file/file_test.h"
+
+namespace qel::test {
+
+inline constexpr DWORD kGranularity = 0x10000;
+inline constexpr DWORD kChunk = 0x1000000;
+
+// Bytes that tell every place of a file from its neighbours and from the same place of another chunk.
+inline std::string Pattern(size_t size, unsigned seed = 1) {
+  std::string bytes(size, '\0');
+  unsigned value = seed;
+  for (char& byte : bytes) {
+    value = value * 1664525 + 1013904223;
+    byte = static_cast<char>(value >> 24);
+  }
+  return bytes;
+}
+
+// Compares without printing megabytes.
+inline testing::AssertionResult SameBytes(const std::string& actual, const std::string& expected) {
+  if (actual == expected) return testing::AssertionSuccess();
+  if (actual.size() != expected.size())
+    return testing::AssertionFailure() << actual.size() << " bytes instead of " << expected.size();
+  const size_t at =
+      static_cast<size_t>(std::mismatch(actual.begin(), actual.end(), expected.begin()).first - actual.begin());
+  return testing::AssertionFailure() << "differs at " << at;
+}
+inline testing::AssertionResult FileHolds(const std::filesystem::path& path, const std::string& expected) {
+  return SameBytes(ReadWholeFile(path), expected);
+}
+
+// Records the views that the library maps and gives back.
+class ViewRecorder {
+ public:
+  struct View {
+    ULONGLONG offset;
+    SIZE_T bytes;
+    BYTE* address;
+    const BYTE* unmappedBy;
+  };
+  const std::vector<View>& Views() const { return views_; }
+  std::vector<SIZE_T> Sizes() const {
+    std::vector<SIZE_T> sizes;
+    for (const View& view : views_) sizes.push_back(view.bytes);
+    return sizes;
+  }
+  size_t Mapped() const {
+    return static_cast<size_t>(
+        std::count_if(views_.begin(), views_.end(), [](const View& view) { return !view.unmappedBy; }));
+  }
+
+ private:
+  std::vector<View> views_;
+  StandIn<"MapViewOfFile", decltype(&::MapViewOfFile)> map_{
+      [this](int, HANDLE mapping, DWORD access, DWORD high, DWORD low, SIZE_T bytes) {
+        void* view = MapViewOfFile(mapping, access, high, low, bytes);
+        if (view) views_.push_back({Join(low, high), bytes, static_cast<BYTE*>(view), nullptr});
+        return view;
+      }};
+  StandIn<"UnmapViewOfFile", decltype(&::UnmapViewOfFile)> unmap_{[this](int, LPCVOID address) {
+    const auto* place = static_cast<const BYTE*>(address);
+    for (View& view : views_) {
+      if (!view.unmappedBy && place >= view.address && place < view.address + view.bytes) view.unmappedBy = place;
+    }
+    return UnmapViewOfFile(address);
+  }};
+};
+
+// Lets physical memory be short for the scope.
+class MemoryShortage {
+ public:
+  MemoryShortage() { SetIsPhysMemShortage(~0ull); }
+  ~MemoryShortage() { SetIsPhysMemShortage(256ull << 20); }
+};
+
+// A named object of this process, with a view of all of it.
+class NamedObject {
+ public:
+  explicit NamedObject(const char* name, DWORD bytes)
+      : name_([&] {
+          const std::string text = "Local\\qel-test-" + std::to_string(GetCurrentProcessId()) + "-" + name;
+          return std::wstring(text.begin(), text.end());
+        }()),
+        bytes_(bytes),
+        mapping_(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, bytes, name_.c_str())),
+        view_(static_cast<char*>(MapViewOfFile(mapping_.Get(), FILE_MAP_ALL_ACCESS, 0, 0, bytes))) {
+    EXPECT_NE(view_, nullptr);
+  }
+  ~NamedObject() { UnmapViewOfFile(view_); }
+
+  const wchar_t* Name() const { return name_.c_str(); }
+  std::string Bytes() const { return {view_, bytes_}; }
+  void Fill(const std::string& bytes) { std::copy(bytes.begin(), bytes.end(), view_); }
+
+ private:
+  const std::wstring name_;
+  const DWORD bytes_;
+  const ScopedMapping mapping_;
+  char* const view_;
+};
+
+}  // namespace qel::test

@@ -1,7 +1,5 @@
 #include "file/folder_walk.h"
 
-#include "memory/guarded_allocation.h"
-
 namespace qel {
 namespace {
 

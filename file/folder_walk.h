@@ -2,8 +2,8 @@
 /// The entries of one folder of a tree.
 #pragma once
 #include "file/scoped_handles.h"
+#include "memory/memory.h"
 #include "platform/win32.h"
-#include "qelibaselib/guard/auto_memory.h"
 
 namespace qel {
 

@@ -153,7 +153,7 @@ TEST_F(DirectoryTree, AFileThatCannotBeCopiedStopsNothing) {
   EXPECT_EQ(Assertions().size(), 1u);
   const std::vector<LogLine> lines = TakeLines(channel::kFileOperation);
   ASSERT_EQ(lines.size(), 11u);
-  EXPECT_EQ(lines[0].sourceFile, "file/directory_tree.cpp");
+  EXPECT_TRUE(lines[0].sourceFile.ends_with("file/directory_tree.cpp")) << lines[0].sourceFile;
 }
 
 TEST_F(DirectoryTree, AWalkVisits1024Folders) {

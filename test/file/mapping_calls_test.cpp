@@ -74,12 +74,12 @@ TEST_F(MappingCalls, AViewThatIsRefusedIsNotRetried) {
       CreateFileMappingX(HOST, INVALID_HANDLE_VALUE, nullptr, PAGE_READONLY, 0x20000, 0, nullptr));
   EXPECT_EQ(MapViewOfFileX(HOST, mapping.Get(), FILE_MAP_WRITE, 0x10000, 0, 4096, INFINITE), nullptr);
   EXPECT_EQ(GetLastError(), 5u);
-  EXPECT_EQ(MapViewOfFileX(HOST, HANDLE(0x12), FILE_MAP_READ, 1, 2, 3, INFINITE), nullptr);
+  EXPECT_EQ(MapViewOfFileX(HOST, HANDLE(0x12), FILE_MAP_READ, 0x10000, 2, 3, INFINITE), nullptr);
   EXPECT_EQ(GetLastError(), 6u);
   EXPECT_EQ(clock.Sleeps().size(), 0u);
   EXPECT_EQ(FileMessages(),
             (Messages{"lastErr=5, MapViewOfFileX(0x" + LowerHex(mapping.Get()) + ", 0x2, 0, 65536, 4096)",
-                      "lastErr=6, MapViewOfFileX(0x12, 0x4, 2, 1, 3)"}));
+                      "lastErr=6, MapViewOfFileX(0x12, 0x4, 2, 65536, 3)"}));
 }
 
 TEST_F(MappingCalls, AShortageOfAddressSpaceIsWaitedOut) {
@@ -106,6 +106,7 @@ TEST_F(MappingCalls, UnmappingTakesAnyAddressInside) {
   const ScopedMapping mapping = Section(0x10000);
   auto* view = static_cast<char*>(MapViewOfFileX(HOST, mapping.Get(), FILE_MAP_ALL_ACCESS, 0, 0, 0, 0));
   ASSERT_NE(view, nullptr);
+  SetLastError(kUntouched);
   EXPECT_TRUE(UnmapViewOfFileX(HOST, view + 0x1234));
   EXPECT_EQ(GetLastError(), kUntouched);
   EXPECT_FALSE(UnmapViewOfFileX(HOST, view));

@@ -46,10 +46,10 @@ ScratchFolder::ScratchFolder(const fs::path& parent) {
 ScratchFolder::~ScratchFolder() { RemoveTree(path_); }
 
 std::wstring ScratchFolder::Wide(const std::string& name) const {
-  return (name.empty() ? path_ : path_ / name).wstring();
+  return fs::path(name.empty() ? path_ : path_ / name).make_preferred().wstring();
 }
 std::string ScratchFolder::Narrow(const std::string& name) const {
-  return (name.empty() ? path_ : path_ / name).string();
+  return fs::path(name.empty() ? path_ : path_ / name).make_preferred().string();
 }
 
 std::string ReadWholeFile(const fs::path& path) {

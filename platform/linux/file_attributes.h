@@ -13,7 +13,7 @@
 
 namespace qel::layer {
 
-constexpr DWORD kReparsePoint = 0x400;
+constexpr DWORD kReparsePoint = FILE_ATTRIBUTE_REPARSE_POINT;
 constexpr mode_t kWriteBits = S_IWUSR | S_IWGRP | S_IWOTH;
 
 /// The parts of a stat that Win32 answers are made of.

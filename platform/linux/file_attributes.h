@@ -9,6 +9,7 @@
 #pragma once
 #include <sys/stat.h>
 
+#include "platform/linux/file.h"
 #include "platform/linux/types.h"
 
 namespace qel::layer {

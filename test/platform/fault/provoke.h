@@ -3,6 +3,7 @@
 #include <iosfwd>
 
 #include "platform/fault/fault.h"
+#include "test/support/bad_pointer.h"
 
 // Neither moved into the caller nor split: the fault must happen where it is written.
 #define OWN_FRAME __attribute__((noipa))
@@ -27,13 +28,6 @@ class Witness {
   OWN_FRAME static void Count(int& count) { ++count; }
   int& count_;
 };
-
-// Not mapped on either target.
-inline constexpr ULONG_PTR kBadAddress = 0x18;
-inline void* BadPointer() {
-  void* volatile pointer = reinterpret_cast<void*>(kBadAddress);
-  return pointer;
-}
 
 struct FaultKind {
   static constexpr ULONG_PTR kAny = ~ULONG_PTR{0};

@@ -1,0 +1,84 @@
+// The guard of exported functions, through the real log and the real report: a call that the library makes faults.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "platform/mfc/exception.h"
+#include "qelibaselib/qelibaselib.h"
+#include "test/support/bad_pointer.h"
+#include "test/support/log_folder.h"
+#include "test/support/replace_call.h"
+#include "test/support/scratch_folder.h"
+
+namespace qel::test {
+namespace {
+
+int g_deleted;
+class HostException : public CException {
+ public:
+  ~HostException() override { ++g_deleted; }
+};
+
+int __cdecl CorruptHeap() { return _HEAPBADBEGIN; }
+
+struct Evidence {
+  int line = 0;  // of the clause
+  std::string sourceFile, assertions, report;
+};
+template <class Behaviour>
+Evidence CreateSemaphoreWith(Behaviour behaviour) {
+  TakeLines(channel::kAssert);
+  const auto report = LogFolder() / channel::kExceptionReport.fileName;
+  std::filesystem::remove(report);
+  const auto standIn = STAND_IN(CreateSemaphoreW, [&](int, auto...) -> HANDLE {
+    behaviour();
+    return nullptr;
+  });
+  EXPECT_EQ(CreateSemaphoreX(7, "host.cpp", nullptr, 0, 1, nullptr), nullptr);
+  Evidence evidence;
+  for (const LogLine& line : TakeLines(channel::kAssert)) {
+    if (line.message.find("_CATCH_") == std::string::npos) continue;
+    evidence.line = line.line;
+    evidence.sourceFile = line.sourceFile;
+    evidence.assertions += line.message + "\n";
+  }
+  evidence.report = ReadWholeFile(report);
+  return evidence;
+}
+
+TEST(GuardOfExports, FaultOnAThreadWithoutTranslator) {
+  const Evidence evidence = CreateSemaphoreWith(&WriteBadAddress);
+  EXPECT_EQ(evidence.assertions,
+            "ASSERT : " + evidence.sourceFile + "(" + std::to_string(evidence.line) + "), _CATCH_AE\n");
+  EXPECT_NE(evidence.report.find("Exception CATCH_AE"), std::string::npos);
+}
+
+TEST(GuardOfExports, ClausesAreOneLineApartAndTheFrameworkExceptionGoes) {
+  g_deleted = 0;
+  const Evidence framework = CreateSemaphoreWith([] { throw new HostException; });
+  EXPECT_NE(framework.assertions.find("_CATCH_CE"), std::string::npos);
+  EXPECT_NE(framework.report.find("Exception CATCH_CE : "), std::string::npos);
+  EXPECT_EQ(g_deleted, 1);
+  const Evidence other = CreateSemaphoreWith([] { throw std::string("host"); });
+  EXPECT_NE(other.assertions.find("_CATCH_AE"), std::string::npos);
+  EXPECT_EQ(other.line, framework.line + 1);
+  EXPECT_EQ(other.sourceFile, framework.sourceFile);
+}
+
+TEST(GuardOfExports, CorruptHeapIsWrittenAfterTheClause) {
+  const ReplaceCall heap("_heapchk", &CorruptHeap);
+  TakeLines(channel::kAssert);
+  const auto standIn = STAND_IN(CreateSemaphoreW, [](int, auto...) -> HANDLE {
+    WriteBadAddress();
+    return nullptr;
+  });
+  EXPECT_EQ(CreateSemaphoreX(7, "host.cpp", nullptr, 0, 1, nullptr), nullptr);
+  const auto lines = TakeLines(channel::kAssert);
+  ASSERT_GE(lines.size(), 2u);
+  EXPECT_NE(lines[0].message.find("_CATCH_AE"), std::string::npos);
+  EXPECT_NE(lines[1].message.find("), _heapchk()"), std::string::npos);
+  EXPECT_EQ(lines[1].line, lines[0].line);
+}
+
+}  // namespace
+}  // namespace qel::test

@@ -1,0 +1,138 @@
+// The three clauses: what they write, in which order, and that nothing leaves them.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "qelibaselib/guard/exception_guard.h"
+#include "qelibaselib/guard/floating_point_guard.h"
+#include "qelibaselib/guard/structured_exception_translator.h"
+#include "test/guard/recorder.h"
+#include "test/support/bad_pointer.h"
+
+namespace qel::test {
+namespace {
+
+using Steps = std::vector<std::string>;
+constexpr SourcePosition kPlace{100, "place.cpp"};
+
+constexpr auto& Fault = WriteBadAddress;
+
+class TestException : public CException {
+ public:
+  explicit TestException(std::string text = "no room") : text_(std::move(text)) {}
+  ~TestException() override { g_recorded.steps.push_back("deleted"); }
+  BOOL GetErrorMessage(LPSTR text, UINT size, PUINT) const override {
+    std::strncpy(text, text_.c_str(), size - 1);
+    text[size - 1] = '\0';
+    return TRUE;
+  }
+
+ private:
+  std::string text_;
+};
+
+class Guard : public testing::Test {
+ protected:
+  Guard() { g_recorded = {}; }
+};
+
+TEST_F(Guard, LeavesABodyWithoutExceptionAlone) {
+  int value = 0;
+  EXPECT_TRUE(Guarded(kPlace, [&] { value = 5; }));
+  EXPECT_EQ(value, 5);
+  EXPECT_TRUE(g_recorded.steps.empty());
+}
+
+TEST_F(Guard, StructuredExceptionWithTranslator) {
+  const CSEREG translator;
+  EXPECT_FALSE(Guarded(kPlace, &Fault));
+  EXPECT_EQ(g_recorded.steps,
+            (Steps{"line 100 _CATCH_SE in place.cpp", "report 100 Exception CATCH_SE in place.cpp by viewer.exe"}));
+  ASSERT_TRUE(g_recorded.hasRecord && g_recorded.hasContext);
+  EXPECT_EQ(g_recorded.record.ExceptionCode, EXCEPTION_ACCESS_VIOLATION);
+  EXPECT_EQ(g_recorded.record.ExceptionInformation[1], kBadAddress);
+  EXPECT_EQ(reinterpret_cast<DWORD>(g_recorded.record.ExceptionAddress), g_recorded.context.Eip);
+}
+
+TEST_F(Guard, StructuredExceptionWithoutTranslator) {
+  EXPECT_FALSE(Guarded(kPlace, &Fault));
+  EXPECT_EQ(g_recorded.steps,
+            (Steps{"line 102 _CATCH_AE in place.cpp", "report 102 Exception CATCH_AE in place.cpp by viewer.exe"}));
+  EXPECT_FALSE(g_recorded.hasRecord || g_recorded.hasContext);
+}
+
+TEST_F(Guard, TranslatorsNestAndBelongToTheirThread) {
+  const CSEREG outer;
+  { const CSEREG inner; }
+  EXPECT_FALSE(Guarded(kPlace, &Fault));
+  EXPECT_TRUE(g_recorded.hasRecord);
+  std::thread([] { Guarded(kPlace, &Fault); }).join();
+  EXPECT_FALSE(g_recorded.hasRecord);
+}
+
+TEST_F(Guard, FrameworkExceptionIsDeletedAfterTheReport) {
+  EXPECT_FALSE(Guarded(kPlace, [] { throw new TestException; }));
+  EXPECT_EQ(g_recorded.steps, (Steps{"line 101 _CATCH_CE in place.cpp",
+                                     "report 101 Exception CATCH_CE : no room in place.cpp by viewer.exe", "deleted"}));
+  EXPECT_FALSE(g_recorded.hasRecord || g_recorded.hasContext);
+}
+
+TEST_F(Guard, FrameworkMessageIsCutToItsBuffer) {
+  Guarded(kPlace, [] { throw new TestException(std::string(1000, 'x')); });
+  EXPECT_NE(g_recorded.steps.at(1).find(" : " + std::string(255, 'x') + " in "), std::string::npos);
+}
+
+TEST_F(Guard, AnyOtherException) {
+  EXPECT_FALSE(Guarded(kPlace, [] { throw std::string("text"); }));
+  EXPECT_EQ(g_recorded.steps,
+            (Steps{"line 102 _CATCH_AE in place.cpp", "report 102 Exception CATCH_AE in place.cpp by viewer.exe"}));
+}
+
+TEST_F(Guard, ClauseSurvivesWhatItCalls) {
+  g_recorded.faultInLine = g_recorded.faultInReport = true;
+  EXPECT_FALSE(Guarded(kPlace, [] { throw new TestException; }));
+  EXPECT_EQ(g_recorded.steps.size(), 3u);
+  EXPECT_EQ(g_recorded.steps.back(), "deleted");
+  g_recorded = {};
+  g_recorded.throwInReport = true;
+  EXPECT_FALSE(Guarded(kPlace, &Fault));
+  EXPECT_EQ(g_recorded.steps.size(), 2u);
+}
+
+TEST_F(Guard, FloatingPointTrapsAreMaskedInTheReportAndOnlyThere) {
+  unsigned int x87 = 0, sse2 = 0;
+  Guarded(kPlace, [&] {
+    __control87_2(0, _EM_ZERODIVIDE, &x87, &sse2);
+    Fault();
+  });
+  EXPECT_EQ(g_recorded.masksInReport, _MCW_EM);
+  __control87_2(0, 0, &x87, &sse2);
+  EXPECT_EQ(x87, _MCW_EM & ~_EM_ZERODIVIDE);
+  EXPECT_EQ(sse2, _MCW_EM & ~_EM_ZERODIVIDE);
+  __control87_2(_MCW_EM, _MCW_EM, &x87, &sse2);
+}
+
+TEST_F(Guard, SwallowedIsSilentAndDeletes) {
+  EXPECT_TRUE(Swallowed([] {}));
+  EXPECT_FALSE(Swallowed(&Fault));
+  EXPECT_FALSE(Swallowed([] { throw 1; }));
+  EXPECT_TRUE(g_recorded.steps.empty());
+  EXPECT_FALSE(Swallowed([] { throw new TestException; }));
+  EXPECT_EQ(g_recorded.steps, Steps{"deleted"});
+}
+
+TEST_F(Guard, NestedGuardsReportEachItsOwn) {
+  EXPECT_FALSE(Guarded(kPlace, [] {
+    Guarded({200, "inner.cpp"}, &Fault);
+    throw 1;
+  }));
+  ASSERT_EQ(g_recorded.steps.size(), 4u);
+  EXPECT_EQ(g_recorded.steps[0], "line 202 _CATCH_AE in inner.cpp");
+  EXPECT_EQ(g_recorded.steps[2], "line 102 _CATCH_AE in place.cpp");
+}
+
+}  // namespace
+}  // namespace qel::test

@@ -1,0 +1,46 @@
+#include "test/guard/recorder.h"
+
+#include <stdexcept>
+
+#include "modulestatus/exception_report.h"
+#include "qelibaselib/log_channel.h"
+#include "qelibaselib/settings.h"
+#include "test/support/bad_pointer.h"
+
+namespace qel {
+
+test::Recorded test::g_recorded;
+
+namespace {
+std::string Place(int line, const char* text, const char* sourceFile) {
+  return std::to_string(line) + " " + text + " in " + sourceFile;
+}
+}  // namespace
+
+void WriteAssertion(SourcePosition position, const char* text) {
+  test::g_recorded.steps.push_back("line " + Place(position.line, text, position.sourceFile));
+  if (test::g_recorded.faultInLine) test::WriteBadAddress();
+}
+
+}  // namespace qel
+
+using qel::test::g_recorded;
+
+extern "C" const wchar_t* VemoGetExePath() { return L"C:\\folder\\viewer.exe"; }
+
+extern "C" int VemoExceptLogOut(const wchar_t* title, const char* message, const EXCEPTION_RECORD* record,
+                                const CONTEXT* context, int line, const char* sourceFile) {
+  const std::wstring name(title);
+  g_recorded.steps.push_back("report " + qel::Place(line, message, sourceFile) + " by " +
+                             std::string(name.begin(), name.end()));
+  g_recorded.hasRecord = record;
+  g_recorded.hasContext = context;
+  if (record) g_recorded.record = *record;
+  if (context) g_recorded.context = *context;
+  unsigned int x87 = 0, sse2 = 0;
+  __control87_2(0, 0, &x87, &sse2);
+  g_recorded.masksInReport = x87 & sse2;
+  if (g_recorded.faultInReport) qel::test::WriteBadAddress();
+  if (g_recorded.throwInReport) throw std::runtime_error("report");
+  return _HEAPOK;
+}

@@ -1,0 +1,21 @@
+// Stands in for what the clauses call, and notes the order. The guard itself is part of this program.
+#pragma once
+#include <string>
+#include <vector>
+
+#include "platform/fault/fault.h"
+#include "qelibaselib/source_position.h"
+
+namespace qel::test {
+
+struct Recorded {
+  std::vector<std::string> steps;  // "line 10 _CATCH_SE in x.cpp", "report 10 Exception CATCH_SE in x.cpp", "deleted"
+  bool hasRecord = false, hasContext = false;
+  EXCEPTION_RECORD record{};
+  CONTEXT context{};
+  unsigned int masksInReport = 0;  // of x87 and SSE2, both
+  bool faultInLine = false, faultInReport = false, throwInReport = false;
+};
+extern Recorded g_recorded;
+
+}  // namespace qel::test

@@ -1,0 +1,16 @@
+// An address that is not mapped on either target.
+#pragma once
+#include "platform/win32.h"
+
+namespace qel::test {
+
+inline constexpr ULONG_PTR kBadAddress = 0x18;
+
+// Not a constant to the compiler, which would otherwise warn or worse.
+inline void* BadPointer() {
+  void* volatile pointer = reinterpret_cast<void*>(kBadAddress);
+  return pointer;
+}
+__attribute__((noipa)) inline void WriteBadAddress() { *static_cast<volatile int*>(BadPointer()) = 1; }
+
+}  // namespace qel::test

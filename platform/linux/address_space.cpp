@@ -40,7 +40,8 @@ class Scanner {
   static unsigned DigitOf(char character) {
     const auto code = static_cast<unsigned char>(character);
     if (kBase == 16 && code >= 'a') return code - 'a' + 10u;
-    return code - static_cast<unsigned>('0');  // what is no digit becomes a large number
+    const unsigned digit = code - static_cast<unsigned>('0');
+    return digit < 10 ? digit : kBase;  // the colon follows the nine
   }
 
   const char* at_;

@@ -1,0 +1,179 @@
+#include <filesystem>
+
+#include "test/platform/files/file_calls.h"
+
+using namespace qel::test;
+
+class CreateFileTest : public FileTest {
+ protected:
+  CreateFileTest() {
+    Write("ex");
+    Write("ro");
+    SetAttributes("ro", FILE_ATTRIBUTE_READONLY);
+    MakeFolder("dir");
+  }
+};
+
+TEST_F(CreateFileTest, DispositionDecides) {
+  struct {
+    DWORD disposition;
+    Outcome existing, missing, folder, noPath, readOnly;
+  } const rows[] = {
+      {0, Failure(87), Failure(87), Failure(87), Failure(87), Failure(87)},
+      {6, Failure(87), Failure(87), Failure(87), Failure(87), Failure(87)},
+      {CREATE_NEW, Failure(80), Success(0), Failure(80), Failure(3), Failure(80)},
+      {CREATE_ALWAYS, Success(183), Success(0), Failure(5), Failure(3), Failure(5)},
+      {OPEN_EXISTING, Success(0), Failure(2), Failure(5), Failure(3), Failure(5)},
+      {OPEN_ALWAYS, Success(183), Success(0), Failure(5), Failure(3), Failure(5)},
+      {TRUNCATE_EXISTING, Success(0), Failure(2), Failure(5), Failure(3), Failure(5)},
+  };
+  for (const auto& row : rows) {
+    for (const DWORD access : {kW, kRW}) {
+      SCOPED_TRACE(testing::Message() << "disposition " << row.disposition << " access " << access);
+      Write("ex");
+      DeleteFileW(L"new");
+      EXPECT_EQ(Create(L"ex", access, kShareAll, row.disposition), row.existing);
+      EXPECT_EQ(Create(L"new", access, kShareAll, row.disposition), row.missing);
+      EXPECT_EQ(Create(L"dir", access, kShareAll, row.disposition), row.folder);
+      EXPECT_EQ(Create(L"nodir\\x", access, kShareAll, row.disposition), row.noPath);
+      EXPECT_EQ(Create(L"ex\\x", access, kShareAll, row.disposition), row.noPath);
+      if (PermissionsHold()) {
+        EXPECT_EQ(Create(L"ro", access, kShareAll, row.disposition), row.readOnly);
+      }
+      const bool empties = row.disposition == CREATE_ALWAYS || row.disposition == TRUNCATE_EXISTING;
+      EXPECT_EQ(Read("ex"), empties ? "" : "text");
+      EXPECT_EQ(Read("ro"), "text");
+    }
+  }
+}
+
+TEST_F(CreateFileTest, ReadAccessAloneAndTheDispositions) {
+  EXPECT_EQ(Create(L"ro", kR, kShareAll, OPEN_EXISTING), Success(0));
+  EXPECT_EQ(Create(L"ro", kR, kShareAll, OPEN_ALWAYS), Success(183));
+  if (PermissionsHold()) {
+    EXPECT_EQ(Create(L"ro", kR, kShareAll, CREATE_ALWAYS), Failure(5));
+  }
+  EXPECT_EQ(Create(L"ex", kR, kShareAll, TRUNCATE_EXISTING), ByTarget(Failure(87), Success(0)));
+  Write("ex");
+  EXPECT_EQ(Create(L"ex", kR, kShareAll, CREATE_ALWAYS), Success(183));
+  EXPECT_EQ(Read("ex"), "");
+}
+
+TEST_F(CreateFileTest, AttributesOfANewFile) {
+  constexpr struct {
+    DWORD asked, read;
+  } kRows[] = {{0, 0x20}, {0x80, 0x20}, {0x20, 0x20}, {1, 0x21}, {2, 0x22}, {4, 0x24}, {0x81, 0x21}};
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.asked);
+    // Read-only does not hold against the handle that made it.
+    FileHandle file(At("a"), kW, 0, CREATE_ALWAYS, row.asked);
+    DWORD written = 0;
+    EXPECT_TRUE(WriteFile(file.get(), "x", 1, &written, nullptr));
+    file.Close();
+    EXPECT_EQ(GetFileAttributesW(L"a"), row.read);
+    SetAttributes("a", FILE_ATTRIBUTE_NORMAL);
+    EXPECT_EQ(Delete(L"a"), Success());
+  }
+  EXPECT_EQ(Create(L"a", kW, 0, CREATE_ALWAYS, FILE_ATTRIBUTE_TEMPORARY), Success(0));
+  EXPECT_EQ(GetFileAttributesW(L"a"), ByTarget(0x120ul, 0x20ul));
+}
+
+TEST_F(CreateFileTest, HiddenFileIsOverwrittenOnlyAsHidden) {
+  for (const DWORD attribute : {FILE_ATTRIBUTE_HIDDEN, FILE_ATTRIBUTE_SYSTEM}) {
+    SetAttributes("ex", attribute);
+    EXPECT_EQ(Create(L"ex", kW, 0, CREATE_ALWAYS), ByTarget(Failure(5), Success(183)));
+    EXPECT_EQ(Create(L"ex", kW, 0, CREATE_ALWAYS, attribute), Success(183));
+  }
+}
+
+TEST_F(CreateFileTest, NamesThatAreNone) {
+  struct {
+    const wchar_t* name;
+    Outcome outcome;
+  } const rows[] = {
+      {nullptr, Failure(3)},
+      {L"", Failure(3)},
+      {L"?:\\???", Failure(123)},
+      {L"?:\\???\\a.txt", Failure(123)},
+      {L"a?", Failure(123)},
+      {L"a*", Failure(123)},
+      {L"<a", Failure(123)},
+      {L"a>", Failure(123)},
+      {L"a|b", Failure(123)},
+      {L"\"ex\"", Failure(123)},
+      {L"a\tb", Failure(123)},
+      {L"a\x1f", Failure(123)},
+      {L"ex\\", Failure(123)},
+      {L"dir\\", ByTarget(Failure(3), Failure(5))},
+      {L"nodir\\sub\\", Failure(3)},
+      {L"a/b\\c", Failure(3)},
+      {L".", Failure(5)},
+      {L"..", Failure(5)},
+      {L"dir", Failure(5)},
+      {L"Q:\\x", ByTarget(Failure(3), Failure(2))},
+      {L"\\\\srv\\share\\x", ByTarget(Failure(53), Failure(3))},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name ? row.name : L"NULL");
+    EXPECT_EQ(Create(row.name, kR, kShareAll, OPEN_EXISTING), row.outcome);
+  }
+  EXPECT_EQ(Create(L"?:\\???", kW, 0, OPEN_ALWAYS), Failure(123));
+  EXPECT_EQ(Create(L"?:\\???", kR, 0, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS), Failure(123));
+}
+
+TEST_F(CreateFileTest, NamesForTheSameFile) {
+  for (const wchar_t* name : {L"ex", L"ex.", L"ex ", L"ex. .", L".\\ex", L"./ex", L"dir/../ex", L"nodir\\..\\ex",
+                              L"dir\\\\..\\ex", L"dir\\.\\..\\ex"}) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(Create(name, kR, kShareAll, OPEN_EXISTING), Success(0));
+    EXPECT_EQ(Create(name, kR, kShareAll, OPEN_ALWAYS), Success(183));
+  }
+  EXPECT_EQ(Create(L" ex", kR, kShareAll, OPEN_EXISTING), Failure(2));
+}
+
+TEST_F(CreateFileTest, FullPathHasAtMost259Characters) {
+  const size_t room = 259 - scratch.Wide().size() - 1;
+  ASSERT_LT(room, 255u);
+  const std::wstring fits = scratch.Wide() + L"\\" + std::wstring(room, L'n');
+  EXPECT_EQ(Create(fits, kW, 0, CREATE_NEW), Success(0));
+  EXPECT_EQ(Create(fits + L"n", kW, 0, CREATE_NEW), ByTarget(Failure(3), Success(0)));
+  EXPECT_EQ(Create(std::wstring(room, L'm'), kW, 0, CREATE_NEW), Success(0));
+  EXPECT_EQ(Create(std::wstring(room + 1, L'm'), kW, 0, CREATE_NEW), ByTarget(Failure(3), Success(0)));
+  EXPECT_EQ(Create(L"\\\\?\\" + fits + L"l", kW, 0, CREATE_NEW), Success(0));
+}
+
+TEST_F(CreateFileTest, FolderNeedsBackupSemantics) {
+  for (const DWORD access : {0ul, kR}) {
+    EXPECT_EQ(Create(L"dir", access, kShareAll, OPEN_EXISTING), Failure(5));
+    EXPECT_EQ(Create(L"dir", access, kShareAll, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS), Success(0));
+  }
+}
+
+TEST_F(CreateFileTest, DeleteOnCloseEndsWithTheLastHandle) {
+  FileHandle file(At("gone"), kRW | DELETE, kShareAll, CREATE_NEW, FILE_FLAG_DELETE_ON_CLOSE);
+  ASSERT_TRUE(file.IsOpen());
+  HANDLE second = nullptr;
+  ASSERT_TRUE(
+      DuplicateHandle(GetCurrentProcess(), file.get(), GetCurrentProcess(), &second, 0, FALSE, DUPLICATE_SAME_ACCESS));
+  file.Close();
+  EXPECT_TRUE(Exists("gone"));
+  CloseHandle(second);
+  EXPECT_FALSE(Exists("gone"));
+}
+
+TEST_F(CreateFileTest, NothingIsLeftOpen) {
+  for (int i = 0; i < 3; ++i) {
+    DWORD before = 0, after = 0;
+    GetProcessHandleCount(GetCurrentProcess(), &before);
+    Create(L"dir", kRW, 0, OPEN_ALWAYS);
+    Create(L"ro", kRW, 0, OPEN_ALWAYS);
+    Create(L"ex", kRW, 0, OPEN_ALWAYS);
+    Create(L"?", kRW, 0, OPEN_ALWAYS);
+    Find(L"*");
+    Find(L"ex");
+    Find(L"nothing*");
+    Find(L"ex\\*");
+    GetProcessHandleCount(GetCurrentProcess(), &after);
+    EXPECT_EQ(before, after);
+  }
+}

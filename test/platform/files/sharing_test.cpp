@@ -1,0 +1,129 @@
+#include "test/platform/files/file_calls.h"
+#include "test/support/child_process.h"
+
+using namespace qel::test;
+
+namespace {
+
+struct Kind {
+  DWORD access, share;
+};
+
+DWORD Rights(DWORD access) { return (access & kR ? 1 : 0) | (access & kW ? 2 : 0) | (access & DELETE ? 4 : 0); }
+bool MayShare(Kind first, Kind second) {
+  return (Rights(first.access) & ~second.share) == 0 && (Rights(second.access) & ~first.share) == 0;
+}
+
+std::vector<Kind> AllKinds() {
+  std::vector<Kind> kinds;
+  for (const DWORD access : {kR, kW, kRW, kR | DELETE, kW | DELETE, DWORD{DELETE}})
+    for (DWORD share = 0; share <= kShareAll; ++share) kinds.push_back({access, share});
+  return kinds;
+}
+
+}  // namespace
+
+CHILD_ROLE(HoldOpen) {
+  const std::wstring name(arguments[0].begin(), arguments[0].end());
+  FileHandle file(name, std::stoul(arguments[1]), std::stoul(arguments[2]), OPEN_EXISTING);
+  Say(file.IsOpen() ? "open" : std::to_string(GetLastError()));
+  while (Hear() == "again") {
+    file.Close();
+    Say("closed");
+  }
+  return 0;
+}
+
+class SharingTest : public FileTest {
+ protected:
+  SharingTest() { Write("f"); }
+  ChildProcess Hold(DWORD access, DWORD share) {
+    ChildProcess child("HoldOpen", {scratch.Narrow("f"), std::to_string(access), std::to_string(share)});
+    EXPECT_EQ(child.WaitForLine(), "open");
+    return child;
+  }
+};
+
+TEST_F(SharingTest, EachAccessMustBeInTheOthersShare) {
+  const auto kinds = AllKinds();
+  for (const Kind& first : kinds) {
+    FileHandle holder(At("f"), first.access, first.share, OPEN_EXISTING);
+    ASSERT_TRUE(holder.IsOpen());
+    for (const Kind& second : kinds)
+      EXPECT_EQ(Create(At("f"), second.access, second.share, OPEN_EXISTING),
+                MayShare(first, second) ? Success(0) : Failure(32))
+          << std::hex << first.access << '/' << first.share << " then " << second.access << '/' << second.share;
+    holder.Close();
+    EXPECT_EQ(Create(At("f"), kRW, 0, OPEN_EXISTING), Success(0));
+  }
+}
+
+TEST_F(SharingTest, AnyOfSeveralHoldersRefuses) {
+  FileHandle reader(At("f"), kR, kShareAll, OPEN_EXISTING), both(At("f"), kRW, 3, OPEN_EXISTING),
+      third(At("f"), kR, 3, OPEN_EXISTING);
+  ASSERT_TRUE(reader.IsOpen() && both.IsOpen() && third.IsOpen());
+  EXPECT_EQ(Create(At("f"), kR, 1, OPEN_EXISTING), Failure(32));
+  EXPECT_EQ(Delete(At("f")), Failure(32));
+  both.Close();
+  EXPECT_EQ(Create(At("f"), kR, 1, OPEN_EXISTING), Success(0));
+  EXPECT_EQ(Delete(At("f")), Failure(32));
+  third.Close();
+  EXPECT_EQ(Delete(At("f")), Success());
+}
+
+TEST_F(SharingTest, HeldFileIsLeftAsItIs) {
+  FileHandle holder(At("f"), kR, 0, OPEN_EXISTING);
+  EXPECT_EQ(Create(At("f"), kW, kShareAll, CREATE_NEW), Failure(80));
+  for (const DWORD disposition : {CREATE_ALWAYS, OPEN_ALWAYS, TRUNCATE_EXISTING})
+    EXPECT_EQ(Create(At("f"), kW, kShareAll, disposition), Failure(32));
+  EXPECT_TRUE(Exists("f"));
+  EXPECT_EQ(Find(At("f").c_str()), Success());
+  EXPECT_TRUE(SetFileAttributesW(At("f").c_str(), FILE_ATTRIBUTE_READONLY));
+  EXPECT_TRUE(SetFileAttributesW(At("f").c_str(), FILE_ATTRIBUTE_NORMAL));
+  holder.Close();
+  EXPECT_EQ(Read("f"), "text");
+}
+
+TEST_F(SharingTest, AccessZeroIsInNobodysWay) {
+  FileHandle query(At("f"), 0, 0, OPEN_EXISTING);
+  ASSERT_TRUE(query.IsOpen());
+  FileHandle exclusive(At("f"), kRW, 0, OPEN_EXISTING);
+  EXPECT_TRUE(exclusive.IsOpen());
+  EXPECT_EQ(Create(At("f"), 0, 0, OPEN_EXISTING), Success(0));
+}
+
+TEST_F(SharingTest, DuplicateKeepsTheShareMode) {
+  FileHandle file(At("f"), kR, 0, OPEN_EXISTING);
+  HANDLE second = nullptr;
+  ASSERT_TRUE(
+      DuplicateHandle(GetCurrentProcess(), file.get(), GetCurrentProcess(), &second, 0, FALSE, DUPLICATE_SAME_ACCESS));
+  file.Close();
+  EXPECT_EQ(Create(At("f"), kR, kShareAll, OPEN_EXISTING), Failure(32));
+  CloseHandle(second);
+  EXPECT_EQ(Create(At("f"), kR, kShareAll, OPEN_EXISTING), Success(0));
+}
+
+TEST_F(SharingTest, HoldsBetweenProcessesAndEndsWithAKilledOne) {
+  auto child = Hold(kRW, 0);
+  EXPECT_EQ(Create(At("f"), kR, kShareAll, OPEN_EXISTING), Failure(32));
+  EXPECT_EQ(Delete(At("f")), Failure(32));
+  EXPECT_EQ(Ask([&] { return MoveFileW(At("f").c_str(), At("g").c_str()); }), Failure(32));
+  EXPECT_EQ(Ask([&] { return CopyFileW(At("f").c_str(), At("g").c_str(), FALSE); }), Failure(32));
+  EXPECT_FALSE(Exists("g"));
+  child.Tell("again");
+  EXPECT_EQ(child.WaitForLine(), "closed");
+  EXPECT_EQ(Create(At("f"), kRW, 0, OPEN_EXISTING), Success(0));
+
+  auto killed = Hold(kRW, 0);
+  EXPECT_EQ(Create(At("f"), kR, kShareAll, OPEN_EXISTING), Failure(32));
+  killed.Kill();
+  EXPECT_EQ(Create(At("f"), kRW, 0, OPEN_EXISTING), Success(0));
+}
+
+TEST_F(SharingTest, DeletingWhatEverybodyLetsGo) {
+  FileHandle file(At("f"), kRW, kShareAll, OPEN_EXISTING);
+  EXPECT_EQ(Delete(At("f")), Success());
+  file.Close();
+  EXPECT_FALSE(Exists("f"));
+  EXPECT_EQ(Create(At("f"), kW, 0, CREATE_NEW), Success(0));
+}

@@ -89,15 +89,27 @@ DWORD CopyFileByPath(const SystemPath& sourcePath, const SystemPath& targetPath,
   return error;
 }
 
+namespace {
+
+// What is wrong with the source counts before what is wrong with the target.
+DWORD Copy(const SystemPath& source, LPCWSTR targetName, bool failIfExists) {
+  SystemPath target;
+  const DWORD targetError = target.ParseFile(targetName);
+  if (!targetError) return CopyFileByPath(source, target, failIfExists);
+  OpenedFile opened;
+  const DWORD error = opened.Open(source, {{kReading, kAllRights}, OPEN_EXISTING});
+  return error ? error : targetError;
+}
+
+}  // namespace
 }  // namespace qel::layer
 
 using namespace qel::layer;
 
 BOOL CopyFileW(LPCWSTR existing, LPCWSTR target, BOOL failIfExists) {
-  SystemPath from, to;
+  SystemPath from;
   DWORD error = from.ParseFile(existing);
-  if (!error) error = to.ParseFile(target);
-  if (!error) error = CopyFileByPath(from, to, failIfExists != FALSE);
+  if (!error) error = Copy(from, target, failIfExists != FALSE);
   SetLastError(error);
   return error == ERROR_SUCCESS;
 }

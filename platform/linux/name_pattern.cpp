@@ -57,18 +57,22 @@ bool NamePattern::Matches(std::wstring_view name) const {
     for (size_t i = 0; i < size; ++i)
       if (places[i] && matchesNothing(pattern_[i])) places.set(i + 1);
   };
-  const size_t lastDot = name.rfind(L'.');
+  // The dots of "." and ".." separate nothing.
+  const bool plain = name == L"." || name == L"..";
+  const size_t lastDot = plain ? name.npos : name.rfind(L'.');
   Places places;
   places.set(0);
   for (size_t at = 0; at < name.size(); ++at) {
     const wchar_t c = name[at];
-    skip(places, [&](wchar_t p) { return p == kAny || p == kAnyToLastDot || (p == kOneOrNone && c == L'.'); });
+    skip(places,
+         [&](wchar_t p) { return p == kAny || p == kAnyToLastDot || (p == kOneOrNone && c == L'.' && !plain); });
     Places next;
     for (size_t i = 0; i < size; ++i) {
       if (!places[i]) continue;
       const wchar_t p = pattern_[i];
       if (p == kAny || (p == kAnyToLastDot && at != lastDot)) next.set(i);
-      if (p == kOne || (p == kOneOrNone && c != L'.') || (p == kDotOrEnd && c == L'.') || p == c) next.set(i + 1);
+      if (p == kOne || (p == kOneOrNone && (c != L'.' || plain)) || (p == kDotOrEnd && c == L'.') || p == c)
+        next.set(i + 1);
     }
     places = next;
     if (places.none()) return false;

@@ -39,8 +39,8 @@ Outcome Ask(Call call) {
 class FileHandle {
  public:
   FileHandle() = default;
-  explicit FileHandle(const std::wstring& name, DWORD access = kRW, DWORD share = 0, DWORD disposition = OPEN_ALWAYS,
-                      DWORD flags = FILE_ATTRIBUTE_NORMAL)
+  explicit FileHandle(const std::wstring& name, DWORD access = kRW, DWORD share = kShareAll,
+                      DWORD disposition = OPEN_ALWAYS, DWORD flags = FILE_ATTRIBUTE_NORMAL)
       : handle_(CreateFileW(name.c_str(), access, share, nullptr, disposition, flags, nullptr)) {}
   FileHandle(const FileHandle&) = delete;
   FileHandle& operator=(const FileHandle&) = delete;

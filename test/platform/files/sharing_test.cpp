@@ -117,6 +117,7 @@ TEST_F(SharingTest, HoldsBetweenProcessesAndEndsWithAKilledOne) {
   auto killed = Hold(kRW, 0);
   EXPECT_EQ(Create(At("f"), kR, kShareAll, OPEN_EXISTING), Failure(32));
   killed.Kill();
+  killed.Wait();
   EXPECT_EQ(Create(At("f"), kRW, 0, OPEN_EXISTING), Success(0));
 }
 

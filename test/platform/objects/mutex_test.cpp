@@ -1,0 +1,244 @@
+#include <gtest/gtest.h>
+
+#include "test/platform/objects/handles.h"
+#include "test/support/child_process.h"
+
+using namespace qel::test;
+
+namespace {
+
+constexpr DWORD kLongMs = 60'000;
+
+DWORD TakenByAnotherThread(HANDLE mutex) {
+  return Worker([mutex] { return WaitForSingleObject(mutex, 0); }).Join();
+}
+
+TEST(Mutexes, ASecondThreadWaitsUntilAllIsReleased) {
+  const Handle mutex = CreateMutexW(nullptr, FALSE, nullptr);
+  for (int i = 0; i < 3; ++i) EXPECT_CALL(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0, kUntouched);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(TakenByAnotherThread(mutex), WAIT_TIMEOUT);
+    EXPECT_CALL(ReleaseMutex(mutex), TRUE, kUntouched);
+  }
+  EXPECT_CALL(ReleaseMutex(mutex), FALSE, ERROR_NOT_OWNER);
+  EXPECT_EQ(TakenByAnotherThread(mutex), WAIT_OBJECT_0);
+}
+
+TEST(Mutexes, TheInitialOwnerHasItOnce) {
+  const Handle mutex = CreateMutexW(nullptr, TRUE, nullptr);
+  EXPECT_EQ(TakenByAnotherThread(mutex), WAIT_TIMEOUT);
+  EXPECT_TRUE(ReleaseMutex(mutex));
+  EXPECT_CALL(ReleaseMutex(mutex), FALSE, ERROR_NOT_OWNER);
+}
+
+TEST(Mutexes, JoiningAsInitialOwnerOwnsNothing) {
+  const std::wstring name = UniqueName();
+  const Handle first = CreateMutexW(nullptr, FALSE, name.c_str());
+  const Handle second = CreateMutexW(nullptr, TRUE, name.c_str());
+  EXPECT_CALL(ReleaseMutex(second), FALSE, ERROR_NOT_OWNER);
+  EXPECT_EQ(TakenByAnotherThread(first), WAIT_OBJECT_0);
+}
+
+// Two handles of a name are one mutex: nesting counts over both.
+TEST(Mutexes, HandlesOfANameAreOneMutex) {
+  const std::wstring name = UniqueName();
+  const Handle first = CreateMutexW(nullptr, TRUE, name.c_str());
+  const Handle second = OpenMutexW(MUTEX_ALL_ACCESS, FALSE, name.c_str());
+  EXPECT_EQ(WaitForSingleObject(second, 0), WAIT_OBJECT_0);
+  EXPECT_TRUE(ReleaseMutex(first));
+  EXPECT_TRUE(ReleaseMutex(first));
+  EXPECT_FALSE(ReleaseMutex(second));
+}
+
+TEST(Mutexes, AnotherThreadMayNotRelease) {
+  const Handle mutex = CreateMutexW(nullptr, TRUE, nullptr);
+  Worker other([&]() -> DWORD { return ReleaseMutex(mutex) ? 0 : GetLastError(); });
+  EXPECT_EQ(other.Join(), ERROR_NOT_OWNER);
+  EXPECT_TRUE(ReleaseMutex(mutex));
+}
+
+TEST(Mutexes, AWaiterGetsItFromTheOwner) {
+  const Handle mutex = CreateMutexW(nullptr, TRUE, nullptr);
+  for (const DWORD limit : {kLongMs, DWORD{INFINITE}}) {
+    const Handle waiting = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    Worker waiter([&] {
+      SetEvent(waiting);
+      const DWORD result = WaitForSingleObject(mutex, limit);
+      ReleaseMutex(mutex);
+      return result;
+    });
+    WaitForSingleObject(waiting, kLongMs);
+    Sleep(2);
+    ReleaseMutex(mutex);
+    EXPECT_EQ(waiter.Join(), WAIT_OBJECT_0);
+    WaitForSingleObject(mutex, 0);
+  }
+  ReleaseMutex(mutex);
+}
+
+TEST(Mutexes, AreGivenUpByTheEndOfTheirThread) {
+  for (const std::wstring& name : {std::wstring(), UniqueName()}) {
+    const Handle mutex = CreateMutexW(nullptr, FALSE, name.empty() ? nullptr : name.c_str());
+    EXPECT_EQ(TakenByAnotherThread(mutex), WAIT_OBJECT_0);
+    EXPECT_CALL(WaitForSingleObject(mutex, kLongMs), WAIT_ABANDONED, kUntouched);
+    EXPECT_TRUE(ReleaseMutex(mutex));
+    EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
+    EXPECT_TRUE(ReleaseMutex(mutex));
+    EXPECT_FALSE(ReleaseMutex(mutex));
+  }
+}
+
+TEST(Mutexes, AbandonedOnesAmongSeveral) {
+  const Handle event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  const Handle mutex = CreateMutexW(nullptr, FALSE, nullptr);
+  const HANDLE handles[] = {event, mutex};
+  EXPECT_EQ(TakenByAnotherThread(mutex), WAIT_OBJECT_0);
+  EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, kLongMs), WAIT_ABANDONED_0 + 1);
+  EXPECT_TRUE(ReleaseMutex(mutex));
+  EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, kLongMs), WAIT_OBJECT_0 + 1);
+  EXPECT_TRUE(ReleaseMutex(mutex));
+}
+
+// A wait for several hears of the release as a wait for one does.
+TEST(Mutexes, AReleasedOneAmongSeveral) {
+  const Handle event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  const Handle mutex = CreateMutexW(nullptr, TRUE, nullptr);
+  const Handle waiting = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  Worker waiter([&] {
+    const HANDLE handles[] = {event, mutex};
+    SetEvent(waiting);
+    const DWORD result = WaitForMultipleObjects(2, handles, FALSE, kLongMs);
+    ReleaseMutex(mutex);
+    return result;
+  });
+  WaitForSingleObject(waiting, kLongMs);
+  Sleep(2);
+  ReleaseMutex(mutex);
+  EXPECT_EQ(waiter.Join(), WAIT_OBJECT_0 + 1);
+}
+
+// The last handle may be closed by the owner: what others join is still owned, and given up by the thread's end.
+TEST(Mutexes, ClosingDoesNotRelease) {
+  const std::wstring name = UniqueName();
+  const Handle other = CreateMutexW(nullptr, FALSE, name.c_str());
+  Worker owner([&]() -> DWORD {
+    Handle mutex = OpenMutexW(MUTEX_ALL_ACCESS, FALSE, name.c_str());
+    WaitForSingleObject(mutex, 0);
+    mutex.Close();
+    return TakenByAnotherThread(other);
+  });
+  EXPECT_EQ(owner.Join(), WAIT_TIMEOUT);
+  EXPECT_EQ(WaitForSingleObject(other, 0), WAIT_ABANDONED);
+  ReleaseMutex(other);
+}
+
+TEST(Mutexes, ClosingTheLastHandleWhileOwning) {
+  const std::wstring name = UniqueName();
+  const Handle keeper = CreateMutexW(nullptr, TRUE, nullptr);
+  Worker owner([&]() -> DWORD {
+    Handle mutex = CreateMutexW(nullptr, TRUE, name.c_str());
+    const Handle another = CreateMutexW(nullptr, TRUE, nullptr);
+    mutex.Close();
+    return ReleaseMutex(another);
+  });
+  EXPECT_EQ(owner.Join(), 1u);
+  const auto [mutex, error] =
+      WithLastError(kUntouched, [&] { return Handle(CreateMutexW(nullptr, FALSE, name.c_str())); });
+  EXPECT_EQ(error, 0u);
+  EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
+  ReleaseMutex(mutex);
+  ReleaseMutex(keeper);
+}
+
+TEST(Mutexes, ExcludeEachOther) {
+  constexpr int kThreads = 4, kTurns = 2000;
+  const std::wstring name = UniqueName();
+  int counter = 0;  // not atomic: the mutex is what keeps it right
+  {
+    std::vector<std::unique_ptr<Worker>> workers;
+    for (int i = 0; i < kThreads; ++i)
+      workers.push_back(std::make_unique<Worker>([&]() -> DWORD {
+        for (int turn = 0; turn < kTurns; ++turn) {
+          const Handle mutex = CreateMutexW(nullptr, FALSE, name.c_str());
+          if (WaitForSingleObject(mutex, kLongMs) != WAIT_OBJECT_0) return 1;
+          ++counter;
+          ReleaseMutex(mutex);
+        }
+        return 0;
+      }));
+    for (auto& worker : workers) EXPECT_EQ(worker->Join(), 0u);
+  }
+  EXPECT_EQ(counter, kThreads * kTurns);
+}
+
+CHILD_ROLE(OwnMutex) {
+  const std::wstring name(arguments[0].begin(), arguments[0].end());
+  const HANDLE mutex = CreateMutexW(nullptr, FALSE, name.c_str());
+  const bool joined = GetLastError() == ERROR_ALREADY_EXISTS;
+  WaitForSingleObject(mutex, INFINITE);
+  Say(joined ? "joined" : "made");
+  Hear();
+  return 0;  // with the mutex still owned
+}
+std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
+
+TEST(MutexesOfProcesses, AreSharedByName) {
+  const std::wstring name = UniqueName();
+  const Handle mutex = CreateMutexW(nullptr, FALSE, name.c_str());
+  ChildProcess child("OwnMutex", {Narrow(name)});
+  ASSERT_EQ(child.WaitForLine(), "joined");
+  EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_TIMEOUT);
+  EXPECT_CALL(ReleaseMutex(mutex), FALSE, ERROR_NOT_OWNER);
+}
+
+TEST(MutexesOfProcesses, AreGivenUpByAnEndOfAnyKind) {
+  const std::wstring name = UniqueName();
+  const Handle mutex = CreateMutexW(nullptr, FALSE, name.c_str());
+  for (const bool kill : {true, false}) {
+    ChildProcess child("OwnMutex", {Narrow(name)});
+    ASSERT_EQ(child.WaitForLine(), "joined");
+    kill ? child.Kill() : child.Tell("end");
+    EXPECT_EQ(WaitForSingleObject(mutex, kLongMs), WAIT_ABANDONED);
+    EXPECT_TRUE(ReleaseMutex(mutex));
+    EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
+    EXPECT_TRUE(ReleaseMutex(mutex));
+  }
+}
+
+TEST(MutexesOfProcesses, DieWithTheOnlyProcessThatHasThem) {
+  const std::wstring name = UniqueName();
+  {
+    ChildProcess child("OwnMutex", {Narrow(name)});
+    ASSERT_EQ(child.WaitForLine(), "made");
+    EXPECT_CALL(Handle(CreateEventW(nullptr, FALSE, FALSE, name.c_str())).operator HANDLE(), nullptr,
+                ERROR_INVALID_HANDLE);
+    child.Kill();
+    child.Wait();
+  }
+  EXPECT_CALL(OpenMutexW(MUTEX_ALL_ACCESS, FALSE, name.c_str()), nullptr, ERROR_FILE_NOT_FOUND);
+  const auto [mutex, error] =
+      WithLastError(kUntouched, [&] { return Handle(CreateMutexW(nullptr, FALSE, name.c_str())); });
+  EXPECT_EQ(error, 0u);
+  EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
+  ReleaseMutex(mutex);
+}
+
+CHILD_ROLE(SignalEvent) {
+  const std::wstring name(arguments[0].begin(), arguments[0].end());
+  const HANDLE event = OpenEventW(EVENT_ALL_ACCESS, FALSE, name.c_str());
+  return event && SetEvent(event) ? 0 : 1;
+}
+
+TEST(EventsOfProcesses, WakeAWaitForOneAndForSeveral) {
+  const std::wstring name = UniqueName();
+  const Handle event = CreateEventW(nullptr, FALSE, FALSE, name.c_str());
+  const Handle never = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  const HANDLE handles[] = {never, event};
+  for (const DWORD count : {1, 2}) {
+    ChildProcess child("SignalEvent", {Narrow(name)});
+    EXPECT_EQ(WaitForMultipleObjects(count, handles + 2 - count, FALSE, kLongMs), count - 1);
+    EXPECT_EQ(child.Wait(), 0);
+  }
+}
+
+}  // namespace

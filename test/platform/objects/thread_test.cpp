@@ -1,0 +1,195 @@
+#include <gtest/gtest.h>
+
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "test/platform/objects/handles.h"
+
+using namespace qel::test;
+
+namespace {
+
+constexpr DWORD kLongMs = 60'000;
+
+TEST(Threads, RunAndEndWithTheirCode) {
+  const Handle go = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  Worker worker([&]() -> DWORD {
+    WaitForSingleObject(go, INFINITE);
+    return 77;
+  });
+  DWORD code = 0;
+  EXPECT_NE(worker.id(), GetCurrentThreadId());
+  EXPECT_TRUE(GetExitCodeThread(worker.handle(), &code));
+  EXPECT_EQ(code, STILL_ACTIVE);
+  EXPECT_EQ(WaitForSingleObject(worker.handle(), 0), WAIT_TIMEOUT);
+  SetEvent(go);
+  EXPECT_EQ(WaitForSingleObject(worker.handle(), kLongMs), WAIT_OBJECT_0);
+  EXPECT_EQ(WaitForSingleObject(worker.handle(), 0), WAIT_OBJECT_0);
+  EXPECT_EQ(worker.Join(), 77u);
+}
+
+TEST(Threads, ReportTheIdThatTheyHave) {
+  DWORD seen = 0;
+  Worker worker([&]() -> DWORD {
+    seen = GetCurrentThreadId();
+    return 0;
+  });
+  worker.Join();
+  EXPECT_EQ(seen, worker.id());
+}
+
+TEST(Threads, SuspendedOnesWaitToBeResumed) {
+  std::atomic<bool> ran{false};
+  Worker worker(
+      [&]() -> DWORD {
+        ran = true;
+        return 0;
+      },
+      CREATE_SUSPENDED);
+  EXPECT_EQ(WaitForSingleObject(worker.handle(), 20), WAIT_TIMEOUT);
+  EXPECT_FALSE(ran);
+  EXPECT_CALL(ResumeThread(worker.handle()), 1u, kUntouched);
+  ResumeThread(worker.handle());
+  worker.Join();
+  EXPECT_TRUE(ran);
+  EXPECT_CALL(ResumeThread(nullptr), static_cast<DWORD>(-1), ERROR_INVALID_HANDLE);
+}
+
+TEST(Threads, TakeTheStackThatTheyAreGiven) {
+  struct Fill {
+    static DWORD WINAPI Run(LPVOID) {
+      volatile char bytes[3 << 20];
+      for (size_t i = 0; i < sizeof bytes; i += 4096) bytes[i] = 1;
+      return bytes[0];
+    }
+  };
+  const Handle thread = CreateThread(nullptr, 8 << 20, &Fill::Run, nullptr, 0, nullptr);
+  ASSERT_TRUE(thread);
+  EXPECT_EQ(WaitForSingleObject(thread, kLongMs), WAIT_OBJECT_0);
+}
+
+TEST(Threads, GoOnWithoutAHandle) {
+  const Handle done = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  struct Signal {
+    static DWORD WINAPI Run(LPVOID event) { return SetEvent(event); }
+  };
+  for (int i = 0; i < 50; ++i) {
+    CloseHandle(CreateThread(nullptr, 0, &Signal::Run, done, 0, nullptr));
+    ASSERT_EQ(WaitForSingleObject(done, kLongMs), WAIT_OBJECT_0);
+  }
+}
+
+TEST(ThreadPriority, SevenValuesAndNoOther) {
+  Worker worker([]() -> DWORD { return 0; }, CREATE_SUSPENDED);
+  const HANDLE thread = worker.handle();
+  EXPECT_EQ(GetThreadPriority(thread), 0);
+  const std::set<int> allowed = {-15, -2, -1, 0, 1, 2, 15};
+  for (int priority = -20; priority <= 31; ++priority) {
+    SCOPED_TRACE(priority);
+    const int before = GetThreadPriority(thread);
+    const bool good = allowed.count(priority) != 0;
+    EXPECT_CALL(SetThreadPriority(thread, priority), good, good ? kUntouched : ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(GetThreadPriority(thread), good ? priority : before);
+  }
+  EXPECT_CALL(SetThreadPriority(nullptr, 0), FALSE, ERROR_INVALID_HANDLE);
+  EXPECT_CALL(GetThreadPriority(nullptr), THREAD_PRIORITY_ERROR_RETURN, ERROR_INVALID_HANDLE);
+  ResumeThread(thread);
+}
+
+// The pseudo handle is the caller's own; a copy of it is one thread's for good. The thread need not be the layer's.
+TEST(PseudoHandles, ADuplicateStaysWithItsThread) {
+  HANDLE copy = nullptr;
+  const Handle copied = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  const Handle go = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  std::thread host([&] {
+    const HANDLE process = GetCurrentProcess();
+    EXPECT_TRUE(DuplicateHandle(process, GetCurrentThread(), process, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS));
+    SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_LOWEST);
+    SetEvent(copied);
+    WaitForSingleObject(go, INFINITE);
+  });
+  WaitForSingleObject(copied, kLongMs);
+  EXPECT_EQ(GetThreadPriority(GetCurrentThread()), 0);
+  EXPECT_EQ(GetThreadPriority(copy), THREAD_PRIORITY_LOWEST);
+  EXPECT_EQ(WaitForSingleObject(copy, 0), WAIT_TIMEOUT);
+  SetEvent(go);
+  EXPECT_EQ(WaitForSingleObject(copy, kLongMs), WAIT_OBJECT_0);
+  host.join();
+  EXPECT_TRUE(CloseHandle(copy));
+}
+
+TEST(PseudoHandles, Values) {
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(GetCurrentProcess()), 0xFFFFFFFFu);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(GetCurrentThread()), 0xFFFFFFFEu);
+}
+
+TEST(ThreadLocalSlots, HoldAValueForEachThread) {
+  const DWORD slot = TlsAlloc();
+  ASSERT_NE(slot, TLS_OUT_OF_INDEXES);
+  int here = 0, there = 0;
+  EXPECT_CALL(TlsGetValue(slot), nullptr, 0);
+  EXPECT_CALL(TlsSetValue(slot, &here), TRUE, kUntouched);
+  Worker other([&]() -> DWORD {
+    const bool empty = TlsGetValue(slot) == nullptr;
+    TlsSetValue(slot, &there);
+    return empty && TlsGetValue(slot) == &there;
+  });
+  EXPECT_EQ(other.Join(), 1u);
+  EXPECT_CALL(TlsGetValue(slot), &here, 0);
+  EXPECT_TRUE(TlsFree(slot));
+}
+
+TEST(ThreadLocalSlots, IndexesThatAreNone) {
+  for (const DWORD slot : {DWORD{1088}, TLS_OUT_OF_INDEXES}) {
+    EXPECT_CALL(TlsGetValue(slot), nullptr, ERROR_INVALID_PARAMETER);
+    EXPECT_CALL(TlsSetValue(slot, nullptr), FALSE, ERROR_INVALID_PARAMETER);
+    EXPECT_CALL(TlsFree(slot), FALSE, ERROR_INVALID_PARAMETER);
+  }
+}
+
+TEST(ThreadLocalSlots, AFreedOneIsEmptyForItsNextUser) {
+  const DWORD slot = TlsAlloc();
+  int value = 0;
+  const Handle freed = CreateEventW(nullptr, FALSE, FALSE, nullptr), set = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  Worker other([&]() -> DWORD {
+    TlsSetValue(slot, &value);
+    SetEvent(set);
+    WaitForSingleObject(freed, kLongMs);
+    return TlsGetValue(slot) == nullptr;
+  });
+  TlsSetValue(slot, &value);
+  WaitForSingleObject(set, kLongMs);
+  EXPECT_TRUE(TlsFree(slot));
+  EXPECT_CALL(TlsFree(slot), FALSE, ERROR_INVALID_PARAMETER);
+  EXPECT_CALL(TlsGetValue(slot), nullptr, 0);
+  SetEvent(freed);
+  EXPECT_EQ(other.Join(), 1u);
+  EXPECT_TRUE(TlsSetValue(slot, nullptr));
+  EXPECT_EQ(TlsAlloc(), slot);  // the first free one
+  EXPECT_EQ(TlsGetValue(slot), nullptr);
+  TlsFree(slot);
+}
+
+TEST(ThreadLocalSlots, RunOut) {
+  std::vector<DWORD> slots;
+  DWORD slot;
+  while ((slot = TlsAlloc()) != TLS_OUT_OF_INDEXES) slots.push_back(slot);
+  EXPECT_EQ(GetLastError(), ERROR_NO_MORE_ITEMS);
+  EXPECT_GT(slots.size(), 1000u);
+  EXPECT_LE(slots.size(), 1088u);
+  for (const DWORD last : {slots.front(), slots.back()}) {
+    TlsSetValue(last, &slot);
+    EXPECT_EQ(TlsGetValue(last), &slot);
+  }
+  for (const DWORD each : slots) TlsFree(each);
+}
+
+TEST(Sleeping, IsNotShort) {
+  const DWORD start = GetTickCount();
+  Sleep(0);
+  Sleep(50);
+  EXPECT_GE(GetTickCount() - start + 16, 50u);
+}
+
+}  // namespace

@@ -1,0 +1,148 @@
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "test/platform/objects/handles.h"
+#include "test/support/child_process.h"
+
+using namespace qel::test;
+
+namespace {
+
+constexpr DWORD kLongMs = 60'000;
+
+std::string OwnProgram() {
+  char path[1024] = {};
+  GetModuleFileNameA(nullptr, path, sizeof path);
+  return path;
+}
+
+struct Started {
+  Handle process, thread;
+  DWORD id = 0;
+};
+Started Start(std::string commandLine, BOOL inherit = FALSE) {
+  STARTUPINFOA startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION information{};
+  if (!CreateProcessA(nullptr, commandLine.data(), nullptr, nullptr, inherit, 0, nullptr, nullptr, &startup,
+                      &information))
+    return {};
+  return {Handle(information.hProcess), Handle(information.hThread), information.dwProcessId};
+}
+Started StartRole(const std::string& role, const std::string& arguments = {}, BOOL inherit = FALSE) {
+  return Start('"' + OwnProgram() + "\" --role=" + role + ' ' + arguments, inherit);
+}
+DWORD ExitCode(HANDLE process) {
+  DWORD code = 0;
+  EXPECT_TRUE(GetExitCodeProcess(process, &code));
+  return code;
+}
+
+CHILD_ROLE(SleepLong) {
+  Sleep(kLongMs);
+  return 0;
+}
+CHILD_ROLE(EndWithCode) { return std::stoi(arguments[0]); }
+
+TEST(Processes, EndWithTheirCode) {
+  const Started child = StartRole("EndWithCode", "42");
+  ASSERT_TRUE(child.process);
+  EXPECT_NE(child.id, GetCurrentProcessId());
+  EXPECT_EQ(WaitForSingleObject(child.process, kLongMs), WAIT_OBJECT_0);
+  EXPECT_EQ(WaitForSingleObject(child.thread, kLongMs), WAIT_OBJECT_0);
+  EXPECT_EQ(ExitCode(child.process), 42u);
+}
+
+TEST(Processes, RunUntilTheyAreEnded) {
+  const Started child = StartRole("SleepLong");
+  ASSERT_TRUE(child.process);
+  EXPECT_CALL(WaitForSingleObject(child.process, 10), WAIT_TIMEOUT, kUntouched);
+  EXPECT_EQ(ExitCode(child.process), STILL_ACTIVE);
+  EXPECT_TRUE(TerminateProcess(child.process, 9));
+  EXPECT_EQ(WaitForSingleObject(child.process, kLongMs), WAIT_OBJECT_0);
+  EXPECT_EQ(ExitCode(child.process), 9u);
+}
+
+TEST(Processes, AmongSeveralObjects) {
+  const Handle event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  const Started child = StartRole("EndWithCode", "0");
+  const HANDLE handles[] = {event, child.process};
+  EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, kLongMs), WAIT_OBJECT_0 + 1);
+}
+
+TEST(Processes, GoOnWithoutAHandle) {
+  const std::wstring name = UniqueName();
+  const Handle event = CreateEventW(nullptr, FALSE, FALSE, name.c_str());
+  StartRole("SignalEvent", std::string(name.begin(), name.end()));
+  EXPECT_EQ(WaitForSingleObject(event, kLongMs), WAIT_OBJECT_0);
+}
+
+const std::vector<std::string>& OddArguments() {
+  static const std::vector<std::string> arguments = {"plain", "a b", "", "quo\"te", "back\\slash", "tail\\", "a\\\"b"};
+  return arguments;
+}
+CHILD_ROLE(CompareArguments) { return arguments == OddArguments() ? 3 : 4; }
+
+TEST(Processes, ReadTheirCommandLineByTheQuotingRules) {
+  const Started child =
+      StartRole("CompareArguments", "plain   \"a b\" \"\" quo\\\"te back\\slash \"tail\\\\\" \"a\\\\\\\"b\" ");
+  ASSERT_TRUE(child.process);
+  EXPECT_EQ(WaitForSingleObject(child.process, kLongMs), WAIT_OBJECT_0);
+  EXPECT_EQ(ExitCode(child.process), 3u);
+}
+
+TEST(Processes, APogramThatIsMissing) {
+  char command[] = "no-such-program-qel arguments";
+  STARTUPINFOA startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION information{};
+  EXPECT_CALL(CreateProcessA(nullptr, command, nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &information),
+              FALSE, ERROR_FILE_NOT_FOUND);
+}
+
+// How a debugger is handed the event that tells of its being attached: the handle is written into its command line.
+CHILD_ROLE(SignalInherited) {
+  return SetEvent(reinterpret_cast<HANDLE>(std::stoul(arguments[0], nullptr, 16))) ? 0 : 1;
+}
+Handle InheritableEvent() {
+  SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+  return CreateEventW(&inherit, FALSE, FALSE, nullptr);
+}
+std::string ValueOf(HANDLE handle) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%lx", static_cast<DWORD>(reinterpret_cast<uintptr_t>(handle)));
+  return text;
+}
+
+TEST(Processes, InheritAnEventUnderTheSameHandle) {
+  const Handle other = InheritableEvent();
+  for (int i = 0; i < 3; ++i) {
+    const Handle event = InheritableEvent();
+    const Started child = StartRole("SignalInherited", ValueOf(event), TRUE);
+    ASSERT_TRUE(child.process);
+    EXPECT_EQ(WaitForSingleObject(event, kLongMs), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(child.process, kLongMs), WAIT_OBJECT_0);
+    EXPECT_EQ(ExitCode(child.process), 0u);
+    EXPECT_EQ(WaitForSingleObject(other, 0), WAIT_TIMEOUT);
+  }
+}
+
+TEST(Processes, InheritNothingUnlessAsked) {
+  const Handle event = InheritableEvent();
+  const Started child = StartRole("SignalInherited", ValueOf(event), FALSE);
+  EXPECT_EQ(WaitForSingleObject(child.process, kLongMs), WAIT_OBJECT_0);
+  EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_TIMEOUT);
+}
+
+TEST(Processes, TheOwnOne) {
+  EXPECT_EQ(ExitCode(GetCurrentProcess()), STILL_ACTIVE);
+  DWORD_PTR own = 0, all = 0;
+  EXPECT_TRUE(GetProcessAffinityMask(GetCurrentProcess(), &own, &all));
+  EXPECT_NE(own, 0u);
+  EXPECT_EQ(own & ~all, 0u);
+  EXPECT_CALL(GetProcessAffinityMask(nullptr, &own, &all), FALSE, ERROR_INVALID_HANDLE);
+  EXPECT_FALSE(IsDebuggerPresent());
+}
+
+}  // namespace

@@ -1,0 +1,208 @@
+// Where named objects live. Each scenario is played by a process with shared memory of its own; it ends with 0, with
+// the line of what went wrong, or with kSkipped where the system does not let it have that.
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "test/platform/objects/handles.h"
+#include "test/platform/objects/shared_memory.h"
+#include "test/support/child_process.h"
+
+using namespace qel::test;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kSkipped = 77;
+constexpr uid_t kOther = 54321;
+constexpr wchar_t kName[] = L"Local\\qel-namespace";
+
+#define REQUIRE(condition)                                                 \
+  do {                                                                     \
+    if (!(condition)) {                                                    \
+      std::fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #condition); \
+      return 1;                                                            \
+    }                                                                      \
+  } while (false)
+
+void PlayScenario(const char* role) {
+  ChildProcess child(role);
+  const int code = child.Wait();
+  if (code == kSkipped) GTEST_SKIP() << "needs shared memory of its own";
+  EXPECT_EQ(code, 0);
+}
+
+bool MakeFolder(const std::string& name, uid_t owner, mode_t mode) {
+  const std::string path = "/dev/shm/" + name;
+  return mkdir(path.c_str(), mode) == 0 && chown(path.c_str(), owner, owner) == 0 && chmod(path.c_str(), mode) == 0;
+}
+std::string OwnPrefix() { return "qel-" + std::to_string(geteuid()) + "-"; }
+
+// The result of a mutex that works: it is new, its name is known, and it excludes.
+bool WorksAsMutex() {
+  const Handle mutex = CreateMutexW(nullptr, TRUE, kName);
+  if (!mutex || GetLastError() != ERROR_SUCCESS) return false;
+  const Handle again = CreateMutexW(nullptr, FALSE, kName);
+  if (!again || GetLastError() != ERROR_ALREADY_EXISTS) return false;
+  const bool excludes = Worker([&] { return WaitForSingleObject(again, 0); }).Join() == WAIT_TIMEOUT;
+  return excludes && ReleaseMutex(again) && !ReleaseMutex(mutex);
+}
+
+CHILD_ROLE(RefuseFolders) {
+  if (geteuid() != 0 || !UsePrivateSharedMemory()) return kSkipped;
+  const std::string prefix = "qel-" + std::to_string(kOther) + "-";
+  REQUIRE(MakeFolder(prefix + "0-foreign", 0, 0700));
+  REQUIRE(MakeFolder("target", kOther, 0700));
+  REQUIRE(symlink("/dev/shm/target", ("/dev/shm/" + prefix + "1-link").c_str()) == 0);
+  REQUIRE(MakeFolder(prefix + "2-open", kOther, 0777));
+  std::ofstream("/dev/shm/" + prefix + "3-file");
+  const size_t before = ListSharedMemory().size();
+  REQUIRE(setresgid(kOther, kOther, kOther) == 0 && setresuid(kOther, kOther, kOther) == 0);
+  const Handle event = CreateEventW(nullptr, FALSE, FALSE, kName);
+  REQUIRE(event);
+  std::string folder;
+  for (const auto& entry : fs::directory_iterator("/dev/shm")) {
+    struct stat status;
+    REQUIRE(lstat(entry.path().c_str(), &status) == 0);
+    if (!S_ISDIR(status.st_mode) || status.st_uid != kOther || (status.st_mode & 0777) != 0700) continue;
+    if (entry.path().filename() != "target") folder = entry.path();
+  }
+  REQUIRE(folder.starts_with("/dev/shm/" + prefix));
+  REQUIRE(!fs::is_empty(folder));
+  REQUIRE(fs::is_empty("/dev/shm/target"));
+  REQUIRE(fs::is_empty("/dev/shm/" + prefix + "2-open"));
+  REQUIRE(fs::file_size(fs::directory_iterator(folder)->path()) == 4096);
+  REQUIRE((fs::status(fs::directory_iterator(folder)->path()).permissions() & fs::perms::mask) ==
+          (fs::perms::owner_read | fs::perms::owner_write));
+  REQUIRE(before == 5);
+  return 0;
+}
+TEST(ObjectFolder, ForeignOpenAndLinkedOnesAreRefused) { PlayScenario("RefuseFolders"); }
+
+CHILD_ROLE(TakeSmallest) {
+  if (!UsePrivateSharedMemory()) return kSkipped;
+  REQUIRE(MakeFolder(OwnPrefix() + "b", geteuid(), 0700));
+  REQUIRE(MakeFolder(OwnPrefix() + "a", geteuid(), 0700));
+  const Handle event = CreateEventW(nullptr, FALSE, FALSE, kName);
+  REQUIRE(!fs::is_empty("/dev/shm/" + OwnPrefix() + "a"));
+  REQUIRE(fs::is_empty("/dev/shm/" + OwnPrefix() + "b"));
+  return 0;
+}
+TEST(ObjectFolder, TheSmallestNameIsEverybodys) { PlayScenario("TakeSmallest"); }
+
+CHILD_ROLE(EndOrderly) {
+  static const Handle mutex = CreateMutexW(nullptr, TRUE, L"kept");
+  Handle(CreateMutexW(nullptr, FALSE, L"parked")).Close();
+  static const Handle event = CreateEventW(nullptr, TRUE, TRUE, L"Global\\event");
+  return mutex && event ? 0 : 1;
+}
+CHILD_ROLE(HoldAndHear) {
+  static const HANDLE handles[] = {CreateMutexW(nullptr, TRUE, L"left"), CreateSemaphoreW(nullptr, 1, 1, L"count"),
+                                   CreateWaitableTimerA(nullptr, TRUE, "timer")};
+  Say("held");
+  Hear();
+  return handles[2] ? 0 : 1;
+}
+CHILD_ROLE(LeaveNothing) {
+  if (!UsePrivateSharedMemory()) return kSkipped;
+  {
+    ChildProcess killed("HoldAndHear");
+    REQUIRE(killed.WaitForLine() == "held");
+    REQUIRE(ChildProcess("EndOrderly").Wait() == 0);
+    REQUIRE(ListSharedMemory().size() == 4);  // the folder and what is still held
+  }
+  REQUIRE(ListSharedMemory().size() == 4);
+  REQUIRE(ChildProcess("EndOrderly").Wait() == 0);
+  REQUIRE(ListSharedMemory().empty());
+  return 0;
+}
+TEST(ObjectFolder, NothingIsLeftAfterTheLastOrderlyEnd) { PlayScenario("LeaveNothing"); }
+
+// A process that has the folder open while another removes it makes and finds objects in the next one.
+CHILD_ROLE(LoseFolder) {
+  if (!UsePrivateSharedMemory()) return kSkipped;
+  Handle(CreateEventW(nullptr, FALSE, FALSE, kName)).Close();
+  Handle(CreateMutexW(nullptr, FALSE, kName)).Close();  // parked in it
+  REQUIRE(ChildProcess("EndOrderly").Wait() == 0);
+  REQUIRE(ListSharedMemory().empty());
+  REQUIRE(WorksAsMutex());
+  ChildProcess holder("HoldAndHear");
+  REQUIRE(holder.WaitForLine() == "held");
+  const Handle joined = OpenMutexW(MUTEX_ALL_ACCESS, FALSE, L"left");
+  REQUIRE(joined);
+  return 0;
+}
+TEST(ObjectFolder, ARemovedOneIsLookedForAgain) { PlayScenario("LoseFolder"); }
+
+CHILD_ROLE(OpenParked) { return OpenMutexW(MUTEX_ALL_ACCESS, FALSE, kName) ? 1 : static_cast<int>(GetLastError()); }
+CHILD_ROLE(Park) {
+  if (!UsePrivateSharedMemory()) return kSkipped;
+  for (int i = 0; i < 3; ++i) {
+    REQUIRE(WorksAsMutex());
+    REQUIRE(OpenMutexW(MUTEX_ALL_ACCESS, FALSE, kName) == nullptr);
+    REQUIRE(WorksAsMutex());
+    if (i == 1) REQUIRE(ChildProcess("OpenParked").Wait() == ERROR_FILE_NOT_FOUND);  // removes the file as well
+  }
+  for (int i = 0; i < 100; ++i) Handle(CreateMutexW(nullptr, FALSE, (kName + std::to_wstring(i)).c_str())).Close();
+  REQUIRE(ListSharedMemory().size() <= 17);  // only so many are kept at hand
+  return 0;
+}
+TEST(ParkedMutexes, AreNoObjects) { PlayScenario("Park"); }
+
+int FallBack() {
+  for (int i = 0; i < 2; ++i) REQUIRE(WorksAsMutex());
+  const Handle mutex = CreateMutexW(nullptr, FALSE, kName);
+  REQUIRE(CreateEventW(nullptr, FALSE, FALSE, kName) == nullptr);
+  REQUIRE(GetLastError() == ERROR_INVALID_HANDLE);
+  REQUIRE(CreateEventW(nullptr, FALSE, FALSE, L"no-room") == nullptr);
+  REQUIRE(GetLastError() != ERROR_SUCCESS);
+  REQUIRE(CreateMutexW(nullptr, FALSE, L"bad\\name") == nullptr);
+  REQUIRE(GetLastError() == ERROR_PATH_NOT_FOUND);
+  return 0;
+}
+CHILD_ROLE(FullMemory) {
+  if (!UsePrivateSharedMemory("size=8k")) return kSkipped;
+  std::ofstream("/dev/shm/filler") << std::string(8192, 'x');
+  return FallBack();
+}
+CHILD_ROLE(ReadOnlyMemory) {
+  if (!UsePrivateSharedMemory()) return kSkipped;
+  REQUIRE(mount(nullptr, "/dev/shm", nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0);
+  return FallBack();
+}
+CHILD_ROLE(NoMemory) {
+  if (!UsePrivateSharedMemory() || mount("test", "/dev", "tmpfs", 0, nullptr) != 0) return kSkipped;
+  return FallBack();
+}
+TEST(MutexFallback, SharedMemoryIsFull) { PlayScenario("FullMemory"); }
+TEST(MutexFallback, SharedMemoryIsReadOnly) { PlayScenario("ReadOnlyMemory"); }
+TEST(MutexFallback, SharedMemoryIsMissing) { PlayScenario("NoMemory"); }
+
+// What a forked child closes and ends with is not its parent's.
+CHILD_ROLE(Fork) {
+  if (!UsePrivateSharedMemory()) return kSkipped;
+  const Handle event = CreateEventW(nullptr, TRUE, FALSE, kName);
+  const Handle mutex = CreateMutexW(nullptr, TRUE, L"forked");
+  const pid_t child = fork();
+  if (child == 0) {
+    if (!CloseHandle(event) || !CloseHandle(mutex)) _exit(1);
+    const Handle joined = OpenEventW(EVENT_ALL_ACCESS, FALSE, kName);
+    const Handle owned = OpenMutexW(MUTEX_ALL_ACCESS, FALSE, L"forked");
+    if (!joined || !SetEvent(joined) || WaitForSingleObject(owned, 0) != WAIT_TIMEOUT) _exit(2);
+    exit(0);
+  }
+  int status = 0;
+  REQUIRE(waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  REQUIRE(WaitForSingleObject(event, 0) == WAIT_OBJECT_0);
+  REQUIRE(ReleaseMutex(mutex));
+  REQUIRE(ChildProcess("OpenParked").Wait() == ERROR_INVALID_HANDLE);  // the event is there still
+  return 0;
+}
+TEST(ForkedChild, LeavesItsParentsObjectsAlone) { PlayScenario("Fork"); }
+
+}  // namespace

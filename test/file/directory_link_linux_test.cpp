@@ -3,6 +3,7 @@
 
 namespace qel::test {
 namespace {
+
 namespace fs = std::filesystem;
 
 class DirectoryLink : public FileTest {

@@ -1,0 +1,37 @@
+#include "gtest/gtest.h"
+#include "test/support/child_process.h"
+#include "test/support/log_folder.h"
+#include "watchthreadstat/lockmtx.h"
+
+namespace qel::test {
+namespace {
+
+std::wstring Wide(const std::string& text) { return {text.begin(), text.end()}; }
+
+CHILD_ROLE(HoldLock) {
+  HANDLE mutex = CreateMutexW(nullptr, FALSE, Wide(arguments[0]).c_str());
+  const CLockMtx lock(mutex, 60000, 1, "child.cpp");
+  Say(lock.LockCount() == 1 ? "held" : "not held");
+  Hear();
+  return 0;
+}
+
+// Whoever waits when the owner is killed gets the mutex and knows nothing of it.
+TEST(Lock, OutlivesKilledOwners) {
+  LogFolder();
+  const std::string name = "Local\\qel-lock-test-" + std::to_string(GetCurrentProcessId());
+  HANDLE mutex = CreateMutexW(nullptr, FALSE, Wide(name).c_str());
+  ASSERT_NE(mutex, nullptr);
+  for (int round = 0; round < 200; ++round) {
+    ChildProcess owner("HoldLock", {name});
+    ASSERT_EQ(owner.WaitForLine(), "held") << round;
+    ASSERT_EQ(WaitForSingleObject(mutex, 0), WAIT_TIMEOUT) << round;
+    owner.Kill();
+    ASSERT_EQ(CLockMtx(mutex, 30000, 2, "parent.cpp").LockCount(), 1u) << round;
+  }
+  CloseHandle(mutex);
+  EXPECT_TRUE(TakeLines(channel::kLock).empty());
+}
+
+}  // namespace
+}  // namespace qel::test

@@ -1,0 +1,309 @@
+#include <atomic>
+#include <climits>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "gtest/gtest.h"
+#include "platform/mfc/exception.h"
+#include "qelibaselib/qelibaselib.h"
+#include "test/support/log_folder.h"
+#include "test/watchthreadstat/watch_case.h"
+
+namespace qel::test {
+namespace {
+
+void __stdcall Count(unsigned long, void*, unsigned long, void* counter) { ++*static_cast<int*>(counter); }
+
+// The record's mutex, its second word.
+HANDLE MutexOf(void* registration) { return static_cast<HANDLE*>(registration)[1]; }
+
+class ThreadWatch2 : public testing::Test {
+ protected:
+  ThreadWatch2() { LogFolder(); }
+  StillTimer timer_;
+  ManualWatch watch_;
+};
+
+TEST_F(ThreadWatch2, CountsDelaysDownByWholeTicks) {
+  const struct {
+    long firstDelay, interval;
+    std::vector<int> ticks;  // of ten
+  } cases[] = {{0, 0, {}},
+               {0, 3000, {3, 6, 9}},
+               {0, 2500, {3, 6, 9}},
+               {2500, 0, {3}},
+               {1000, 3000, {1, 4, 7, 10}},
+               {1, 1, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}},
+               {4000, 1001, {4, 6, 8, 10}},
+               {-1, 9000, {9}},
+               {1000, -7, {1}},
+               {LONG_MAX, 1, {}},
+               {LONG_MIN, LONG_MIN, {}}};
+  EXPECT_EQ(CWatchThreadStat2::_Period_ms, 1000);
+  EXPECT_EQ(timer_.dueTimes, std::vector<LONGLONG>{-1});
+  EXPECT_EQ(timer_.periods, std::vector<LONG>{1000});
+  for (const auto& expected : cases) {
+    int calls = 0;
+    void* registration = watch_.Start(expected.firstDelay, expected.interval, &Count, &calls);
+    std::vector<int> ticks;
+    for (int tick = 1; tick <= 10; ++tick) {
+      const int before = calls;
+      watch_.Tick();
+      if (calls != before) ticks.push_back(tick);
+    }
+    EXPECT_EQ(ticks, expected.ticks) << expected.firstDelay << ", " << expected.interval;
+    EXPECT_EQ(watch_.End(registration), 1);
+  }
+}
+
+struct Call {
+  unsigned long startTick;
+  void* thread;
+  unsigned long threadId;
+  int who;
+};
+std::vector<Call> g_calls;
+void __stdcall Record(unsigned long startTick, void* thread, unsigned long threadId, void* who) {
+  g_calls.push_back({startTick, thread, threadId, static_cast<int>(reinterpret_cast<INT_PTR>(who))});
+}
+
+TEST_F(ThreadWatch2, CallsInOrderOfStartWithTheIdentityOfTheThread) {
+  g_calls.clear();
+  void* first = nullptr;
+  void* second = nullptr;
+  DWORD otherId = 0;
+  auto ticks = STAND_IN(GetTickCount, [](int nth) { return static_cast<DWORD>(1000 * nth); });
+  std::atomic<bool> go = false;
+  std::thread other([&] {
+    otherId = GetCurrentThreadId();
+    first = watch_.Start(1000, 0, &Record, reinterpret_cast<void*>(1));
+    while (!go) std::this_thread::yield();
+  });
+  while (watch_.Param().m_watchList.GetCount() == 0) std::this_thread::yield();
+  second = watch_.Start(1000, 0, &Record, reinterpret_cast<void*>(2));
+  watch_.Tick();
+  ASSERT_EQ(g_calls.size(), 2u);
+  EXPECT_EQ(g_calls[0].who, 1);
+  EXPECT_EQ(g_calls[0].startTick, 1000u);
+  EXPECT_EQ(g_calls[0].threadId, otherId);
+  EXPECT_EQ(WaitForSingleObject(g_calls[0].thread, 0), WAIT_TIMEOUT) << "a real handle, the thread still runs";
+  EXPECT_EQ(g_calls[1].who, 2);
+  EXPECT_EQ(g_calls[1].startTick, 2000u);
+  EXPECT_EQ(g_calls[1].threadId, GetCurrentThreadId());
+  go = true;
+  other.join();
+  EXPECT_EQ(WaitForSingleObject(g_calls[0].thread, 5000), WAIT_OBJECT_0);
+  EXPECT_TRUE(watch_.End(first));
+  EXPECT_TRUE(watch_.End(second));
+}
+
+// While a callback runs the list is free for others, its own record is not.
+struct Inside {
+  ManualWatch* watch;
+  void* registration = nullptr;
+  DWORD ownRecord = 0;
+  BOOL listWasFree = FALSE;
+};
+void __stdcall LookAround(unsigned long, void*, unsigned long, void* argument) {
+  auto& inside = *static_cast<Inside*>(argument);
+  std::thread([&inside] {
+    inside.ownRecord = WaitForSingleObject(MutexOf(inside.registration), 0);
+    int calls = 0;
+    inside.listWasFree = inside.watch->End(inside.watch->Start(1, 1, &Count, &calls));
+  }).join();
+}
+
+TEST_F(ThreadWatch2, CallsBackOutsideTheListUnderTheRecord) {
+  Inside inside{&watch_};
+  inside.registration = watch_.Start(1, 0, &LookAround, &inside);
+  watch_.Tick();
+  EXPECT_EQ(inside.ownRecord, WAIT_TIMEOUT);
+  EXPECT_TRUE(inside.listWasFree);
+  std::thread([&] {
+    EXPECT_EQ(WaitForSingleObject(MutexOf(inside.registration), 0), WAIT_OBJECT_0) << "released after the call";
+    ReleaseMutex(MutexOf(inside.registration));
+  }).join();
+  watch_.End(inside.registration);
+}
+
+struct Slow {
+  std::atomic<bool> entered = false, leave = false, left = false;
+};
+void __stdcall WaitToLeave(unsigned long, void*, unsigned long, void* argument) {
+  auto& slow = *static_cast<Slow*>(argument);
+  slow.entered = true;
+  while (!slow.leave) std::this_thread::yield();
+  slow.left = true;
+}
+
+TEST_F(ThreadWatch2, EndWaitsForTheCallbackThatRuns) {
+  Slow slow;
+  void* registration = watch_.Start(1, 0, &WaitToLeave, &slow);
+  std::thread ticker([this] { watch_.Tick(); });
+  while (!slow.entered) std::this_thread::yield();
+  bool leftBeforeEnd = false;
+  std::thread ender([&] {
+    watch_.End(registration);
+    leftBeforeEnd = slow.left;
+  });
+  while (watch_.Param().m_watchList.GetCount() != 0) std::this_thread::yield();  // End has begun
+  slow.leave = true;
+  ender.join();
+  ticker.join();
+  EXPECT_TRUE(leftBeforeEnd);
+}
+
+void __stdcall Misbehave(unsigned long, void*, unsigned long, void* how) {
+  switch (reinterpret_cast<INT_PTR>(how)) {
+    case 1:
+      throw 1;
+    case 2:
+      throw new CException;
+    default:
+      *static_cast<volatile int*>(nullptr) = 1;
+  }
+}
+
+TEST_F(ThreadWatch2, WhatACallbackThrowsEndsInTheGuard) {
+  TakeLines(channel::kAssert);
+  std::vector<void*> registrations;
+  for (int how = 1; how <= 3; ++how)
+    registrations.push_back(watch_.Start(1, 0, &Misbehave, reinterpret_cast<void*>(how)));
+  int calls = 0;
+  registrations.push_back(watch_.Start(1, 0, &Count, &calls));
+  watch_.Tick();
+  EXPECT_EQ(calls, 1) << "those behind are called";
+  for (void* registration : registrations)
+    std::thread([&] { EXPECT_TRUE(watch_.End(registration)) << "nothing stays locked"; }).join();
+  int caught = 0;
+  for (const auto& message : TakeMessages(channel::kAssert)) caught += message.find("_CATCH_") != std::string::npos;
+  EXPECT_EQ(caught, 3);
+}
+
+TEST(ThreadWatch2Priority, FollowsTheFirstAndTheLastRegistration) {
+  StillTimer timer;
+  std::vector<int> priorities;
+  auto priority = STAND_IN(SetThreadPriority, [&](int, HANDLE, int value) {
+    priorities.push_back(value);
+    return TRUE;
+  });
+  auto take = [&] { return std::exchange(priorities, {}); };
+  int calls = 0;
+  {
+    ManualWatch watch;
+    EXPECT_EQ(take(), std::vector<int>{THREAD_PRIORITY_LOWEST});
+    void* first = watch.Start(1000, 0, &Count, &calls);
+    EXPECT_EQ(take(), std::vector<int>{THREAD_PRIORITY_TIME_CRITICAL});
+    void* second = watch.Start(1000, 0, &Count, &calls);
+    watch.End(first);
+    EXPECT_EQ(watch.End(nullptr), 0);
+    EXPECT_EQ(take(), std::vector<int>{});
+    watch.End(second);
+    EXPECT_EQ(take(), std::vector<int>{THREAD_PRIORITY_LOWEST});
+  }
+  EXPECT_EQ(take(), std::vector<int>{THREAD_PRIORITY_HIGHEST});
+}
+
+DWORD OpenHandles() {
+  DWORD count = 0;
+  GetProcessHandleCount(GetCurrentProcess(), &count);
+  return count;
+}
+
+TEST(ThreadWatch2Lifecycle, KeepsNoHandles) {
+  LogFolder();
+  StillTimer timer;
+  int calls = 0;
+  { ManualWatch once; }
+  const DWORD before = OpenHandles();
+  {
+    ManualWatch watch;
+    watch.End(watch.Start(1, 1, &Count, &calls));
+  }
+  EXPECT_EQ(OpenHandles(), before);
+  {
+    ManualWatch watch;
+    for (int i = 0; i < 3; ++i) watch.Start(1, 1, &Count, &calls);
+  }
+  EXPECT_EQ(calls, 0) << "left registrations are freed without a call";
+}
+
+// The first step of the start that fails ends it; what works without the watcher thread still does.
+TEST(ThreadWatch2Lifecycle, SurvivesAFailedStart) {
+  LogFolder();
+  StillTimer timer;
+  int calls = 0;
+  auto use = [&] {
+    ManualWatch watch;
+    EXPECT_EQ(watch.Thread(), nullptr);
+    watch.End(watch.Start(1, 1, &Count, &calls));
+    return std::tuple(watch.Param().m_hStopEvent != nullptr, watch.Param().m_hListMutex != nullptr,
+                      watch.Param().m_hTimer != nullptr);
+  };
+  {
+    auto create = FAIL_CALL(CreateEventW, 1, ERROR_NOT_ENOUGH_MEMORY, nullptr);
+    EXPECT_EQ(use(), std::tuple(false, false, false));
+  }
+  {
+    auto create = FAIL_CALL(CreateMutexW, 1, ERROR_NOT_ENOUGH_MEMORY, nullptr);
+    EXPECT_EQ(use(), std::tuple(true, false, false));
+  }
+  {
+    auto create = FAIL_CALL(CreateWaitableTimerA, 1, ERROR_NOT_ENOUGH_MEMORY, nullptr);
+    EXPECT_EQ(use(), std::tuple(true, true, false));
+  }
+  {
+    auto arm = FAIL_CALL(SetWaitableTimer, 1, ERROR_INVALID_PARAMETER, FALSE);
+    EXPECT_EQ(use(), std::tuple(true, true, true));
+  }
+  EXPECT_EQ(calls, 0);
+}
+
+TEST_F(ThreadWatch2, StartWithoutAHandleOfTheThreadFails) {
+  auto duplicate = FAIL_CALL(DuplicateHandle, 1, ERROR_NOT_ENOUGH_MEMORY, FALSE);
+  int calls = 0;
+  EXPECT_EQ(watch_.Start(1, 1, &Count, &calls), nullptr);
+}
+
+TEST_F(ThreadWatch2, StartWithoutAMutexLooksLikeASuccessAndNeverCalls) {
+  int calls = 0;
+  {
+    auto create = FAIL_CALL(CreateMutexW, 1, ERROR_NOT_ENOUGH_MEMORY, nullptr);
+    EXPECT_NE(watch_.Start(1, 1, &Count, &calls), nullptr);
+  }
+  EXPECT_TRUE(watch_.Param().m_watchList.IsEmpty());
+  watch_.Tick();
+  EXPECT_EQ(calls, 0);
+}
+
+TEST_F(ThreadWatch2, ScopeRegistersAndEnds) {
+  int calls = 0;
+  {
+    const CWatchThreadStat2Wrap scope(&watch_, 1, 1, &Count, &calls);
+    EXPECT_EQ(watch_.Param().m_watchList.GetCount(), 1);
+    watch_.Tick();
+  }
+  EXPECT_EQ(watch_.Param().m_watchList.GetCount(), 0);
+  watch_.Tick();
+  EXPECT_EQ(calls, 1);
+  const CWatchThreadStat2Wrap nothing(nullptr, 1, 1, &Count, &calls);
+}
+
+void __stdcall Signal(unsigned long, void*, unsigned long, void* event) { SetEvent(event); }
+
+// With the system's timer: the first tick comes at once, the second after a second.
+TEST(ThreadWatch2RealTime, Ticks) {
+  HANDLE event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  {
+    CWatchThreadStat2 watch;
+    const CWatchThreadStat2Wrap scope(&watch, 1, 1, &Signal, event);
+    EXPECT_EQ(WaitForSingleObject(event, 30000), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(event, 30000), WAIT_OBJECT_0);
+  }
+  CloseHandle(event);
+}
+
+}  // namespace
+}  // namespace qel::test

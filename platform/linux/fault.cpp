@@ -37,11 +37,24 @@ bool IsDelivery(const void* returnAddress) {
   return std::memcmp(returnAddress, kTrampoline, sizeof kTrampoline) == 0;
 }
 
+// An access just below (or, in a large frame, a little above) ESP that finds no page: the stack could not grow. Its
+// lowest address does not tell, since something else may lie in the way of its growth.
+bool IsStackOverflow(const FaultThread& thread, const EXCEPTION_RECORD& record, uintptr_t esp) {
+  if (record.ExceptionCode != EXCEPTION_ACCESS_VIOLATION || esp > thread.stackHigh) return false;
+  const uintptr_t address = record.ExceptionInformation[1];
+  const bool nearEsp = address + kLargestFrame >= esp && address < esp + kLargestFrame;
+  const bool stackEnds = esp < thread.stackLow + kThrowerBytes || fault_probe_write(reinterpret_cast<void*>(esp - 4));
+  return nearEsp && stackEnds && esp + kLargestFrame >= thread.stackLow;
+}
+
 void OfferToFilter(int signal, siginfo_t* info, ucontext_t& machine) {
   if (g_filter) {
     EXCEPTION_RECORD record;
     CONTEXT context;
     FillFault(record, context, signal, *info, machine);
+    if (t_faultThread.stackHigh != 0 && IsStackOverflow(t_faultThread, record, context.Esp)) {
+      record.ExceptionCode = EXCEPTION_STACK_OVERFLOW;
+    }
     EXCEPTION_POINTERS pointers{&record, &context};
     switch (CallUnhandledFilter(&pointers)) {
       case EXCEPTION_CONTINUE_EXECUTION:
@@ -54,16 +67,6 @@ void OfferToFilter(int signal, siginfo_t* info, ucontext_t& machine) {
     }
   }
   PassToHost(signal, info, &machine);
-}
-
-// An access just below (or, in a large frame, a little above) ESP that finds no page: the stack could not grow. Its
-// lowest address does not tell, since something else may lie in the way of its growth.
-bool IsStackOverflow(const FaultThread& thread, const EXCEPTION_RECORD& record, uintptr_t esp) {
-  if (record.ExceptionCode != EXCEPTION_ACCESS_VIOLATION || esp > thread.stackHigh) return false;
-  const uintptr_t address = record.ExceptionInformation[1];
-  const bool nearEsp = address + kLargestFrame >= esp && address < esp + kLargestFrame;
-  const bool stackEnds = esp < thread.stackLow + kThrowerBytes || fault_probe_write(reinterpret_cast<void*>(esp - 4));
-  return nearEsp && stackEnds && esp + kLargestFrame >= thread.stackLow;
 }
 
 // Where the thrower runs: below the interrupted frame, or on the spare stack when that is no place to be.

@@ -2,6 +2,7 @@
 #pragma once
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <string>
@@ -51,6 +52,13 @@ class FileTest : public testing::Test {
 
   Messages FileMessages() { return TakeMessages(channel::kFileOperation); }
   Messages Assertions() { return TakeMessages(channel::kAssert); }
+  // How many faults the guard has caught; its report may add lines of its own.
+  size_t FaultCount() {
+    const Messages lines = Assertions();
+    return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+      return line.starts_with("ASSERT : ") && line.ends_with(", _CATCH_AE");
+    }));
+  }
 
   ScratchFolder folder_;
 };

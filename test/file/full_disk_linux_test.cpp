@@ -1,0 +1,89 @@
+// A file system of 1 MiB that is full, and a file that is cut while it is mapped.
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include "test/file/transfer_test.h"
+#include "test/support/open_handles.h"
+
+namespace qel::test {
+namespace {
+namespace fs = std::filesystem;
+
+class FullDisk : public FileTest {
+ protected:
+  static constexpr DWORD kBytes = 2 << 20;
+
+  void SetUp() override {
+    fs::create_directory(folder_.Path() / "small");
+    if (mount("tmpfs", folder_.Narrow("small").c_str(), "tmpfs", 0, "size=1m") != 0)
+      GTEST_SKIP() << "no file system of 1 MiB to be had: only root may mount one";
+    mounted_ = true;
+  }
+  void TearDown() override { EXPECT_TRUE(!mounted_ || umount(folder_.Narrow("small").c_str()) == 0); }
+  const std::wstring target_ = folder_.Wide("small/x");
+
+ private:
+  bool mounted_ = false;
+};
+
+TEST_F(FullDisk, EveryWayOfWritingSaysSo) {
+  const std::string bytes = Pattern(kBytes);
+  WriteWholeFile(folder_.Path() / "source", bytes);
+  const std::wstring source = folder_.Wide("source");
+  FakeClock clock;
+  const unsigned long handles = OpenHandleCount();
+  EXPECT_FALSE(Mem2FileMMF(HOST, bytes.data(), kBytes, target_.c_str(), -1));
+  EXPECT_EQ(GetLastError(), 112u);
+  EXPECT_EQ(fs::file_size(folder_.Path() / "small/x"), 0u);
+  EXPECT_FALSE(CopyFileMMF(HOST, source.c_str(), target_.c_str(), FALSE, -1, FALSE));
+  EXPECT_EQ(GetLastError(), 112u);
+  EXPECT_FALSE(CopyFileX(HOST, source.c_str(), target_.c_str(), FALSE, 0, 0));
+  EXPECT_EQ(GetLastError(), 112u);
+  fs::remove(folder_.Path() / "small/x");
+
+  ScopedFile file(OpenPlain(target_, GENERIC_READ | GENERIC_WRITE, 3, CREATE_ALWAYS));
+  ULONGLONG written;
+  EXPECT_FALSE(WriteFileMMF2(HOST, file.Get(), bytes.data(), kBytes, &written, nullptr, 0, -1));
+  EXPECT_EQ(GetLastError(), 112u);
+  EXPECT_EQ(written, 0u);
+  DWORD count = 0;
+  const BOOL done = WriteFileX(HOST, file.Get(), bytes.data(), kBytes, &count, nullptr);
+  EXPECT_TRUE(done ? count < kBytes : GetLastError() == ERROR_DISK_FULL);
+  EXPECT_FALSE(WriteFileX(HOST, file.Get(), bytes.data(), 4096, &count, nullptr)) << "not a byte more";
+  EXPECT_EQ(GetLastError(), 112u);
+  file.Close();
+  EXPECT_EQ(OpenHandleCount(), handles);
+}
+
+class CutFile : public FileTest {};
+
+TEST_F(CutFile, ATransferEndsWhereItsFileDoes) {
+  const std::string bytes = Pattern(3 * kGranularity);
+  WriteWholeFile(folder_.Path() / "source", bytes);
+  const unsigned long handles = OpenHandleCount();
+  int mapped = 0;
+  auto map = STAND_IN(MapViewOfFile, [&](int, HANDLE mapping, DWORD access, DWORD high, DWORD low, SIZE_T size) {
+    void* view = MapViewOfFile(mapping, access, high, low, size);
+    if (view) ++mapped;
+    if (access == FILE_MAP_ALL_ACCESS) fs::resize_file(folder_.Path() / "target", 10);
+    return view;
+  });
+  auto unmap = STAND_IN(UnmapViewOfFile, [&](int, LPCVOID address) {
+    --mapped;
+    return UnmapViewOfFile(address);
+  });
+  EXPECT_FALSE(CopyFileMMF(HOST, folder_.Wide("source").c_str(), folder_.Wide("target").c_str(), FALSE, -1, TRUE));
+  EXPECT_FALSE(Mem2FileMMF(HOST, bytes.data(), 3 * kGranularity, folder_.Wide("target").c_str(), -1));
+  const ScopedFile file(OpenPlain(folder_.Wide("target"), GENERIC_READ | GENERIC_WRITE, 3));
+  ULONGLONG written = 9;
+  EXPECT_FALSE(WriteFileMMF2(HOST, file.Get(), bytes.data(), bytes.size(), &written, nullptr, 0, -1));
+  EXPECT_EQ(written, 0u);
+  EXPECT_EQ(mapped, 0);
+  EXPECT_EQ(OpenHandleCount(), handles + 1);
+  const Messages faults = Assertions();
+  EXPECT_EQ(faults.size(), 3u);
+  for (const std::string& fault : faults) EXPECT_TRUE(fault.ends_with(", _CATCH_AE")) << fault;
+}
+
+}  // namespace
+}  // namespace qel::test

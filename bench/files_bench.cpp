@@ -1,0 +1,211 @@
+// File wrappers.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "bench/by_hand.h"
+#include "bench/harness.h"
+#include "qelibaselib/qelibaselib.h"
+
+namespace {
+
+constexpr off64_t kShareBytes = 0x7fffffffffffff00;
+
+struct flock64 ShareRange(short type, off64_t start, off64_t length) {
+  struct flock64 range {};
+  range.l_type = type;
+  range.l_whence = SEEK_SET;
+  range.l_start = start;
+  range.l_len = length;
+  return range;
+}
+
+// Opening with a share mode: the held bytes are looked at and the own one placed under a gate.
+int OpenShared(const char* path, int flags) {
+  const int file = open(path, flags | O_CLOEXEC, 0666);
+  if (file < 0) return file;
+  flock(file, LOCK_EX | LOCK_NB);
+  struct stat status;
+  fstat(file, &status);
+  auto held = ShareRange(F_WRLCK, kShareBytes, 64);
+  fcntl(file, F_OFD_GETLK, &held);
+  auto own = ShareRange(F_RDLCK, kShareBytes + 9, 1);
+  fcntl(file, F_OFD_SETLK, &own);
+  flock(file, LOCK_UN);
+  return file;
+}
+void CloseShared(int file) {
+  auto own = ShareRange(F_UNLCK, kShareBytes + 9, 1);
+  fcntl(file, F_OFD_SETLK, &own);
+  close(file);
+}
+
+// Whether somebody holds a file that is about to be deleted or moved.
+int OpenForRemoval(const char* path) {
+  const int file = open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  struct stat status;
+  fstat(file, &status);
+  flock(file, LOCK_EX | LOCK_NB);
+  auto held = ShareRange(F_WRLCK, kShareBytes, 64);
+  fcntl(file, F_OFD_GETLK, &held);
+  return file;
+}
+
+HANDLE Open(const std::wstring& path, DWORD access, DWORD disposition) {
+  return CreateFileX(__LINE__, __FILE__, path.c_str(), access, FILE_SHARE_READ, nullptr, disposition,
+                     FILE_ATTRIBUTE_NORMAL, nullptr, 0, 0);
+}
+
+void CompareOpening(const std::wstring& wide, const std::string& path) {
+  bench::Compare(
+      "CreateFileX + CloseHandle, open", 1.20, [&] { CloseHandle(Open(wide, GENERIC_READ, OPEN_EXISTING)); },
+      [&] { CloseShared(OpenShared(path.c_str(), O_RDONLY)); });
+  const std::wstring made = bench::WidePath("made");
+  const std::string madePath = bench::Path("made.hand");
+  bench::Compare(
+      "CreateFileX + CloseHandle, create", 1.25,
+      [&] {
+        CloseHandle(Open(made, GENERIC_READ | GENERIC_WRITE, CREATE_ALWAYS));
+        unlink(bench::Path("made").c_str());
+      },
+      [&] {
+        mkdir(bench::Folder().c_str(), 0777);  // the folder is made first
+        CloseShared(OpenShared(madePath.c_str(), O_RDWR | O_CREAT));
+        unlink(madePath.c_str());
+      });
+  const std::wstring missing = bench::WidePath("missing");
+  const std::string missingPath = bench::Path("missing"), log = bench::Path("failed.txt");
+  by_hand::MappedMutex mutex("/qelibaselib-bench-failed");
+  bench::Compare(
+      "failed open with its log line", 1.25, [&] { Open(missing, GENERIC_READ, OPEN_EXISTING); },
+      [&] {
+        if (open(missingPath.c_str(), O_RDONLY | O_CLOEXEC) >= 0) std::abort();
+        char message[512];
+        std::snprintf(message, sizeof message, "retryCount=%lu, lastErr=%lu, %s, %s(%s, 0x%lx, 0x%lx, %p, 0x%lx)", 0ul,
+                      2ul, "Complete", "CreateFileX", missingPath.c_str(), 1ul, 1ul, static_cast<void*>(nullptr), 3ul);
+        by_hand::LogLine(mutex, log.c_str(), message, __LINE__, __FILE__);
+      },
+      0, {11, 200});
+}
+
+void CompareTransfer(const std::wstring& wide, const std::string& path) {
+  HANDLE file = Open(wide, GENERIC_READ | GENERIC_WRITE, OPEN_EXISTING);
+  const int descriptor = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  std::vector<char> buffer(1 << 20, 'x');
+  for (DWORD size : {64ul, 4096ul, 1ul << 20}) {
+    const bool large = size > 4096;
+    DWORD done = 0;
+    OVERLAPPED start{};
+    const std::string name = std::to_string(size) + " bytes";
+    bench::Compare(
+        "ReadFileX " + name, large ? 1.02 : 1.05,
+        [&] {
+          start = {};
+          ReadFileX(__LINE__, __FILE__, file, buffer.data(), size, &done, &start);
+        },
+        [&] {
+          if (pread(descriptor, buffer.data(), size, 0) < 0) std::abort();
+        },
+        large ? 0 : 40);
+    bench::Compare(
+        "WriteFileX " + name, large ? 1.02 : 1.05,
+        [&] {
+          start = {};
+          WriteFileX(__LINE__, __FILE__, file, buffer.data(), size, &done, &start);
+        },
+        [&] {
+          if (pwrite(descriptor, buffer.data(), size, 0) < 0) std::abort();
+        },
+        large ? 0 : 40);
+  }
+  close(descriptor);
+  CloseHandle(file);
+}
+
+void CompareNames(const std::wstring& wide, const std::string& path) {
+  bench::Compare(
+      "GetFileSizeX", 1.3,
+      [&] {
+        WIN32_FIND_DATAW data;
+        DWORD error = 0;
+        bench::Keep(GetFileSizeX(wide.c_str(), &data, &error));
+      },
+      [&] {
+        struct stat status;
+        stat(path.c_str(), &status);
+        bench::Keep(status.st_size);
+      });
+  const std::wstring gone = bench::WidePath("gone");
+  const std::string gonePath = bench::Path("gone");
+  const auto make = [&] { close(open(gonePath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666)); };
+  bench::Compare(
+      "DeleteFileX (with creat)", 1.2,
+      [&] {
+        make();
+        DeleteFileX(__LINE__, __FILE__, gone.c_str(), 0, 0);
+      },
+      [&] {
+        make();
+        struct stat status;
+        stat(gonePath.c_str(), &status);
+        const int file = OpenForRemoval(gonePath.c_str());
+        unlink(gonePath.c_str());
+        close(file);
+      });
+  const std::wstring from = bench::WidePath("from"), to = bench::WidePath("to");
+  const std::string fromPath = bench::Path("from.hand"), toPath = bench::Path("to.hand");
+  CloseHandle(Open(from, GENERIC_WRITE, CREATE_ALWAYS));
+  close(open(fromPath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+  const auto move = [](const std::string& source, const std::string& target) {
+    mkdir(bench::Folder().c_str(), 0777);
+    struct stat status;
+    stat(target.c_str(), &status);  // nothing there to delete
+    const int file = OpenForRemoval(source.c_str());
+    renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE);
+    close(file);
+  };
+  bench::Compare(
+      "MoveFileX there and back", 1.25,
+      [&] {
+        MoveFileX(__LINE__, __FILE__, from.c_str(), to.c_str());
+        MoveFileX(__LINE__, __FILE__, to.c_str(), from.c_str());
+      },
+      [&] {
+        move(fromPath, toPath);
+        move(toPath, fromPath);
+      });
+}
+
+void CompareCopy() {
+  const std::wstring source = bench::WidePath("large"), target = bench::WidePath("large.copy");
+  const std::vector<char> contents(64 << 20, 'c');
+  Mem2File(__LINE__, __FILE__, contents.data(), static_cast<DWORD>(contents.size()), source.c_str());
+  const std::string command = "cp '" + bench::Path("large") + "' '" + bench::Path("large.hand") + "'";
+  bench::Compare(
+      "CopyFileX 64 MiB / cp", 1.05,
+      [&] { CopyFileX(__LINE__, __FILE__, source.c_str(), target.c_str(), FALSE, 0, 0); },
+      [&] {
+        if (std::system(command.c_str()) != 0) std::abort();
+      },
+      0, {9, 1});
+  for (const char* name : {"large", "large.copy", "large.hand"}) unlink(bench::Path(name).c_str());
+}
+
+}  // namespace
+
+BENCHMARK_GROUP(files) {
+  const std::wstring wide = bench::WidePath("file");
+  const std::string path = bench::Path("file");
+  const std::vector<char> contents(2 << 20, 'f');
+  Mem2File(__LINE__, __FILE__, contents.data(), static_cast<DWORD>(contents.size()), wide.c_str());
+  CompareOpening(wide, path);
+  CompareTransfer(wide, path);
+  CompareNames(wide, path);
+  CompareCopy();
+}

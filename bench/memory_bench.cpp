@@ -3,8 +3,8 @@
 #include <vector>
 
 #include "bench/by_hand.h"
+#include "bench/guard.h"
 #include "bench/harness.h"
-#include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/qelibaselib.h"
 
 namespace {
@@ -46,7 +46,7 @@ BENCHMARK_GROUP(memory) {
   bench::Compare(
       "ChkMemAccess", 1, [&] { bench::Keep(ChkMemAccess(block.data(), 4096, 1)); },
       [&] {
-        qel::Guarded(QEL_HERE, [&] {
+        bench::Guarded([&] {
           const volatile char* bytes = block.data();
           bench::Keep(bytes[0] + bytes[4095]);
         });

@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "bench/by_hand.h"
+#include "bench/guard.h"
 #include "bench/harness.h"
-#include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/qelibaselib.h"
 
 namespace {
@@ -96,7 +96,7 @@ void CompareContended() {
 
 BENCHMARK_GROUP(spine) {
   bench::Compare(
-      "guard entered and left", 1, [] { qel::Guarded(QEL_HERE, [] { bench::Keep(PlainWork(1)); }); },
+      "guard entered and left", 1, [] { bench::Guarded([] { bench::Keep(PlainWork(1)); }); },
       [] { bench::Keep(PlainWork(1)); }, 12);
 
   const std::wstring ours = bench::WidePath("line.txt");

@@ -1,0 +1,20 @@
+// The guard as every export has it, without its logging: for measuring what entering and leaving costs.
+#pragma once
+#include "platform/fault/fault.h"
+#include "platform/mfc/exception.h"
+
+namespace bench {
+
+template <class Body>
+inline bool Guarded(Body&& body) {
+  try {
+    fault::Run(body);
+    return true;
+  } catch (const CSE&) {
+  } catch (CException*) {
+  } catch (...) {
+  }
+  return false;
+}
+
+}  // namespace bench

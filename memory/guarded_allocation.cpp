@@ -23,9 +23,6 @@ constexpr int kHeapCheckAtAllocation = 249;
 constexpr int kHeapCheckAtFree = 322;
 constexpr DWORD kHeapCheckInterval = 10000;
 
-// What stands in a thread's record while no allocation is under way.
-constexpr SourcePosition kNoPosition{0, "????????.???"};
-
 constexpr DWORD kSpareBytes = 8;
 constexpr DWORD kSmallClassesBytes[] = {16, 64, 256, 1024};
 constexpr DWORD kRoundingPageBytes = 4096;
@@ -112,15 +109,6 @@ void* AllocateFromHeap(DWORD size) {
 
 void* AllocatePages(DWORD size) { return VirtualAlloc(nullptr, size, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE); }
 
-// Names the caller of an allocation for a handler that the heap calls during it.
-class RegisteredPosition {
- public:
-  explicit RegisteredPosition(SourcePosition caller) { RegisterSourcePosition(caller); }
-  RegisteredPosition(const RegisteredPosition&) = delete;
-  RegisteredPosition& operator=(const RegisteredPosition&) = delete;
-  ~RegisteredPosition() { RegisterSourcePosition(kNoPosition); }
-};
-
 }  // namespace
 }  // namespace qel::memory
 
@@ -133,7 +121,7 @@ void* _MemAlloc(const char* sourceFile, int line, DWORD size, DWORD timeoutMs) {
     const DWORD count = CountAllocation();
     WarnOfSize("Warning : _MemAllocSize=%lu", size, caller);
     CheckHeapAt(count, kHeapCheckAtAllocation, caller);
-    const RegisteredPosition registered(caller);
+    const qel::ScopedSourcePosition registered(caller);  // for a handler that the heap calls meanwhile
     block = AllocateWithRetry(AllocateFromHeap, RoundSize(size), timeoutMs, caller);
   });
   return block;
@@ -168,7 +156,7 @@ BOOL _VMemFree(const char* sourceFile, int line, void* base) {
 
 int MemAllocHandler(std::size_t size) {
   qel::Guarded(QEL_HERE, [&] {
-    qel::SourcePosition caller = kNoPosition;
+    qel::SourcePosition caller = qel::kNoSourcePosition;
     qel::GetRegisteredSourcePosition(caller);
     ReportFailure(size, caller);
     WaitAfterFailure();

@@ -3,7 +3,7 @@
 #include <cstddef>
 
 #include "memory/checked_memory.h"
-#include "qelibaselib/bounded_text.h"
+#include "platform/fault/may_fault.h"
 #include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/guard/saved_error.h"
 #include "qelibaselib/log_channel.h"
@@ -13,8 +13,6 @@ namespace qel {
 namespace {
 
 static_assert(offsetof(ThreadRecord, sourceFile) == 4 && offsetof(ThreadRecord, flushStatistics) == 272);
-
-constexpr SourcePosition kNothingRegistered{0, "????????.???"};
 
 constinit LONG g_slot = static_cast<LONG>(TLS_OUT_OF_INDEXES);
 
@@ -34,7 +32,10 @@ bool AllocateSlot() {
 }
 
 void SetPosition(ThreadRecord& record, SourcePosition position) {
-  CopyBounded(record.sourceFile, position.sourceFile ? position.sourceFile : "(null)");
+  const char* name = position.sourceFile ? position.sourceFile : "(null)";
+  const std::size_t length = may_fault::StringLengthUpTo(name, ThreadRecord::kSourceFileBytes - 1);
+  may_fault::CopyBytes(record.sourceFile, name, length);
+  record.sourceFile[length] = '\0';
   record.line = position.line;
 }
 
@@ -54,7 +55,7 @@ ThreadRecord* CreateRecord() {
   }
   record->threadId = GetCurrentThreadId();
   record->ompThreadCount = static_cast<int>(ProcessorCount());
-  SetPosition(*record, kNothingRegistered);
+  SetPosition(*record, kNoSourcePosition);
   return record;
 }
 
@@ -83,12 +84,18 @@ void FreeThreadRecordSlot() {
   InterlockedExchange(&g_slot, static_cast<LONG>(TLS_OUT_OF_INDEXES));
 }
 
-void RegisterSourcePosition(SourcePosition position) {
-  const DWORD error = GetLastError();
-  if (ThreadRecord* record = GetThreadRecord())
-    SetPosition(*record, position);
+ScopedSourcePosition::ScopedSourcePosition(SourcePosition position) : record_(GetThreadRecord()) {
+  if (record_)
+    SetPosition(*record_, position);
   else
-    WriteAssertion(QEL_HERE, error);
+    WriteAssertion(QEL_HERE, GetLastError());
+}
+
+ScopedSourcePosition::~ScopedSourcePosition() {
+  if (record_)
+    SetPosition(*record_, kNoSourcePosition);
+  else
+    WriteAssertion(QEL_HERE, GetLastError());
 }
 
 void GetRegisteredSourcePosition(SourcePosition& position) {

@@ -23,9 +23,22 @@ void FreeThreadRecord();
 /// Gives the slot of all records back.
 void FreeThreadRecordSlot();
 
-/// Keeps `position` in the calling thread's record, the name cut to 259 characters. Without a record an assertion line
-/// tells the last error as it was on entry.
-void RegisterSourcePosition(SourcePosition position);
+/// Keeps a position in the calling thread's record for its scope, the name cut to 259 characters, and nothing after it.
+/// Without a record an assertion line tells the last error, at the begin and at the end.
+class ScopedSourcePosition {
+ public:
+  explicit ScopedSourcePosition(SourcePosition position);
+  ScopedSourcePosition(const ScopedSourcePosition&) = delete;
+  ScopedSourcePosition& operator=(const ScopedSourcePosition&) = delete;
+  ~ScopedSourcePosition();
+
+ private:
+  ThreadRecord* const record_;
+};
+
+/// What a record holds while nothing is registered.
+inline constexpr SourcePosition kNoSourcePosition{0, "????????.???"};
+
 /// The position that the calling thread registered last, the name inside the thread's record. Without a record an
 /// assertion line is written and `position` stays as it is.
 void GetRegisteredSourcePosition(SourcePosition& position);

@@ -27,7 +27,6 @@ class Descriptor {
     if (value_ >= 0) close(value_);
   }
   int get() const { return value_; }
-  bool IsOpen() const { return value_ >= 0; }
 
  private:
   int value_;
@@ -35,30 +34,50 @@ class Descriptor {
 
 constexpr ShareMode kRemoval{kDeleting, kAllRights};
 
-// Takes the place of one who deletes or renames the file, as long as `file` lives. Links, and files that cannot be
-// opened at all, are nobody's.
-DWORD EnterForRemoval(const SystemPath& path, const Descriptor& file, int openError, FileStatus& status) {
-  if (!file.IsOpen()) {
-    if (openError != EACCES && openError != ELOOP && openError != ENXIO) return PathError(openError, path);
-    const int error = ReadStatus(AT_FDCWD, path.text(), AT_SYMLINK_NOFOLLOW, status);
-    return error ? PathError(error, path) : ERROR_SUCCESS;
-  }
-  if (const int error = ReadStatus(file.get(), status)) return ErrorFromErrno(error);
-  return status.IsFolder() ? ERROR_SUCCESS : EnterSharing(file.get(), kRemoval);
+constexpr int kOpenForRemoval = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
+constexpr DWORD kAgain = 0xFFFFFFFF;  // the name leads to another file by now
+constexpr int kTries = 100;
+
+// Enters as one who deletes or renames, and acts with the gate held: no other takes the name away or gives it to
+// another file in between.
+template <class Act>
+DWORD ActOnName(const SystemPath& path, int file, Act act) {
+  FileStatus status, named;
+  if (const int error = ReadStatus(file, status)) return ErrorFromErrno(error);
+  if (!status.IsFolder())
+    if (const DWORD error = EnterSharing(file, kRemoval)) return error;
+  const SharingGate gate(file);
+  if (const int error = ReadStatus(AT_FDCWD, path.text(), AT_SYMLINK_NOFOLLOW, named)) return PathError(error, path);
+  return named.SameFile(status) ? act(named) : kAgain;
 }
 
-constexpr int kOpenForRemoval = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
+// Runs `act(status)` on the file that the name leads to. Links, and files that cannot be opened at all, are nobody's.
+template <class Act>
+DWORD ActOnFile(const SystemPath& path, Act act) {
+  for (int i = 0; i < kTries; ++i) {
+    const Descriptor file(open(path.text(), kOpenForRemoval));
+    const int openError = errno;
+    if (file.get() < 0) {
+      if (openError != EACCES && openError != ELOOP && openError != ENXIO) return PathError(openError, path);
+      FileStatus status;
+      const int error = ReadStatus(AT_FDCWD, path.text(), AT_SYMLINK_NOFOLLOW, status);
+      return error ? PathError(error, path) : act(status);
+    }
+    const DWORD error = ActOnName(path, file.get(), act);
+    if (error != kAgain) return error;
+  }
+  return ERROR_ACCESS_DENIED;
+}
 
 DWORD Delete(LPCWSTR name) {
   SystemPath path;
   if (const DWORD error = path.Parse(name)) return error;
-  const Descriptor file(open(path.text(), kOpenForRemoval));
-  FileStatus status;
-  const DWORD error = EnterForRemoval(path, file, errno, status);
-  if (path.EndsInSeparator() && (error || !status.IsFolder())) return path.SeparatorError();
-  if (error) return error;
-  if (status.IsFolder() || status.IsReadOnlyFile()) return ERROR_ACCESS_DENIED;
-  return unlink(path.text()) == 0 ? ERROR_SUCCESS : PathError(errno, path);
+  const DWORD error = ActOnFile(path, [&](const FileStatus& status) -> DWORD {
+    if (status.IsFolder() || status.IsReadOnlyFile()) return ERROR_ACCESS_DENIED;
+    if (path.EndsInSeparator()) return ERROR_INVALID_NAME;
+    return unlink(path.text()) == 0 ? ERROR_SUCCESS : PathError(errno, path);
+  });
+  return error == ERROR_FILE_NOT_FOUND && path.EndsInSeparator() ? path.SeparatorError() : error;
 }
 
 // Within a file system a name changes at once, and none is replaced. Across file systems a file is copied.
@@ -82,13 +101,12 @@ DWORD Move(LPCWSTR existing, LPCWSTR newName) {
   SystemPath source, target;
   if (const DWORD error = source.Parse(existing)) return error;
   if (const DWORD error = target.Parse(newName)) return error;
-  const Descriptor file(open(source.text(), kOpenForRemoval));
-  FileStatus status;
-  if (const DWORD error = EnterForRemoval(source, file, errno, status)) return error;
-  if (!status.IsFolder() && source.EndsInSeparator()) return source.SeparatorError();
-  if (!status.IsFolder() && target.EndsInSeparator()) return target.SeparatorError();
-  if (std::strcmp(source.text(), target.text()) == 0) return ERROR_SUCCESS;
-  return Rename(source, target, status);
+  return ActOnFile(source, [&](const FileStatus& status) -> DWORD {
+    if (!status.IsFolder() && source.EndsInSeparator()) return source.SeparatorError();
+    if (!status.IsFolder() && target.EndsInSeparator()) return target.SeparatorError();
+    if (std::strcmp(source.text(), target.text()) == 0) return ERROR_SUCCESS;
+    return Rename(source, target, status);
+  });
 }
 
 DWORD MakeFolder(LPCWSTR name) {

@@ -66,34 +66,25 @@ Answer TryEnter(int descriptor, ShareMode mode, bool* rangesLocked) {
   return after;
 }
 
-// One at a time. A foreign program may keep this lock for ever, so it is given up after about a tenth of a second.
-class Gate {
- public:
-  explicit Gate(int descriptor) : descriptor_(descriptor) {
-    constexpr int kTries = 500, kShortWaits = 20;
-    for (int i = 0; i < kTries && !held_; ++i) {
-      held_ = flock(descriptor_, LOCK_EX | LOCK_NB) == 0;
-      if (held_ || errno != EWOULDBLOCK) break;
-      const timespec wait{0, i < kShortWaits ? 10'000 : 200'000};
-      nanosleep(&wait, nullptr);
-    }
-  }
-  Gate(const Gate&) = delete;
-  Gate& operator=(const Gate&) = delete;
-  ~Gate() {
-    if (held_) flock(descriptor_, LOCK_UN);
-  }
-
- private:
-  int descriptor_;
-  bool held_ = false;
-};
-
 }  // namespace
+
+SharingGate::SharingGate(int descriptor) : descriptor_(descriptor) {
+  constexpr int kTries = 500, kShortWaits = 20;
+  for (int i = 0; i < kTries && !held_; ++i) {
+    held_ = flock(descriptor_, LOCK_EX | LOCK_NB) == 0;
+    if (held_ || errno != EWOULDBLOCK) break;
+    const timespec wait{0, i < kShortWaits ? 10'000 : 200'000};
+    nanosleep(&wait, nullptr);
+  }
+}
+
+SharingGate::~SharingGate() {
+  if (held_) flock(descriptor_, LOCK_UN);
+}
 
 DWORD EnterSharing(int descriptor, ShareMode mode, bool* rangesLocked) {
   if (TryEnter(descriptor, mode, rangesLocked) != Answer::kConflict) return ERROR_SUCCESS;
-  const Gate gate(descriptor);
+  const SharingGate gate(descriptor);
   return TryEnter(descriptor, mode, rangesLocked) == Answer::kConflict ? ERROR_SHARING_VIOLATION : ERROR_SUCCESS;
 }
 

@@ -28,6 +28,21 @@ void LeaveSharing(int descriptor, ShareMode mode);
 /// Whether an open of this kind could stand now. One system call while nobody has the file open.
 bool MayShare(int descriptor, ShareMode mode);
 
+/// For one at a time among those who change what the file's name leads to, and among opens that met each other. A
+/// foreign program may keep this lock for ever, so it is given up after about a tenth of a second. Not around
+/// EnterSharing.
+class SharingGate {
+ public:
+  explicit SharingGate(int descriptor);
+  SharingGate(const SharingGate&) = delete;
+  SharingGate& operator=(const SharingGate&) = delete;
+  ~SharingGate();
+
+ private:
+  int descriptor_;
+  bool held_ = false;
+};
+
 /// Range locks end where the sharing bytes begin.
 constexpr off_t kEndOfRanges = 0x7fffffffffffff00;
 

@@ -96,10 +96,9 @@ DWORD OpenedFile::Enter(const OpenRequest& request) {
     if (const DWORD error = EnterSharing(descriptor_, mode_, &rangesLocked_)) return error;
     entered_ = true;
   }
-  if (existed_ || request.attributes) {
-    if (const int error = ReadStatus(descriptor_, status_)) return ErrorFromErrno(error);
-    if (existed_ && status_.links == 0) return kAgain;
-  }
+  if (const int error = ReadStatus(descriptor_, status_)) return ErrorFromErrno(error);
+  // Deleted before it was entered, also when it was made here a moment ago: the name is free or another file's.
+  if (status_.links == 0) return kAgain;
   if (existed_) {
     if (const DWORD error = CheckExisting(request)) return error;
     // Only a pipe or a terminal notices that it was opened without waiting.
@@ -146,9 +145,11 @@ bool File::DeleteOnClose(const SystemPath& path) {
 // The name may lead to another file by now.
 File::~File() {
   FreeRangeLocks();
+  if (!deletedName_) return;
+  const SharingGate gate(descriptor());
   FileStatus own, named;
-  if (deletedName_ && ReadStatus(descriptor(), own) == 0 &&
-      ReadStatus(AT_FDCWD, deletedName_.get(), AT_SYMLINK_NOFOLLOW, named) == 0 && own.SameFile(named))
+  if (ReadStatus(descriptor(), own) == 0 && ReadStatus(AT_FDCWD, deletedName_.get(), AT_SYMLINK_NOFOLLOW, named) == 0 &&
+      own.SameFile(named))
     unlink(deletedName_.get());
 }
 

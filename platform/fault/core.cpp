@@ -140,6 +140,21 @@ bool CanReachGuard(const GuardFrame* guard) {
   __builtin_unreachable();
 }
 
+// The frames that were left without being unwound have marked their parts of the stack, on which others stand now.
+#ifdef __SANITIZE_ADDRESS__
+extern "C" void __asan_unpoison_memory_region(const volatile void* address, size_t bytes);
+#define QEL_NOT_SANITIZED __attribute__((no_sanitize_address))
+QEL_NOT_SANITIZED void ForgetSkippedFrames(const GuardFrame* guard) {
+  constexpr uintptr_t kThrowerBytes = 64 * 1024;  // the examination of the way left its frames too
+  const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+  const uintptr_t low = (guard->esp < here && here - guard->esp < kThrowerBytes ? guard->esp : here) - kThrowerBytes;
+  __asan_unpoison_memory_region(reinterpret_cast<void*>(low), guard->frame - low);
+}
+#else
+#define QEL_NOT_SANITIZED
+void ForgetSkippedFrames(const GuardFrame*) {}
+#endif
+
 // Enters the throw in the guard. Exceptions that were in flight and whose unwinding the fault cut short are out of the
 // world now: the count of uncaught exceptions is put right. Returns whether the guard has had enough of them.
 bool NoteThrow(GuardFrame* guard) {
@@ -171,7 +186,9 @@ extern "C" __attribute__((used, noreturn)) QEL_FAULT_HIDDEN void fault_throw(Gua
   Throw(guard);
 }
 
-extern "C" __attribute__((used, noreturn)) QEL_FAULT_HIDDEN void fault_throw_from_guard(GuardFrame* guard) {
+extern "C" __attribute__((used, noreturn)) QEL_FAULT_HIDDEN QEL_NOT_SANITIZED void fault_throw_from_guard(
+    GuardFrame* guard) {
+  ForgetSkippedFrames(guard);
   NoteThrow(guard);
   PrepareThrow(guard);
   Throw(guard);

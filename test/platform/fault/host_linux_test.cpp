@@ -19,6 +19,13 @@ extern "C" int __sigaction(int signal, const struct sigaction* action, struct si
 namespace qel::test {
 namespace {
 
+// The end of a process by an access that nobody takes. The sanitizer has a handler of its own in place of the default.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr int kEndByAccess = 1;
+#else
+constexpr int kEndByAccess = -SIGSEGV;
+#endif
+
 bool CatchesFault() {
   int destroyed = 0;
   try {
@@ -64,10 +71,10 @@ CHILD_ROLE(FaultWithoutHandler) {
 int EndOf(const char* how) { return ChildProcess("FaultWithoutHandler", {how}).Wait(); }
 
 TEST(HostWithoutHandler, DiesOfTheSignalOfItsFault) {
-  EXPECT_EQ(EndOf("read"), -SIGSEGV);
+  EXPECT_EQ(EndOf("read"), kEndByAccess);
   EXPECT_EQ(EndOf("ud2"), -SIGILL);
   EXPECT_EQ(EndOf("kill"), -SIGILL);
-  EXPECT_EQ(EndOf("raise"), -SIGSEGV);
+  EXPECT_EQ(EndOf("raise"), kEndByAccess);
 }
 
 // The kernel ends a process whose fault is blocked; a thread's first guard sees to it.
@@ -112,7 +119,9 @@ CHILD_ROLE(DisplaceHandler) {
   return 3;
 }
 
-TEST(HostWithHandler, ThatPassesOnToUsEndsInItsDefault) { EXPECT_EQ(ChildProcess("DisplaceHandler").Wait(), -SIGSEGV); }
+TEST(HostWithHandler, ThatPassesOnToUsEndsInItsDefault) {
+  EXPECT_EQ(ChildProcess("DisplaceHandler").Wait(), kEndByAccess);
+}
 
 // The handler runs once, with its own mask, and then the default holds.
 CHILD_ROLE(ResetHandler) {
@@ -147,7 +156,7 @@ CHILD_ROLE(FaultWithFilter) {
 }
 
 TEST(HostWithFilter, EveryAnswerHolds) {
-  EXPECT_EQ(ChildProcess("FaultWithFilter", {"search"}).Wait(), -SIGSEGV);
+  EXPECT_EQ(ChildProcess("FaultWithFilter", {"search"}).Wait(), kEndByAccess);
   EXPECT_EQ(ChildProcess("FaultWithFilter", {"execute"}).Wait(), 1);
   EXPECT_EQ(ChildProcess("FaultWithFilter", {"continue"}).Wait(), 7);
 }

@@ -33,7 +33,7 @@ void Disown(Storage& storage) {
   if (ownership.next) ownership.next->ownership.previous = ownership.previous;
   ownership.thread.store(nullptr, std::memory_order_relaxed);
   pthread_mutex_unlock(&storage.state().mutex);
-  ChangedAmongSeveral();
+  MutexChangedAmongSeveral();
   storage.DropUser();
 }
 

@@ -17,17 +17,36 @@ namespace {
 // wait is under way.
 constinit Word g_anyChange{0};
 constinit Word g_severalWaits{0};
+// Those of them that include a mutex. Mutexes change often, and a wait for other objects alone would be woken each
+// time.
+constinit Word g_severalWaitsWithMutex{0};
 
 // Changes that other processes make do not reach g_anyChange.
 constexpr int64_t kOutsideSliceNs = 5 * kNsPerMs;
 
 class SeveralWait {
  public:
-  SeveralWait() { g_severalWaits.fetch_add(1); }
+  SeveralWait(Waitable* const* objects, DWORD count)
+      : hasMutex_(std::any_of(objects, objects + count,
+                              [](const Waitable* object) { return object->kind() == Kind::kMutex; })) {
+    g_severalWaits.fetch_add(1);
+    if (hasMutex_) g_severalWaitsWithMutex.fetch_add(1);
+  }
   SeveralWait(const SeveralWait&) = delete;
   SeveralWait& operator=(const SeveralWait&) = delete;
-  ~SeveralWait() { g_severalWaits.fetch_sub(1); }
+  ~SeveralWait() {
+    g_severalWaits.fetch_sub(1);
+    if (hasMutex_) g_severalWaitsWithMutex.fetch_sub(1);
+  }
+
+ private:
+  const bool hasMutex_;
 };
+
+void WakeSeveral() {
+  g_anyChange.fetch_add(1);
+  WakeAll(g_anyChange, Scope::kProcess);
+}
 
 DWORD ResultOf(Taken taken, DWORD index) { return (taken == Taken::kAbandoned ? WAIT_ABANDONED_0 : 0) + index; }
 
@@ -55,7 +74,7 @@ DWORD TakeAll(Waitable* const* objects, DWORD count) {
 using Take = DWORD (*)(Waitable* const* objects, DWORD count);
 
 DWORD WaitSeveral(Waitable* const* objects, DWORD count, Take take, int64_t deadlineNs) {
-  const SeveralWait several;
+  const SeveralWait several(objects, count);
   for (;;) {
     // Both before the try, so that no later change and no later due time is missed.
     const uint32_t seen = g_anyChange.load();
@@ -98,16 +117,14 @@ DWORD Fail(DWORD error) {
 
 }  // namespace
 
-void ChangedAmongSeveral() {
-  if (g_severalWaits.load() == 0) return;
-  g_anyChange.fetch_add(1);
-  WakeAll(g_anyChange, Scope::kProcess);
+void MutexChangedAmongSeveral() {
+  if (g_severalWaitsWithMutex.load() != 0) WakeSeveral();
 }
 
 // Everybody is woken: a wait for several objects that is woken for one of them may take another.
 void Changed(Word& word, Scope scope) {
   WakeAll(word, scope);
-  ChangedAmongSeveral();
+  if (g_severalWaits.load() != 0) WakeSeveral();
 }
 
 Taken Waitable::Wait(int64_t deadlineNs) {

@@ -39,8 +39,8 @@ constexpr bool IsWaitable(Kind kind) { return kind <= Kind::kProcess; }
 
 /// Wakes the waits that an object's change concerns; its word has been changed already.
 void Changed(Word& word, Scope scope);
-/// The same for an object with a sleep of its own: wakes the waits for several objects.
-void ChangedAmongSeveral();
+/// The same for a mutex, which has a sleep of its own: wakes the waits for several objects that include one.
+void MutexChangedAmongSeveral();
 
 /// An object with storage, which may be shared by name.
 class StoredObject : public Waitable {

@@ -73,32 +73,38 @@ bool IsBadCall(const Memory& memory, DWORD counter, DWORD stack) {
          FindModuleBase(caller) != 0;
 }
 
+/// Reads what the frame leads on to. One that cannot be read is the last: it has no return address.
+bool FollowFrame(const Memory& memory, STACKFRAME& frame, WalkState& state) {
+  if (memory.ReadWord(frame.AddrFrame.Offset, state.nextFrame) &&
+      memory.ReadWord(frame.AddrFrame.Offset + kWordBytes, frame.AddrReturn.Offset)) {
+    return true;
+  }
+  state.nextFrame = 0;
+  frame.AddrReturn.Offset = 0;
+  return false;
+}
+
 /// The first frame. One that its function has not made yet is placed where it would be.
 bool Start(const Memory& memory, STACKFRAME& frame, WalkState& state) {
   state.started = 1;
   const DWORD counter = frame.AddrPC.Offset;
   const DWORD stack = frame.AddrStack.Offset;
   const Frame made = IsBadCall(memory, counter, stack) ? Frame::kNone : FrameProgress(memory, counter);
-  if (made != Frame::kWhole) {
-    state.nextFrame = frame.AddrFrame.Offset;
-    frame.AddrFrame.Offset = made == Frame::kNone ? stack - kWordBytes : stack;
-    return memory.ReadWord(frame.AddrFrame.Offset + kWordBytes, frame.AddrReturn.Offset);
-  }
-  return memory.ReadWord(frame.AddrFrame.Offset, state.nextFrame) &&
-         memory.ReadWord(frame.AddrFrame.Offset + kWordBytes, frame.AddrReturn.Offset);
+  if (made == Frame::kWhole) return FollowFrame(memory, frame, state) || FindModuleBase(counter) != 0;
+  const DWORD callersFrame = frame.AddrFrame.Offset;
+  frame.AddrFrame.Offset = made == Frame::kNone ? stack - kWordBytes : stack;
+  if (!FollowFrame(memory, frame, state)) return false;
+  state.nextFrame = callersFrame;
+  return true;
 }
 
-/// The caller's frame. The last one has no return address.
+/// The caller's frame.
 bool Advance(const Memory& memory, STACKFRAME& frame, WalkState& state) {
   if (frame.AddrReturn.Offset == 0) return false;
   frame.AddrPC.Offset = frame.AddrReturn.Offset;
   frame.AddrStack.Offset = frame.AddrFrame.Offset + 2 * kWordBytes;
   frame.AddrFrame.Offset = state.nextFrame;
-  if (!memory.ReadWord(frame.AddrFrame.Offset, state.nextFrame) ||
-      !memory.ReadWord(frame.AddrFrame.Offset + kWordBytes, frame.AddrReturn.Offset)) {
-    state.nextFrame = 0;
-    frame.AddrReturn.Offset = 0;
-  }
+  FollowFrame(memory, frame, state);
   return true;
 }
 

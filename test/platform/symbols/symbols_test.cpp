@@ -1,0 +1,138 @@
+// Symbols and the walk of a stack as the debug help gives them.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+#include "platform/win32.h"
+
+// One frame each, and a place in it that can be asked for.
+extern "C" __attribute__((noipa, noinline)) DWORD PlaceInPlainFunction() {
+  return static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(__builtin_return_address(0)));
+}
+static __attribute__((noipa, noinline)) DWORD PlaceInLocalFunction() {
+  const volatile DWORD place = PlaceInPlainFunction();  // not a jump there
+  return place;
+}
+
+namespace qel::test {
+namespace {
+
+__attribute__((noipa, noinline)) DWORD PlaceInHiddenFunction() {
+  const volatile DWORD place = PlaceInPlainFunction();
+  return place;
+}
+
+struct Session {
+  Session() { EXPECT_TRUE(SymInitialize(GetCurrentProcess(), nullptr, TRUE)); }
+  ~Session() { SymCleanup(GetCurrentProcess()); }
+};
+
+struct SymbolBlock {
+  IMAGEHLP_SYMBOL symbol{};
+  char rest[500] = {};
+  explicit SymbolBlock(DWORD size = sizeof(IMAGEHLP_SYMBOL), DWORD maximum = 500) {
+    symbol.SizeOfStruct = size;
+    symbol.MaxNameLength = maximum;
+  }
+  BOOL Find(DWORD address, DWORD* displacement = nullptr) {
+    return SymGetSymFromAddr(GetCurrentProcess(), address, displacement, &symbol);
+  }
+};
+
+TEST(Symbols, NameFunctions) {
+  const Session session;
+  const auto start = static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(&PlaceInPlainFunction));
+  SymbolBlock block;
+  DWORD displacement = 0;
+  ASSERT_TRUE(block.Find(start + 3, &displacement));
+  EXPECT_STREQ(block.symbol.Name, "PlaceInPlainFunction");
+  EXPECT_EQ(displacement, 3u);
+  EXPECT_EQ(block.symbol.Address, start);
+  ASSERT_TRUE(block.Find(PlaceInLocalFunction()));
+  EXPECT_STREQ(block.symbol.Name, "PlaceInLocalFunction");
+  ASSERT_TRUE(block.Find(PlaceInHiddenFunction()));
+  EXPECT_STREQ(block.symbol.Name, "qel::test::PlaceInHiddenFunction");
+}
+
+TEST(Symbols, TakeAnySizeThatIsLargeEnough) {
+  const Session session;
+  const auto start = static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(&PlaceInPlainFunction));
+  for (const DWORD size : {24ul, 28ul, 10000ul}) EXPECT_TRUE(SymbolBlock(size).Find(start + 3)) << size;
+  for (const DWORD size : {0ul, 20ul}) EXPECT_FALSE(SymbolBlock(size).Find(start + 3)) << size;
+  SymbolBlock small(24, 5);
+  ASSERT_TRUE(small.Find(start + 3));
+  EXPECT_STREQ(small.symbol.Name, "Plac");
+}
+
+TEST(Symbols, BelongToModules) {
+  const auto start = static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(&PlaceInPlainFunction));
+  {
+    const Session session;
+    SetLastError(77);
+    EXPECT_EQ(SymGetModuleBase(GetCurrentProcess(), start),
+              static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(GetModuleHandleA(nullptr))));
+    EXPECT_EQ(SymFunctionTableAccess(GetCurrentProcess(), start), nullptr);
+    EXPECT_EQ(GetLastError(), 77u);
+    EXPECT_EQ(SymGetModuleBase(GetCurrentProcess(), 0x10), 0u);
+    EXPECT_EQ(GetLastError(), ERROR_MOD_NOT_FOUND);
+    EXPECT_FALSE(SymbolBlock().Find(0x10));
+    EXPECT_EQ(GetLastError(), ERROR_MOD_NOT_FOUND);
+  }
+  EXPECT_FALSE(SymbolBlock().Find(start));
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+  EXPECT_FALSE(SymCleanup(GetCurrentProcess()));
+}
+
+std::vector<STACKFRAME> Walk(DWORD machine, const void* code, const void* stack, const void* frame, DWORD* error) {
+  STACKFRAME record{};
+  record.AddrPC = {static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(code)), 0, AddrModeFlat};
+  record.AddrStack = {static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(stack)), 0, AddrModeFlat};
+  record.AddrFrame = {static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(frame)), 0, AddrModeFlat};
+  std::vector<STACKFRAME> frames;
+  while (frames.size() < 20 && StackWalk(machine, GetCurrentProcess(), GetCurrentThread(), &record, nullptr, nullptr,
+                                         SymFunctionTableAccess, SymGetModuleBase, nullptr)) {
+    frames.push_back(record);
+  }
+  *error = GetLastError();
+  return frames;
+}
+
+struct ChainFrame {
+  const void* next;
+  DWORD returnAddress;
+  DWORD parameters[4];
+};
+
+TEST(StackWalk, FollowsTheChainOfFrames) {
+  const Session session;
+  ChainFrame chain[3] = {{&chain[1], PlaceInLocalFunction(), {1, 2, 3, 4}},
+                         {&chain[2], PlaceInHiddenFunction(), {5, 6, 7, 8}},
+                         {nullptr, 0, {}}};
+  const char* code = reinterpret_cast<const char*>(&PlaceInPlainFunction) + 5;
+  DWORD error;
+  const auto frames = Walk(IMAGE_FILE_MACHINE_I386, code, chain, chain, &error);
+  ASSERT_EQ(frames.size(), 3u);
+  EXPECT_EQ(error, ERROR_MOD_NOT_FOUND);
+  EXPECT_EQ(frames[0].AddrPC.Offset, static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(code)));
+  EXPECT_EQ(frames[0].AddrReturn.Offset, chain[0].returnAddress);
+  EXPECT_EQ(frames[0].Params[3], 4u);
+  EXPECT_EQ(frames[1].AddrPC.Offset, chain[0].returnAddress);
+  EXPECT_EQ(frames[1].AddrFrame.Offset, static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(&chain[1])));
+  EXPECT_EQ(frames[2].AddrPC.Offset, chain[1].returnAddress);
+  EXPECT_EQ(frames[2].AddrReturn.Offset, 0u);
+  EXPECT_NE(frames[2].AddrFrame.Offset, 0u);
+}
+
+TEST(StackWalk, RefusesWhatItCannotWalk) {
+  const Session session;
+  const void* code = reinterpret_cast<void*>(0x20);
+  DWORD error;
+  EXPECT_TRUE(Walk(IMAGE_FILE_MACHINE_I386, code, &code, reinterpret_cast<void*>(0x10), &error).empty());
+  EXPECT_EQ(error, ERROR_MOD_NOT_FOUND);
+  EXPECT_TRUE(Walk(0, code, &code, &code, &error).empty());
+  EXPECT_EQ(error, ERROR_INVALID_PARAMETER);
+}
+
+}  // namespace
+}  // namespace qel::test

@@ -16,8 +16,9 @@ constexpr std::size_t kDateBytes = 10;
 
 struct DayFilePath {
   DayFilePath(const wchar_t* folder, const wchar_t* fileBase, const wchar_t* extension, const SYSTEMTIME& now) {
-    wchar_t base[MAX_PATH] = L"";
-    PathCombineW(base, folder, fileBase);
+    wchar_t base[MAX_PATH];
+    text[0] = L'\0';  // a name that is too long would otherwise end in the current folder
+    if (!PathCombineW(base, folder, fileBase)) return;
     const wchar_t day[] = {static_cast<wchar_t>(L'0' + now.wDay / 10), static_cast<wchar_t>(L'0' + now.wDay % 10), 0};
     qel::WideText(text) << base << L"_" << day << L"." << extension;
   }

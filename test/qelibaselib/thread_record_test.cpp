@@ -1,0 +1,143 @@
+#include "qelibaselib/thread_record.h"
+
+#include <gtest/gtest.h>
+#include <omp.h>
+
+#include <atomic>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "qelibaselib/qelibaselib.h"
+#include "test/support/log_folder.h"
+#include "test/support/replace_call.h"
+
+namespace {
+
+using namespace qel::test;
+
+// The statistics are the last field of the record.
+qel::ThreadRecord* RecordOf(T_FVOF_INFORMATION* statistics) {
+  return reinterpret_cast<qel::ThreadRecord*>(reinterpret_cast<char*>(statistics) -
+                                              offsetof(qel::ThreadRecord, flushStatistics));
+}
+
+template <class Body>
+void OnThread(Body body) {
+  std::thread(body).join();
+}
+
+TEST(ThreadRecord, StartsWithThePlaceholder) {
+  OnThread([] {
+    const qel::ThreadRecord* record = RecordOf(VemoGetFVOFInf());
+    EXPECT_EQ(record->threadId, GetCurrentThreadId());
+    EXPECT_STREQ(record->sourceFile, "????????.???");
+    EXPECT_EQ(record->line, 0);
+    EXPECT_EQ(record->ompThreadCount, omp_get_num_procs());
+    const T_FVOF_INFORMATION zero = {};
+    EXPECT_EQ(memcmp(&record->flushStatistics, &zero, sizeof(zero)), 0);
+  });
+}
+
+TEST(ThreadRecord, BelongsToItsThreadAlone) {
+  T_FVOF_INFORMATION* own = VemoGetFVOFInf();
+  own->callCount = 5;
+  OnThread([own] {
+    T_FVOF_INFORMATION* other = VemoGetFVOFInf();
+    EXPECT_NE(other, own);
+    EXPECT_EQ(other->callCount, 0u);
+    other->totalMs = 1;
+    VemoClearFVOFInf();
+    EXPECT_EQ(other->totalMs, 0.0);
+  });
+  EXPECT_EQ(VemoGetFVOFInf(), own);
+  EXPECT_EQ(own->callCount, 5u);
+  VemoClearFVOFInf();
+  EXPECT_EQ(own->callCount, 0u);
+}
+
+TEST(ThreadRecord, IsFreedWithItsThread) {
+  std::atomic<int> held = 0;
+  {
+    auto allocate = STAND_IN(GlobalAlloc, [&](int, UINT flags, SIZE_T size) {
+      held += size == sizeof(qel::ThreadRecord);
+      return GlobalAlloc(flags, size);
+    });
+    auto free = STAND_IN(GlobalFree, [&](int, HGLOBAL block) {
+      --held;
+      return GlobalFree(block);
+    });
+    for (int round = 0; round < 5; ++round) {
+      std::vector<std::thread> threads;
+      for (int i = 0; i < 8; ++i) threads.emplace_back([] { VemoGetFVOFInf()->callCount = 1; });
+      for (std::thread& thread : threads) thread.join();
+    }
+    EXPECT_GE(allocate.Calls(), 40);
+  }
+  EXPECT_EQ(held, 0);
+}
+
+TEST(ThreadRecord, KeepsTheLastError) {
+  OnThread([] {
+    SetLastError(321);
+    VemoGetFVOFInf();
+    VemoOMPGetNumThreads();
+    VemoGetFVOFInf();
+    EXPECT_EQ(GetLastError(), 321u);
+  });
+}
+
+std::vector<std::string> TakeAssertions() {
+  std::vector<std::string> ends;
+  for (const LogLine& line : TakeLines(qel::channel::kAssert)) {
+    const std::string head = "ASSERT : " + line.sourceFile + "(" + std::to_string(line.line) + ")";
+    EXPECT_EQ(line.message.substr(0, head.size()), head);
+    ends.push_back(line.message.substr(head.size()));
+  }
+  return ends;
+}
+
+// Only calls of a thread that has no record yet come so far; where threads attach by the loader the attach itself
+// fails.
+TEST(ThreadRecord, WithoutOneEachCallSaysSoAndIsSafe) {
+  TakeAssertions();
+  auto allocate = STAND_IN(GlobalAlloc, [](int, UINT flags, SIZE_T size) -> HGLOBAL {
+    if (size != sizeof(qel::ThreadRecord)) return GlobalAlloc(flags, size);
+    SetLastError(8);
+    return nullptr;
+  });
+  OnThread([] {
+    TakeAssertions();
+    EXPECT_EQ(VemoGetFVOFInf(), nullptr);
+    EXPECT_EQ(TakeAssertions(), std::vector<std::string>{", lec=8"});
+    VemoClearFVOFInf();
+    EXPECT_EQ(TakeAssertions(), std::vector<std::string>{", lec=8"});
+    EXPECT_EQ(VemoOMPGetNumThreads(), 1);
+    EXPECT_EQ(TakeAssertions(), std::vector<std::string>(2, ", lec=8"));
+    VemoOMPSetNumThreads(1);
+    EXPECT_EQ(TakeAssertions(), std::vector<std::string>(2, ", lec=8"));
+  });
+}
+
+TEST(ThreadRecord, FreesTheBlockWhenTheSlotRefusesIt) {
+  int freed = 0;
+  TakeAssertions();
+  auto set = STAND_IN(TlsSetValue, [](int, DWORD slot, LPVOID value) {
+    if (!value) return TlsSetValue(slot, value);
+    SetLastError(87);
+    return FALSE;
+  });
+  auto free = STAND_IN(GlobalFree, [&](int, HGLOBAL block) {
+    ++freed;
+    return GlobalFree(block);
+  });
+  OnThread([&] {
+    freed = 0;
+    TakeAssertions();
+    EXPECT_EQ(VemoGetFVOFInf(), nullptr);
+    EXPECT_EQ(freed, 1);
+    EXPECT_EQ(TakeAssertions(), std::vector<std::string>{", lec=87"});
+  });
+}
+
+}  // namespace

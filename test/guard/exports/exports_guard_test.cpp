@@ -65,6 +65,12 @@ TEST(GuardOfExports, ClausesAreOneLineApartAndTheFrameworkExceptionGoes) {
   EXPECT_EQ(other.sourceFile, framework.sourceFile);
 }
 
+// An export without a guard: the host's own handler takes what it raises, on both targets.
+TEST(UnguardedExport, RaisesToTheHost) {
+  char buffer[4];
+  EXPECT_ANY_THROW(_MemCpy(buffer, BadPointer(), sizeof buffer, 7, "host.cpp"));
+}
+
 TEST(GuardOfExports, CorruptHeapIsWrittenAfterTheClause) {
   const ReplaceCall heap("_heapchk", &CorruptHeap);
   TakeLines(channel::kAssert);

@@ -13,8 +13,8 @@ using Ownership = Storage::Ownership;
 
 bool IsMine(Storage& storage) { return storage.ownership.thread.load(std::memory_order_relaxed) == &t_thread; }
 
-// The storage is used by its owner, too: closing the last handle must not unmap memory that the thread's robust list
-// points into, and the lock must stay until it is released or the thread ends.
+// Closing the last handle of a mutex that is owned keeps its storage: memory that the thread's robust list points into
+// must not be unmapped, and the lock stays until it is released or the thread ends.
 void Own(Storage& storage) {
   Ownership& ownership = storage.ownership;
   ownership.thread.store(&t_thread, std::memory_order_relaxed);
@@ -23,7 +23,6 @@ void Own(Storage& storage) {
   ownership.next = t_thread.owned;
   if (ownership.next) ownership.next->ownership.previous = &storage;
   t_thread.owned = &storage;
-  storage.AddUser();
   ArmThreadEnd();
 }
 
@@ -32,9 +31,10 @@ void Disown(Storage& storage) {
   (ownership.previous ? ownership.previous->ownership.next : t_thread.owned) = ownership.next;
   if (ownership.next) ownership.next->ownership.previous = ownership.previous;
   ownership.thread.store(nullptr, std::memory_order_relaxed);
+  const bool keeps = std::exchange(ownership.keeps, false);
   pthread_mutex_unlock(&storage.state().mutex);
   MutexChangedAmongSeveral();
-  storage.DropUser();
+  if (keeps) storage.DropUser();
 }
 
 int LockUntil(pthread_mutex_t& mutex, int64_t deadlineNs) {
@@ -107,6 +107,7 @@ bool Mutex::Release() {
 
 void AbandonMutexes() {
   while (Storage* storage = t_thread.owned) {
+    storage->KeepForOwner();
     storage->state().orphaned.store(1, std::memory_order_relaxed);
     Disown(*storage);
   }

@@ -70,6 +70,7 @@ class ObjectNamespace {
  public:
   DWORD Acquire(const ObjectKey& key, const StorageRequest& request, bool create, StorageReference* out);
   void DropLast(Storage* storage);
+  void KeepForOwner(Storage* storage);
   void LeaveAll();
   void Lock() { gate_.lock(); }
   void Unlock() { gate_.unlock(); }
@@ -123,6 +124,8 @@ void Storage::DropUser() {
     if (users_.compare_exchange_weak(users, users - 1, std::memory_order_release, std::memory_order_relaxed)) return;
   g_namespace.DropLast(this);
 }
+
+void Storage::KeepForOwner() { g_namespace.KeepForOwner(this); }
 
 ObjectKey ObjectNamespace::KeyOf(const Storage* storage) {
   return {storage->key_[0], storage->key_[1], static_cast<uint32_t>(storage->key_[2]),
@@ -370,14 +373,15 @@ DWORD ObjectNamespace::Join(Storage* storage, const ObjectKey& key, Kind kind) {
 }
 
 void ObjectNamespace::DropLast(Storage* storage) {
-  // Of an unnamed storage nobody can become a user again; a named one is found under the lock.
-  if (!storage->named_) {
-    if (storage->users_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete storage;
-    return;
-  }
   const std::lock_guard lock(gate_);
   if (storage->users_.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
-  if (storage->descriptor_ < 0) {
+  if (storage->ownership.thread.load(std::memory_order_relaxed)) {
+    // Its owner is not inside a call of it, or it would be a user through its handle.
+    storage->ownership.keeps = true;
+    storage->users_.store(1, std::memory_order_relaxed);
+  } else if (!storage->named_) {
+    delete storage;
+  } else if (storage->descriptor_ < 0) {
     Remove(storage);
   } else if (storage->state_->kind == Kind::kMutex && !left_) {
     Park(storage);
@@ -385,6 +389,11 @@ void ObjectNamespace::DropLast(Storage* storage) {
     if (!left_) Leave(storage->descriptor_, KeyOf(storage));
     Remove(storage);
   }
+}
+
+void ObjectNamespace::KeepForOwner(Storage* storage) {
+  const std::lock_guard lock(gate_);
+  if (!std::exchange(storage->ownership.keeps, true)) storage->AddUser();
 }
 
 void ObjectNamespace::LeaveAll() {

@@ -31,8 +31,9 @@ struct ObjectState {
   pthread_mutex_t mutex;
 };
 
-/// An object's state in this process, named or not. It lives while it has users: objects behind handles, and the
-/// thread that owns the mutex. When the last user of a named one goes, this process no longer holds the object.
+/// An object's state in this process, named or not. It lives while it has users: objects behind handles, and a thread
+/// that still owns the mutex when the last of them goes. With the last user of a named one this process no longer holds
+/// the object.
 class Storage {
  public:
   Storage() = default;
@@ -45,11 +46,14 @@ class Storage {
   int descriptor() const { return descriptor_; }
   void AddUser() { users_.fetch_add(1, std::memory_order_relaxed); }
   void DropUser();
+  /// For the end of the thread that owns the mutex, which has no handle to hold on to: makes it a user.
+  void KeepForOwner();
 
   /// Ownership of the mutex by a thread of this process; written by that thread alone.
   struct Ownership {
     std::atomic<const void*> thread{nullptr};
     uint32_t depth = 0;
+    bool keeps = false;  ///< the owner is a user: the last handle was closed while it owned the mutex
     Storage *previous = nullptr, *next = nullptr;
   } ownership;
 

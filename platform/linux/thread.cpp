@@ -22,6 +22,7 @@ extern "C" void* __dso_handle;
 namespace qel::layer {
 
 thread_local constinit ThreadData t_thread = {};
+thread_local constinit ThreadSlot t_directSlots[kDirectSlots] = {};
 
 namespace {
 

@@ -19,7 +19,7 @@ constinit std::mutex g_gate;
 
 // The thread's place of the slot; null where nothing was ever set.
 ThreadSlot* FindSlot(DWORD slot) {
-  if (slot < kDirectSlots) return &t_thread.slots[slot];
+  if (slot < kDirectSlots) return &t_directSlots[slot];
   return t_thread.furtherSlots ? &t_thread.furtherSlots[slot - kDirectSlots] : nullptr;
 }
 
@@ -32,7 +32,7 @@ BOOL Refuse() {
 
 void FreeThreadSlots() {
   std::free(std::exchange(t_thread.furtherSlots, nullptr));
-  for (ThreadSlot& slot : t_thread.slots) slot = {};
+  for (ThreadSlot& slot : t_directSlots) slot = {};
 }
 
 }  // namespace qel::layer

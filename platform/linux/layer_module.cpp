@@ -4,6 +4,7 @@
 #include "platform/linux/handle_table.h"
 #include "platform/linux/inheritance.h"
 #include "platform/linux/module_list.h"
+#include "platform/linux/mutex.h"
 #include "platform/linux/object_namespace.h"
 #include "platform/linux/thread_data.h"
 
@@ -29,7 +30,7 @@ void InParent() { AfterFork(false); }
 void InChild() {
   AfterFork(true);
   t_thread.id = 0;
-  t_thread.owned = nullptr;
+  ForgetMutexes();
   t_thread.object = nullptr;
 }
 

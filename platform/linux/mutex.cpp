@@ -113,6 +113,11 @@ void AbandonMutexes() {
   }
 }
 
+void ForgetMutexes() {
+  for (Storage* storage = std::exchange(t_thread.owned, nullptr); storage; storage = storage->ownership.next)
+    storage->ownership.thread.store(nullptr);
+}
+
 }  // namespace qel::layer
 
 using namespace qel::layer;

@@ -30,4 +30,7 @@ class Mutex final : public StoredObject {
 /// Gives up every mutex that the ending thread owns; the next owner is told.
 void AbandonMutexes();
 
+/// In a forked child: they are its parent's.
+void ForgetMutexes();
+
 }  // namespace qel::layer

@@ -414,6 +414,7 @@ void ObjectNamespace::ForgetInChild() {
   for (Storage*& bucket : buckets_) {
     for (Storage* storage = std::exchange(bucket, nullptr); storage; storage = storage->nextInBucket_) {
       storage->named_ = false;
+      storage->ownership.thread.store(nullptr);  // a thread of the parent's
     }
   }
   for (Storage*& parked : parked_) delete std::exchange(parked, nullptr);

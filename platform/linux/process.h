@@ -34,14 +34,16 @@ extern "C" {
 QEL_LAYER HANDLE WINAPI GetCurrentProcess();
 QEL_LAYER DWORD WINAPI GetCurrentProcessId();
 QEL_LAYER BOOL WINAPI GetProcessAffinityMask(HANDLE process, PDWORD_PTR processMask, PDWORD_PTR systemMask);
-/// Splits the command line by Windows' quoting rules and searches the program on PATH. An event handle that was made
-/// inheritable is printed by the caller into the command line; the child reaches it by OpenProcess-free inheritance
-/// only through the layer. Environment, folder and flags other than 0 are refused with ERROR_INVALID_PARAMETER.
+/// Splits the command line by Windows' quoting rules and searches the program on PATH. Of handles, only those of
+/// unnamed events that were made inheritable are inherited: under the same value, by a child that uses this layer, also
+/// through a shell. The new thread's handle is another one of the process. Environment, folder, start-up flags and
+/// creation flags other than 0 are refused with ERROR_INVALID_PARAMETER.
 QEL_LAYER BOOL WINAPI CreateProcessA(LPCSTR application, LPSTR commandLine, LPSECURITY_ATTRIBUTES processSecurity,
                                      LPSECURITY_ATTRIBUTES threadSecurity, BOOL inheritHandles, DWORD flags,
                                      LPVOID environment, LPCSTR folder, LPSTARTUPINFOA startup,
                                      LPPROCESS_INFORMATION information);
-/// Of a process that CreateProcessA started; SIGKILL, so exit code and detach code are not honoured elsewhere.
+/// Of the own process or one that CreateProcessA started. Another parent than this one sees a killed process instead of
+/// the exit code.
 QEL_LAYER BOOL WINAPI TerminateProcess(HANDLE process, UINT exitCode);
 QEL_LAYER BOOL WINAPI GetExitCodeProcess(HANDLE process, LPDWORD exitCode);
 /// TRUE while a tracer is attached.

@@ -13,6 +13,8 @@ using PTIMERAPCROUTINE = void(CALLBACK*)(LPVOID argument, DWORD timeLow, DWORD t
 
 extern "C" {
 /// Security descriptors are not read: every object belongs to the user alone. The same holds for all objects here.
+/// Only an unnamed event can be inherited by a process that CreateProcessA starts; for others the wish counts for
+/// nothing.
 QEL_LAYER HANDLE WINAPI CreateEventW(LPSECURITY_ATTRIBUTES security, BOOL manualReset, BOOL initialState, LPCWSTR name);
 QEL_LAYER HANDLE WINAPI OpenEventW(DWORD access, BOOL inherit, LPCWSTR name);
 QEL_LAYER BOOL WINAPI SetEvent(HANDLE event);
@@ -28,7 +30,7 @@ QEL_LAYER HANDLE WINAPI CreateSemaphoreW(LPSECURITY_ATTRIBUTES security, LONG in
                                          LPCWSTR name);
 QEL_LAYER BOOL WINAPI ReleaseSemaphore(HANDLE semaphore, LONG releaseCount, LPLONG previousCount);
 
-/// Unnamed timers only; a name is refused with ERROR_NOT_SUPPORTED.
+/// Names of 260 characters or more fail with ERROR_FILENAME_EXCED_RANGE.
 QEL_LAYER HANDLE WINAPI CreateWaitableTimerA(LPSECURITY_ATTRIBUTES security, BOOL manualReset, LPCSTR name);
 /// Completion routines and resuming are refused with ERROR_NOT_SUPPORTED.
 QEL_LAYER BOOL WINAPI SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* dueTime, LONG periodMs,

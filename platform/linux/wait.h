@@ -12,6 +12,6 @@
 
 extern "C" {
 QEL_LAYER DWORD WINAPI WaitForSingleObject(HANDLE handle, DWORD timeoutMs);
-/// All kinds may be mixed. Waiting for all of several objects is refused with ERROR_NOT_SUPPORTED: nobody asks for it.
+/// All kinds may be mixed. A change that another process makes is seen within 5 ms when there are several objects.
 QEL_LAYER DWORD WINAPI WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD timeoutMs);
 }

@@ -53,7 +53,9 @@ struct PositionedWrite {
     ScopedView view(caller, mapping, FILE_MAP_ALL_ACCESS, position - delta, delta + chunk.bytes);
     if (!view) return false;
     BYTE* target = view.Get() + delta;
-    may_fault::CopyBytes(target, static_cast<const BYTE*>(buffer) + chunk.offset, chunk.bytes);
+    // The C library's copy cannot be unwound from everywhere; a Run of its own lets a fault start here, with the view
+    // and the mapping given back.
+    fault::Run([&] { may_fault::CopyBytes(target, static_cast<const BYTE*>(buffer) + chunk.offset, chunk.bytes); });
     view.Finish(shortageThreshold, target, file);
     *bytesWritten += chunk.bytes;
     return true;

@@ -80,9 +80,7 @@ TEST_F(CutFile, ATransferEndsWhereItsFileDoes) {
   EXPECT_EQ(written, 0u);
   EXPECT_EQ(mapped, 0);
   EXPECT_EQ(OpenHandleCount(), handles + 1);
-  const Messages faults = Assertions();
-  EXPECT_EQ(faults.size(), 3u);
-  for (const std::string& fault : faults) EXPECT_TRUE(fault.ends_with(", _CATCH_AE")) << fault;
+  EXPECT_EQ(FaultCount(), 3u);
 }
 
 }  // namespace

@@ -108,7 +108,14 @@ DWORD FolderSearch::ReadNames(const NamePattern& pattern, bool root) {
   return entries_.empty() ? ERROR_FILE_NOT_FOUND : ERROR_SUCCESS;
 }
 
-// A link to a folder is answered for itself: no walk through a tree leaves it or goes in a circle by one.
+// A link is found as what it leads to; but one to a folder has the size 0 and is marked as a link, so that a walk
+// through a tree can tell it from the tree's own folders. One that leads nowhere is a file of size 0 with that mark.
+void MarkLink(WIN32_FIND_DATAW& data, bool toFolder) {
+  data.dwFileAttributes = FILE_ATTRIBUTE_REPARSE_POINT | (toFolder ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_ARCHIVE);
+  data.dwReserved0 = IO_REPARSE_TAG_SYMLINK;
+  data.nFileSizeHigh = data.nFileSizeLow = 0;
+}
+
 DWORD FolderSearch::Answer(const Entry& entry, WIN32_FIND_DATAW& data) const {
   char name[MAX_PATH * kLongestUtf8 + 1];
   char* end = name;
@@ -116,7 +123,8 @@ DWORD FolderSearch::Answer(const Entry& entry, WIN32_FIND_DATAW& data) const {
   *end = 0;
   FileStatus status;
   int error = ReadStatus(descriptor_, name, entry.link ? 0 : AT_SYMLINK_NOFOLLOW, status);
-  if (entry.link && (error || status.IsFolder())) error = ReadStatus(descriptor_, name, AT_SYMLINK_NOFOLLOW, status);
+  const bool toFolder = !error && status.IsFolder();
+  if (entry.link && (error || toFolder)) error = ReadStatus(descriptor_, name, AT_SYMLINK_NOFOLLOW, status);
   if (error) return ErrorFromErrno(error);
   DWORD attributes;
   if (status.mode & (S_ISVTX | S_ISUID)) {
@@ -127,6 +135,7 @@ DWORD FolderSearch::Answer(const Entry& entry, WIN32_FIND_DATAW& data) const {
     attributes = AttributesOf(status, descriptor_);
   }
   Fill(data, NameOf(entry), status, attributes);
+  if (S_ISLNK(status.mode)) MarkLink(data, toFolder);
   return ERROR_SUCCESS;
 }
 

@@ -64,10 +64,16 @@ TEST_F(LinuxNamesTest, NoWalkLeavesItsTreeByALink) {
   do {
     SCOPED_TRACE(data.cFileName);
     const std::wstring name = L"tree\\" + std::wstring(data.cFileName);
-    EXPECT_EQ(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY, 0u);
+    const bool toFolder = name.ends_with(L"folder");
+    EXPECT_EQ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0, toFolder);
+    EXPECT_EQ(data.dwReserved0, name.ends_with(L"file") ? 0u : IO_REPARSE_TAG_SYMLINK);
     EXPECT_EQ(Find(name.c_str()), Success());
     EXPECT_TRUE(SetFileAttributesW(name.c_str(), FILE_ATTRIBUTE_READONLY));
-    EXPECT_EQ(Delete(name), Success());
+    if (toFolder) {
+      EXPECT_TRUE(RemoveDirectoryW(name.c_str()));
+    } else {
+      EXPECT_EQ(Delete(name), Success());
+    }
   } while (FindNextFileW(find, &data));
   FindClose(find);
   EXPECT_EQ(GetFileAttributesW(L"outside/kept"), DWORD{FILE_ATTRIBUTE_ARCHIVE});

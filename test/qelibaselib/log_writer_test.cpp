@@ -112,7 +112,7 @@ TEST_F(LogCase, TakesOverAnAbandonedMutexAndEndsTheCutLine) {
     SetContent(cut);
     MutexHolder holder(stem);
     holder.child.Kill();
-    Write("after", 0);
+    Write("after");
     const std::string content = Content();
     const size_t end = cut.empty() ? 0 : content.find("\r\n") + 2;
     EXPECT_EQ(content.substr(0, end), cut.empty() ? "" : cut.substr(0, cut.find('\r')) + "\r\n");

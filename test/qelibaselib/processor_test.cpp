@@ -96,7 +96,8 @@ TEST_F(ThreadCount, StaysInsideAParallelRegion) {
   TakeLines(qel::channel::kAssert);
   {
     // Not a real one: on a busy machine a region of two threads may get one, which does not count as parallel.
-    const ReplaceCall inside("omp_in_parallel", +[] { return 1; });
+    const ReplaceCall inside(
+        "omp_in_parallel", +[] { return 1; });
     VemoOMPSetNumThreads(-1);
   }
   EXPECT_EQ(VemoOMPGetNumThreads(), processors_);

@@ -1,0 +1,100 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <vector>
+
+#include "qelibaselib/qelibaselib.h"
+#include "test/support/log_folder.h"
+#include "test/support/replace_call.h"
+
+namespace {
+
+using namespace qel::test;
+
+// Lets the library's threads start and keeps a handle of each, to wait for the end of those that nobody waits for.
+class Threads {
+ public:
+  ~Threads() { Wait(); }
+  void Wait() {
+    for (int i = 0; i < count_; ++i) {
+      EXPECT_EQ(WaitForSingleObject(handles_[i], 60000), WAIT_OBJECT_0);
+      CloseHandle(handles_[i]);
+    }
+    count_ = 0;
+  }
+  int Started() const { return create_.Calls(); }
+
+ private:
+  std::atomic<int> count_ = 0;
+  HANDLE handles_[16];
+  StandIn<"CreateThread", decltype(&::CreateThread)> create_{[this](int, LPSECURITY_ATTRIBUTES security, SIZE_T stack,
+                                                                    LPTHREAD_START_ROUTINE start, LPVOID argument,
+                                                                    DWORD flags, LPDWORD id) {
+    const HANDLE thread = CreateThread(security, stack, start, argument, flags, id);
+    EXPECT_TRUE(DuplicateHandle(GetCurrentProcess(), thread, GetCurrentProcess(), &handles_[count_++], 0, FALSE,
+                                DUPLICATE_SAME_ACCESS));
+    return thread;
+  }};
+};
+
+TEST(Display, EndsBeforeItReturnsWhenAsked) {
+  TakeLines(qel::channel::kAssert);
+  std::atomic<int> timeCritical = 0;
+  auto priority = STAND_IN(SetThreadPriority, [&](int, HANDLE thread, int value) {
+    timeCritical += value == THREAD_PRIORITY_TIME_CRITICAL;
+    return SetThreadPriority(thread, value);
+  });
+  auto beep = STAND_IN(Beep, [](int, DWORD frequency, DWORD ms) {
+    EXPECT_EQ(frequency, 7000u);
+    EXPECT_EQ(ms, 300u);
+    return TRUE;
+  });
+  Threads threads;
+  VemoDispInf("text", 1);
+  EXPECT_EQ(threads.Started(), 2);
+  EXPECT_EQ(timeCritical, 2);
+  VemoDispInf("", 1);
+  EXPECT_EQ(threads.Started(), 4);
+  EXPECT_TRUE(TakeLines(qel::channel::kAssert).empty());
+}
+
+TEST(Display, GoesOnAloneOtherwise) {
+  TakeLines(qel::channel::kAssert);
+  auto beep = STAND_IN(Beep, [](int, DWORD, DWORD) { return TRUE; });
+  Threads threads;
+  for (int i = 0; i < 4; ++i) VemoDispInf("text", 0);
+  threads.Wait();
+  EXPECT_TRUE(TakeLines(qel::channel::kAssert).empty());
+}
+
+TEST(Display, BeepsUntilTheTextIsThere) {
+  auto beep = STAND_IN(Beep, [](int, DWORD, DWORD) { return TRUE; });
+  // The first answers of the beeper's look at its event: not signalled yet.
+  std::atomic<int> looks = 0;
+  auto wait = STAND_IN(WaitForSingleObject, [&](int, HANDLE handle, DWORD ms) {
+    if (ms == 0 && ++looks <= 3) return DWORD{WAIT_TIMEOUT};
+    return WaitForSingleObject(handle, ms);
+  });
+  std::atomic<int> pauses = 0;
+  auto sleep = STAND_IN(Sleep, [&](int, DWORD ms) { pauses += ms == 100; });
+  VemoDispInf("text", 1);
+  EXPECT_GE(beep.Calls(), 3);
+  EXPECT_EQ(pauses, beep.Calls());
+}
+
+TEST(Display, IsGivenUpWithoutAThread) {
+  TakeLines(qel::channel::kAssert);
+  auto create = FAIL_CALL(CreateThread, 1, 8, nullptr);
+  VemoDispInf("text", 1);
+  const auto messages = TakeMessages(qel::channel::kAssert);
+  ASSERT_EQ(messages.size(), 1u);
+  EXPECT_TRUE(messages[0].ends_with(", lec=8")) << messages[0];
+}
+
+TEST(Display, BadTextStaysInside) {
+  LogFolder();
+  VemoDispInf(reinterpret_cast<const char*>(16), 1);
+  EXPECT_FALSE(TakeLines(qel::channel::kAssert).empty());
+}
+
+}  // namespace

@@ -1,0 +1,47 @@
+// What only this target can provoke: a disk that takes a part of a line.
+#include <signal.h>
+#include <sys/resource.h>
+
+#include "test/qelibaselib/log_case.h"
+#include "test/support/child_process.h"
+
+namespace {
+
+using namespace qel::test;
+
+// The limit of a file's size is met as a full disk is: the write takes what fits and fails with the rest.
+CHILD_ROLE(WriteOnFullDisk) {
+  signal(SIGXFSZ, SIG_IGN);
+  const std::wstring path(arguments[0].begin(), arguments[0].end());
+  const auto write = [&](const char* message) {
+    VemoLogOutFile(L"qel_test_full", path.c_str(), 60000, 1, "s", message);
+  };
+  const auto limit = [&](rlim_t bytes) {
+    rlimit limits;
+    getrlimit(RLIMIT_FSIZE, &limits);
+    limits.rlim_cur = bytes;
+    setrlimit(RLIMIT_FSIZE, &limits);
+  };
+  write("first");
+  const rlim_t size = std::filesystem::file_size(arguments[0]);
+  for (const rlim_t fits : {0, 1, 20, static_cast<int>(size) - 1}) {
+    limit(size + fits);
+    write("lost!");
+  }
+  limit(RLIM_INFINITY);
+  write("second");
+  return 0;
+}
+
+TEST_F(LogCase, FullDiskLeavesNoPartOfALine) {
+  EXPECT_EQ(ChildProcess("WriteOnFullDisk", {folder.Narrow("log.txt")}).Wait(), 0);
+  const std::string content = Content();
+  const size_t end = content.find("\r\n") + 2;
+  LogLine line;
+  ASSERT_TRUE(ParseLine(content.substr(0, end - 2), line)) << content;
+  EXPECT_EQ(line.message, "first");
+  ASSERT_TRUE(ParseLine(content.substr(end, content.size() - end - 2), line)) << content;
+  EXPECT_EQ(line.message, "second");
+}
+
+}  // namespace

@@ -1,0 +1,191 @@
+#include "qelibaselib/startup_checks.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "qelibaselib/qelibaselib.h"
+#include "test/support/child_process.h"
+#include "test/support/fake_clock.h"
+#include "test/support/log_folder.h"
+#include "test/support/replace_call.h"
+
+namespace {
+
+using namespace qel::test;
+
+std::string Stem() {
+  static std::atomic<int> number;
+  return "qel_test_start_" + std::to_string(GetCurrentProcessId()) + "_" + std::to_string(++number);
+}
+
+int Check(const std::string& stem, DWORD timeoutMs, bool showError = false) {
+  return VemoChkMultiStartUp(21, "host.cpp", std::wstring(stem.begin(), stem.end()).c_str(), showError, timeoutMs);
+}
+
+CHILD_ROLE(Start) {
+  LogFolder();
+  Say("ready");
+  Hear();
+  Say(std::to_string(Check(arguments[0], 0)));
+  Hear();
+  return 0;
+}
+
+std::string Program() {
+  char path[MAX_PATH];
+  GetModuleFileNameA(nullptr, path, MAX_PATH);
+  return path;
+}
+
+void ForgetLines() {
+  TakeLines(qel::channel::kMisc);
+  TakeLines(qel::channel::kAssert);
+}
+
+TEST(MultiStartUp, FirstInstanceIsAloneAtOnceAndSilent) {
+  ForgetLines();
+  FakeClock clock;
+  EXPECT_EQ(Check(Stem(), 3000), 0);
+  EXPECT_TRUE(clock.Sleeps().empty());
+  EXPECT_TRUE(TakeLines(qel::channel::kMisc).empty());
+}
+
+TEST(MultiStartUp, SecondInstanceTriesOnceASecond) {
+  ForgetLines();
+  const std::string stem = Stem();
+  ASSERT_EQ(Check(stem, 0), 0);
+  const std::string warning = "Warning : Multi Start Up, " + Program() + ", lc=0xb7";
+  for (const auto& [timeoutMs, attempts] : {std::pair{0ul, 1u}, {1ul, 1u}, {1000ul, 1u}, {1001ul, 2u}, {3000ul, 3u}}) {
+    FakeClock clock;
+    clock.now = 0xFFFFFFFF - 500;  // the ticks wrap meanwhile
+    EXPECT_EQ(Check(stem, timeoutMs), 1);
+    EXPECT_EQ(clock.Sleeps(), std::vector<DWORD>(attempts, 1000));
+    const auto lines = TakeLines(qel::channel::kMisc);
+    ASSERT_EQ(lines.size(), attempts);
+    for (const LogLine& line : lines) {
+      EXPECT_EQ(line.message, warning);
+      EXPECT_EQ(line.line, 21);
+      EXPECT_EQ(line.sourceFile, "host.cpp");
+    }
+    const auto assertions = TakeLines(qel::channel::kAssert);
+    ASSERT_EQ(assertions.size(), 1u);
+    EXPECT_EQ(assertions[0].message,
+              "ASSERT : " + assertions[0].sourceFile + "(" + std::to_string(assertions[0].line) + ")");
+  }
+}
+
+TEST(MultiStartUp, ErrorIsWrittenAndDisplayedOnRequest) {
+  ForgetLines();
+  const std::string stem = Stem();
+  ASSERT_EQ(Check(stem, 0), 0);
+  FakeClock clock;
+  auto beep = STAND_IN(Beep, [](int, DWORD, DWORD) { return TRUE; });
+  auto threads = STAND_IN(
+      CreateThread, [](int, LPSECURITY_ATTRIBUTES security, SIZE_T stack, LPTHREAD_START_ROUTINE start, LPVOID argument,
+                       DWORD flags, LPDWORD id) { return CreateThread(security, stack, start, argument, flags, id); });
+  EXPECT_EQ(Check(stem, 0, true), 1);
+  EXPECT_EQ(threads.Calls(), 2);
+  EXPECT_EQ(TakeMessages(qel::channel::kMisc),
+            (std::vector<std::string>{"Warning : Multi Start Up, " + Program() + ", lc=0xb7",
+                                      "Error : Multi Start Up, " + Program() + ", lc=0xb7"}));
+}
+
+TEST(MultiStartUp, MarkThatCannotBeMadeEndsTheTries) {
+  ForgetLines();
+  FakeClock clock;
+  auto create = FAIL_CALL(CreateEventW, 1, 8, nullptr);
+  EXPECT_EQ(Check(Stem(), INFINITE), 1);
+  EXPECT_EQ(create.Calls(), 1);
+  EXPECT_TRUE(clock.Sleeps().empty());
+  EXPECT_TRUE(TakeLines(qel::channel::kMisc).empty());
+  EXPECT_EQ(TakeLines(qel::channel::kAssert).size(), 1u);
+}
+
+TEST(MultiStartUp, GoesOnWhenTheFirstInstanceEnds) {
+  ForgetLines();
+  const std::string stem = Stem();
+  auto first = std::make_unique<ChildProcess>("Start", std::vector<std::string>{stem});
+  ASSERT_EQ(first->WaitForLine(), "ready");
+  first->Tell("go");
+  ASSERT_EQ(first->WaitForLine(), "0");
+  auto sleep = STAND_IN(Sleep, [&](int nth, DWORD) {
+    if (nth == 2) first.reset();  // killed, and waited for
+  });
+  EXPECT_EQ(Check(stem, INFINITE), 0);
+  EXPECT_EQ(sleep.Calls(), 2);
+  EXPECT_EQ(TakeLines(qel::channel::kMisc).size(), 2u);
+  EXPECT_TRUE(TakeLines(qel::channel::kAssert).empty());
+}
+
+TEST(MultiStartUp, OneOfManyThatStartTogetherIsFirst) {
+  LogFolder();
+  const std::string stem = Stem();
+  constexpr int kProcesses = 20;
+  std::vector<std::unique_ptr<ChildProcess>> children;
+  for (int i = 0; i < kProcesses; ++i)
+    children.push_back(std::make_unique<ChildProcess>("Start", std::vector<std::string>{stem}));
+  for (auto& child : children) ASSERT_EQ(child->WaitForLine(), "ready");
+  for (auto& child : children) child->Tell("go");
+  int first = 0;
+  for (auto& child : children) first += child->WaitForLine() == "0";
+  EXPECT_EQ(first, 1);
+  ForgetLines();
+}
+
+TEST(MultiStartUp, BadStemIsNoReasonToStart) {
+  ForgetLines();
+  EXPECT_EQ(VemoChkMultiStartUp(1, nullptr, reinterpret_cast<const wchar_t*>(16), 0, 0), 1);
+  ForgetLines();
+}
+
+// The version that the reader finds next.
+struct {
+  DWORD platform, major, minor;
+  LONG status;
+} g_version;
+
+LONG WINAPI FakeVersion(OSVERSIONINFOEXW* version) {
+  version->dwPlatformId = g_version.platform;
+  version->dwMajorVersion = g_version.major;
+  version->dwMinorVersion = g_version.minor;
+  return g_version.status;
+}
+
+TEST(SystemVersion, IsFineHere) { EXPECT_EQ(VemoChkOSVer(), 1); }
+
+TEST(SystemVersion, OldSystemsPassWithAnotherValue) {
+  auto find = STAND_IN(GetProcAddress, [](int, HMODULE, LPCSTR name) {
+    EXPECT_STREQ(name, "RtlGetVersion");
+    return reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&FakeVersion));
+  });
+  const auto check = [](DWORD platform, DWORD major, DWORD minor) {
+    g_version = {platform, major, minor, 0};
+    return VemoChkOSVer();
+  };
+  EXPECT_EQ(check(2, 5, 1), 1);
+  EXPECT_EQ(check(2, 6, 0), 1);
+  EXPECT_EQ(check(2, 10, 0), 1);
+  for (const int old : {check(2, 5, 0), check(2, 4, 9), check(1, 6, 0), check(0, 0, 0)}) {
+    EXPECT_NE(old, 0);
+    EXPECT_NE(old, 1);
+  }
+}
+
+TEST(SystemVersion, UnreadableOneIsRefusedAndDisplayed) {
+  auto beep = STAND_IN(Beep, [](int, DWORD, DWORD) { return TRUE; });
+  auto free = STAND_IN(FreeLibrary, [](int, HMODULE module) { return FreeLibrary(module); });
+  {
+    auto load = FAIL_CALL(LoadLibraryA, 1, 126, nullptr);
+    EXPECT_EQ(VemoChkOSVer(), 0);
+    EXPECT_EQ(free.Calls(), 0);
+  }
+  auto find = FAIL_CALL(GetProcAddress, 1, 127, nullptr);
+  EXPECT_EQ(VemoChkOSVer(), 0);
+  EXPECT_EQ(free.Calls(), 1);
+}
+
+}  // namespace

@@ -1,6 +1,5 @@
 #include "modulestatus/debugger_command.h"
 
-#include <iterator>
 #include <algorithm>
 #include <cstring>
 #include <iterator>

@@ -1,11 +1,11 @@
 /// @file
 /// All that a host includes: the exports, the exported classes and the Win32 names.
 #pragma once
+#include "file/file.h"
 #include "fileversion/fileversion.h"
 #include "memory/memory.h"
 #include "modulestatus/modulestatus.h"
 #include "platform/win32.h"
-#include "file/file.h"
 #include "qelibaselib/export.h"
 #include "qelibaselib/log_writer.h"
 #include "qelibaselib/processor.h"

@@ -41,8 +41,8 @@ DWORD MakePageFile(Mapping::Contents* contents) {
   return ftruncate(descriptor, bytes) == 0 ? ERROR_SUCCESS : ERROR_COMMITMENT_LIMIT;
 }
 
-// A file system that fills up half-way may have made the file longer already. A size that it cannot have at all does not
-// fit either.
+// A file system that fills up half-way may have made the file longer already. A size that it cannot have at all does
+// not fit either.
 DWORD Extend(int descriptor, off_t size, off_t wanted) {
   const DWORD error = GrowFile(descriptor, size, wanted);
   struct stat status;

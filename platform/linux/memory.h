@@ -37,8 +37,8 @@ using PMEMORY_BASIC_INFORMATION = MEMORY_BASIC_INFORMATION*;
 static_assert(sizeof(MEMORY_BASIC_INFORMATION) == 28);
 
 extern "C" {
-QEL_LAYER HANDLE WINAPI CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES security, DWORD protection, DWORD sizeHigh,
-                                           DWORD sizeLow, LPCWSTR name);
+QEL_LAYER HANDLE WINAPI CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES security, DWORD protection,
+                                           DWORD sizeHigh, DWORD sizeLow, LPCWSTR name);
 QEL_LAYER HANDLE WINAPI OpenFileMappingW(DWORD access, BOOL inherit, LPCWSTR name);
 QEL_LAYER LPVOID WINAPI MapViewOfFile(HANDLE mapping, DWORD access, DWORD offsetHigh, DWORD offsetLow, SIZE_T bytes);
 QEL_LAYER BOOL WINAPI UnmapViewOfFile(LPCVOID address);

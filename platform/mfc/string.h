@@ -14,7 +14,9 @@ class CStringA {
   /// The conversions of qelibaselib/format.h. Throws std::bad_alloc without memory.
   void Format(const char* format, ...) QEL_MEMBER_FORMAT;
   const char* GetString() const { return text_.c_str(); }
-  operator const char*() const { return text_.c_str(); }  // NOLINT(google-explicit-constructor): as the framework has it
+  operator const char*() const {
+    return text_.c_str();
+  }  // NOLINT(google-explicit-constructor): as the framework has it
   int GetLength() const { return static_cast<int>(text_.size()); }
 
  private:

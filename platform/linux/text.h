@@ -20,8 +20,9 @@ QEL_LAYER int WINAPI WideCharToMultiByte(UINT codePage, DWORD flags, LPCWSTR wid
 QEL_LAYER int WINAPI MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR narrow, int narrowLength, LPWSTR wide,
                                          int wideLength);
 
-/// Modes "at", "rt", "r" + "b" forms. Text streams write CR LF for a line feed and read it back as one; a flush writes
-/// what was buffered with one call. fileno() of such a stream is -1.
+/// Modes as fopen's with t (the default) or b; + only with b. Text streams write CR LF for a line feed and read it back
+/// as one; a flush writes what was buffered with one call. fileno() of a text stream is -1. A file that another handle
+/// does not share is refused, but an open stream holds nobody off.
 QEL_LAYER FILE* __cdecl _wfopen(const wchar_t* path, const wchar_t* mode);
 
 QEL_LAYER errno_t __cdecl wcsncpy_s(wchar_t* target, std::size_t size, const wchar_t* source, std::size_t count);

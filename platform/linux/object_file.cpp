@@ -1,11 +1,12 @@
 #include "platform/linux/object_file.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+
+#include "platform/linux/folder_entries.h"
 
 namespace qel::layer {
 namespace {
@@ -62,20 +63,11 @@ void LeaveFile(int folder, int file, const char* fileName) {
 }
 
 void RemoveUnheldFiles(int folder) {
-  const int again = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  DIR* entries = again < 0 ? nullptr : fdopendir(again);
-  if (!entries) {
-    if (again >= 0) close(again);
-    return;
-  }
-  while (const dirent* entry = readdir(entries)) {
-    if (entry->d_name[0] == '.') continue;
-    const int file = openat(folder, entry->d_name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (file < 0) continue;
-    RemoveIfUnheld(folder, file, entry->d_name);
-    close(file);
-  }
-  closedir(entries);
+  ForEachEntry(folder, [folder](const char* name) {
+    const Descriptor file(openat(folder, name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (file.get() >= 0) RemoveIfUnheld(folder, file.get(), name);
+    return true;
+  });
 }
 
 }  // namespace qel::layer

@@ -1,6 +1,5 @@
 #include "platform/linux/shared_folder.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/random.h>
@@ -11,7 +10,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/linux/descriptor.h"
 #include "platform/linux/error.h"
+#include "platform/linux/folder_entries.h"
 
 namespace qel::layer {
 namespace {
@@ -22,54 +23,38 @@ constexpr mode_t kOwnerOnly = 0700;
 constexpr int kGateTries = 50;
 constexpr useconds_t kGatePauseUs = 1000;
 
-class Descriptor {
- public:
-  explicit Descriptor(int value) : value_(value) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (value_ >= 0) close(value_);
-  }
-  int get() const { return value_; }
-  int Detach() {
-    const int value = value_;
-    value_ = -1;
-    return value;
-  }
+enum class Found { kFolder, kNone, kUnknown };
 
- private:
-  int value_;
-};
-
-int OpenFolder(int parent, const char* name, uid_t user) {
+// -1 for one that is not the user's alone. `known` is false when that could not be found out.
+int OpenFolder(int parent, const char* name, uid_t user, bool* known) {
   Descriptor folder(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat status;
+  *known = folder.get() >= 0 || (errno != EMFILE && errno != ENFILE && errno != ENOMEM);
   if (folder.get() < 0 || fstat(folder.get(), &status) != 0) return -1;
   if (status.st_uid != user || (status.st_mode & kPermissions) != kOwnerOnly) return -1;
   return folder.Detach();
 }
 
-// The descriptor of the smallest-named valid folder, and its name; -1 when there is none.
+// The descriptor of the smallest-named valid folder, and its name. Not being able to look is no proof that there is
+// none: whoever made one then would make another with every try.
 template <size_t kSize>
-int FindFolder(int parent, const char* prefix, uid_t user, char (&name)[kSize]) {
-  const int again = openat(parent, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  DIR* entries = again < 0 ? nullptr : fdopendir(again);
-  if (!entries) {
-    if (again >= 0) close(again);
-    return -1;
-  }
+Found FindFolder(int parent, const char* prefix, uid_t user, char (&name)[kSize], int* descriptor) {
   int found = -1;
-  while (const dirent* entry = readdir(entries)) {
-    if (std::strncmp(entry->d_name, prefix, std::strlen(prefix)) != 0 || std::strlen(entry->d_name) >= kSize) continue;
-    if (found >= 0 && std::strcmp(entry->d_name, name) > 0) continue;
-    const int folder = OpenFolder(parent, entry->d_name, user);
-    if (folder < 0) continue;
+  const bool read = ForEachEntry(parent, [&](const char* entry) {
+    if (std::strncmp(entry, prefix, std::strlen(prefix)) != 0 || std::strlen(entry) >= kSize) return true;
+    if (found >= 0 && std::strcmp(entry, name) > 0) return true;
+    bool known = true;
+    const int folder = OpenFolder(parent, entry, user, &known);
+    if (folder < 0) return known;
     if (found >= 0) close(found);
     found = folder;
-    std::strcpy(name, entry->d_name);
-  }
-  closedir(entries);
-  return found;
+    std::strcpy(name, entry);
+    return true;
+  });
+  if (!read && found >= 0) close(found);
+  *descriptor = read ? found : -1;
+  if (!read) return Found::kUnknown;
+  return found >= 0 ? Found::kFolder : Found::kNone;
 }
 
 // One maker at a time, or two processes that start together could settle on two folders. Bounded, since any user can
@@ -99,15 +84,15 @@ int SharedFolder::Open(uid_t user, DWORD* error) {
   }
   char prefix[20];
   std::snprintf(prefix, sizeof prefix, "qel-%u-", static_cast<unsigned>(user));
-  descriptor_ = FindFolder(parent.get(), prefix, user, name_);
-  if (descriptor_ < 0) {
+  Found found = FindFolder(parent.get(), prefix, user, name_, &descriptor_);
+  if (found == Found::kNone) {
     EnterGate(parent.get());
-    descriptor_ = FindFolder(parent.get(), prefix, user, name_);
-    if (descriptor_ < 0 && MakeFolder(parent.get(), prefix))
-      descriptor_ = FindFolder(parent.get(), prefix, user, name_);
+    found = FindFolder(parent.get(), prefix, user, name_, &descriptor_);
+    if (found == Found::kNone && MakeFolder(parent.get(), prefix))
+      FindFolder(parent.get(), prefix, user, name_, &descriptor_);
     flock(parent.get(), LOCK_UN);
   }
-  if (descriptor_ < 0) *error = ERROR_ACCESS_DENIED;
+  if (descriptor_ < 0) *error = found == Found::kUnknown ? ERROR_NO_SYSTEM_RESOURCES : ERROR_ACCESS_DENIED;
   user_ = user;
   return descriptor_;
 }

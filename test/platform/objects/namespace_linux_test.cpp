@@ -2,6 +2,7 @@
 // the line of what went wrong, or with kSkipped where the system does not let it have that.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -182,6 +183,24 @@ CHILD_ROLE(NoMemory) {
 TEST(MutexFallback, SharedMemoryIsFull) { PlayScenario("FullMemory"); }
 TEST(MutexFallback, SharedMemoryIsReadOnly) { PlayScenario("ReadOnlyMemory"); }
 TEST(MutexFallback, SharedMemoryIsMissing) { PlayScenario("NoMemory"); }
+
+// Whoever cannot look for the folder must not take it for missing: a folder would be made with every try. The first
+// descriptors let more and more of the look succeed, up to one that makes the folder.
+CHILD_ROLE(NoDescriptors) {
+  if (!UsePrivateSharedMemory()) return kSkipped;
+  const int next = dup(0);
+  close(next);
+  for (rlim_t left = 0; left < 8; ++left) {
+    const rlimit limit = {next + left, 1024};
+    REQUIRE(setrlimit(RLIMIT_NOFILE, &limit) == 0);
+    for (int i = 0; i < 3; ++i) REQUIRE(WorksAsMutex());
+    const rlimit enough = {1024, 1024};
+    REQUIRE(setrlimit(RLIMIT_NOFILE, &enough) == 0);
+    REQUIRE(ListSharedMemory().size() <= 2);  // the folder and the mutex at hand
+  }
+  return 0;
+}
+TEST(MutexFallback, DescriptorsAreUsedUp) { PlayScenario("NoDescriptors"); }
 
 // What a forked child closes and ends with is not its parent's.
 CHILD_ROLE(Fork) {

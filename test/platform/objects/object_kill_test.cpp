@@ -16,7 +16,6 @@ namespace {
 constexpr DWORD kStuckMs = 60'000;
 constexpr int kNames = 3;
 constexpr int kProcesses = 4;
-constexpr int kKills = 300;
 
 std::wstring NameOf(const std::string& stem, int number) {
   return std::wstring(stem.begin(), stem.end()) + std::to_wstring(number);
@@ -63,7 +62,7 @@ TEST(Kill, NoMutexIsStuckAndNothingIsLeft) {
   };
   std::vector<std::unique_ptr<ChildProcess>> children;
   for (int i = 0; i < kProcesses; ++i) children.push_back(start());
-  for (int i = 0; i < kKills; ++i) {
+  for (int i = 0; i < kAffordableKills; ++i) {
     std::this_thread::sleep_for(std::chrono::microseconds(random() % 5000));
     auto& child = children[random() % children.size()];
     ASSERT_TRUE(child->Running()) << "ended by itself with " << child->Wait();

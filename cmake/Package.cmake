@@ -6,7 +6,7 @@ include(CMakePackageConfigHelpers)
 set(package_include ${CMAKE_INSTALL_INCLUDEDIR}/qelibaselib-${PROJECT_VERSION_MAJOR})
 set(package_cmake ${CMAKE_INSTALL_LIBDIR}/cmake/QelIBaseLib)
 
-# The headers that qelibaselib/qelibaselib.h includes, and those that they include.
+# qelibaselib/qelibaselib.h, the header-only lock, and all that the two include; script/check-package compares.
 file(STRINGS ${CMAKE_SOURCE_DIR}/cmake/public_headers.txt public_headers REGEX "^[a-z]")
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/cmake/public_headers.txt)
 foreach(header IN LISTS public_headers)
@@ -40,7 +40,9 @@ endif()
 
 configure_package_config_file(${CMAKE_SOURCE_DIR}/cmake/QelIBaseLibConfig.cmake.in
   ${CMAKE_BINARY_DIR}/QelIBaseLibConfig.cmake INSTALL_DESTINATION ${package_cmake})
-write_basic_package_version_file(${CMAKE_BINARY_DIR}/QelIBaseLibConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+# The size of the host is left to the configuration file, which can say why it refuses.
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/QelIBaseLibConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion ARCH_INDEPENDENT)
 install(FILES ${CMAKE_BINARY_DIR}/QelIBaseLibConfig.cmake ${CMAKE_BINARY_DIR}/QelIBaseLibConfigVersion.cmake
   DESTINATION ${package_cmake})
 
@@ -51,5 +53,6 @@ else()
   set(pkg_config_flags "-m32 -msse2")
   set(pkg_config_libs "-m32 -lQelIBaseLib -lQelWin32")
 endif()
+file(RELATIVE_PATH pkg_config_to_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(${CMAKE_SOURCE_DIR}/cmake/qelibaselib.pc.in ${CMAKE_BINARY_DIR}/qelibaselib.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/qelibaselib.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

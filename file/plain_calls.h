@@ -22,9 +22,10 @@ QEL_API unsigned long long GetFileSizeX(const wchar_t* fileName, WIN32_FIND_DATA
 /// MoveFileW. Makes the folder of the new name and deletes a file that has that name already.
 QEL_API BOOL MoveFileX(int line, const char* sourceFile, const wchar_t* existingFileName, const wchar_t* newFileName);
 
-/// GetTempFileNameW and GetTempFileNameA, the arguments as given. `tempFileName` takes 260 characters. 0 on failure.
+/// GetTempFileNameW, the arguments as given. `tempFileName` takes 260 characters. 0 on failure.
 QEL_API UINT GetTempFileNameX(int line, const char* sourceFile, const wchar_t* pathName, const wchar_t* prefixString,
                               UINT unique, wchar_t* tempFileName);
+/// GetTempFileNameA, the same for narrow text.
 QEL_API UINT GetTempFileNameTX(int line, const char* sourceFile, const char* pathName, const char* prefixString,
                                UINT unique, char* tempFileName);
 

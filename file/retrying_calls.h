@@ -7,7 +7,8 @@
 #include "qelibaselib/export.h"
 
 extern "C" {
-/// CreateFileW. Returns the handle, to be closed with CloseHandle, or INVALID_HANDLE_VALUE.
+/// CreateFileW, retried while the budget lasts. Returns the handle, to be closed with CloseHandle, or
+/// INVALID_HANDLE_VALUE.
 ///
 /// For writing to a file that may be new, the folder of `fileName` is made first. GENERIC_WRITE alone is tried together
 /// with GENERIC_READ (so that the file can be mapped) and, when that is refused, as asked.
@@ -24,7 +25,8 @@ QEL_API HANDLE CreateFileX(int line, const char* sourceFile, const wchar_t* file
 QEL_API BOOL CopyFileX(int line, const char* sourceFile, const wchar_t* existingFileName, const wchar_t* newFileName,
                        BOOL failIfExists, DWORD timeoutMs, DWORD intervalMs);
 
-/// DeleteFileW. A missing file gives FALSE at once, without a line and with the last error of the search.
+/// DeleteFileW, retried while the budget lasts. A missing file gives FALSE at once, without a line and with the last
+/// error of the search.
 ///
 /// A failed attempt writes the one line of the call; then it sleeps and tries again, at least once, whatever the error
 /// and without a limit of attempts, until the budget is used up. An interval of 0 takes 1 ms of the budget.

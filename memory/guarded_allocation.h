@@ -23,7 +23,7 @@ QEL_API void _MemFree(const char* sourceFile, int line, void* block);
 /// the last error is the system's.
 QEL_API void* _VMemAlloc(const char* sourceFile, int line, DWORD size, DWORD timeoutMs);
 
-/// FALSE for null and, with the last error, for what is no base address of _VMemAlloc.
+/// Gives back what _VMemAlloc gave. FALSE for null and, with the last error, for what is no base address of _VMemAlloc.
 QEL_API BOOL _VMemFree(const char* sourceFile, int line, void* base);
 
 /// For a host's slot of a failing allocator: logs the state of memory with the position of the _MemAlloc under way on

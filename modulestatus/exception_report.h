@@ -24,8 +24,8 @@ extern "C" {
 QEL_API int VemoExceptLogOut(const wchar_t* title, const char* message, const EXCEPTION_RECORD* record,
                              const CONTEXT* context, int line, const char* sourceFile);
 
-/// Writes the same report to an open stream, without a lock. Counts the report.
-/// @param processId  not used: the report asks the system.
+/// Writes the same report to an open stream, without a lock. Counts the report. `processId` is not used: the report
+/// asks the system.
 /// @return as VemoExceptLogOut; -2 when the report itself faulted.
 QEL_API int ExceptLogOut(std::FILE* stream, const wchar_t* title, const char* message, const EXCEPTION_RECORD* record,
                          const CONTEXT* context, int line, const char* sourceFile, HANDLE process, DWORD processId,

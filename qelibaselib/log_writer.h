@@ -22,12 +22,15 @@ QEL_API void VemoLogOutFileDayHis(const wchar_t* mutexStem, const wchar_t* folde
                                   const wchar_t* extension, DWORD timeoutMs, int line, const char* sourceFile,
                                   const char* message);
 
-/// Each writes to a file of its own in the log folder (VemoSetLogPath). A null message is an empty one.
+/// Writes a line to the assertion channel, a file of its own in the log folder (VemoSetLogPath). A null message is an
+/// empty one.
 QEL_API void VemoLogOutAssert(const char* message, int line, const char* sourceFile);
+/// The same for the channel of miscellaneous messages.
 QEL_API void VemoLogOutMisc(const char* message, int line, const char* sourceFile);
+/// The same for the channel of locks.
 QEL_API void VemoLockLogOut(const char* message, int line, const char* sourceFile);
 
-/// As the three above, to the channel of the file operations; a null message prints as "(null)".
+/// The same for the channel of the file operations, but a null message prints as "(null)".
 QEL_API void VemoFileLogOut(const char* message, int line, const char* sourceFile);
 
 }  // extern "C"

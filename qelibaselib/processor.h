@@ -18,11 +18,11 @@ QEL_API int VemoGetCPUID(DWORD leaf, DWORD* eax, DWORD* ebx, DWORD* ecx, DWORD* 
 /// 1 for every system of version 6.x, else 0.
 QEL_API int VemoIsOSVista();
 
-/// The calling thread's count for its parallel regions. While the OpenMP run time does not adjust dynamically (its
+/// Sets the calling thread's count for its parallel regions. While the OpenMP run time does not adjust dynamically (its
 /// default) every count becomes 1; otherwise a negative one becomes 1, and 0 or more than there are processors becomes
 /// the number of processors. Changes nothing inside a parallel region.
 QEL_API void VemoOMPSetNumThreads(int count);
-/// 1 to the number of processors.
+/// The calling thread's count, 1 to the number of processors.
 QEL_API int VemoOMPGetNumThreads();
 
 /// Sets the image size below which one thread is enough (98,304 at first) and returns it.

@@ -17,25 +17,34 @@ static_assert(sizeof(T_FVOF_INFORMATION) == 32);
 
 extern "C" {
 
-/// The first call in a process sets the folder, cut to 259 characters; later ones change nothing. Returns non-zero
-/// either way.
+/// Sets the folder of logs and reports. The first call in a process counts, cut to 259 characters; later ones change
+/// nothing. Returns non-zero either way.
 QEL_API int VemoSetLogPath(const wchar_t* path);
+/// The same for the folder of temporary files.
 QEL_API int VemoSetTmpPath(const wchar_t* path);
+/// The same for the folder of the product's data.
 QEL_API int VemoSetDataPath(const wchar_t* path);
+/// The same for the base folder of the product.
 QEL_API int VemoSetBasePath(const wchar_t* path);
+/// The same for the place of the executable.
 QEL_API int VemoSetExePath(const wchar_t* path);
 
-/// The folder, for the life of the process; before it is set "?:\???", on which every use fails.
+/// The folder of logs and reports, for the life of the process; before it is set "?:\???", on which every use fails.
 QEL_API const wchar_t* VemoGetLogPath();
+/// The same for the folder of temporary files.
 QEL_API const wchar_t* VemoGetTmpPath();
+/// The same for the folder of the product's data.
 QEL_API const wchar_t* VemoGetDataPath();
+/// The same for the base folder of the product.
 QEL_API const wchar_t* VemoGetBasePath();
+/// The same for the place of the executable.
 QEL_API const wchar_t* VemoGetExePath();
 
 /// Sets `bits` in the debug mode and returns them. The library gives no bit a meaning; exception reports show them.
 QEL_API DWORD VemoSetDebugMode(DWORD bits);
 /// Clears `bits` and returns their complement.
 QEL_API DWORD VemoResetDebugMode(DWORD bits);
+/// The bits that are set.
 QEL_API DWORD VemoGetDebugMode();
 
 /// Stores both values and returns `size`, which is in bytes.
@@ -48,9 +57,9 @@ QEL_API void VemoClearFVOFInf();
 /// The calling thread's flush statistics, until the thread ends; null when they could not be made.
 QEL_API T_FVOF_INFORMATION* VemoGetFVOFInf();
 
-/// Every pointer may be null. `status` is filled as by GlobalMemoryStatusEx, its length set here. `largestFree` and
-/// `freeSum` take the bytes of the largest and of all free regions below 2 GiB, which costs a walk over the address
-/// space; `seconds` takes the time that the call needed.
+/// The state of memory at this moment. Every pointer may be null. `status` is filled as by GlobalMemoryStatusEx, its
+/// length set here. `largestFree` and `freeSum` take the bytes of the largest and of all free regions below 2 GiB,
+/// which costs a walk over the address space; `seconds` takes the time that the call needed.
 QEL_API void VemoGetMemoryStatus(DWORD* largestFree, DWORD* freeSum, MEMORYSTATUSEX* status, double* seconds);
 
 /// Puts `text` on display: nothing is shown, a short beep may be heard. Returns at once, or with `waitForEnd` non-zero

@@ -19,8 +19,8 @@ struct T_RESULT {
   SYSTEMTIME localTime;  ///< when OverAll began
 };
 
-/// One object belongs to one thread. Nothing throws: a measurement that fails gives 0 and a line in the assertion
-/// channel.
+/// Measures how fast this machine moves image-sized data. One object belongs to one thread. Nothing throws: a
+/// measurement that fails gives 0 and a line in the assertion channel.
 class QEL_CLASS CQelSystemBenchmark {
  public:
   /// Five timed runs of 16 MiB, as many threads as the process may use processors, and a temporary file in the folder

@@ -10,12 +10,15 @@
 
 extern "C" {
 
+/// CreateEventW, one attempt.
 QEL_API HANDLE CreateEventX(int line, const char* sourceFile, LPSECURITY_ATTRIBUTES sa, BOOL manualReset,
                             BOOL initialState, const wchar_t* name);
 
+/// CreateMutexW, one attempt.
 QEL_API HANDLE CreateMutexX(int line, const char* sourceFile, LPSECURITY_ATTRIBUTES sa, BOOL initialOwner,
                             const wchar_t* name);
 
+/// CreateSemaphoreW, one attempt.
 QEL_API HANDLE CreateSemaphoreX(int line, const char* sourceFile, LPSECURITY_ATTRIBUTES sa, LONG initialCount,
                                 LONG maximumCount, const wchar_t* name);
 

@@ -1,0 +1,62 @@
+// Files and views for the tests of mappings.
+#pragma once
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <utility>
+
+#include "platform/win32.h"
+#include "test/platform/objects/handles.h"
+#include "test/platform/target.h"
+#include "test/support/scratch_folder.h"
+
+namespace qel::test {
+
+// A file of so many letters x, open for reading and writing; all kinds of sharing are allowed.
+class MappedFile {
+ public:
+  explicit MappedFile(size_t bytes) {
+    WriteWholeFile(Path(), std::string(bytes, 'x'));
+    handle_ = Open(GENERIC_READ | GENERIC_WRITE);
+  }
+  Handle Open(DWORD access) const {
+    return CreateFileW(folder_.Wide("file").c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                       nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  }
+  HANDLE handle() const { return handle_; }
+  void Close() { handle_.Close(); }
+  std::filesystem::path Path() const { return folder_.Path() / "file"; }
+  size_t Size() const { return std::filesystem::file_size(Path()); }
+  std::string Contents() const { return ReadWholeFile(Path()); }
+
+ private:
+  ScratchFolder folder_;
+  Handle handle_;
+};
+
+inline MEMORY_BASIC_INFORMATION Query(const void* address) {
+  MEMORY_BASIC_INFORMATION information = {};
+  EXPECT_EQ(VirtualQuery(address, &information, sizeof information), sizeof information);
+  return information;
+}
+
+class View {
+ public:
+  View(HANDLE mapping, DWORD access, DWORD offset, SIZE_T bytes)
+      : base_(static_cast<char*>(MapViewOfFile(mapping, access, 0, offset, bytes))) {}
+  View(View&& other) noexcept : base_(std::exchange(other.base_, nullptr)) {}
+  ~View() {
+    if (base_) UnmapViewOfFile(base_);
+  }
+  explicit operator bool() const { return base_ != nullptr; }
+  char* base() const { return base_; }
+  char& operator[](size_t index) const { return base_[index]; }
+  char* Release() { return std::exchange(base_, nullptr); }
+  SIZE_T RegionBytes() const { return Query(base_).RegionSize; }
+
+ private:
+  char* base_;
+};
+
+}  // namespace qel::test

@@ -1,0 +1,188 @@
+// Views: what may be mapped where, unmapping, flushing, and that all ways into a file show the same bytes.
+#include <gtest/gtest.h>
+
+#include <set>
+#include <vector>
+
+#include "test/platform/memory/mapped_file.h"
+
+using qel::test::ByTarget;
+using qel::test::Handle;
+using qel::test::kLinux;
+using qel::test::kUntouched;
+using qel::test::MappedFile;
+using qel::test::Query;
+using qel::test::View;
+
+namespace {
+
+constexpr DWORD kGranularity = 0x10000;
+
+HANDLE Create(HANDLE file, DWORD protection, DWORD bytes = 0) {
+  return CreateFileMappingW(file, nullptr, protection, 0, bytes, nullptr);
+}
+
+TEST(View, RangesInsideTheMapping) {
+  const MappedFile file(kGranularity + 10);
+  const Handle mapping(Create(file.handle(), PAGE_READWRITE));
+  EXPECT_CALL(MapViewOfFile(mapping, FILE_MAP_READ, 0, 4096, 0), nullptr, ERROR_MAPPED_ALIGNMENT);
+  EXPECT_CALL(MapViewOfFile(mapping, FILE_MAP_READ, 0, kGranularity, 11), nullptr, ERROR_ACCESS_DENIED);
+  EXPECT_CALL(MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, kGranularity + 11), nullptr, ERROR_ACCESS_DENIED);
+  EXPECT_CALL(MapViewOfFile(mapping, FILE_MAP_READ, 0, 2 * kGranularity, 0), nullptr,
+              ByTarget(ERROR_ACCESS_DENIED, ERROR_INVALID_PARAMETER));
+  SetLastError(kUntouched);
+  const View last(mapping, FILE_MAP_READ, kGranularity, 10), rest(mapping, FILE_MAP_READ, kGranularity, 0);
+  EXPECT_EQ(GetLastError(), kUntouched);
+  ASSERT_TRUE(last && rest);
+  EXPECT_EQ(rest[9], 'x');
+  EXPECT_EQ(rest[10], 0) << "behind the end of the file";
+
+  const Handle memory(Create(INVALID_HANDLE_VALUE, PAGE_READWRITE, 100));
+  EXPECT_TRUE(View(memory, FILE_MAP_READ, 0, 4096)) << "the page file counts by the page";
+  EXPECT_CALL(MapViewOfFile(memory, FILE_MAP_READ, 0, 0, 4097), nullptr, ERROR_ACCESS_DENIED);
+}
+
+TEST(View, ProtectionOfTheMapping) {
+  const MappedFile file(10);
+  const Handle reading(Create(file.handle(), PAGE_READONLY)), copying(Create(file.handle(), PAGE_WRITECOPY));
+  for (const DWORD access : {FILE_MAP_WRITE, FILE_MAP_ALL_ACCESS})
+    EXPECT_CALL(MapViewOfFile(reading, access, 0, 0, 0), nullptr, ERROR_ACCESS_DENIED);
+  {
+    const View copy(copying, FILE_MAP_COPY, 0, 0), shown(reading, FILE_MAP_READ, 0, 0);
+    copy[0] = 'c';
+    EXPECT_EQ(shown[0], 'x');
+  }
+  EXPECT_EQ(file.Contents(), std::string(10, 'x')) << "a copy is the view's own";
+  const View nothing(reading, 0, 0, 0);
+  ASSERT_TRUE(nothing);
+  EXPECT_EQ(Query(nothing.base()).Protect, PAGE_NOACCESS);
+}
+
+TEST(View, BadHandles) {
+  const MappedFile file(10);
+  const Handle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  for (const HANDLE bad :
+       {static_cast<HANDLE>(nullptr), INVALID_HANDLE_VALUE, file.handle(), static_cast<HANDLE>(event)})
+    EXPECT_CALL(MapViewOfFile(bad, FILE_MAP_READ, 0, 0, 0), nullptr, ERROR_INVALID_HANDLE);
+}
+
+TEST(View, PlacesAreMultiplesOf64KiB) {
+  const MappedFile file(3 * kGranularity);
+  const Handle mapping(Create(file.handle(), PAGE_READWRITE));
+  std::vector<View> views;
+  std::set<uintptr_t> places;
+  for (SIZE_T bytes = 1; bytes < 3 * kGranularity; bytes += 7777) {
+    views.emplace_back(mapping, FILE_MAP_READ, 0, bytes);
+    const auto place = reinterpret_cast<uintptr_t>(views.back().base());
+    ASSERT_NE(place, 0u);
+    EXPECT_EQ(place % kGranularity, 0u);
+    EXPECT_LT(place, 0x80000000u);
+    EXPECT_TRUE(places.insert(place).second);
+  }
+}
+
+TEST(View, OneFileByAllWays) {
+  MappedFile file(10);
+  const Handle mapping(Create(file.handle(), PAGE_READWRITE));
+  View view(mapping, FILE_MAP_WRITE, 0, 0);
+  view[0] = 'v';
+  char bytes[4] = {};
+  DWORD count = 0;
+  ASSERT_TRUE(ReadFile(file.handle(), bytes, 2, &count, nullptr));
+  EXPECT_EQ(std::string(bytes), "vx");
+  ASSERT_TRUE(WriteFile(file.handle(), "w", 1, &count, nullptr));
+  EXPECT_EQ(view[2], 'w');
+  view[3] = 'y';
+  file.Close();
+  EXPECT_EQ(view[3], 'y');
+  EXPECT_EQ(file.Contents(), "vxwyxxxxxx") << "a view needs no handle";
+  const Handle alone(CreateFileW(file.Path().wstring().c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+  EXPECT_NE(static_cast<HANDLE>(alone), INVALID_HANDLE_VALUE) << "only handles share or do not";
+}
+
+TEST(View, UnmapByAnyAddressInside) {
+  const MappedFile file(10000);
+  const Handle mapping(Create(file.handle(), PAGE_READWRITE));
+  for (const SIZE_T inside : {0, 5000, 10000}) {
+    char* const base = View(mapping, FILE_MAP_WRITE, 0, 0).Release();
+    EXPECT_CALL(UnmapViewOfFile(base + inside), TRUE, kUntouched);
+    EXPECT_EQ(Query(base + 8192).State, MEM_FREE) << "the whole view goes";
+    EXPECT_CALL(UnmapViewOfFile(base), FALSE, ERROR_INVALID_ADDRESS);
+  }
+  char local = 0;
+  void* const block = VirtualAlloc(nullptr, 4096, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
+  for (void* const bad :
+       {static_cast<void*>(nullptr), reinterpret_cast<void*>(0x1234), static_cast<void*>(&local), block})
+    EXPECT_CALL(UnmapViewOfFile(bad), FALSE, ERROR_INVALID_ADDRESS);
+  VirtualFree(block, 0, MEM_RELEASE);
+}
+
+TEST(View, Flush) {
+  MappedFile file(3 * 4096);
+  Handle mapping(Create(file.handle(), PAGE_READWRITE));
+  const View view(mapping, FILE_MAP_WRITE, 0, 0), copy(mapping, FILE_MAP_COPY, 0, 0),
+      reading(mapping, FILE_MAP_READ, 0, 0);
+  const Handle memory(Create(INVALID_HANDLE_VALUE, PAGE_READWRITE, 4096));
+  const View pages(memory, FILE_MAP_WRITE, 0, 0);
+  view[0] = copy[0] = pages[0] = 'f';
+  for (char* const address : {view.base(), view.base() + 5000, copy.base(), reading.base(), pages.base()})
+    EXPECT_CALL(FlushViewOfFile(address, 0), TRUE, kUntouched);
+  EXPECT_CALL(FlushViewOfFile(view.base() + 100, 8000), TRUE, kUntouched);
+  EXPECT_CALL(FlushViewOfFile(view.base(), 3 * 4096 + 1), FALSE, ERROR_INVALID_PARAMETER);
+  mapping.Close();
+  file.Close();
+  EXPECT_CALL(FlushViewOfFile(view.base(), 0), TRUE, kUntouched);
+  EXPECT_CALL(FlushViewOfFile(nullptr, 0), FALSE, ByTarget(ERROR_INVALID_ADDRESS, ERROR_INVALID_PARAMETER));
+}
+
+TEST(View, FlushOfALockedRange) {
+  if (!kLinux) GTEST_SKIP() << "Wine flushes without looking at locks";
+  const MappedFile file(2 * kGranularity);
+  const Handle mapping(Create(file.handle(), PAGE_READWRITE)), other = file.Open(GENERIC_READ | GENERIC_WRITE);
+  const View first(mapping, FILE_MAP_WRITE, 0, kGranularity), second(mapping, FILE_MAP_WRITE, kGranularity, 0);
+  OVERLAPPED place = {};
+  place.Offset = kGranularity + 5;
+  ASSERT_TRUE(LockFileEx(other, LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0, &place));
+  EXPECT_CALL(FlushViewOfFile(second.base(), 0), FALSE, ERROR_LOCK_VIOLATION);
+  EXPECT_CALL(FlushViewOfFile(first.base(), 0), TRUE, kUntouched);
+  ASSERT_TRUE(UnlockFileEx(other, 0, 1, 0, &place));
+  EXPECT_CALL(FlushViewOfFile(second.base(), 0), TRUE, kUntouched);
+}
+
+TEST(View, Queries) {
+  const MappedFile file(3 * 4096 + 1);
+  const Handle mapping(Create(file.handle(), PAGE_READWRITE));
+  const std::pair<DWORD, DWORD> kinds[] = {
+      {FILE_MAP_WRITE, PAGE_READWRITE}, {FILE_MAP_READ, PAGE_READONLY}, {FILE_MAP_COPY, PAGE_WRITECOPY}};
+  for (const auto& [access, protection] : kinds) {
+    const View view(mapping, access, 0, 0);
+    const MEMORY_BASIC_INFORMATION whole = Query(view.base()), rest = Query(view.base() + 0x1005);
+    EXPECT_EQ(whole.BaseAddress, view.base());
+    EXPECT_EQ(whole.AllocationBase, view.base());
+    EXPECT_EQ(whole.RegionSize, 4u * 4096);
+    EXPECT_EQ(whole.State, MEM_COMMIT);
+    EXPECT_EQ(whole.Protect, protection);
+    EXPECT_EQ(whole.AllocationProtect, protection);
+    EXPECT_EQ(whole.Type, MEM_MAPPED);
+    EXPECT_EQ(rest.BaseAddress, view.base() + 0x1000);
+    EXPECT_EQ(rest.AllocationBase, view.base());
+    EXPECT_EQ(rest.RegionSize, 3u * 4096);
+  }
+}
+
+TEST(View, CountsAsOpen) {
+  if (!kLinux) GTEST_SKIP() << "Wine counts nothing";
+  const MappedFile file(10);
+  const Handle mapping(Create(file.handle(), PAGE_READWRITE));
+  DWORD before = 0, open = 0, after = 0;
+  GetProcessHandleCount(GetCurrentProcess(), &before);
+  {
+    const View view(mapping, FILE_MAP_READ, 0, 0);
+    GetProcessHandleCount(GetCurrentProcess(), &open);
+  }
+  GetProcessHandleCount(GetCurrentProcess(), &after);
+  EXPECT_EQ(open, before + 1);
+  EXPECT_EQ(after, before);
+}
+
+}  // namespace

@@ -56,7 +56,7 @@ TEST(Mapping, TheAccessOfTheFileDecides) {
 
 TEST(Mapping, BadArguments) {
   const MappedFile file(10);
-  for (const DWORD protection : {0ul, PAGE_NOACCESS, 3ul})
+  for (const DWORD protection : std::initializer_list<DWORD>{0, PAGE_NOACCESS, 3})
     EXPECT_CALL(Create(file.handle(), protection, 0), nullptr, ERROR_INVALID_PARAMETER);
   const Handle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   Handle closed = file.Open(GENERIC_READ);

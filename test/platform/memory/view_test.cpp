@@ -29,7 +29,7 @@ TEST(View, RangesInsideTheMapping) {
   EXPECT_CALL(MapViewOfFile(mapping, FILE_MAP_READ, 0, kGranularity, 11), nullptr, ERROR_ACCESS_DENIED);
   EXPECT_CALL(MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, kGranularity + 11), nullptr, ERROR_ACCESS_DENIED);
   EXPECT_CALL(MapViewOfFile(mapping, FILE_MAP_READ, 0, 2 * kGranularity, 0), nullptr,
-              ByTarget(ERROR_ACCESS_DENIED, ERROR_INVALID_PARAMETER));
+              ByTarget<DWORD>(ERROR_ACCESS_DENIED, ERROR_INVALID_PARAMETER));
   SetLastError(kUntouched);
   const View last(mapping, FILE_MAP_READ, kGranularity, 10), rest(mapping, FILE_MAP_READ, kGranularity, 0);
   EXPECT_EQ(GetLastError(), kUntouched);
@@ -45,7 +45,7 @@ TEST(View, RangesInsideTheMapping) {
 TEST(View, ProtectionOfTheMapping) {
   const MappedFile file(10);
   const Handle reading(Create(file.handle(), PAGE_READONLY)), copying(Create(file.handle(), PAGE_WRITECOPY));
-  for (const DWORD access : {FILE_MAP_WRITE, FILE_MAP_ALL_ACCESS})
+  for (const DWORD access : std::initializer_list<DWORD>{FILE_MAP_WRITE, FILE_MAP_ALL_ACCESS})
     EXPECT_CALL(MapViewOfFile(reading, access, 0, 0, 0), nullptr, ERROR_ACCESS_DENIED);
   {
     const View copy(copying, FILE_MAP_COPY, 0, 0), shown(reading, FILE_MAP_READ, 0, 0);
@@ -96,8 +96,10 @@ TEST(View, OneFileByAllWays) {
   file.Close();
   EXPECT_EQ(view[3], 'y');
   EXPECT_EQ(file.Contents(), "vxwyxxxxxx") << "a view needs no handle";
-  const Handle alone(CreateFileW(file.Path().wstring().c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
-  EXPECT_NE(static_cast<HANDLE>(alone), INVALID_HANDLE_VALUE) << "only handles share or do not";
+  if (!qel::test::OnWine()) {  // there a mapping counts like a handle; elsewhere only handles share or do not
+    const Handle alone(CreateFileW(file.Path().wstring().c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    EXPECT_NE(static_cast<HANDLE>(alone), INVALID_HANDLE_VALUE);
+  }
 }
 
 TEST(View, UnmapByAnyAddressInside) {
@@ -132,7 +134,7 @@ TEST(View, Flush) {
   mapping.Close();
   file.Close();
   EXPECT_CALL(FlushViewOfFile(view.base(), 0), TRUE, kUntouched);
-  EXPECT_CALL(FlushViewOfFile(nullptr, 0), FALSE, ByTarget(ERROR_INVALID_ADDRESS, ERROR_INVALID_PARAMETER));
+  EXPECT_CALL(FlushViewOfFile(nullptr, 0), FALSE, ByTarget<DWORD>(ERROR_INVALID_ADDRESS, ERROR_INVALID_PARAMETER));
 }
 
 TEST(View, FlushOfALockedRange) {

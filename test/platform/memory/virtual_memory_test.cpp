@@ -43,7 +43,8 @@ TEST(VirtualMemory, BadArguments) {
   EXPECT_CALL(VirtualFree(block.base(), 0, 0), FALSE, ERROR_INVALID_PARAMETER);
   EXPECT_CALL(VirtualFree(block.base(), 0, MEM_RELEASE | MEM_DECOMMIT), FALSE, ERROR_INVALID_PARAMETER);
   for (void* const address : {static_cast<void*>(nullptr), reinterpret_cast<void*>(0x1234)})
-    EXPECT_CALL(VirtualFree(address, 0, MEM_RELEASE), FALSE, ByTarget(ERROR_INVALID_ADDRESS, ERROR_INVALID_PARAMETER));
+    EXPECT_CALL(VirtualFree(address, 0, MEM_RELEASE), FALSE,
+                ByTarget<DWORD>(ERROR_INVALID_ADDRESS, ERROR_INVALID_PARAMETER));
 }
 
 TEST(VirtualMemory, OneByteIsAPage) {
@@ -62,7 +63,8 @@ TEST(VirtualMemory, OneByteIsAPage) {
     EXPECT_EQ(information.AllocationBase, base);
   }
   EXPECT_EQ(Query(base).State, MEM_FREE);
-  EXPECT_CALL(VirtualFree(base, 0, MEM_RELEASE), FALSE, ByTarget(ERROR_INVALID_ADDRESS, ERROR_INVALID_PARAMETER));
+  EXPECT_CALL(VirtualFree(base, 0, MEM_RELEASE), FALSE,
+              ByTarget<DWORD>(ERROR_INVALID_ADDRESS, ERROR_INVALID_PARAMETER));
 }
 
 TEST(VirtualMemory, ReservedPagesAreCommittedAndGivenBack) {
@@ -128,7 +130,8 @@ TEST(VirtualMemory, Protections) {
   ASSERT_TRUE(VirtualProtect(base, 4 * kPage, PAGE_READWRITE, &previous));
   EXPECT_EQ(Query(base).RegionSize, 4 * kPage);
   EXPECT_CALL(VirtualProtect(base, kPage, 3, &previous), FALSE, ERROR_INVALID_PARAMETER);
-  EXPECT_CALL(VirtualProtect(base, 0x40000, PAGE_READONLY, &previous), FALSE, ERROR_INVALID_ADDRESS);
+  EXPECT_CALL(VirtualProtect(base, 0x40000, PAGE_READONLY, &previous), FALSE,
+              ByTarget<DWORD>(ERROR_INVALID_ADDRESS, ERROR_INVALID_PARAMETER));
 }
 
 TEST(VirtualMemory, QueryOfBadLength) {
@@ -201,7 +204,7 @@ TEST(VirtualMemory, Locks) {
   EXPECT_CALL(VirtualLock(block.base(), 2 * kPage), TRUE, kUntouched);
   EXPECT_CALL(VirtualUnlock(block.base(), kPage), TRUE, kUntouched);
   EXPECT_CALL(VirtualUnlock(block.base(), 2 * kPage), ByTarget<BOOL>(FALSE, TRUE),
-              ByTarget(ERROR_NOT_LOCKED, kUntouched));
+              ByTarget<DWORD>(ERROR_NOT_LOCKED, kUntouched));
   EXPECT_CALL(VirtualUnlock(block.base() + kPage, 1), TRUE, kUntouched);
   if (kLinux) {
     EXPECT_CALL(VirtualLock(reserved.base(), kPage), FALSE, ERROR_NOACCESS);

@@ -1,0 +1,197 @@
+// What the layer reads from the kernel and from files of the user, and what a host may do under it.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <thread>
+
+#include "platform/linux/mount_table.h"
+#include "platform/linux/profile_text.h"
+#include "platform/win32.h"
+#include "test/support/scratch_folder.h"
+
+using qel::layer::DisksOf;
+using qel::layer::ProfileValue;
+using qel::test::ScratchFolder;
+
+namespace {
+
+// Runs a check in a forked child: 0 for a good one.
+int InForkedChild(const std::function<bool()>& check) {
+  const pid_t child = fork();
+  if (child == 0) _exit(check() ? 0 : 1);
+  int status = -1;
+  waitpid(child, &status, 0);
+  return status;
+}
+
+DWORDLONG AvailableVirtual() {
+  MEMORYSTATUSEX status = {};
+  status.dwLength = sizeof status;
+  return GlobalMemoryStatusEx(&status) && status.ullTotalPhys > 0 ? status.ullAvailVirtual : 0;
+}
+
+TEST(MountTable, DisksEachOnce) {
+  const auto disks = DisksOf(
+      "22 1 254:0 / / rw,relatime shared:1 - ext4 /dev/vda rw\n"
+      "23 22 0:21 / /proc rw - proc proc rw\n"
+      "24 22 0:22 / /dev rw - devtmpfs /dev/null rw\n"
+      "25 22 254:16 / /data\\040one\\134x rw master:1 shared:2 - xfs /dev/vdb rw\n"
+      "26 22 254:16 /sub /bind rw - xfs /dev/vdb rw\n"
+      "27 22 0:50 / /net rw - nfs4 server:/export rw\n"
+      "28 22 11:0 / /cd ro - iso9660 /dev/sr0 ro\n"
+      "29 22 0:60 / /pool rw - zfs tank rw\n"
+      "30 22 0:61 / /tmp rw - tmpfs tmpfs rw\n");
+  ASSERT_EQ(disks.size(), 5u);
+  EXPECT_EQ(disks[0].root, "/");
+  EXPECT_EQ(disks[0].type, DRIVE_FIXED);
+  EXPECT_EQ(disks[1].root, "/data one\\x/");
+  EXPECT_EQ(disks[1].device, "254:16");
+  EXPECT_EQ(disks[2].type, DRIVE_REMOTE);
+  EXPECT_EQ(disks[3].type, DRIVE_CDROM);
+  EXPECT_EQ(disks[4].root, "/pool/");
+}
+
+TEST(MountTable, BrokenText) {
+  for (const char* const text : {"", "\n", "\n\n", "22", "22 1 254:0 / / rw", "22 1 254:0 / / rw - ext4 /dev/vda rw",
+                                 "22 1 254:0\n", "22 1 254:0 / x rw - ext4 /dev/vda rw\n", "     \n",
+                                 "22 1 254:0 / /a\\04 rw shared:1\n", "22 1 254:0 / /a\\ rw -\n"})
+    EXPECT_TRUE(DisksOf(text).empty()) << text;
+  EXPECT_EQ(DisksOf("22 1 254:0 / /a\\09\\04 rw - ext4 /dev/vda rw\n")[0].root, "/a\\09\\04/");
+}
+
+TEST(ProfileText, SectionsAndKeys) {
+  constexpr std::string_view kText =
+      "key=outside\r\n; [AeDebug]\r\n[Other]\r\nDebugger=no\r\n[ aedebug ]\r\n;Debugger=comment\r\n"
+      "  DEBUGGER =  gdb -p %lu \t\r\nDebugger=second\r\nquoted=\"a b\"\nhalf=\"/x y/gdb\" -p %lu\nempty=\nno "
+      "equals\n[broken\nz=1";
+  EXPECT_EQ(ProfileValue(kText, "AeDebug", "Debugger"), "gdb -p %lu");
+  EXPECT_EQ(ProfileValue(kText, "AeDebug", "quoted"), "a b");
+  EXPECT_EQ(ProfileValue(kText, "AeDebug", "half"), "\"/x y/gdb\" -p %lu");
+  EXPECT_EQ(ProfileValue(kText, "AeDebug", "empty"), "");
+  EXPECT_EQ(ProfileValue(kText, "AeDebug", "no equals"), std::nullopt);
+  EXPECT_EQ(ProfileValue(kText, "AeDebug", "key"), std::nullopt);
+  EXPECT_EQ(ProfileValue(kText, "broken", "z"), std::nullopt);
+  EXPECT_EQ(ProfileValue("", "a", "b"), std::nullopt);
+  EXPECT_EQ(ProfileValue("[a]\nb='", "a", "b"), "'");
+}
+
+// The value is a command, so only a file counts that nobody else can have written.
+TEST(Profile, OnlyTrustedFilesCount) {
+  const ScratchFolder folder;
+  const std::filesystem::path file = folder.Path() / "qelibaselib" / "win.ini", elsewhere = folder.Path() / "other.ini";
+  std::filesystem::create_directories(file.parent_path());
+  const char* const before = getenv("XDG_CONFIG_HOME");
+  const std::string saved = before ? before : "";
+  setenv("XDG_CONFIG_HOME", folder.Path().c_str(), 1);
+  const auto value = [] {
+    char text[64] = "";
+    GetProfileStringA("AeDebug", "Debugger", nullptr, text, sizeof text);
+    return std::string(text);
+  };
+  qel::test::WriteWholeFile(file, "[AeDebug]\nDebugger=mine\n");
+  chmod(file.c_str(), 0644);
+  EXPECT_EQ(value(), "mine");
+  for (const mode_t mode : {0664, 0646, 0666}) {
+    chmod(file.c_str(), mode);
+    EXPECT_EQ(value(), "") << std::oct << mode;
+  }
+  chmod(file.c_str(), 0600);
+  std::filesystem::rename(file, elsewhere);
+  std::filesystem::create_symlink(elsewhere, file);
+  EXPECT_EQ(value(), "") << "a link is not followed";
+  std::filesystem::remove(file);
+  mkfifo(file.c_str(), 0600);
+  EXPECT_EQ(value(), "") << "and nothing that is no file is waited for";
+  std::filesystem::remove(file);
+  if (geteuid() == 0) {
+    std::filesystem::rename(elsewhere, file);
+    ASSERT_EQ(chown(file.c_str(), 65534, 65534), 0);
+    EXPECT_EQ(value(), "") << "of another user";
+  }
+  before ? setenv("XDG_CONFIG_HOME", saved.c_str(), 1) : unsetenv("XDG_CONFIG_HOME");
+}
+
+TEST(MemoryStatus, ForkedChildTellsOfItself) {
+  ASSERT_GT(AvailableVirtual(), 0u);
+  EXPECT_EQ(InForkedChild([] {
+              const DWORDLONG before = AvailableVirtual();
+              void* const block = VirtualAlloc(nullptr, 64 << 20, MEM_RESERVE, PAGE_READWRITE);
+              return block && before - AvailableVirtual() >= 32u << 20;
+            }),
+            0);
+}
+
+// A host that closes every descriptor, as daemons do, and opens files of its own under the same numbers.
+TEST(MemoryStatus, SurvivesDescriptorsClosedAndUsedAgain) {
+  ASSERT_GT(AvailableVirtual(), 0u);
+  EXPECT_EQ(InForkedChild([] {
+              AvailableVirtual();
+              const ScratchFolder folder;
+              const std::string path = folder.Narrow("x");
+              for (int descriptor = 3; descriptor < 256; ++descriptor) close(descriptor);
+              int opened[64];
+              for (int& descriptor : opened) descriptor = open(path.c_str(), O_RDWR | O_CREAT, 0600);
+              if (write(opened[0], "MemTotal: nonsense", 8) != 8) return false;
+              bool good = true;
+              for (int i = 0; i < 3; ++i) good &= AvailableVirtual() > 0;
+              for (const int descriptor : opened) good &= fcntl(descriptor, F_GETFD) >= 0;  // none was closed for it
+              return good;
+            }),
+            0);
+}
+
+TEST(MemoryStatus, NothingReachesAnotherProgram) {
+  AvailableVirtual();
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code error;
+    const std::string target = std::filesystem::read_symlink(entry.path(), error).string();
+    const int descriptor = std::stoi(entry.path().filename().string());
+    if (target.find("meminfo") != std::string::npos || target.find("statm") != std::string::npos) {
+      EXPECT_NE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0) << target;
+    }
+  }
+}
+
+TEST(UserName, FollowsTheEffectiveUser) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs to be root, to become someone else";
+  EXPECT_EQ(InForkedChild([] {
+              WCHAR name[257];
+              DWORD size = 257;
+              const bool first = GetUserNameW(name, &size) && std::wstring(name) == L"root";
+              size = 257;
+              const bool other = seteuid(65534) == 0 && GetUserNameW(name, &size) && std::wstring(name) == L"nobody";
+              size = 257;
+              // A user whom nobody has named goes by the number.
+              const bool unnamed =
+                  seteuid(0) == 0 && seteuid(54321) == 0 && GetUserNameW(name, &size) && std::wstring(name) == L"54321";
+              return first && other && unnamed;
+            }),
+            0);
+}
+
+// Blocks can be had, found and freed in a child although threads of the parent were at it.
+TEST(Fork, TheTablesAreFreeInTheChild) {
+  std::atomic<bool> stop{false};
+  std::thread worker([&] {
+    while (!stop) VirtualFree(VirtualAlloc(nullptr, 4096, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE), 0, MEM_RELEASE);
+  });
+  for (int i = 0; i < 30; ++i)
+    EXPECT_EQ(InForkedChild([] {
+                void* const block = VirtualAlloc(nullptr, 4096, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
+                MEMORY_BASIC_INFORMATION region = {};
+                return VirtualQuery(block, &region, sizeof region) != 0 && region.AllocationBase == block &&
+                       VirtualFree(block, 0, MEM_RELEASE);
+              }),
+              0);
+  stop = true;
+  worker.join();
+}
+
+}  // namespace

@@ -34,7 +34,7 @@ constexpr wchar_t kName[] = L"Local\\qel-namespace";
 void PlayScenario(const char* role) {
   ChildProcess child(role);
   const int code = child.Wait();
-  if (code == kSkipped) GTEST_SKIP() << "needs shared memory of its own";
+  if (code == kSkipped) GTEST_SKIP() << "needs shared memory of its own, and the system's allocator";
   EXPECT_EQ(code, 0);
 }
 
@@ -201,6 +201,26 @@ CHILD_ROLE(NoDescriptors) {
   return 0;
 }
 TEST(MutexFallback, DescriptorsAreUsedUp) { PlayScenario("NoDescriptors"); }
+
+CHILD_ROLE(NoHeap) {
+#ifdef __SANITIZE_ADDRESS__
+  return kSkipped;  // its allocator ends the process
+#endif
+  if (!UsePrivateSharedMemory()) return kSkipped;
+  rlimit limit;
+  getrlimit(RLIMIT_AS, &limit);
+  const rlimit none = {0, limit.rlim_max};
+  REQUIRE(setrlimit(RLIMIT_AS, &none) == 0);
+  for (size_t bytes = 1 << 20; bytes >= 16; bytes /= 2)
+    while (malloc(bytes)) {
+    }
+  for (int i = 0; i < 5; ++i) Handle(CreateMutexW(nullptr, FALSE, kName)).Close();
+  REQUIRE(setrlimit(RLIMIT_AS, &limit) == 0);
+  REQUIRE(ListSharedMemory().size() <= 2);
+  REQUIRE(WorksAsMutex());
+  return 0;
+}
+TEST(MutexFallback, TheHeapIsUsedUp) { PlayScenario("NoHeap"); }
 
 // What a forked child closes and ends with is not its parent's.
 CHILD_ROLE(Fork) {

@@ -231,8 +231,11 @@ void PutInteger(Sink& sink, const Conversion& conversion, const char* prefix, st
                 bool upperCase) {
   char reversed[24];
   int digits = 0;
-  for (; value != 0; value /= base)
-    reversed[digits++] = (upperCase ? "0123456789ABCDEF" : "0123456789abcdef")[value % base];
+  const char letterOfTen = upperCase ? 'A' : 'a';
+  for (; value != 0; value /= base) {
+    const auto digit = static_cast<char>(value % base);
+    reversed[digits++] = static_cast<char>(digit < 10 ? '0' + digit : letterOfTen + digit - 10);
+  }
   int prefixLength = 0;
   while (prefix[prefixLength]) ++prefixLength;
   int zeros = (conversion.precision == kUnset ? 1 : conversion.precision) - digits;

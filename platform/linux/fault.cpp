@@ -161,6 +161,7 @@ class GuardLink {
     if (!thread_.ready) [[unlikely]]
       PrepareFaultThread();
     guard.state = fault::kQuiet;
+    guard.frame = 0;
     guard.outer = thread_.innermost;
     std::atomic_signal_fence(std::memory_order_seq_cst);
     thread_.innermost = &guard;
@@ -186,6 +187,8 @@ void OnFaultSignal(int signal, siginfo_t* info, void* context) {
   }
   const int savedErrno = errno;
   FaultThread& thread = t_faultThread;
+  // A guard whose body has not begun, since the stack ended there, has no frame to go on from.
+  while (thread.innermost && thread.innermost->frame == 0) thread.innermost = thread.innermost->outer;
   if (!IsDelivery(__builtin_return_address(0))) {
     PassToOriginal(signal, info, context);
   } else if (info->si_code <= 0) {  // kill, raise: not of an instruction
@@ -201,6 +204,8 @@ void OnFaultSignal(int signal, siginfo_t* info, void* context) {
 void PrepareFaultThread() {
   const int savedErrno = errno;
   FaultThread& thread = t_faultThread;
+  // A guard whose body has not begun, since the stack ended there, has no frame to go on from.
+  while (thread.innermost && thread.innermost->frame == 0) thread.innermost = thread.innermost->outer;
   ClaimSignals();
   UnblockSignals();
   FindStack(thread);

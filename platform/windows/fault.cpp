@@ -28,6 +28,7 @@ class GuardLink {
   explicit GuardLink(GuardFrame& guard) : guard_(guard) {
     guard.handler = reinterpret_cast<void*>(&fault_seh_handler);
     guard.state = kQuiet;
+    guard.frame = 0;
     guard.spareStack = nullptr;
     guard.outer = reinterpret_cast<GuardFrame*>(ChainHead());
     SetChainHead(&guard);
@@ -170,6 +171,8 @@ void RunBody(void (*body)(void*), void* argument) {
 extern "C" EXCEPTION_DISPOSITION __cdecl fault_seh_handler(EXCEPTION_RECORD* record, void* frame, CONTEXT* context,
                                                            void*) {
   if (!fault::IsForUs(*record)) return ExceptionContinueSearch;
+  // A guard whose body has not begun, since the stack ended there, has no frame to go on from.
+  if (static_cast<GuardFrame*>(frame)->frame == 0) return ExceptionContinueSearch;
   fault::Redirect(*static_cast<GuardFrame*>(frame), *record, *context);
   record->ExceptionFlags &= ~static_cast<DWORD>(EXCEPTION_NONCONTINUABLE);  // the dispatcher would not let us continue
   return ExceptionContinueExecution;

@@ -175,19 +175,24 @@ TEST(FaultReport, KeepsWhatWasWrittenWhenItFaults) {
   RemoveReportFile();
 }
 
+// Has the system give the stack its pages while there is room for them to grow into.
+__attribute__((noipa, noinline)) void GrowStack() {
+  volatile char room[512 << 10];
+  for (size_t i = 0; i < sizeof room; i += 1024) room[sizeof room - 1 - i] = 1;
+}
+
 // A process without a free piece of address space: what it can still do must end, whatever it loses.
 CHILD_ROLE(ReportWithoutMemory) {
   LogFolder();
   VemoExceptLogOut(L"before", "", nullptr, nullptr, 1, "source.cpp");
   CapturedFault captured;
   Capture(captured, [] { CallReadThrough(nullptr); });
+  GrowStack();
   std::vector<void*> blocks;
   blocks.reserve(0x10000);
   for (SIZE_T size = 1 << 28; size >= 1 << 16; size /= 2) {
     while (void* block = VirtualAlloc(nullptr, size, MEM_RESERVE, PAGE_READWRITE)) blocks.push_back(block);
   }
-  std::vector<void*> heap;
-  heap.reserve(0);
   void* last = nullptr;
   for (size_t size = 1 << 20; size >= 16; size /= 2) {
     while (void* block = std::malloc(size)) {

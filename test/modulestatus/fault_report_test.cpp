@@ -3,7 +3,6 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <filesystem>
 #include <set>
 #include <thread>
@@ -181,7 +180,8 @@ __attribute__((noipa, noinline)) void GrowStack() {
   for (size_t i = 0; i < sizeof room; i += 1024) room[sizeof room - 1 - i] = 1;
 }
 
-// A process without a free piece of address space: what it can still do must end, whatever it loses.
+// A process without a free piece of address space (its heap has what it had): what it can still do must end, whatever
+// it loses.
 CHILD_ROLE(ReportWithoutMemory) {
   LogFolder();
   VemoExceptLogOut(L"before", "", nullptr, nullptr, 1, "source.cpp");
@@ -193,20 +193,8 @@ CHILD_ROLE(ReportWithoutMemory) {
   for (SIZE_T size = 1 << 28; size >= 1 << 16; size /= 2) {
     while (void* block = VirtualAlloc(nullptr, size, MEM_RESERVE, PAGE_READWRITE)) blocks.push_back(block);
   }
-  void* last = nullptr;
-  for (size_t size = 1 << 20; size >= 16; size /= 2) {
-    while (void* block = std::malloc(size)) {
-      *static_cast<void**>(block) = last;
-      last = block;
-    }
-  }
   VemoExceptLogOut(L"without memory", "message", &captured.record, &captured.context, 1, "source.cpp");
   VemoModuleStatusLogOut(L"without memory", "message");
-  while (last) {
-    void* next = *static_cast<void**>(last);
-    std::free(last);
-    last = next;
-  }
   for (void* block : blocks) VirtualFree(block, 0, MEM_RELEASE);
   VemoExceptLogOut(L"after", "", nullptr, nullptr, 1, "source.cpp");
   return 0;

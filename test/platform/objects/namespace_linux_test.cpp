@@ -211,9 +211,10 @@ CHILD_ROLE(NoHeap) {
   getrlimit(RLIMIT_AS, &limit);
   const rlimit none = {0, limit.rlim_max};
   REQUIRE(setrlimit(RLIMIT_AS, &none) == 0);
-  for (size_t bytes = 1 << 20; bytes >= 16; bytes /= 2)
-    while (malloc(bytes)) {
-    }
+  void* volatile block;  // or the compiler leaves the blocks out
+  for (size_t bytes = 1 << 20; bytes >= 16; bytes /= 2) do {
+      block = malloc(bytes);
+    } while (block);
   for (int i = 0; i < 5; ++i) Handle(CreateMutexW(nullptr, FALSE, kName)).Close();
   REQUIRE(setrlimit(RLIMIT_AS, &limit) == 0);
   REQUIRE(ListSharedMemory().size() <= 2);

@@ -73,7 +73,7 @@ void WriteReportFile(const wchar_t* title, const char* message, const EXCEPTION_
   NamedLogMutex mutex(QEL_HERE, channel::kExceptionReport.mutexStem);
   if (!mutex.Exists()) return WriteAssertion(FixedPosition(kNoMutexLine));
   if (!mutex.Acquire(kLogMutexTimeoutMs)) return WriteAssertion(FixedPosition(kMutexNotOwnedLine));
-  const ReportFile file(ReportPath(channel::kExceptionReport));
+  const ReportFile file{ReportPath(channel::kExceptionReport)};
   if (!file.get()) return;
   const char* fileName = nullptr;
   GuardedReport(QEL_HERE, "VemoExceptLogOut", [&] { fileName = sourceFile ? PathFindFileNameA(sourceFile) : nullptr; });

@@ -8,8 +8,6 @@
 
 #include "platform/fault/guard_frame.h"
 
-extern "C" void* __cxa_init_primary_exception(void* object, std::type_info* type, void (*destructor)(void*)) noexcept;
-
 namespace fault {
 namespace {
 
@@ -242,7 +240,7 @@ void ThrowIfCaught(EXCEPTION_POINTERS* pointers) {
   void* object = abi::__cxa_allocate_exception(asCse ? sizeof(CSE) : sizeof(UntranslatedException));
   if (asCse) new (object) CSE{*pointers->ExceptionRecord, *pointers->ContextRecord};
   const std::type_info& type = asCse ? typeid(CSE) : typeid(UntranslatedException);
-  void* header = __cxa_init_primary_exception(object, const_cast<std::type_info*>(&type), nullptr);
+  void* header = abi::__cxa_init_primary_exception(object, const_cast<std::type_info*>(&type), nullptr);
   *static_cast<int*>(header) = 1;  // the reference that the catch clause gives back
   auto* unwind = reinterpret_cast<_Unwind_Exception*>(static_cast<char*>(object) - sizeof(_Unwind_Exception));
   ThreadExceptions* exceptions = CurrentExceptions();

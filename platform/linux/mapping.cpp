@@ -37,7 +37,7 @@ DWORD MakePageFile(Mapping::Contents* contents) {
   const int descriptor = memfd_create("qel-mapping", MFD_CLOEXEC);
   if (descriptor < 0) return ErrorFromErrno(errno);
   contents->descriptor = std::make_shared<SharedDescriptor>(descriptor);
-  const off_t bytes = RoundUp(contents->bytes, kPageBytes);
+  const auto bytes = static_cast<off_t>(RoundUp(contents->bytes, kPageBytes));
   return ftruncate(descriptor, bytes) == 0 ? ERROR_SUCCESS : ERROR_COMMITMENT_LIMIT;
 }
 
@@ -61,7 +61,7 @@ DWORD SetSize(int descriptor, uint64_t wanted, Mapping::Contents* contents) {
   contents->bytes = wanted ? wanted : size;
   if (wanted <= size) return ERROR_SUCCESS;
   if (contents->protection != PAGE_READWRITE) return ERROR_NOT_ENOUGH_MEMORY;
-  return wanted > INT64_MAX ? ERROR_DISK_FULL : Extend(descriptor, status.st_size, wanted);
+  return wanted > INT64_MAX ? ERROR_DISK_FULL : Extend(descriptor, status.st_size, static_cast<off_t>(wanted));
 }
 
 DWORD UseFile(HANDLE handle, uint64_t wanted, Mapping::Contents* contents) {

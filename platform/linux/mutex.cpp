@@ -53,7 +53,7 @@ void InitialiseMutex(pthread_mutex_t& mutex, bool owned) {
   pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
   pthread_mutex_init(&mutex, &attributes);
   pthread_mutexattr_destroy(&attributes);
-  if (owned) pthread_mutex_trylock(&mutex);
+  if (owned) static_cast<void>(pthread_mutex_trylock(&mutex));  // nobody else has seen it yet
 }
 
 // Process ends are told by the kernel, thread ends by a mark of ours.

@@ -80,7 +80,7 @@ std::optional<Module> ReadHeaders(Bytes file) {
   if (sectionTable > file.size()) return std::nullopt;
   Module module{{file, static_cast<uint32_t>(sectionTable), *sectionCount}};
   const auto directories = Read<uint32_t>(file, directoryCount);
-  const uint64_t entry = directoryCount + 4 + 8 * kResourceDirectory;
+  const uint64_t entry = directoryCount + 4 + uint64_t{8} * kResourceDirectory;
   if (directories && *directories > kResourceDirectory && entry + 8 <= sectionTable)
     module.resources = Read<uint32_t>(file, entry).value_or(0);
   return module;

@@ -61,6 +61,7 @@ class ChildEnvironment {
 DWORD Spawn(std::string program, std::vector<std::string> arguments, bool inherit, pid_t* child) {
   std::replace(program.begin(), program.end(), '\\', '/');
   std::vector<char*> pointers;
+  pointers.reserve(arguments.size() + 1);
   for (std::string& argument : arguments) pointers.push_back(argument.data());
   pointers.push_back(nullptr);
   const InheritedEvents inherited = inherit ? ListInheritance() : InheritedEvents{};

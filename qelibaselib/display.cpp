@@ -97,7 +97,7 @@ void VemoDispInf(const char* text, int waitForEnd) {
     OwnText copy(_strdup(text));
     std::unique_ptr<CWinThread> thread = BeginSuspended(&DisplayThread, copy.get(), !waitForEnd);
     if (!thread) return qel::WriteAssertion(QEL_HERE, GetLastError());
-    copy.release();                                                      // the thread's own from here on
+    static_cast<void>(copy.release());                                   // the thread's own from here on
     CWinThread* display = waitForEnd ? thread.get() : thread.release();  // which deletes itself
     display->ResumeThread();
     if (waitForEnd) WaitForEnd(*display, INFINITE, QEL_HERE);

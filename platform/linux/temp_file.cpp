@@ -25,7 +25,7 @@ DWORD Begin(LPCWSTR folder, LPCWSTR prefix, wchar_t* name, size_t& length) {
   const size_t size = std::wcslen(folder);
   if (size > kLongestFolder) return ERROR_BUFFER_OVERFLOW;
   if (path.Parse(folder) || stat(path.text(), &status) != 0 || !S_ISDIR(status.st_mode)) return ERROR_DIRECTORY;
-  std::wmemcpy(name, folder, size);
+  std::wmemcpy(name, folder, size + 1);
   length = size;
   if (!IsSeparator(name[length - 1])) name[length++] = name[0] == L'/' ? L'/' : L'\\';
   for (int i = 0; prefix && i < 3 && prefix[i]; ++i) name[length++] = prefix[i];
@@ -40,7 +40,7 @@ void End(wchar_t* name, size_t length, unsigned number) {
 unsigned FirstNumber() {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<unsigned>(now.tv_nsec / 1000 + now.tv_sec * 61 + getpid() * 257) % kNumbers;
+  return static_cast<unsigned>(now.tv_nsec / 1000 + now.tv_sec * 61 + getpid() * 257ll) % kNumbers;
 }
 
 DWORD MakeFile(wchar_t* name, size_t length, unsigned& number) {

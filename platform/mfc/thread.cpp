@@ -37,7 +37,7 @@ CWinThread* AfxBeginThread(AFX_THREADPROC procedure, LPVOID argument, int priori
     SetLastError(error);
     return nullptr;
   }
-  start.release();
+  static_cast<void>(start.release());  // the thread has it
   thread->SetThreadPriority(priority);
   CWinThread* const begun = thread.release();
   if (!(flags & CREATE_SUSPENDED)) begun->ResumeThread();

@@ -34,6 +34,7 @@ ChildProcess::ChildProcess(const char* role, std::vector<std::string> arguments)
   if (pipe2(out, O_CLOEXEC) != 0 || pipe2(in, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
   arguments.insert(arguments.begin(), {"/proc/self/exe", std::string("--role=") + role});
   std::vector<char*> pointers;
+  pointers.reserve(arguments.size() + 1);
   for (auto& argument : arguments) pointers.push_back(argument.data());
   pointers.push_back(nullptr);
   posix_spawn_file_actions_t actions;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 
 #include "platform/linux/memory.h"
 
@@ -16,8 +17,9 @@ class Scanner {
   // A number of at least one digit that is at most kLimit.
   template <unsigned kBase, uint64_t kLimit>
   bool Number(uint64_t* value) {
+    using Digits = std::conditional_t<(kLimit > UINT32_MAX), uint64_t, uint32_t>;  // addresses in one register
     const char* const begin = at_;
-    uint64_t result = 0;
+    Digits result = 0;
     for (; at_ != end_; ++at_) {
       const unsigned digit = DigitOf<kBase>(*at_);
       if (digit >= kBase) break;

@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 namespace qel::layer {
 
 bool ProcFile::IsOurs(std::string_view text) const {
@@ -29,16 +31,26 @@ void ProcFile::CloseInChild() {
   if (kept >= 0) close(kept);
 }
 
-unsigned long long FieldOf(std::string_view text, std::string_view name, unsigned long long fallback) {
-  size_t at = text.starts_with(name) ? 0 : std::string_view::npos;
-  for (size_t from = 0; at == std::string_view::npos;) {
-    const size_t line = text.find('\n', from);
-    if (line == std::string_view::npos) return fallback;
-    from = line + 1;
-    if (text.substr(from).starts_with(name)) at = from;
+// From where the last field was to the end.
+bool FieldReader::GoTo(std::string_view name) {
+  for (;;) {
+    if (rest_.starts_with(name)) return true;
+    const size_t line = rest_.find('\n');
+    if (line == std::string_view::npos) return false;
+    rest_.remove_prefix(line + 1);
   }
-  at = text.find_first_not_of(" \t", at + name.size());
-  if (at == std::string_view::npos || text[at] < '0' || text[at] > '9') return fallback;
+}
+
+unsigned long long FieldReader::Find(std::string_view name) {
+  if (!GoTo(name)) {
+    rest_ = text_;
+    if (!GoTo(name)) return 0;
+  }
+  return LeadingNumber(rest_.substr(name.size()));
+}
+
+unsigned long long LeadingNumber(std::string_view text) {
+  size_t at = std::min(text.find_first_not_of(" \t"), text.size());
   unsigned long long value = 0;
   for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at) value = value * 10 + (text[at] - '0');
   return value;

@@ -25,7 +25,20 @@ class ProcFile {
   std::atomic<int> descriptor_{-1};
 };
 
-/// The number behind a name such as "MemTotal:" at the beginning of a line, or the fallback.
-unsigned long long FieldOf(std::string_view text, std::string_view name, unsigned long long fallback);
+/// The number behind a name such as "MemTotal:" at the beginning of a line; 0 when it is not there. The text is read
+/// once when the names are asked for in its order.
+class FieldReader {
+ public:
+  explicit FieldReader(std::string_view text) : text_(text), rest_(text) {}
+  unsigned long long Find(std::string_view name);
+
+ private:
+  bool GoTo(std::string_view name);
+  const std::string_view text_;
+  std::string_view rest_;
+};
+
+/// The number at the beginning of a text, behind any blanks; 0 when there is none.
+unsigned long long LeadingNumber(std::string_view text);
 
 }  // namespace qel::layer

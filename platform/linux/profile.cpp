@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <new>
 #include <string>
 
@@ -46,7 +45,7 @@ std::string_view WithoutTrailingBlanks(std::string_view text) { return text.subs
 DWORD CopyValue(std::string_view value, LPSTR text, DWORD size) {
   if (size == 0) return 0;
   const DWORD length = std::min<size_t>(value.size(), size - 1);
-  std::memcpy(text, value.data(), length);
+  std::copy_n(value.data(), length, text);
   text[length] = 0;
   return length;
 }

@@ -12,6 +12,7 @@ namespace qel::layer {
 namespace {
 
 constinit std::mutex g_mutex;
+constinit std::atomic<uint32_t> g_changes{0};
 
 RegionTable::Regions& All() {
   static auto* regions = new RegionTable::Regions;  // outlives every static destructor
@@ -25,6 +26,8 @@ __attribute__((constructor)) void KeepWholeInForkedChildren() {
 }
 
 }  // namespace
+
+uint32_t RegionChanges() { return g_changes.load(std::memory_order_relaxed); }
 
 SharedDescriptor::~SharedDescriptor() { close(descriptor_); }
 
@@ -44,6 +47,7 @@ RegionTable::Regions::iterator RegionTable::Find(uint32_t address) {
 bool RegionTable::Insert(uint32_t base, MemoryRegion region) try {
   All().insert_or_assign(base, std::move(region));
   CountOpened();
+  g_changes.fetch_add(1, std::memory_order_relaxed);
   return true;
 } catch (const std::bad_alloc&) {
   return false;

@@ -37,6 +37,9 @@ struct MemoryRegion {
   uint64_t offset = 0;
 };
 
+/// Goes up with every view or block that is given out or back.
+uint32_t RegionChanges();
+
 /// The table, locked while this lives. It is counted among what a process can leak.
 class RegionTable {
  public:

@@ -14,6 +14,7 @@ namespace {
 
 // A walk that goes on for longer than this reads the map again, since other threads may have changed it.
 constexpr int64_t kSnapshotLifetimeMs = 50;
+constexpr uint32_t kQueriesPerLookAtClock = 8;
 
 // The regions from one address on. Only the query that asks for exactly what follows the last answer uses it.
 struct Snapshot {
@@ -34,21 +35,24 @@ int64_t CoarseClockMs() {
 class ProcessOwners : public MemoryOwners {
  public:
   MemoryOwner At(uint32_t address) override {
-    if (address - start_ >= last_.until - start_ || last_.type == 0) {
+    if (address - start_ >= last_.until - start_) {
       start_ = address;
-      last_ = Ask(address);
+      last_ = AskTable(address);
     }
+    if (last_.type == 0) return AskLoader(address);
     return last_;
   }
 
  private:
-  static MemoryOwner Ask(uint32_t address) {
+  static MemoryOwner AskTable(uint32_t address) {
+    RegionTable table;
+    if (const auto region = table.Find(address); region != table.end()) return Ours(address, *region);
     MemoryOwner owner;
-    {
-      RegionTable table;
-      if (const auto region = table.Find(address); region != table.end()) return Ours(address, *region);
-      if (const auto next = table.After(address); next != table.end()) owner.until = next->first;
-    }
+    if (const auto next = table.After(address); next != table.end()) owner.until = next->first;
+    return owner;
+  }
+  MemoryOwner AskLoader(uint32_t address) {
+    MemoryOwner owner = last_;  // what is not ours stays so up to there
     dl_find_object module;
     if (_dl_find_object(PointerTo(address), &module) == 0) {
       owner.type = MEM_IMAGE;
@@ -70,7 +74,7 @@ class ProcessOwners : public MemoryOwners {
   }
 
   uint32_t start_ = 0;
-  MemoryOwner last_ = {};
+  MemoryOwner last_ = {.until = 0};
 };
 
 DWORD TakeSnapshot(uint32_t from, RegionList* regions) {
@@ -86,7 +90,7 @@ DWORD TakeSnapshot(uint32_t from, RegionList* regions) {
 
 bool GoesOn(const Snapshot& snapshot, uint32_t page) {
   return page != 0 && page == snapshot.next && snapshot.position < snapshot.regions.size() &&
-         CoarseClockMs() - snapshot.takenMs <= kSnapshotLifetimeMs;
+         (snapshot.position % kQueriesPerLookAtClock != 0 || CoarseClockMs() - snapshot.takenMs <= kSnapshotLifetimeMs);
 }
 
 DWORD Query(uint32_t page, PMEMORY_BASIC_INFORMATION information) {

@@ -54,7 +54,8 @@ class ThreadLocale {
   }
 
  private:
-  // newlocale changes its base in place, so a copy takes the change.
+  // newlocale changes its base in place, so a copy takes the change. A change of everything needs no base; the C
+  // library would lose it when the new locale is "C".
   bool Change(int category, const char* name) {
     int mask = LC_ALL_MASK;
     if (category != LC_ALL) {
@@ -63,11 +64,11 @@ class ThreadLocale {
         if (row.number == category) mask = row.mask;
       if (mask == 0) return false;
     }
-    locale_t copy = duplocale(own_);
-    if (!copy) return false;
+    locale_t copy = nullptr;
+    if (mask != LC_ALL_MASK && (copy = duplocale(own_)) == nullptr) return false;
     locale_t changed = newlocale(mask, name, copy);
     if (!changed) {
-      freelocale(copy);
+      if (copy) freelocale(copy);
       return false;
     }
     uselocale(changed);

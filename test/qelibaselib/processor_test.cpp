@@ -56,7 +56,7 @@ TEST(Processor, CpuidAnswersBasicLeavesOnly) {
     EXPECT_EQ(eax + ebx + ecx + edx, 20u);
   }
   LogFolder();
-  EXPECT_EQ(VemoGetCPUID(0, nullptr, &ebx, &ecx, &edx), 0);
+  EXPECT_EQ(VemoGetCPUID(0, reinterpret_cast<DWORD*>(16), &ebx, &ecx, &edx), 0);
 }
 
 TEST(Processor, IsOfMajorVersionSixHere) { EXPECT_EQ(VemoIsOSVista(), 1); }

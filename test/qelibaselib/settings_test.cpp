@@ -35,7 +35,7 @@ CHILD_ROLE(SetFolders) {
   int returned = 0;
   for (size_t i = 0; i < std::size(kFolders); ++i) {
     const std::wstring path = L"x" + std::wstring(i == 4 ? 299 : i, L'y');
-    if (i == 1) kFolders[i].set(nullptr);  // does not use up the chance
+    if (i == 1) kFolders[i].set(reinterpret_cast<const wchar_t*>(16));  // does not use up the chance
     returned += kFolders[i].set(path.c_str()) != 0;
     returned += kFolders[i].set(L"later") != 0;
   }
@@ -84,7 +84,7 @@ TEST(Settings, NoCacheFlushLimit) {
   EXPECT_EQ(VemoGetNoCacheFlushLimit(&second), 0xFFFFFFFFu);
   EXPECT_EQ(second, 7u);
   LogFolder();
-  EXPECT_EQ(VemoGetNoCacheFlushLimit(nullptr), 0xFFFFFFFFu);  // a fault that stays inside
+  EXPECT_EQ(VemoGetNoCacheFlushLimit(reinterpret_cast<DWORD*>(16)), 0xFFFFFFFFu);  // a fault that stays inside
   VemoSetNoCacheFlushLimit(33554432, 50);
 }
 

@@ -38,8 +38,8 @@ class DumpLine {
   std::size_t length_ = 0;
 };
 
-/// Whether the byte can be read, and the byte.
-inline bool ReadByte(DWORD address, BYTE& value) {
+/// Whether the byte can be read, and the byte. A dump looks at whatever lies there, a sanitizer's redzones included.
+__attribute__((no_sanitize_address)) inline bool ReadByte(DWORD address, BYTE& value) {
   const auto* byte = reinterpret_cast<const volatile BYTE*>(address);
   if (IsBadReadPtr(const_cast<const BYTE*>(byte), 1)) return false;
   value = *byte;

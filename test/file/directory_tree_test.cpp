@@ -22,8 +22,8 @@ TEST_F(DirectoryTree, AllFilesCount) {
 TEST_F(DirectoryTree, ThereMustBeAFolder) {
   MakeFiles({"file"});
   fs::current_path(folder_.Path());  // an empty path must not stand for it
-  for (const wchar_t* path :
-       {folder_.Wide("no").c_str(), folder_.Wide("file").c_str(), L"", L"\"\"", static_cast<const wchar_t*>(nullptr)}) {
+  const std::wstring missing = folder_.Wide("no"), file = folder_.Wide("file");
+  for (const wchar_t* path : {missing.c_str(), file.c_str(), L"", L"\"\"", static_cast<const wchar_t*>(nullptr)}) {
     unsigned long long size = 99;
     EXPECT_FALSE(GetFileSizeDirectoryTree(HOST, path, &size));
     EXPECT_EQ(size, 0u);

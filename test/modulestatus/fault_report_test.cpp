@@ -14,6 +14,7 @@
 #include "test/support/child_process.h"
 #include "test/support/log_folder.h"
 #include "test/support/replace_call.h"
+#include "test/support/sanitizer.h"
 #include "test/support/scratch_folder.h"
 
 namespace qel::test {
@@ -58,6 +59,7 @@ const FaultCase kFaults[] = {
 };
 
 TEST(FaultReport, IsWhole) {
+  SKIP_UNDER_ASAN();
   RemoveReportFile();
   for (const auto& fault : kFaults) {
     SCOPED_TRACE(fault.name);
@@ -77,6 +79,7 @@ TEST(FaultReport, IsWhole) {
 }
 
 TEST(FaultReport, IsWholeForATrappedFloatingPointOperation) {
+  SKIP_UNDER_ASAN();
   RemoveReportFile();
   CapturedFault captured;
   ASSERT_TRUE(Capture(
@@ -114,6 +117,7 @@ void RunOnThread(size_t stackBytes, bool stackOverflow) {
 }
 
 TEST(FaultReport, IsWholeOnASmallStack) {
+  SKIP_UNDER_ASAN();
   RemoveReportFile();
   RunOnThread(64 << 10, false);
   const auto reports = TakeReports();
@@ -123,6 +127,7 @@ TEST(FaultReport, IsWholeOnASmallStack) {
 }
 
 TEST(FaultReport, IsWholeAfterAStackOverflow) {
+  SKIP_UNDER_ASAN();
   RemoveReportFile();
   RunOnThread(1 << 20, true);
   const auto reports = TakeReports();
@@ -131,6 +136,7 @@ TEST(FaultReport, IsWholeAfterAStackOverflow) {
 }
 
 TEST(FaultReport, IsWholeForEachOfManyThreads) {
+  SKIP_UNDER_ASAN();
   RemoveReportFile();
   constexpr int kThreads = 16;
   // All of them fault before the first may write.
@@ -156,6 +162,7 @@ TEST(FaultReport, IsWholeForEachOfManyThreads) {
 }
 
 TEST(FaultReport, KeepsWhatWasWrittenWhenItFaults) {
+  SKIP_UNDER_ASAN();
   RemoveReportFile();
   TakeLines(channel::kModuleStatusError);
   const auto information = STAND_IN(GetSystemInfo, [](int, SYSTEM_INFO*) { ReadThrough(nullptr); });
@@ -201,6 +208,7 @@ CHILD_ROLE(ReportWithoutMemory) {
 }
 
 TEST(FaultReport, ReturnsWithoutMemory) {
+  SKIP_UNDER_ASAN();
   RemoveReportFile();
   ChildProcess child("ReportWithoutMemory");
   EXPECT_EQ(child.Wait(), 0);

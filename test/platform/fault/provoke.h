@@ -4,15 +4,10 @@
 
 #include "platform/fault/fault.h"
 #include "test/support/bad_pointer.h"
+#include "test/support/sanitizer.h"
 
 // Neither moved into the caller nor split: the fault must happen where it is written.
 #define OWN_FRAME __attribute__((noipa))
-
-#if defined(__SANITIZE_ADDRESS__)
-#define SKIP_UNDER_ASAN() GTEST_SKIP() << "the sanitizer reports its own access on the broken stack"
-#else
-#define SKIP_UNDER_ASAN() static_cast<void>(0)
-#endif
 
 namespace qel::test {
 

@@ -17,7 +17,7 @@ timespec Now(clockid_t clock) {
   return now;
 }
 
-constexpr int64_t kSecondsPerQuarter = 15 * 60;
+constexpr int64_t kSecondsPerQuarter = int64_t{15} * 60;
 // The quarter in the upper bits, the offset plus a bias in the lower 20; 0 is no quarter of this century.
 constexpr int kOffsetBits = 20;
 constexpr int32_t kOffsetBias = 1 << (kOffsetBits - 1);

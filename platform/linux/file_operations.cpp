@@ -8,6 +8,7 @@
 #include <cstring>
 #include <cwchar>
 
+#include "platform/linux/descriptor.h"
 #include "platform/linux/error.h"
 #include "platform/linux/file.h"
 #include "platform/linux/file_attributes.h"
@@ -17,20 +18,6 @@
 
 namespace qel::layer {
 namespace {
-
-class Descriptor {
- public:
-  explicit Descriptor(int value) : value_(value) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (value_ >= 0) close(value_);
-  }
-  int get() const { return value_; }
-
- private:
-  int value_;
-};
 
 constexpr ShareMode kRemoval{kDeleting, kAllRights};
 

@@ -20,6 +20,13 @@ double Nanoseconds(const Body& body, int calls) {
   return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start).count() / calls;
 }
 
+double Round(const Body& body, int calls, const Options& options) {
+  if (options.before) options.before();
+  const double ns = Nanoseconds(body, calls);
+  if (options.after) options.after();
+  return ns;
+}
+
 int CallsOfRound(const Body& body) {
   body();
   constexpr double kRoundNs = 5e6;
@@ -55,8 +62,8 @@ void Compare(const std::string& what, double goalRatio, const Body& ours, const 
   const int calls = options.callsOfRound ? options.callsOfRound : std::min(CallsOfRound(ours), CallsOfRound(byHand));
   std::vector<double> own, other, ratios;
   for (int round = 0; round < options.rounds; ++round) {
-    other.push_back(Nanoseconds(byHand, calls));
-    own.push_back(Nanoseconds(ours, calls));
+    other.push_back(Round(byHand, calls, options));
+    own.push_back(Round(ours, calls, options));
     ratios.push_back(own.back() / other.back());
   }
   const double mine = Median(own), theirs = Median(other), ratio = Median(ratios);
@@ -75,7 +82,7 @@ void Compare(const std::string& what, double goalRatio, const Body& ours, const 
 void Absolute(const std::string& what, double goalMicroseconds, const Body& ours, Options options) {
   const int calls = options.callsOfRound ? options.callsOfRound : CallsOfRound(ours);
   std::vector<double> own;
-  for (int round = 0; round < options.rounds; ++round) own.push_back(Nanoseconds(ours, calls));
+  for (int round = 0; round < options.rounds; ++round) own.push_back(Round(ours, calls, options));
   const double mine = Median(own);
   std::printf("  %-44s %11s %51s %s\n", what.c_str(), Quantity(mine).c_str(),
               ("goal <= " + Quantity(goalMicroseconds * 1e3)).c_str(),

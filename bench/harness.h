@@ -10,12 +10,14 @@
 
 namespace bench {
 
+using Body = std::function<void()>;
+
 struct Options {
   int rounds = 11;
   int callsOfRound = 0;  // 0: as many as take about 5 ms
+  // Around each round of either side, outside of its time.
+  Body before = {}, after = {};
 };
-
-using Body = std::function<void()>;
 
 // Goal: ours at most `goalRatio` times the other, or, with slackNs, at most that much over it.
 void Compare(const std::string& what, double goalRatio, const Body& ours, const Body& byHand, double slackNs = 0,

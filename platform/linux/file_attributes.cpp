@@ -112,6 +112,7 @@ int ReadStatus(int folder, const char* name, int flags, FileStatus& status) {
   status.node = found.stx_ino;
   status.size = S_ISDIR(found.stx_mode) ? 0 : found.stx_size;
   status.written = FileTime(found.stx_mtime);
+  status.writtenExactly = {static_cast<time_t>(found.stx_mtime.tv_sec), static_cast<long>(found.stx_mtime.tv_nsec)};
   status.accessed = FileTime(found.stx_atime);
   status.created = found.stx_mask & STATX_BTIME ? FileTime(found.stx_btime) : status.written;
   return 0;

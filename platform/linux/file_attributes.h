@@ -23,6 +23,7 @@ struct FileStatus {
   unsigned links;
   unsigned long long device, node, size;
   FILETIME created, accessed, written;
+  timespec writtenExactly;
 
   bool IsFolder() const { return S_ISDIR(mode); }
   bool IsReadOnlyFile() const { return !S_ISDIR(mode) && (mode & kWriteBits) == 0; }

@@ -1,7 +1,6 @@
 #include "platform/linux/file_copy.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -39,25 +38,26 @@ DWORD CopyThroughBuffer(int from, int to) {
 
 // In the kernel as far as that goes, the rest through a buffer: both sides keep their positions. Some special files
 // have a size of 0 and contents all the same; the kernel copies nothing of them.
-DWORD CopyContents(int from, int to) {
-  for (bool any = false;; any = true) {
+DWORD CopyContents(int from, int to, unsigned long long size) {
+  for (unsigned long long done = 0; size == 0 || done < size;) {
     const ssize_t copied = copy_file_range(from, nullptr, to, nullptr, kLargestPart, 0);
+    if (copied > 0) done += static_cast<unsigned long long>(copied);
     if (copied > 0 || (copied < 0 && errno == EINTR)) continue;
-    if (copied == 0) return any ? ERROR_SUCCESS : CopyThroughBuffer(from, to);
+    if (copied == 0) return done ? ERROR_SUCCESS : CopyThroughBuffer(from, to);
     return CannotCopyInKernel(errno) ? CopyThroughBuffer(from, to) : ErrorFromErrno(errno);
   }
+  return ERROR_SUCCESS;
 }
 
 // Write time and attributes become those of the source.
 DWORD CopyProperties(const FileStatus& source, int from, const OpenedFile& target) {
-  FileStatus status;
-  if (const int error = ReadStatus(target.descriptor(), status)) return ErrorFromErrno(error);
+  FileStatus status = target.status();
+  if (target.existed())  // emptied and given other attributes meanwhile
+    if (const int error = ReadStatus(target.descriptor(), status)) return ErrorFromErrno(error);
   const DWORD attributes = AttributesOf(source, from);
   if (attributes != AttributesOf(status, target.descriptor()))
     if (const int error = WriteAttributes(target.descriptor(), status, attributes)) return ErrorFromErrno(error);
-  struct stat times;
-  if (fstat(from, &times) != 0) return ErrorFromErrno(errno);
-  const timespec changes[] = {{0, UTIME_OMIT}, times.st_mtim};
+  const timespec changes[] = {{0, UTIME_OMIT}, source.writtenExactly};
   return futimens(target.descriptor(), changes) == 0 ? ERROR_SUCCESS : ErrorFromErrno(errno);
 }
 
@@ -70,7 +70,7 @@ DWORD CopyInto(const OpenedFile& source, const OpenedFile& target) {
   const off_t all = static_cast<off_t>(source.status().size);
   if (source.rangesLocked())
     if (const DWORD error = CheckRange(source.descriptor(), 0, all > 0 ? all : 1, false)) return error;
-  if (const DWORD error = CopyContents(source.descriptor(), target.descriptor())) return error;
+  if (const DWORD error = CopyContents(source.descriptor(), target.descriptor(), source.status().size)) return error;
   return CopyProperties(source.status(), source.descriptor(), target);
 }
 
@@ -80,10 +80,12 @@ DWORD CopyFileByPath(const SystemPath& sourcePath, const SystemPath& targetPath,
   OpenedFile source, target;
   OpenRequest request{{kReading, kAllRights}, OPEN_EXISTING};
   if (const DWORD error = source.Open(sourcePath, request)) return error;
-  if (!failIfExists && SameName(source.status(), targetPath)) return ERROR_SHARING_VIOLATION;
   request = {{kWriting, kReading}, failIfExists ? CREATE_NEW : CREATE_ALWAYS};
   request.permissions = (source.status().mode & 0777) | S_IWUSR;
-  if (const DWORD error = target.Open(targetPath, request)) return error;
+  request.likelyNew = true;
+  request.source = &source.status();
+  if (const DWORD error = target.Open(targetPath, request))
+    return !failIfExists && SameName(source.status(), targetPath) ? ERROR_SHARING_VIOLATION : error;
   const DWORD error = CopyInto(source, target);
   if (error) unlink(targetPath.text());
   return error;

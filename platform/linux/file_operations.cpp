@@ -31,9 +31,10 @@ template <class Act>
 DWORD ActOnName(const SystemPath& path, int file, Act act) {
   FileStatus status, named;
   if (const int error = ReadStatus(file, status)) return ErrorFromErrno(error);
+  SharingGate gate(file);
   if (!status.IsFolder())
-    if (const DWORD error = EnterSharing(file, kRemoval)) return error;
-  const SharingGate gate(file);
+    if (const DWORD error = gate.Enter(kRemoval)) return error;
+  gate.LeaveToClose();
   if (const int error = ReadStatus(AT_FDCWD, path.text(), AT_SYMLINK_NOFOLLOW, named)) return PathError(error, path);
   return named.SameFile(status) ? act(named) : kAgain;
 }

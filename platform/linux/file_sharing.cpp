@@ -52,11 +52,9 @@ Answer Look(int descriptor, ShareMode mode, bool* rangesLocked, int from = 0, in
   return before == Answer::kFree ? Look(descriptor, mode, rangesLocked, byte + 1, to) : before;
 }
 
-// Looks, places the own byte and looks again: of two that come at once at least one sees the other, so never both
-// stand. Both may draw back; then they meet at the gate. The first look keeps an open that is bound to fail from
-// placing its byte before the eyes of others.
-Answer TryEnter(int descriptor, ShareMode mode, bool* rangesLocked) {
-  if (const Answer before = Look(descriptor, mode, rangesLocked); before != Answer::kFree) return before;
+// Of two that come at once at least one sees the other, so never both stand. Both may draw back; then they meet at the
+// gate.
+Answer PlaceAndLook(int descriptor, ShareMode mode, bool* rangesLocked) {
   struct flock own = Range(F_RDLCK, kFirstByte + ByteOf(mode), 1);
   // A descriptor for writing alone cannot hold a shared lock.
   if (fcntl(descriptor, F_OFD_SETLK, &own) != 0)
@@ -66,9 +64,15 @@ Answer TryEnter(int descriptor, ShareMode mode, bool* rangesLocked) {
   return after;
 }
 
+// The look ahead keeps an open that is bound to fail from placing its byte before the eyes of others.
+Answer TryEnter(int descriptor, ShareMode mode, bool* rangesLocked) {
+  const Answer before = Look(descriptor, mode, rangesLocked);
+  return before == Answer::kFree ? PlaceAndLook(descriptor, mode, rangesLocked) : before;
+}
+
 }  // namespace
 
-SharingGate::SharingGate(int descriptor) : descriptor_(descriptor) {
+void SharingGate::Lock() {
   constexpr int kTries = 500, kShortWaits = 20;
   for (int i = 0; i < kTries && !held_; ++i) {
     held_ = flock(descriptor_, LOCK_EX | LOCK_NB) == 0;
@@ -78,12 +82,23 @@ SharingGate::SharingGate(int descriptor) : descriptor_(descriptor) {
   }
 }
 
-SharingGate::~SharingGate() {
+void SharingGate::Unlock() {
   if (held_) flock(descriptor_, LOCK_UN);
+  held_ = false;
 }
 
-DWORD EnterSharing(int descriptor, ShareMode mode, bool* rangesLocked) {
-  if (TryEnter(descriptor, mode, rangesLocked) != Answer::kConflict) return ERROR_SUCCESS;
+// Whoever sees the byte here in passing waits at the gate until it is gone, so no look ahead is needed.
+DWORD SharingGate::Enter(ShareMode mode) {
+  if (held_ && PlaceAndLook(descriptor_, mode, nullptr) != Answer::kConflict) return ERROR_SUCCESS;
+  Unlock();
+  const DWORD error = EnterSharing(descriptor_, mode);
+  Lock();
+  return error;
+}
+
+DWORD EnterSharing(int descriptor, ShareMode mode, bool isNew, bool* rangesLocked) {
+  const auto first = isNew ? PlaceAndLook : TryEnter;
+  if (first(descriptor, mode, rangesLocked) != Answer::kConflict) return ERROR_SUCCESS;
   const SharingGate gate(descriptor);
   return TryEnter(descriptor, mode, rangesLocked) == Answer::kConflict ? ERROR_SHARING_VIOLATION : ERROR_SUCCESS;
 }

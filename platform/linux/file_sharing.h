@@ -19,8 +19,9 @@ struct ShareMode {
 };
 
 /// Enters the open among the others of its file. ERROR_SHARING_VIOLATION when it cannot stand beside them; success also
-/// where the file system has no such locks. `rangesLocked`, if given, becomes true when one of them has locked a range.
-DWORD EnterSharing(int descriptor, ShareMode mode, bool* rangesLocked = nullptr);
+/// where the file system has no such locks. `isNew`: the caller made the file a moment ago. `rangesLocked`, if given,
+/// becomes true when one of them has locked a range.
+DWORD EnterSharing(int descriptor, ShareMode mode, bool isNew = false, bool* rangesLocked = nullptr);
 
 /// Before the close: a mapping or a child that was forked a moment ago may keep the open file description.
 void LeaveSharing(int descriptor, ShareMode mode);
@@ -33,12 +34,20 @@ bool MayShare(int descriptor, ShareMode mode);
 /// EnterSharing.
 class SharingGate {
  public:
-  explicit SharingGate(int descriptor);
+  explicit SharingGate(int descriptor) : descriptor_(descriptor) { Lock(); }
   SharingGate(const SharingGate&) = delete;
   SharingGate& operator=(const SharingGate&) = delete;
-  ~SharingGate();
+  ~SharingGate() { Unlock(); }
+
+  /// As EnterSharing, and the gate is held again.
+  DWORD Enter(ShareMode mode);
+  /// The descriptor is closed next, which unlocks as well.
+  void LeaveToClose() { held_ = false; }
 
  private:
+  void Lock();
+  void Unlock();
+
   int descriptor_;
   bool held_ = false;
 };

@@ -71,7 +71,8 @@ int OpenedFile::OpenExisting(const SystemPath& path, const OpenRequest& request)
 
 DWORD OpenedFile::OpenDescriptor(const SystemPath& path, const OpenRequest& request) {
   existed_ = true;
-  if (request.disposition != CREATE_NEW) {
+  const bool makesFirst = request.disposition == CREATE_NEW || request.likelyNew;
+  if (!makesFirst) {
     descriptor_ = OpenExisting(path, request);
     if (descriptor_ >= 0) return ERROR_SUCCESS;
     if (errno != ENOENT || !Makes(request.disposition)) return PathError(errno, path);
@@ -85,6 +86,11 @@ DWORD OpenedFile::OpenDescriptor(const SystemPath& path, const OpenRequest& requ
   }
   if (errno != EEXIST) return errno == ENOENT ? ERROR_PATH_NOT_FOUND : ErrorFromErrno(errno);
   if (request.disposition == CREATE_NEW) return ERROR_FILE_EXISTS;
+  if (makesFirst) {
+    descriptor_ = OpenExisting(path, request);
+    if (descriptor_ >= 0) return ERROR_SUCCESS;
+    if (errno != ENOENT) return PathError(errno, path);
+  }
   // Made by another a moment ago, or a link to what does not exist yet.
   descriptor_ = open(path.text(), FlagsFor(request) | O_CREAT, permissions);
   return descriptor_ >= 0 ? ERROR_SUCCESS : PathError(errno, path);
@@ -93,7 +99,7 @@ DWORD OpenedFile::OpenDescriptor(const SystemPath& path, const OpenRequest& requ
 DWORD OpenedFile::Enter(const OpenRequest& request) {
   mode_ = request.mode;
   if (mode_.access != 0) {
-    if (const DWORD error = EnterSharing(descriptor_, mode_, &rangesLocked_)) return error;
+    if (const DWORD error = EnterSharing(descriptor_, mode_, !existed_, &rangesLocked_)) return error;
     entered_ = true;
   }
   if (const int error = ReadStatus(descriptor_, status_)) return ErrorFromErrno(error);
@@ -108,6 +114,7 @@ DWORD OpenedFile::Enter(const OpenRequest& request) {
 }
 
 DWORD OpenedFile::CheckExisting(const OpenRequest& request) const {
+  if (request.source && status_.SameFile(*request.source)) return ERROR_SHARING_VIOLATION;
   if (status_.IsFolder()) return request.folders ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
   const bool changes = (request.mode.access & kWriting) || Empties(request.disposition) || request.deletes;
   if (status_.IsReadOnlyFile() && changes) return ERROR_ACCESS_DENIED;

@@ -21,7 +21,9 @@ struct OpenRequest {
   bool folders = false;  // may be a folder
   bool deletes = false;  // at the close
   bool writesThrough = false;
-  mode_t permissions = 0666;  // of a file that is made
+  mode_t permissions = 0666;           // of a file that is made
+  bool likelyNew = false;              // the file is made before one is looked for that exists
+  const FileStatus* source = nullptr;  // of a copy: the file that must not be the target
 };
 
 /// An open descriptor with its place among the others of its file. It leaves and closes at the end of the scope.

@@ -67,7 +67,7 @@ class RegionList {
   const AddressRegion& operator[](uint32_t index) const { return data()[index]; }
 
  private:
-  static constexpr uint32_t kSpares = 32;
+  static constexpr uint32_t kSpares = 8;  // few: a library that is loaded late finds little room for a thread's data
   static constexpr uint32_t kFirstCapacity = 256;
   bool Grow();
   const AddressRegion* data() const { return heap_ ? heap_ : spare_; }

@@ -52,8 +52,9 @@ void GetLocalTime(LPSYSTEMTIME time) {
            static_cast<WORD>(clock.seconds().count()),   static_cast<WORD>(now.tv_nsec / kNanosecondsPerMs)};
 }
 
+// In steps of the system's timer, as on Windows: costs a quarter of the exact time.
 DWORD GetTickCount() {
-  const timespec now = Now(CLOCK_MONOTONIC);
+  const timespec now = Now(CLOCK_MONOTONIC_COARSE);
   return static_cast<DWORD>(now.tv_sec * 1000ull + now.tv_nsec / kNanosecondsPerMs);
 }
 

@@ -3,7 +3,8 @@
 #include <cerrno>
 
 namespace {
-thread_local constinit DWORD t_lastError = ERROR_SUCCESS;
+// In the static block, as other data of the layer is: reaching it needs no call.
+thread_local constinit DWORD t_lastError __attribute__((tls_model("initial-exec"))) = ERROR_SUCCESS;
 
 struct Row {
   int number;

@@ -51,9 +51,11 @@ bool AskSystem(uid_t id, User* user) {
   return found || error == 0;
 }
 
-void Keep(const User& user) {
+// One of several threads that have asked at the same moment keeps its answer.
+void Keep(const User& user, const User* former) {
   auto* kept = new (std::nothrow) User(user);
-  if (kept) g_user.store(kept, std::memory_order_release);
+  if (kept && !g_user.compare_exchange_strong(former, kept, std::memory_order_release, std::memory_order_relaxed))
+    delete kept;
 }
 
 // Copies the name to a caller's buffer; the size that it needs otherwise.
@@ -71,7 +73,7 @@ DWORD UserName(LPWSTR name, LPDWORD size) {
   const User* const kept = g_user.load(std::memory_order_acquire);
   if (kept && kept->id == id) return CopyName(*kept, name, size);
   User user;
-  if (AskSystem(id, &user)) Keep(user);
+  if (AskSystem(id, &user)) Keep(user, kept);
   return CopyName(user, name, size);
 }
 

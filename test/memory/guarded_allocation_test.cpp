@@ -28,7 +28,7 @@ void* AllocatePages(DWORD size, DWORD timeoutMs = 0) { return _VMemAlloc(kSource
 BOOL FreePages(void* base) { return _VMemFree(kSource, kLine, base); }
 
 // The sanitizer ends the process where an operator new fails.
-#ifdef __SANITIZE_ADDRESS__
+#ifdef QEL_SANITIZE
 #define SKIP_WITHOUT_FAILING_HEAP() GTEST_SKIP() << "the heap never fails here"
 #else
 #define SKIP_WITHOUT_FAILING_HEAP() static_cast<void>(0)

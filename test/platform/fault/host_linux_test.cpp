@@ -20,7 +20,7 @@ namespace qel::test {
 namespace {
 
 // The end of a process by an access that nobody takes. The sanitizer has a handler of its own in place of the default.
-#if defined(__SANITIZE_ADDRESS__)
+#ifdef QEL_SANITIZE
 constexpr int kEndByAccess = 1;
 #else
 constexpr int kEndByAccess = -SIGSEGV;

@@ -19,7 +19,7 @@ using qel::test::View;
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__)
+#ifdef QEL_SANITIZE
 constexpr bool kSanitized = true;  // such a process has used most of its address space before main
 #else
 constexpr bool kSanitized = false;

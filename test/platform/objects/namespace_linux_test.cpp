@@ -203,7 +203,7 @@ CHILD_ROLE(NoDescriptors) {
 TEST(MutexFallback, DescriptorsAreUsedUp) { PlayScenario("NoDescriptors"); }
 
 CHILD_ROLE(NoHeap) {
-#ifdef __SANITIZE_ADDRESS__
+#ifdef QEL_SANITIZE
   return kSkipped;  // its allocator ends the process
 #endif
   if (!UsePrivateSharedMemory()) return kSkipped;

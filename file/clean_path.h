@@ -2,6 +2,7 @@
 /// A path as the system gets it.
 #pragma once
 #include <cstddef>
+#include <cstring>
 
 #include "platform/win32.h"
 
@@ -19,6 +20,9 @@ class CleanPath {
     text_[length] = L'\0';
     PathUnquoteSpacesW(text_);
   }
+
+  CleanPath(const CleanPath& other) { std::memcpy(text_, other.text_, (wcslen(other.text_) + 1) * sizeof(wchar_t)); }
+  CleanPath& operator=(const CleanPath&) = delete;
 
   const wchar_t* Get() const { return text_; }
   operator const wchar_t*() const { return text_; }  // NOLINT(google-explicit-constructor): it stands for the path

@@ -49,14 +49,16 @@ DWORD CopyContents(int from, int to, unsigned long long size) {
   return ERROR_SUCCESS;
 }
 
-// Write time and attributes become those of the source.
+// Write time and attributes become those of the source. A new file has ARCHIVE alone, as most have.
 DWORD CopyProperties(const FileStatus& source, int from, const OpenedFile& target) {
-  FileStatus status = target.status();
-  if (target.existed())  // emptied and given other attributes meanwhile
-    if (const int error = ReadStatus(target.descriptor(), status)) return ErrorFromErrno(error);
   const DWORD attributes = AttributesOf(source, from);
-  if (attributes != AttributesOf(status, target.descriptor()))
-    if (const int error = WriteAttributes(target.descriptor(), status, attributes)) return ErrorFromErrno(error);
+  if (target.existed() || attributes != FILE_ATTRIBUTE_ARCHIVE) {
+    FileStatus status;
+    int error = ReadStatus(target.descriptor(), status);
+    if (!error && attributes != AttributesOf(status, target.descriptor()))
+      error = WriteAttributes(target.descriptor(), status, attributes);
+    if (error) return ErrorFromErrno(error);
+  }
   const timespec changes[] = {{0, UTIME_OMIT}, source.writtenExactly};
   return futimens(target.descriptor(), changes) == 0 ? ERROR_SUCCESS : ErrorFromErrno(errno);
 }
@@ -82,7 +84,6 @@ DWORD CopyFileByPath(const SystemPath& sourcePath, const SystemPath& targetPath,
   if (const DWORD error = source.Open(sourcePath, request)) return error;
   request = {{kWriting, kReading}, failIfExists ? CREATE_NEW : CREATE_ALWAYS};
   request.permissions = (source.status().mode & 0777) | S_IWUSR;
-  request.likelyNew = true;
   request.source = &source.status();
   if (const DWORD error = target.Open(targetPath, request))
     return !failIfExists && SameName(source.status(), targetPath) ? ERROR_SHARING_VIOLATION : error;

@@ -35,7 +35,7 @@ void Fill(WIN32_FIND_DATAW& data, std::wstring_view name, const FileStatus& stat
   data.nFileSizeLow = static_cast<DWORD>(status.size);
   data.dwReserved0 = data.dwReserved1 = 0;
   const size_t length = std::min<size_t>(name.size(), MAX_PATH - 1);
-  std::wmemcpy(data.cFileName, name.data(), length);
+  std::memcpy(data.cFileName, name.data(), length * sizeof(wchar_t));
   data.cFileName[length] = 0;
   data.cAlternateFileName[0] = 0;
 }
@@ -57,7 +57,7 @@ class FolderSearch final : public Search {
  private:
   struct Entry {
     size_t start, length;  // in names_
-    bool link;
+    bool link, dots;       // dots: the folder itself or its parent
   };
   ~FolderSearch() override { close(descriptor_); }
   std::wstring_view NameOf(const Entry& entry) const { return {names_.data() + entry.start, entry.length}; }
@@ -78,13 +78,17 @@ struct Dirent64 {
   char name[1];
 };
 
-bool IsSelfOrParent(std::wstring_view name) { return name == L"." || name == L".."; }
+bool IsDots(const char* name) { return name[0] == '.' && (!name[1] || (name[1] == '.' && !name[2])); }
 
 void FolderSearch::Add(const char* name, bool link, const NamePattern& pattern, bool root) {
-  const size_t start = names_.size();
-  for (const char* end = name + std::strlen(name); name != end;) names_ += DecodeUtf8(name, end);
-  const Entry entry{start, names_.size() - start, link};
-  if (pattern.Matches(NameOf(entry)) && !(root && IsSelfOrParent(NameOf(entry))))
+  const bool dots = IsDots(name);
+  const size_t start = names_.size(), bytes = std::strlen(name);
+  names_.resize(start + bytes);  // no character is longer than its bytes
+  wchar_t* out = names_.data() + start;
+  for (const char* end = name + bytes; name != end;) *out++ = DecodeUtf8(name, end);
+  const Entry entry{start, static_cast<size_t>(out - names_.data()) - start, link, dots};
+  names_.resize(start + entry.length);
+  if (pattern.Matches(NameOf(entry)) && !(root && dots))
     entries_.push_back(entry);
   else
     names_.resize(start);
@@ -102,8 +106,7 @@ DWORD FolderSearch::ReadNames(const NamePattern& pattern, bool root) {
     }
   }
   std::sort(entries_.begin(), entries_.end(), [this](const Entry& first, const Entry& second) {
-    const bool a = IsSelfOrParent(NameOf(first)), b = IsSelfOrParent(NameOf(second));
-    return a != b ? a : NameLess(NameOf(first), NameOf(second));
+    return first.dots != second.dots ? first.dots : NameLess(NameOf(first), NameOf(second));
   });
   return entries_.empty() ? ERROR_FILE_NOT_FOUND : ERROR_SUCCESS;
 }
@@ -122,7 +125,9 @@ DWORD FolderSearch::Answer(const Entry& entry, WIN32_FIND_DATAW& data) const {
   for (const wchar_t c : NameOf(entry)) end = EncodeUtf8(c, end);
   *end = 0;
   FileStatus status;
-  int error = ReadStatus(descriptor_, name, entry.link ? 0 : AT_SYMLINK_NOFOLLOW, status);
+  const bool self = entry.dots && entry.length == 1;
+  int error = self ? ReadStatus(descriptor_, status)
+                   : ReadStatus(descriptor_, name, entry.link ? 0 : AT_SYMLINK_NOFOLLOW, status);
   const bool toFolder = !error && status.IsFolder();
   if (entry.link && (error || toFolder)) error = ReadStatus(descriptor_, name, AT_SYMLINK_NOFOLLOW, status);
   if (error) return ErrorFromErrno(error);

@@ -71,7 +71,7 @@ int OpenedFile::OpenExisting(const SystemPath& path, const OpenRequest& request)
 
 DWORD OpenedFile::OpenDescriptor(const SystemPath& path, const OpenRequest& request) {
   existed_ = true;
-  const bool makesFirst = request.disposition == CREATE_NEW || request.likelyNew;
+  const bool makesFirst = request.disposition == CREATE_NEW || request.source;
   if (!makesFirst) {
     descriptor_ = OpenExisting(path, request);
     if (descriptor_ >= 0) return ERROR_SUCCESS;
@@ -102,6 +102,8 @@ DWORD OpenedFile::Enter(const OpenRequest& request) {
     if (const DWORD error = EnterSharing(descriptor_, mode_, !existed_, &rangesLocked_)) return error;
     entered_ = true;
   }
+  // A copy that is deleted before it has contents is one that is deleted afterwards.
+  if (request.source && !existed_) return ERROR_SUCCESS;
   if (const int error = ReadStatus(descriptor_, status_)) return ErrorFromErrno(error);
   // Deleted before it was entered, also when it was made here a moment ago: the name is free or another file's.
   if (status_.links == 0) return kAgain;

@@ -21,9 +21,9 @@ struct OpenRequest {
   bool folders = false;  // may be a folder
   bool deletes = false;  // at the close
   bool writesThrough = false;
-  mode_t permissions = 0666;           // of a file that is made
-  bool likelyNew = false;              // the file is made before one is looked for that exists
-  const FileStatus* source = nullptr;  // of a copy: the file that must not be the target
+  mode_t permissions = 0666;  // of a file that is made
+  // Of a copy: the file that the target must not be. Most targets are new, so that making one is tried first.
+  const FileStatus* source = nullptr;
 };
 
 /// An open descriptor with its place among the others of its file. It leaves and closes at the end of the scope.
@@ -41,7 +41,7 @@ class OpenedFile {
   bool existed() const { return existed_; }
   bool rangesLocked() const { return rangesLocked_; }
   unsigned access() const { return mode_.access; }
-  /// Of a file that existed: before it was emptied.
+  /// Of a file that existed: before it was emptied. Unset for the new target of a copy.
   const FileStatus& status() const { return status_; }
 
  private:

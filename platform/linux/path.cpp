@@ -15,10 +15,8 @@ namespace {
 
 bool IsLetter(wchar_t c) { return (c >= L'A' && c <= L'Z') || (c >= L'a' && c <= L'z'); }
 
-bool Is(LPCWSTR name, LPCWSTR end, LPCWSTR text) {
-  const size_t length = std::wcslen(text);
-  return static_cast<size_t>(end - name) == length && std::wmemcmp(name, text, length) == 0;
-}
+// ASCII that stands for itself, for the most part: what is looked at no further.
+constexpr bool IsOrdinary(wchar_t c) { return (c >= L'@' && c <= L'{') || (c >= L'+' && c <= L';'); }
 
 size_t CountCharacters(const char* text) {
   size_t count = 0;
@@ -47,7 +45,7 @@ DWORD SystemPath::Parse(LPCWSTR name, LPCWSTR end) {
   }
   if (name == end) return ERROR_PATH_NOT_FOUND;
   for (LPCWSTR c = name; c != end; ++c)
-    if (IsForbidden(*c) || IsUnencodable(*c)) return ERROR_INVALID_NAME;
+    if (!IsOrdinary(*c) && (IsForbidden(*c) || IsUnencodable(*c))) return ERROR_INVALID_NAME;
   if (end - name >= 2 && name[1] == L':' && IsLetter(name[0])) return ERROR_PATH_NOT_FOUND;  // there are no drives
   if (end - name >= 3 && name[0] == L'\\' && name[1] == L'\\' && !IsSeparator(name[2])) return ERROR_BAD_NETPATH;
 
@@ -79,8 +77,9 @@ DWORD SystemPath::AddComponents(LPCWSTR name, LPCWSTR end) {
 }
 
 DWORD SystemPath::AddComponent(LPCWSTR name, LPCWSTR end) {
-  if (name == end || Is(name, end, L".")) return ERROR_SUCCESS;
-  if (Is(name, end, L"..")) {
+  const auto length = static_cast<size_t>(end - name);
+  if (length == 0 || (length == 1 && name[0] == L'.')) return ERROR_SUCCESS;
+  if (length == 2 && name[0] == L'.' && name[1] == L'.') {
     if (length_ > start_ && !EndsInParent()) {
       text_[length_] = 0;
       const char* last = std::strrchr(text_, '/');
@@ -95,11 +94,13 @@ DWORD SystemPath::AddComponent(LPCWSTR name, LPCWSTR end) {
     text_[length_++] = '/';
     ++characters_;
   }
+  char* out = text_ + length_;
   for (; name != end; ++name) {
-    if (length_ + kLongestUtf8 + 2 > kSize) return ERROR_PATH_NOT_FOUND;
-    length_ = static_cast<size_t>(EncodeUtf8(*name, text_ + length_) - text_);
-    ++characters_;
+    if (out + kLongestUtf8 + 2 > text_ + kSize) return ERROR_PATH_NOT_FOUND;
+    out = EncodeUtf8(*name, out);
   }
+  length_ = static_cast<size_t>(out - text_);
+  characters_ += length;
   return ERROR_SUCCESS;
 }
 

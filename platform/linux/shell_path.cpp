@@ -46,7 +46,7 @@ struct Draft {
       fits = false;
       return;
     }
-    std::wmemcpy(text + length, more, count);
+    std::memcpy(text + length, more, count * sizeof(wchar_t));
     length += count;
     text[length] = 0;
   }
@@ -83,7 +83,7 @@ bool Resolve(wchar_t* result, const wchar_t* path) {
   draft.text[draft.length] = 0;
   if (draft.length == 2 && HasDrive(draft.text)) draft.Add(L'\\');
   if (draft.length == 0) draft.Add(L'\\');
-  std::wmemcpy(result, draft.text, draft.fits ? draft.length + 1 : 0);
+  if (draft.fits) std::memcpy(result, draft.text, (draft.length + 1) * sizeof(wchar_t));
   return draft.fits;
 }
 

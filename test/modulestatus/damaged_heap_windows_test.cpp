@@ -1,0 +1,85 @@
+// Reports of a process whose heap is really damaged. (On the other target the C library ends such a process itself.)
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <utility>
+
+#include "qelibaselib/qelibaselib.h"
+#include "test/modulestatus/captured_fault.h"
+#include "test/modulestatus/report_reader.h"
+#include "test/support/bad_pointer.h"
+#include "test/support/child_process.h"
+#include "test/support/log_folder.h"
+#include "test/support/replace_call.h"
+#include "test/support/scratch_folder.h"
+
+namespace qel::test {
+namespace {
+
+constexpr int kExitCode = 7;
+
+// Blocks too large for the heap's pools of small ones, so that they lie one behind the other.
+__attribute__((noipa)) char* AllocateBlock() { return static_cast<char*>(std::malloc(20000)); }
+
+// What a host does that writes a few bytes over the end of its block: into the header of the block behind it.
+void OverrunBlock() {
+  char* block = AllocateBlock();
+  char* neighbour = AllocateBlock();
+  while (neighbour < block || neighbour - block > 20100) block = std::exchange(neighbour, AllocateBlock());
+  for (volatile char* header = neighbour - 8; header != neighbour; ++header) *header = '\xEE';
+}
+
+CHILD_ROLE(ReportWithDamagedHeap) {
+  LogFolder();
+  CapturedFault fault;
+  Capture(fault, [] { CallReadThrough(nullptr); });
+  OverrunBlock();
+  Say(std::to_string(VemoExceptLogOut(L"damaged", "", &fault.record, &fault.context, 1, "source.cpp")));
+  Say(std::to_string(VemoModuleStatusLogOut(L"damaged", "")));
+  const auto standIn = STAND_IN(CreateSemaphoreW, [](int, auto...) -> HANDLE {
+    WriteBadAddress();
+    return nullptr;
+  });
+  Say(CreateSemaphoreX(7, "host.cpp", nullptr, 0, 1, nullptr) ? "a handle" : "null");
+  return kExitCode;
+}
+
+TEST(DamagedHeap, IsReportedAndTheProcessLives) {
+  LogFolder();
+  TakeLines(channel::kAssert);
+  std::filesystem::remove(ChannelFile(channel::kExceptionReport));
+  std::filesystem::remove(ChannelFile(channel::kModuleStatusReport));
+  ChildProcess child("ReportWithDamagedHeap");
+  EXPECT_EQ(child.WaitForLine(), "-4");
+  EXPECT_EQ(child.WaitForLine(), "-4");
+  EXPECT_EQ(child.WaitForLine(), "null");
+  EXPECT_EQ(child.Wait(), kExitCode);
+
+  const auto messages = TakeMessages(channel::kAssert);
+  ASSERT_GT(messages.size(), 3u);
+  EXPECT_EQ(messages[0], "ASSERT : modulestatus.cpp(62), Error : modulestatus.cpp(832), _HeapCheck(), -4");
+  EXPECT_EQ(messages[1], "ASSERT : modulestatus.cpp(839)");
+  EXPECT_EQ(messages[2], "ASSERT : modulestatus.cpp(62), Error : modulestatus.cpp(287), _HeapCheck(), -4");
+  EXPECT_EQ(messages.back(), "ASSERT : modulestatus.cpp(62), Error : modulestatus.cpp(895), _HeapCheck(), -4");
+  // The fault in the export: its clause, then the heap, then the report.
+  const auto clause = std::find_if(messages.begin(), messages.end(),
+                                   [](const auto& message) { return message.ends_with(", _CATCH_AE"); });
+  ASSERT_GT(messages.end() - clause, 2);
+  EXPECT_TRUE(clause[1].ends_with(", _heapchk()")) << clause[1];
+  EXPECT_EQ(clause[2], messages[0]);
+
+  ReportReader reports(ReadWholeFile(ChannelFile(channel::kExceptionReport)));
+  const auto report = ReadExceptionReport(reports);
+  EXPECT_EQ(report.title, "damaged()");
+  EXPECT_EQ(report.frames.at(0).function, "ReadThrough");
+  EXPECT_TRUE(ReadExceptionReport(reports).title.ends_with("(Exception CATCH_AE)"));
+  EXPECT_TRUE(reports.AtEnd());
+  ReportReader status(ReadWholeFile(ChannelFile(channel::kModuleStatusReport)));
+  EXPECT_EQ(ReadStatusReport(status).title, "damaged()");
+  EXPECT_TRUE(status.AtEnd());
+}
+
+}  // namespace
+}  // namespace qel::test

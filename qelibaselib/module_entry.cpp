@@ -9,9 +9,15 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID reserved);
 namespace {
 
 void AttachProcess() {
+  fault::ThreadAttach();
   qel::ReadProcessorCount();
   qel::GetThreadRecord();
   qel::ReadSystemVersionRecord();
+}
+
+void AttachThread() {
+  fault::ThreadAttach();
+  qel::GetThreadRecord();
 }
 
 void DetachProcess() {
@@ -27,11 +33,10 @@ BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID) {
       qel::Guarded(QEL_HERE, &AttachProcess);
       break;
     case DLL_THREAD_ATTACH:
-      qel::Guarded(QEL_HERE, [] { qel::GetThreadRecord(); });
+      qel::Guarded(QEL_HERE, &AttachThread);
       break;
     case DLL_THREAD_DETACH:
       qel::Guarded(QEL_HERE, &qel::FreeThreadRecord);
-      fault::ThreadDetach();
       break;
     case DLL_PROCESS_DETACH:
       qel::Guarded(QEL_HERE, &DetachProcess);

@@ -3,6 +3,7 @@
 // The handler throws nothing. It fills the guard's frame and lets the thread go on in fault_thunk, outside the handler.
 #include "platform/linux/fault.h"
 
+#include <cxxabi.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
@@ -25,6 +26,7 @@ namespace {
 
 constexpr size_t kSignalStackBytes = 128 * 1024;  // a filter writes its report on it
 constexpr size_t kSpareStackBytes = 64 * 1024;
+constexpr size_t kGuardPageBytes = 4096;
 constexpr uintptr_t kThrowerBytes = 16 * 1024;  // what the thrower and the unwinder may need
 constexpr uintptr_t kLargestFrame = 64 * 1024;  // how far below ESP an overflow may touch
 
@@ -107,7 +109,7 @@ void Redirect(GuardFrame& guard, const FaultThread& thread, int signal, const si
 
 // The stacks of a thread, freed by the key's destructor: after every thread_local object and again should one of the
 // later destructors have run a guard once more.
-constexpr size_t kStacksBytes = kSignalStackBytes + kSpareStackBytes;
+constexpr size_t kStacksBytes = kGuardPageBytes + kSignalStackBytes + kSpareStackBytes;
 constinit pthread_key_t g_stacksKey = 0;
 constinit bool g_haveKey = false;
 
@@ -127,12 +129,14 @@ void MakeStacks(FaultThread& thread) {
   void* memory =
       mmap(nullptr, kStacksBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (memory == MAP_FAILED) return;  // a stack overflow will end the process; all else still works
+  // A part of the signal stack for the kernel: what overflows it ends the process, and writes over nothing.
+  mprotect(memory, kGuardPageBytes, PROT_NONE);
   thread.spareTop = reinterpret_cast<uintptr_t>(memory) + kStacksBytes - 4 * fault::kStackAlignment;
   stack_t present{};
   if (sigaltstack(nullptr, &present) == 0 && (present.ss_flags & SS_DISABLE)) {
     stack_t ours{};
     ours.ss_sp = memory;
-    ours.ss_size = kSignalStackBytes;
+    ours.ss_size = kGuardPageBytes + kSignalStackBytes;
     sigaltstack(&ours, nullptr);
   }
   if (g_haveKey) pthread_setspecific(g_stacksKey, memory);
@@ -229,8 +233,9 @@ void SetThreadTranslator(Translator translator) { qel::layer::t_faultThread.tran
 GuardFrame* InnermostGuard() { return qel::layer::t_faultThread.innermost; }
 void PrepareThrow(GuardFrame*) {}
 
+void ThreadAttach() { [[maybe_unused]] const void* volatile used = abi::__cxa_get_globals(); }
+
 void ClaimHandlers() { qel::layer::ClaimSignals(); }
-void ThreadDetach() {}  // the key's destructor does it, for every thread
 
 void RunBody(void (*body)(void*), void* argument) {
   GuardFrame guard;

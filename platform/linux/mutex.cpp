@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "platform/linux/block_reserve.h"
 #include "platform/linux/error.h"
 #include "platform/linux/synchronization.h"
 #include "platform/linux/thread_data.h"
@@ -10,6 +11,8 @@ namespace qel::layer {
 namespace {
 
 using Ownership = Storage::Ownership;
+
+constinit BlockReserve<sizeof(Mutex), kReservedMutexes> g_reserve;
 
 bool IsMine(Storage& storage) { return storage.ownership.thread.load(std::memory_order_relaxed) == &t_thread; }
 
@@ -55,6 +58,9 @@ void InitialiseMutex(pthread_mutex_t& mutex, bool owned) {
   pthread_mutexattr_destroy(&attributes);
   if (owned) static_cast<void>(pthread_mutex_trylock(&mutex));  // nobody else has seen it yet
 }
+
+void* Mutex::operator new(size_t, const std::nothrow_t&) noexcept { return g_reserve.Allocate(); }
+void Mutex::operator delete(void* block) noexcept { g_reserve.Free(block); }
 
 // Process ends are told by the kernel, thread ends by a mark of ours.
 Taken Mutex::Locked(int result) {

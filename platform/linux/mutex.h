@@ -12,6 +12,8 @@ void InitialiseMutex(pthread_mutex_t& mutex, bool owned);
 
 class Mutex final : public StoredObject {
  public:
+  static void* operator new(size_t bytes, const std::nothrow_t&) noexcept;
+  static void operator delete(void* block) noexcept;
   explicit Mutex(StorageReference storage) : StoredObject(Kind::kMutex, std::move(storage)) {}
   Taken TryTake() override;
   bool IsReady() override;

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <new>
 
+#include "platform/linux/block_reserve.h"
 #include "platform/linux/error.h"
 #include "platform/linux/mutex.h"
 #include "platform/linux/object_file.h"
@@ -110,7 +111,11 @@ class ObjectNamespace {
 
 namespace {
 constinit ObjectNamespace g_namespace;
-}
+constinit BlockReserve<sizeof(Storage), kReservedMutexes> g_storageReserve;
+}  // namespace
+
+void* Storage::operator new(size_t, const std::nothrow_t&) noexcept { return g_storageReserve.Allocate(); }
+void Storage::operator delete(void* block) noexcept { g_storageReserve.Free(block); }
 
 Storage::~Storage() {
   if (descriptor_ < 0) return;

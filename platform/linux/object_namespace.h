@@ -9,6 +9,7 @@
 #include <pthread.h>
 
 #include <cstdint>
+#include <new>
 #include <utility>
 
 #include "platform/linux/futex.h"
@@ -39,6 +40,9 @@ class Storage {
   Storage() = default;
   Storage(const Storage&) = delete;
   Storage& operator=(const Storage&) = delete;
+  /// From the reserve when the heap is used up: a mutex is always to be had.
+  static void* operator new(size_t bytes, const std::nothrow_t&) noexcept;
+  static void operator delete(void* block) noexcept;
 
   ObjectState& state() { return *state_; }
   Scope scope() const { return descriptor_ < 0 ? Scope::kProcess : Scope::kShared; }

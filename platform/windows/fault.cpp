@@ -158,7 +158,6 @@ void PrepareThrow(GuardFrame* guard) {
 }
 
 void ClaimHandlers() {}  // nobody can displace a frame of the chain
-void ThreadDetach() {}   // a thread holds nothing
 
 void RunBody(void (*body)(void*), void* argument) {
   GuardFrame guard;

@@ -11,7 +11,6 @@
 #include "qelibaselib/qelibaselib.h"
 #include "test/modulestatus/captured_fault.h"
 #include "test/modulestatus/report_reader.h"
-#include "test/support/child_process.h"
 #include "test/support/log_folder.h"
 #include "test/support/replace_call.h"
 #include "test/support/sanitizer.h"
@@ -179,44 +178,6 @@ TEST(FaultReport, KeepsWhatWasWrittenWhenItFaults) {
   EXPECT_EQ(TakeMessages(channel::kModuleStatusError),
             (std::vector<std::string>{"StackWalkLogOut(catch(...))", "DebugOutSystemInfo(catch(...))"}));
   RemoveReportFile();
-}
-
-// Has the system give the stack its pages while there is room for them to grow into.
-__attribute__((noipa, noinline)) void GrowStack() {
-  volatile char room[512 << 10];
-  for (size_t i = 0; i < sizeof room; i += 1024) room[sizeof room - 1 - i] = 1;
-}
-
-// A process without a free piece of address space (its heap has what it had): what it can still do must end, whatever
-// it loses.
-CHILD_ROLE(ReportWithoutMemory) {
-  LogFolder();
-  VemoExceptLogOut(L"before", "", nullptr, nullptr, 1, "source.cpp");
-  CapturedFault captured;
-  Capture(captured, [] { CallReadThrough(nullptr); });
-  GrowStack();
-  std::vector<void*> blocks;
-  blocks.reserve(0x10000);
-  for (SIZE_T size = 1 << 28; size >= 1 << 16; size /= 2) {
-    while (void* block = VirtualAlloc(nullptr, size, MEM_RESERVE, PAGE_READWRITE)) blocks.push_back(block);
-  }
-  VemoExceptLogOut(L"without memory", "message", &captured.record, &captured.context, 1, "source.cpp");
-  VemoModuleStatusLogOut(L"without memory", "message");
-  for (void* block : blocks) VirtualFree(block, 0, MEM_RELEASE);
-  VemoExceptLogOut(L"after", "", nullptr, nullptr, 1, "source.cpp");
-  return 0;
-}
-
-TEST(FaultReport, ReturnsWithoutMemory) {
-  SKIP_UNDER_ASAN();
-  RemoveReportFile();
-  ChildProcess child("ReportWithoutMemory");
-  EXPECT_EQ(child.Wait(), 0);
-  const std::string text = ReadWholeFile(ChannelFile(channel::kExceptionReport));
-  const size_t after = text.rfind("\r\n>>>>>>>>>> after()");
-  ASSERT_NE(after, std::string::npos);
-  RemoveReportFile();
-  fs::remove(ChannelFile(channel::kModuleStatusReport));
 }
 
 }  // namespace

@@ -29,6 +29,7 @@ class ChildProcess {
   // The next line that the child says; empty when it has ended without another one.
   std::string WaitForLine();
   void Tell(const std::string& line);
+  // Ends it at whatever it does, and returns when it is gone.
   void Kill();
   // Waits for the end. The exit code; on Linux minus the signal that ended it.
   int Wait();

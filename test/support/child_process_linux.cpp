@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <stdexcept>
@@ -75,7 +76,11 @@ void ChildProcess::Tell(const std::string& line) {
 
 void ChildProcess::Kill() {
   state_->Reap(WNOHANG);
-  if (!state_->ended) kill(state_->id, SIGKILL);
+  if (state_->ended) return;
+  kill(state_->id, SIGKILL);
+  // The signal takes effect some time later. The exit code is left for Wait.
+  siginfo_t information;
+  while (waitid(P_PID, static_cast<id_t>(state_->id), &information, WEXITED | WNOWAIT) != 0 && errno == EINTR) continue;
 }
 
 int ChildProcess::Wait() {

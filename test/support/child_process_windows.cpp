@@ -86,7 +86,9 @@ void ChildProcess::Tell(const std::string& line) {
 }
 
 void ChildProcess::Kill() {
-  if (Running()) TerminateProcess(state_->process.hProcess, 9);
+  if (!Running()) return;
+  TerminateProcess(state_->process.hProcess, 9);
+  WaitForSingleObject(state_->process.hProcess, INFINITE);
 }
 
 int ChildProcess::Wait() {

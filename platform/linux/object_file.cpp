@@ -11,11 +11,20 @@
 namespace qel::layer {
 namespace {
 
-bool Lock(int file, short type) {
-  struct flock lock = {};
-  lock.l_type = type;
-  lock.l_whence = SEEK_SET;
-  lock.l_len = 1;
+// The first byte is that of the file, the others are those of its processes.
+constexpr off_t kFirstNumberByte = 1;
+
+struct flock Range(short type, off_t start, off_t length) {
+  struct flock range = {};
+  range.l_type = type;
+  range.l_whence = SEEK_SET;
+  range.l_start = start;
+  range.l_len = length;
+  return range;
+}
+
+bool Lock(int file, short type, off_t start = 0, off_t length = 1) {
+  struct flock lock = Range(type, start, length);
   int result;
   do {
     result = fcntl(file, F_OFD_SETLK, &lock);
@@ -23,26 +32,31 @@ bool Lock(int file, short type) {
   return result == 0;
 }
 
+// The kind of a lock that others have on the byte.
+short LockOfOthers(int file, off_t byte) {
+  struct flock lock = Range(F_WRLCK, byte, 1);
+  return fcntl(file, F_OFD_GETLK, &lock) == 0 ? lock.l_type : short{F_UNLCK};
+}
+
 // Removes the file when nobody holds it. The name is looked at under the lock: it may be another file's by now.
 void RemoveIfUnheld(int folder, int file, const char* fileName) {
   if (!TryHoldExclusive(file)) return;
   UnlinkFile(folder, file, fileName);
-  DropHold(file);
+  DropHolds(file);
 }
 
 }  // namespace
 
 bool TryHoldExclusive(int file) { return Lock(file, F_WRLCK); }
 bool TryHoldShared(int file) { return Lock(file, F_RDLCK); }
-void DropHold(int file) { Lock(file, F_UNLCK); }
+void DropHolds(int file) { Lock(file, F_UNLCK, 0, 0); }
+bool TryHoldNumber(int file, uint32_t number) { return Lock(file, F_WRLCK, kFirstNumberByte + number); }
+bool IsNumberHeld(int file, uint32_t number) { return LockOfOthers(file, kFirstNumberByte + number) != F_UNLCK; }
 
 FileHolder HolderOf(int file) {
-  struct flock lock = {};
-  lock.l_type = F_WRLCK;
-  lock.l_whence = SEEK_SET;
-  lock.l_len = 1;
-  if (fcntl(file, F_OFD_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) return FileHolder::kNone;
-  return lock.l_type == F_WRLCK ? FileHolder::kMaker : FileHolder::kUser;
+  const short type = LockOfOthers(file, 0);
+  if (type == F_UNLCK) return FileHolder::kNone;
+  return type == F_WRLCK ? FileHolder::kMaker : FileHolder::kUser;
 }
 
 void UnlinkFile(int folder, int file, const char* fileName) {
@@ -58,7 +72,7 @@ bool IsOwnFile(int file, unsigned user) {
 
 void LeaveFile(int folder, int file, const char* fileName) {
   // First let go, then try to be alone: two last users that both only raised their lock would block each other.
-  DropHold(file);
+  DropHolds(file);
   RemoveIfUnheld(folder, file, fileName);
 }
 

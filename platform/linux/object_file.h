@@ -1,5 +1,5 @@
 /// @file
-/// Locks on the file of a named object: they alone say whether it lives.
+/// Locks on the file of a named object: they alone say who is there.
 #pragma once
 #include <cstdint>
 
@@ -7,11 +7,16 @@ namespace qel::layer {
 
 enum class FileHolder { kNone, kMaker, kUser };
 
-/// Becomes the maker (or remover) of the object; false when anyone holds it.
+/// Becomes the maker (or remover) of the file; false when anyone holds it.
 bool TryHoldExclusive(int file);
-/// Becomes a user of the object, from maker or from nothing. False while a maker is at work.
+/// Becomes a user of the file, from maker or from nothing. False while a maker is at work.
 bool TryHoldShared(int file);
-void DropHold(int file);
+/// Takes the number of a process; false when another has it. It goes with the process.
+bool TryHoldNumber(int file, uint32_t number);
+/// Whether another process has the number.
+bool IsNumberHeld(int file, uint32_t number);
+/// Gives up the file and the number.
+void DropHolds(int file);
 /// Who keeps this descriptor from becoming the maker. A maker is no proof of life: it may be killed before it is done.
 FileHolder HolderOf(int file);
 
@@ -19,7 +24,7 @@ FileHolder HolderOf(int file);
 void UnlinkFile(int folder, int file, const char* fileName);
 /// Whether it is an ordinary file of this user that nobody else may open.
 bool IsOwnFile(int file, unsigned user);
-/// Gives up the hold; the last user removes the file.
+/// Gives up all holds; the last user removes the file.
 void LeaveFile(int folder, int file, const char* fileName);
 /// Removes every file of the folder that nobody holds.
 void RemoveUnheldFiles(int folder);

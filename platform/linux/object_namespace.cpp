@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
+#include <ctime>
 #include <mutex>
 #include <new>
 
@@ -20,12 +20,18 @@
 namespace qel::layer {
 namespace {
 
+// The first page of the file of a name.
+struct SharedPage {
+  ObjectState state;
+  ObjectUsers users;
+};
+
 constexpr size_t kStateBytes = kSectionDataOffset;
-static_assert(sizeof(ObjectState) <= kStateBytes);
+static_assert(sizeof(SharedPage) <= kStateBytes);
 
 // Tells this layout from any other that may meet it in the folder.
-constexpr uint32_t kLayoutVersion = 1;
-constexpr uint32_t kMark = 0x51454C00 ^ (kLayoutVersion << 16) ^ sizeof(ObjectState);
+constexpr uint32_t kLayoutVersion = 2;
+constexpr uint32_t kMark = 0x51454C00 ^ (kLayoutVersion << 16) ^ sizeof(SharedPage);
 
 constexpr DWORD kStartOver = ~0ul;  // the file was removed meanwhile
 constexpr int kMostStarts = 1000;
@@ -33,7 +39,6 @@ constexpr int64_t kMakerLimitNs = 10 * kNsPerSecond;  // a maker that was stoppe
 constexpr useconds_t kMakerPauseUs = 20;
 
 void InitialiseState(ObjectState& state, const StorageRequest& request) {
-  state.mark.store(0, std::memory_order_relaxed);
   state.kind = request.kind;
   state.word.store(request.word, std::memory_order_relaxed);
   state.parameter = request.parameter;
@@ -42,8 +47,9 @@ void InitialiseState(ObjectState& state, const StorageRequest& request) {
   state.periodNs.store(0, std::memory_order_relaxed);
   state.sectionSize = request.sectionSize;
   if (request.kind == Kind::kMutex) InitialiseMutex(state.mutex, request.owned);
-  state.mark.store(kMark, std::memory_order_release);
 }
+
+void MarkValid(ObjectState& state) { state.mark.store(kMark, std::memory_order_release); }
 
 bool IsValid(const ObjectState& state) { return state.mark.load(std::memory_order_acquire) == kMark; }
 
@@ -57,6 +63,15 @@ DWORD Reserve(int file, uint64_t sectionSize) {
   } while (result != 0 && errno == EINTR);
   if (result == 0) return ERROR_SUCCESS;
   return sectionSize != 0 ? ERROR_COMMITMENT_LIMIT : ErrorFromErrno(errno);
+}
+
+bool IsObject(DWORD result) { return result == ERROR_SUCCESS || result == ERROR_ALREADY_EXISTS; }
+
+// Moves on every few milliseconds.
+int64_t CoarseNs() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return now.tv_sec * kNsPerSecond + now.tv_nsec;
 }
 
 ObjectState* MapState(int file) {
@@ -89,21 +104,25 @@ class ObjectNamespace {
   Storage** Place(const ObjectKey& key);
   void Insert(Storage* storage, const ObjectKey& key);
   void Remove(Storage* storage);
-  bool Unpark(Storage* storage);
+  static ObjectUsers& UsersOf(Storage* storage) { return reinterpret_cast<SharedPage*>(storage->state_)->users; }
+  static bool HasLostName(Storage* storage);
+  void Unpark(const Storage* storage);
   void Park(Storage* storage);
-  void Leave(int file, const ObjectKey& key);
+  void Leave(Storage* storage, const ObjectKey& key);
 
   DWORD OpenFile(const ObjectKey& key, const StorageRequest& request, bool create, StorageReference* out);
   int OpenDescriptor(const ObjectKey& key, bool create, DWORD* error);
-  DWORD Enter(Storage* storage, const ObjectKey& key, const StorageRequest& request, bool create);
+  DWORD Attach(Storage* storage, const ObjectKey& key, const StorageRequest& request, bool create);
   DWORD Make(Storage* storage, const ObjectKey& key, const StorageRequest& request, bool create);
-  DWORD Join(Storage* storage, const ObjectKey& key, Kind kind);
+  DWORD Map(Storage* storage);
+  DWORD Enter(Storage* storage, const ObjectKey& key, const StorageRequest& request, bool create);
   void Unlink(int file, const ObjectKey& key);
 
   std::mutex gate_;
   SharedFolder folder_;
   Storage* buckets_[kBuckets] = {};
-  // Storage of closed mutexes, without its lock: the next creation of the name finds descriptor and mapping at hand.
+  // Storage of closed mutexes, which this process is no user of: the next creation of the name has nothing to ask the
+  // system for.
   Storage* parked_[kMostParked] = {};
   uint32_t parkings_ = 0;
   bool left_ = false;
@@ -159,18 +178,23 @@ void ObjectNamespace::Remove(Storage* storage) {
   delete storage;
 }
 
-bool ObjectNamespace::Unpark(Storage* storage) {
-  for (Storage*& parked : parked_)
-    if (parked == storage) {
-      parked = nullptr;
-      return true;
-    }
-  return false;
+// Whether somebody has removed the file behind the back of those who use it: nobody else finds the object there then.
+// Asked only so often, for the answer costs more than all the rest of taking up a parked object.
+bool ObjectNamespace::HasLostName(Storage* storage) {
+  const int64_t now = CoarseNs();
+  if (std::exchange(storage->lookedAtNs_, now) == now) return false;
+  struct stat status;
+  return fstat(storage->descriptor_, &status) != 0 || status.st_nlink == 0;
 }
 
-// The object is gone with its lock; others see that at once.
+void ObjectNamespace::Unpark(const Storage* storage) {
+  for (Storage*& parked : parked_)
+    if (parked == storage) parked = nullptr;
+}
+
+// The object is gone for this process; others see that at once.
 void ObjectNamespace::Park(Storage* storage) {
-  DropHold(storage->descriptor_);
+  UsersOf(storage).Remove(storage->number_);
   storage->parkedSince_ = ++parkings_;
   Storage** oldest = &parked_[0];
   for (Storage*& parked : parked_) {
@@ -181,16 +205,18 @@ void ObjectNamespace::Park(Storage* storage) {
     if (parkings_ - parked->parkedSince_ > parkings_ - (*oldest)->parkedSince_) oldest = &parked;
   }
   if (Storage* evicted = std::exchange(*oldest, storage)) {
-    Leave(evicted->descriptor_, KeyOf(evicted));
+    Leave(evicted, KeyOf(evicted));
     Remove(evicted);
   }
 }
 
-void ObjectNamespace::Leave(int file, const ObjectKey& key) {
+// First no user, then not at the file: the number may be another process's as soon as its byte is not locked.
+void ObjectNamespace::Leave(Storage* storage, const ObjectKey& key) {
+  if (storage->number_ != kNoNumber) UsersOf(storage).Remove(std::exchange(storage->number_, kNoNumber));
   char fileName[kObjectFileNameSize];
   FormatObjectFileName(key, fileName);
   DWORD ignored;
-  LeaveFile(folder_.Open(key.user, &ignored), file, fileName);
+  LeaveFile(folder_.Open(key.user, &ignored), storage->descriptor_, fileName);
 }
 
 void ObjectNamespace::Unlink(int file, const ObjectKey& key) {
@@ -218,6 +244,7 @@ DWORD ObjectNamespace::NewInheritable(const StorageRequest& request, StorageRefe
   storage->state_ = MapState(storage->descriptor_);
   if (!storage->state_) return ERROR_NOT_ENOUGH_MEMORY;
   InitialiseState(*storage->state_, request);
+  MarkValid(*storage->state_);
   return ERROR_SUCCESS;
 }
 
@@ -248,13 +275,15 @@ DWORD ObjectNamespace::Acquire(const ObjectKey& key, const StorageRequest& reque
       *out = StorageReference(known);
       return ERROR_ALREADY_EXISTS;
     }
+    const DWORD result = left_ || HasLostName(known) ? kStartOver : Enter(known, key, request, create);
+    if (result == ERROR_FILE_NOT_FOUND || result == ERROR_INVALID_HANDLE) return result;
     Unpark(known);
-    const DWORD result = create && known->state_->kind == request.kind ? Enter(known, key, request, true) : kStartOver;
-    if (result == ERROR_SUCCESS || result == ERROR_ALREADY_EXISTS) {
+    if (IsObject(result)) {
       known->users_.store(1, std::memory_order_relaxed);
       *out = StorageReference(known);
       return result;
     }
+    if (!left_) Leave(known, key);
     Remove(known);
   }
   const DWORD result = left_ ? ERROR_NOT_SUPPORTED : OpenFile(key, request, create, out);
@@ -299,8 +328,8 @@ DWORD ObjectNamespace::OpenFile(const ObjectKey& key, const StorageRequest& requ
       return ERROR_NOT_ENOUGH_MEMORY;
     }
     storage->descriptor_ = file;
-    result = Enter(storage, key, request, create);
-    if (result == ERROR_SUCCESS || result == ERROR_ALREADY_EXISTS)
+    result = Attach(storage, key, request, create);
+    if (IsObject(result))
       *out = StorageReference(storage);
     else
       delete storage;
@@ -308,21 +337,26 @@ DWORD ObjectNamespace::OpenFile(const ObjectKey& key, const StorageRequest& requ
   return result == kStartOver ? ERROR_BUSY : result;
 }
 
-// Becomes a holder of the object through the storage's file: as its maker, or as one more user beside a living one.
-DWORD ObjectNamespace::Enter(Storage* storage, const ObjectKey& key, const StorageRequest& request, bool create) {
+// Stays at the storage's file, as its maker or beside others, and becomes a user of the object. With any other result
+// the file has been left.
+DWORD ObjectNamespace::Attach(Storage* storage, const ObjectKey& key, const StorageRequest& request, bool create) {
   const int file = storage->descriptor_;
   int64_t limit = 0;
   for (;;) {
     if (TryHoldExclusive(file)) return Make(storage, key, request, create);
-    if (HolderOf(file) == FileHolder::kUser && TryHoldShared(file)) return Join(storage, key, request.kind);
+    if (HolderOf(file) == FileHolder::kUser && TryHoldShared(file)) break;
     const int64_t now = MonotonicNs();
     if (limit == 0) limit = now + kMakerLimitNs;
     if (now > limit) return ERROR_BUSY;
     usleep(kMakerPauseUs);
   }
+  DWORD result = Map(storage);
+  if (result == ERROR_SUCCESS) result = Enter(storage, key, request, create);
+  if (!IsObject(result)) Leave(storage, key);
+  return result;
 }
 
-// Nobody holds the object: makes it and becomes its first user.
+// Nobody is at the file: makes the object in it and becomes its first user.
 DWORD ObjectNamespace::Make(Storage* storage, const ObjectKey& key, const StorageRequest& request, bool create) {
   const int file = storage->descriptor_;
   struct stat status;
@@ -339,42 +373,61 @@ DWORD ObjectNamespace::Make(Storage* storage, const ObjectKey& key, const Storag
   } else {
     if (status.st_size < off_t{kStateBytes} + static_cast<off_t>(request.sectionSize))
       result = Reserve(file, request.sectionSize);
-    if (result == ERROR_SUCCESS && !storage->state_) {
-      storage->state_ = MapState(file);
-      if (!storage->state_) result = ERROR_NOT_ENOUGH_MEMORY;
-    }
+    if (result == ERROR_SUCCESS && !(storage->state_ = MapState(file))) result = ERROR_NOT_ENOUGH_MEMORY;
     if (result != ERROR_SUCCESS) Unlink(file, key);
   }
-  if (result != ERROR_SUCCESS) {
-    DropHold(file);
-    return result;
+  if (result == ERROR_SUCCESS) {
+    storage->state_->mark.store(0, std::memory_order_relaxed);
+    UsersOf(storage).Initialise();
+    InitialiseState(*storage->state_, request);
+    MarkValid(*storage->state_);
+    ObjectGate gate(UsersOf(storage), file, &storage->number_);
+    if (gate.Entered())
+      gate.Add();
+    else
+      result = ERROR_BUSY;
   }
-  InitialiseState(*storage->state_, request);
-  TryHoldShared(file);  // lowers the lock in one step
-  return ERROR_SUCCESS;
+  if (result == ERROR_SUCCESS)
+    TryHoldShared(file);  // lowers the lock in one step
+  else
+    DropHolds(file);
+  return result;
 }
 
-// The shared lock is held, beside that of a user that lives or lived when it was asked for.
-DWORD ObjectNamespace::Join(Storage* storage, const ObjectKey& key, Kind kind) {
-  const int file = storage->descriptor_;
+// The shared lock is held, beside that of somebody who is or was at the file when that was asked for.
+DWORD ObjectNamespace::Map(Storage* storage) {
   struct stat status;
-  DWORD result = ERROR_ALREADY_EXISTS;
-  if (fstat(file, &status) != 0 || status.st_nlink == 0) {
-    result = kStartOver;
-  } else if (status.st_size < off_t{kStateBytes}) {
-    result = ERROR_INVALID_DATA;
-  } else {
-    if (!storage->state_) storage->state_ = MapState(file);
-    if (!storage->state_)
-      result = ERROR_NOT_ENOUGH_MEMORY;
-    else if (!IsValid(*storage->state_))
-      result = ERROR_INVALID_DATA;
-    else if (storage->state_->kind != kind)
-      result = ERROR_INVALID_HANDLE;
+  if (fstat(storage->descriptor_, &status) != 0 || status.st_nlink == 0) return kStartOver;
+  if (status.st_size < off_t{kStateBytes}) return ERROR_INVALID_DATA;
+  storage->state_ = MapState(storage->descriptor_);
+  if (!storage->state_) return ERROR_NOT_ENOUGH_MEMORY;
+  return IsValid(*storage->state_) ? ERROR_SUCCESS : ERROR_INVALID_DATA;
+}
+
+// Becomes a user of the object, beside others or as the one who makes it anew in the file.
+DWORD ObjectNamespace::Enter(Storage* storage, const ObjectKey& key, const StorageRequest& request, bool create) {
+  const int file = storage->descriptor_;
+  ObjectState& state = *storage->state_;
+  ObjectGate gate(UsersOf(storage), file, &storage->number_);
+  if (!gate.Entered()) return ERROR_BUSY;
+  if (gate.Retired()) {
+    Unlink(file, key);  // again: whoever retired it may have been killed before
+    return kStartOver;
   }
-  if (result == ERROR_ALREADY_EXISTS) return result;
-  Leave(file, key);
-  return result;
+  if (gate.AnyOther()) {
+    if (state.kind != request.kind) return ERROR_INVALID_HANDLE;
+    gate.Add();
+    return ERROR_ALREADY_EXISTS;
+  }
+  if (!create) return ERROR_FILE_NOT_FOUND;
+  if (state.kind == Kind::kMapping || request.kind == Kind::kMapping) {
+    gate.Retire();  // a section has memory of its own, see Make
+    Unlink(file, key);
+    return kStartOver;
+  }
+  InitialiseState(state, request);
+  gate.Add();
+  return ERROR_SUCCESS;
 }
 
 void ObjectNamespace::DropLast(Storage* storage) {
@@ -391,7 +444,7 @@ void ObjectNamespace::DropLast(Storage* storage) {
   } else if (storage->state_->kind == Kind::kMutex && !left_) {
     Park(storage);
   } else {
-    if (!left_) Leave(storage->descriptor_, KeyOf(storage));
+    if (!left_) Leave(storage, KeyOf(storage));
     Remove(storage);
   }
 }
@@ -407,7 +460,7 @@ void ObjectNamespace::LeaveAll() {
   for (Storage* storage : buckets_)
     for (; storage; storage = storage->nextInBucket_)
       // Mappings stay, and what another thread is still inside of: the end of the process gives that up.
-      if (storage->descriptor_ >= 0 && !storage->ownership.thread.load()) Leave(storage->descriptor_, KeyOf(storage));
+      if (storage->descriptor_ >= 0 && !storage->ownership.thread.load()) Leave(storage, KeyOf(storage));
   if (folder_.descriptor() >= 0) RemoveUnheldFiles(folder_.descriptor());
   folder_.RemoveIfEmpty();
   folder_.Forget();

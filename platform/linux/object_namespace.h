@@ -1,10 +1,11 @@
 /// @file
 /// The storage of kernel objects and the name space that all kinds share.
 ///
-/// A named object lives exactly while an open file description holds a shared lock on the first byte of its file in
-/// the user's folder; the file is only storage and may outlive the object. So a process that is killed holds nothing.
-/// There is one mapping of it for each name and process. Clean-up jobs that remove files in shared memory under
-/// running programs split an object in two: its holders go on, whoever comes later makes another.
+/// A named object is kept in a file in the user's folder. Whoever has the file open and mapped holds a shared lock on
+/// its first byte, so that it is neither removed nor used for something else; the object lives exactly while one of
+/// them is its user (object_users.h). The file is only storage and may outlive the object, and a process that is killed
+/// holds nothing. There is one mapping of it for each name and process. Clean-up jobs that remove files in shared
+/// memory under running programs split an object in two: its holders go on, whoever comes later makes another.
 #pragma once
 #include <pthread.h>
 
@@ -14,6 +15,7 @@
 
 #include "platform/linux/futex.h"
 #include "platform/linux/handle_table.h"
+#include "platform/linux/object_users.h"
 
 namespace qel::layer {
 
@@ -22,7 +24,7 @@ inline constexpr uint64_t kSectionDataOffset = 4096;
 
 /// What every process that has the object sees: the first page of its file. Not used: what the kind does not need.
 struct ObjectState {
-  std::atomic<uint32_t> mark;  ///< written last by the maker; names the layout
+  std::atomic<uint32_t> mark;  ///< written last by the maker of the file; names the layout
   Kind kind;
   Word word;                                        ///< event: bit 0 and changes; semaphore: count; timer: changes
   uint32_t parameter;                               ///< event, timer: manual reset; semaphore: greatest count
@@ -71,7 +73,9 @@ class Storage {
   ObjectState own_{};
   // The rest belongs to the name space.
   bool named_ = false;
+  uint32_t number_ = kNoNumber;  // this process's among those at the file
   uint32_t parkedSince_ = 0;
+  int64_t lookedAtNs_ = 0;  // when the file was last known to have its name
   uint64_t key_[3] = {};
   Storage* nextInBucket_ = nullptr;
 };

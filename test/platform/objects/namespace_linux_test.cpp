@@ -124,14 +124,15 @@ CHILD_ROLE(LeaveNothing) {
 }
 TEST(ObjectFolder, NothingIsLeftAfterTheLastOrderlyEnd) { PlayScenario("LeaveNothing"); }
 
-// A process that has the folder open while another removes it makes and finds objects in the next one.
+// A process that has the folder open while somebody removes it makes and finds objects in the next one.
 CHILD_ROLE(LoseFolder) {
   if (!UsePrivateSharedMemory()) return kSkipped;
   Handle(CreateEventW(nullptr, FALSE, FALSE, kName)).Close();
   Handle(CreateMutexW(nullptr, FALSE, kName)).Close();  // parked in it
-  REQUIRE(ChildProcess("EndOrderly").Wait() == 0);
-  REQUIRE(ListSharedMemory().empty());
+  for (const auto& entry : fs::directory_iterator("/dev/shm")) fs::remove_all(entry.path());
+  Sleep(100);  // the file is not looked for at once
   REQUIRE(WorksAsMutex());
+  REQUIRE(ListSharedMemory().size() == 2);
   ChildProcess holder("HoldAndHear");
   REQUIRE(holder.WaitForLine() == "held");
   const Handle joined = OpenMutexW(MUTEX_ALL_ACCESS, FALSE, L"left");
@@ -147,13 +148,38 @@ CHILD_ROLE(Park) {
     REQUIRE(WorksAsMutex());
     REQUIRE(OpenMutexW(MUTEX_ALL_ACCESS, FALSE, kName) == nullptr);
     REQUIRE(WorksAsMutex());
-    if (i == 1) REQUIRE(ChildProcess("OpenParked").Wait() == ERROR_FILE_NOT_FOUND);  // removes the file as well
+    if (i == 1) REQUIRE(ChildProcess("OpenParked").Wait() == ERROR_FILE_NOT_FOUND);
   }
   for (int i = 0; i < 100; ++i) Handle(CreateMutexW(nullptr, FALSE, (kName + std::to_wstring(i)).c_str())).Close();
   REQUIRE(ListSharedMemory().size() <= 17);  // only so many are kept at hand
   return 0;
 }
 TEST(ParkedMutexes, AreNoObjects) { PlayScenario("Park"); }
+
+// What this process has at hand neither keeps another's object alive nor hides it, and the name is free for a section.
+CHILD_ROLE(ParkBeside) {
+  if (!UsePrivateSharedMemory()) return kSkipped;
+  Handle(CreateMutexW(nullptr, FALSE, L"left")).Close();
+  {
+    ChildProcess killed("HoldAndHear");
+    REQUIRE(killed.WaitForLine() == "held");
+    const Handle joined = CreateMutexW(nullptr, FALSE, L"left");
+    REQUIRE(GetLastError() == ERROR_ALREADY_EXISTS);
+    REQUIRE(WaitForSingleObject(joined, 0) == WAIT_TIMEOUT);
+  }
+  REQUIRE(OpenMutexW(MUTEX_ALL_ACCESS, FALSE, L"left") == nullptr);
+  Handle again = CreateMutexW(nullptr, FALSE, L"left");
+  REQUIRE(GetLastError() == ERROR_SUCCESS);
+  REQUIRE(WaitForSingleObject(again, 0) == WAIT_OBJECT_0);
+  REQUIRE(ReleaseMutex(again));
+  again.Close();
+  const Handle section = CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 8192, L"left");
+  REQUIRE(section && GetLastError() == ERROR_SUCCESS);
+  const void* view = MapViewOfFile(section, FILE_MAP_READ, 0, 0, 0);
+  REQUIRE(view && *static_cast<const char*>(view) == 0);
+  return 0;
+}
+TEST(ParkedMutexes, StandInNobodysWay) { PlayScenario("ParkBeside"); }
 
 int FallBack() {
   for (int i = 0; i < 2; ++i) REQUIRE(WorksAsMutex());

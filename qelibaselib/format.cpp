@@ -25,8 +25,23 @@ class Sink {
     if (length_ + 1 < size_) buffer_[length_] = character;
     ++length_;
   }
+  // The loops work on variables of their own: to the compiler, each character that is written may be one of the
+  // members.
   void Put(const char* text, std::size_t count) {
-    for (std::size_t i = 0; i < count; ++i) Put(text[i]);
+    char* const out = buffer_ + length_;
+    const std::size_t fitting = Fitting(count);
+    for (std::size_t i = 0; i < fitting; ++i) out[i] = text[i];
+    length_ += count;
+  }
+  // At most `limit` characters, up to the terminator.
+  void PutText(const char* text, std::size_t limit) {
+    char* const out = buffer_ + length_;
+    const std::size_t fitting = Fitting(limit);
+    std::size_t count = 0;
+    for (; count < fitting && text[count]; ++count) out[count] = text[count];
+    if (count == fitting)
+      while (count < limit && text[count]) ++count;
+    length_ += count;
   }
   void Fill(char character, int count) {
     for (; count > 0; --count) Put(character);
@@ -37,6 +52,11 @@ class Sink {
   }
 
  private:
+  std::size_t Fitting(std::size_t count) const {
+    const std::size_t room = length_ + 1 < size_ ? size_ - 1 - length_ : 0;
+    return count < room ? count : room;
+  }
+
   char* const buffer_;
   const std::size_t size_;
   std::size_t length_ = 0;
@@ -151,7 +171,7 @@ void PutNarrow(Sink& sink, const Conversion& conversion, const char* text) {
     PutPadded(sink, conversion, text, count);
     return;
   }
-  for (std::size_t i = 0; i < limit && text[i]; ++i) sink.Put(text[i]);
+  sink.PutText(text, limit);
 }
 
 bool IsLeadingSurrogate(wchar_t character) {
@@ -227,15 +247,26 @@ std::int64_t TakeSigned(Arguments& arguments, Length length) {
   }
 }
 
+// Writes the digits in front of `end` and returns where they begin; none for 0.
+template <unsigned kBase>
+char* WriteDigits(std::uint64_t value, char letterOfTen, char* end) {
+  const auto write = [&](unsigned digit) {
+    *--end = static_cast<char>(digit < 10 ? '0' + digit : letterOfTen + digit - 10);
+  };
+  for (; value > UINT32_MAX; value /= kBase) write(static_cast<unsigned>(value % kBase));
+  for (auto rest = static_cast<std::uint32_t>(value); rest != 0; rest /= kBase) write(rest % kBase);
+  return end;
+}
+
 void PutInteger(Sink& sink, const Conversion& conversion, const char* prefix, std::uint64_t value, unsigned base,
                 bool upperCase) {
-  char reversed[24];
-  int digits = 0;
+  char text[24];
+  char* const end = text + sizeof(text);
   const char letterOfTen = upperCase ? 'A' : 'a';
-  for (; value != 0; value /= base) {
-    const auto digit = static_cast<char>(value % base);
-    reversed[digits++] = static_cast<char>(digit < 10 ? '0' + digit : letterOfTen + digit - 10);
-  }
+  const char* const first = base == 10   ? WriteDigits<10>(value, letterOfTen, end)
+                            : base == 16 ? WriteDigits<16>(value, letterOfTen, end)
+                                         : WriteDigits<8>(value, letterOfTen, end);
+  const auto digits = static_cast<int>(end - first);
   int prefixLength = 0;
   while (prefix[prefixLength]) ++prefixLength;
   int zeros = (conversion.precision == kUnset ? 1 : conversion.precision) - digits;
@@ -246,7 +277,7 @@ void PutInteger(Sink& sink, const Conversion& conversion, const char* prefix, st
   if (!conversion.left) sink.Fill(' ', padding);
   sink.Put(prefix, static_cast<std::size_t>(prefixLength));
   sink.Fill('0', zeros);
-  while (digits > 0) sink.Put(reversed[--digits]);
+  sink.Put(first, static_cast<std::size_t>(digits));
   if (conversion.left) sink.Fill(' ', padding);
 }
 
@@ -335,10 +366,10 @@ std::size_t FormatTextV(char* buffer, std::size_t size, const char* format, std:
   Arguments own;
   va_copy(own.list, arguments);
   while (*format) {
-    if (*format != '%') {
-      sink.Put(*format++);
-      continue;
-    }
+    const char* const text = format;
+    while (*format && *format != '%') ++format;
+    sink.Put(text, static_cast<std::size_t>(format - text));
+    if (!*format) break;
     Conversion conversion;
     format = ParseConversion(format + 1, own, conversion);
     PutConversion(sink, conversion, own);

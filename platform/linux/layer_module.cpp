@@ -6,6 +6,7 @@
 #include "platform/linux/module_list.h"
 #include "platform/linux/mutex.h"
 #include "platform/linux/object_namespace.h"
+#include "platform/linux/process_object.h"
 #include "platform/linux/thread_data.h"
 
 namespace qel::layer {
@@ -30,6 +31,7 @@ void InParent() { AfterFork(false); }
 void InChild() {
   AfterFork(true);
   t_thread.id = 0;
+  ForgetProcessId();
   ForgetMutexes();
   t_thread.object = nullptr;
 }

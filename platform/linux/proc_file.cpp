@@ -3,8 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
-
 namespace qel::layer {
 
 bool ProcFile::IsOurs(std::string_view text) const {
@@ -34,7 +32,7 @@ void ProcFile::CloseInChild() {
 // From where the last field was to the end.
 bool FieldReader::GoTo(std::string_view name) {
   for (;;) {
-    if (rest_.starts_with(name)) return true;
+    if (!rest_.empty() && rest_[0] == name[0] && rest_.starts_with(name)) return true;
     const size_t line = rest_.find('\n');
     if (line == std::string_view::npos) return false;
     rest_.remove_prefix(line + 1);
@@ -50,9 +48,11 @@ unsigned long long FieldReader::Find(std::string_view name) {
 }
 
 unsigned long long LeadingNumber(std::string_view text) {
-  size_t at = std::min(text.find_first_not_of(" \t"), text.size());
+  const char* at = text.data();
+  const char* const end = at + text.size();
+  while (at != end && (*at == ' ' || *at == '\t')) ++at;
   unsigned long long value = 0;
-  for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at) value = value * 10 + (text[at] - '0');
+  for (; at != end && *at >= '0' && *at <= '9'; ++at) value = value * 10 + static_cast<unsigned>(*at - '0');
   return value;
 }
 

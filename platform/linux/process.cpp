@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +19,8 @@ namespace qel::layer {
 namespace {
 
 constexpr int kMaskBits = 32;
+
+constinit std::atomic<DWORD> g_processId{0};  // stands in every log line
 
 BOOL Answer(DWORD error) {
   if (error != ERROR_SUCCESS) SetLastError(error);
@@ -94,13 +97,20 @@ DWORD OnlineProcessorMask() {
 }
 
 }  // namespace
+
+void ForgetProcessId() { g_processId.store(0, std::memory_order_relaxed); }
+
 }  // namespace qel::layer
 
 using namespace qel::layer;
 
 HANDLE GetCurrentProcess() { return reinterpret_cast<HANDLE>(static_cast<LONG_PTR>(-1)); }
 
-DWORD GetCurrentProcessId() { return static_cast<DWORD>(getpid()); }
+DWORD GetCurrentProcessId() {
+  DWORD id = g_processId.load(std::memory_order_relaxed);
+  if (id == 0) g_processId.store(id = static_cast<DWORD>(getpid()), std::memory_order_relaxed);
+  return id;
+}
 
 BOOL GetProcessAffinityMask(HANDLE handle, PDWORD_PTR processMask, PDWORD_PTR systemMask) {
   const ProcessTarget process(handle);

@@ -39,4 +39,7 @@ class Process final : public Waitable {
 /// Lives for ever.
 Process* CurrentProcess();
 
+/// In a forked child.
+void ForgetProcessId();
+
 }  // namespace qel::layer

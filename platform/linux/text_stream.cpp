@@ -41,13 +41,23 @@ ssize_t Write(void* cookie, const char* data, size_t length) {
   const auto* stream = static_cast<TextStream*>(cookie);
   char out[2 * BUFSIZ];
   size_t used = 0;
-  for (size_t i = 0; i < length; ++i) {
+  const char* const end = data + length;
+  while (data != end) {
     if (used + 2 > sizeof out) {
       if (!WriteAll(stream->descriptor, out, used)) return 0;
       used = 0;
     }
-    if (data[i] == '\n') out[used++] = '\r';
-    out[used++] = data[i];
+    if (*data == '\n') {
+      out[used++] = '\r';
+      out[used++] = *data++;
+      continue;
+    }
+    const size_t part = std::min<size_t>(end - data, sizeof out - used);
+    const void* const lineFeed = std::memchr(data, '\n', part);
+    const size_t text = lineFeed ? static_cast<const char*>(lineFeed) - data : part;
+    std::memcpy(out + used, data, text);
+    used += text;
+    data += text;
   }
   return WriteAll(stream->descriptor, out, used) ? static_cast<ssize_t>(length) : 0;
 }

@@ -107,6 +107,7 @@ TEST_F(OperationsTest, CopyRefuses) {
       {L"nodir\\x", L"new", FALSE, Failure(3)}, {L"f", L"nodir\\x", FALSE, Failure(3)},
       {L"missing", L"a?", FALSE, Failure(2)},   {L"f", L"a?", FALSE, Failure(123)},
       {L"", L"new", FALSE, Failure(3)},         {L"f", L"", FALSE, Failure(3)},
+      {L"ro", L"ro", FALSE, Failure(32)},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(testing::Message() << row.from << L" to " << row.to);
@@ -115,6 +116,7 @@ TEST_F(OperationsTest, CopyRefuses) {
   if (PermissionsHold()) {
     EXPECT_EQ(Copy(L"f", L"ro"), Failure(5));
   }
+  EXPECT_EQ(Read("f"), "source");
   EXPECT_EQ(Read("ro"), "read-only");
   EXPECT_EQ(Read("other"), "other");
   SetAttributes("other", FILE_ATTRIBUTE_HIDDEN);

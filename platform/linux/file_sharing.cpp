@@ -89,10 +89,11 @@ void SharingGate::Unlock() {
 
 // Whoever sees the byte here in passing waits at the gate until it is gone, so no look ahead is needed.
 DWORD SharingGate::Enter(ShareMode mode) {
-  if (held_ && PlaceAndLook(descriptor_, mode, nullptr) != Answer::kConflict) return ERROR_SUCCESS;
+  if (!held_) return EnterSharing(descriptor_, mode);
+  if (PlaceAndLook(descriptor_, mode, nullptr) != Answer::kConflict) return ERROR_SUCCESS;
   Unlock();
   const DWORD error = EnterSharing(descriptor_, mode);
-  Lock();
+  if (!error) Lock();
   return error;
 }
 

@@ -39,7 +39,7 @@ class SharingGate {
   SharingGate& operator=(const SharingGate&) = delete;
   ~SharingGate() { Unlock(); }
 
-  /// As EnterSharing, and the gate is held again.
+  /// As EnterSharing; with success the gate is held as before.
   DWORD Enter(ShareMode mode);
   /// The descriptor is closed next, which unlocks as well.
   void LeaveToClose() { held_ = false; }

@@ -261,14 +261,8 @@ BOOL FindNextFileW(HANDLE find, LPWIN32_FIND_DATAW data) {
 }
 
 BOOL FindClose(HANDLE find) {
-  {
-    const Pin pin(find);
-    if (!pin.As<Search>(Kind::kFind)) {
-      SetLastError(ERROR_INVALID_HANDLE);
-      return FALSE;
-    }
-  }
-  if (RemoveHandle(find)) return TRUE;
+  const Pin pin(find);
+  if (pin.As<Search>(Kind::kFind) && pin.Close()) return TRUE;
   SetLastError(ERROR_INVALID_HANDLE);
   return FALSE;
 }

@@ -90,6 +90,25 @@ void Absolute(const std::string& what, double goalMicroseconds, const Body& ours
   std::fflush(stdout);
 }
 
+void CompareFigures(const std::string& what, const char* unit, double low, double high, const Figure& ours,
+                    const Figure& byHand, int rounds) {
+  std::vector<double> own, other, ratios;
+  for (int round = 0; round < rounds; ++round) {
+    other.push_back(byHand());
+    own.push_back(ours());
+    ratios.push_back(own.back() / other.back());
+  }
+  const double ratio = Median(ratios);
+  const auto [least, most] = std::minmax_element(ratios.begin(), ratios.end());
+  char mine[32], theirs[32], goal[48];
+  std::snprintf(mine, sizeof mine, "%.0f %s", Median(own), unit);
+  std::snprintf(theirs, sizeof theirs, "%.0f %s", Median(other), unit);
+  std::snprintf(goal, sizeof goal, "%.2f..%.2f", low, high);
+  std::printf("  %-44s %11s / %11s = %5.2f (%.2f..%.2f)  goal %-20s %s\n", what.c_str(), mine, theirs, ratio, *least,
+              *most, goal, ratio >= low && ratio <= high ? "met" : "MISSED");
+  std::fflush(stdout);
+}
+
 void Section(const std::string& title) { std::printf("%s\n", title.c_str()); }
 
 const std::string& Folder() {

@@ -25,6 +25,11 @@ void Compare(const std::string& what, double goalRatio, const Body& ours, const 
 // A goal in microseconds for a call that has no counterpart.
 void Absolute(const std::string& what, double goalMicroseconds, const Body& ours, Options options = {});
 
+// For what reports a figure itself. Goal: ours from `low` to `high` times the other.
+using Figure = std::function<double()>;
+void CompareFigures(const std::string& what, const char* unit, double low, double high, const Figure& ours,
+                    const Figure& byHand, int rounds = 11);
+
 // Prevents the compiler from dropping a result.
 template <class T>
 inline void Keep(const T& value) {

@@ -1,5 +1,5 @@
-// demo --work FOLDER [IMAGE_FOLDER]: a host program that uses the library for its everyday work. Everything that it
-// makes lies in FOLDER; without an image folder, or with an empty one, it makes a few images.
+// demo --work FOLDER [IMAGE_FOLDER [MODULE]]: a host program that uses the library for its everyday work. Everything
+// that it makes lies in FOLDER; without an image folder, or with an empty one, it makes a few images.
 #include <omp.h>
 
 #include <cstdio>
@@ -29,7 +29,7 @@ int main(int argumentCount, char** argumentValues) {
   int exitCode = 0;
   if (PlayRole(arguments, exitCode)) return exitCode;
   if (arguments.size() < 2 || arguments[0] != "--work") {
-    std::fprintf(stderr, "usage: demo --work FOLDER [IMAGE_FOLDER]\n");
+    std::fprintf(stderr, "usage: demo --work FOLDER [IMAGE_FOLDER [MODULE]]\n");
     return 2;
   }
   char program[MAX_PATH];
@@ -49,7 +49,7 @@ int main(int argumentCount, char** argumentValues) {
   ShowTrees(folders);
   ShowSurvivedFault();
   ShowStartUpChecks();
-  ShowModuleVersion(arguments.size() > 3 ? Wide(arguments[3]) : Wide(program));
+  ShowModuleVersion(arguments.size() > 3 ? Wide(arguments[3]) : MakeModule(folders.work));
   ShowBenchmark();
   ShowCrashReport(folders);
   ShowLogFolder(folders);

@@ -143,18 +143,6 @@ void ShowStartUpChecks() {
               VemoChkOSVer() ? "yes" : "no");
 }
 
-void ShowModuleVersion(const std::wstring& module) {
-  Title("version strings of a module");
-  void* version = CreateCFileVersion(module.c_str());
-  if (char** strings = GetVerCFileVersion(version))
-    std::printf("  %s %s, %s\n", strings[kVersionProductName] ? strings[kVersionProductName] : "?",
-                strings[kVersionFileVersion] ? strings[kVersionFileVersion] : "?",
-                strings[kVersionFileDescription] ? strings[kVersionFileDescription] : "");
-  else
-    std::printf("  %s: no version resource\n", Narrow(module).c_str());
-  ReleaseCFileVersion(version);
-}
-
 void ShowBenchmark() {
   Title("benchmark of this machine");
   CQelSystemBenchmark benchmark;

@@ -13,6 +13,8 @@ void ShowSharedMemory(const Folders& folders);
 void ShowTrees(const Folders& folders);
 void ShowSurvivedFault();
 void ShowStartUpChecks();
+// A smallest module with a version resource; its path.
+std::wstring MakeModule(const std::wstring& folder);
 void ShowModuleVersion(const std::wstring& module);
 void ShowBenchmark();
 void ShowCrashReport(const Folders& folders);

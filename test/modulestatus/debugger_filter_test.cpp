@@ -1,12 +1,18 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <filesystem>
 #include <string>
+#include <utility>
 
 #include "qelibaselib/qelibaselib.h"
 #include "test/modulestatus/captured_fault.h"
+#include "test/modulestatus/report_reader.h"
+#include "test/support/child_process.h"
 #include "test/support/log_folder.h"
 #include "test/support/replace_call.h"
+#include "test/support/sanitizer.h"
+#include "test/support/scratch_folder.h"
 
 namespace qel::test {
 namespace {
@@ -140,6 +146,66 @@ TEST(DebuggerFilter, SearchesOnAfterAFailure) {
   // A fault on the way is swallowed.
   EXPECT_EQ(AeDebuggerUnhandledExceptionFilter(), EXCEPTION_CONTINUE_SEARCH);
   EXPECT_EQ(start.Calls(), 1);
+}
+
+constexpr int kHandedOver = 7;
+std::string g_registered, g_debuggersFile;
+
+// What a host does with a fault that nobody takes.
+LONG WINAPI ReportAndAskDebugger(EXCEPTION_POINTERS* fault) {
+  VemoExceptLogOut(L"fault", "", fault->ExceptionRecord, fault->ContextRecord, 1, "host.cpp");
+  const LONG result = AeDebuggerUnhandledExceptionFilter();
+  // An attached debugger would have the process now.
+  if (result == EXCEPTION_CONTINUE_EXECUTION && std::filesystem::exists(g_debuggersFile)) {
+    TerminateProcess(GetCurrentProcess(), kHandedOver);
+  }
+  return result;
+}
+
+// arguments: what is registered, the file that the debugger writes.
+CHILD_ROLE(FaultWithDebugger) {
+  LogFolder();
+  g_registered = arguments[0];
+  g_debuggersFile = arguments[1];
+  const auto profile = STAND_IN(GetProfileStringA, [](int, const char*, const char*, const char*, char* text,
+                                                      DWORD size) { return Profile(g_registered, text, size); });
+  SetUnhandledExceptionFilter(&ReportAndAskDebugger);
+  return CallReadThrough(nullptr);
+}
+
+// arguments: the process, its event, a file that says that it was here.
+CHILD_ROLE(AttachDebugger) {
+  WriteWholeFile(arguments[2], arguments[0]);
+  return SetEvent(reinterpret_cast<HANDLE>(std::stoul(arguments[1]))) ? 0 : 1;
+}
+
+TEST(DebuggerFilter, HandsAFaultToARealDebugger) {
+  SKIP_UNDER_ASAN();
+  LogFolder();
+  const ScratchFolder folder;
+  const auto file = folder.Path() / "debugger.txt";
+  const auto reportFile = ChannelFile(channel::kExceptionReport);
+  char program[MAX_PATH];
+  GetModuleFileNameA(nullptr, program, MAX_PATH);
+  const std::string debugger = std::string(program) + " --role=AttachDebugger %lu %lu " + file.string();
+  const int diedOfFault = sizeof(wchar_t) == 2 ? static_cast<int>(EXCEPTION_ACCESS_VIOLATION) : -11;
+  for (const auto& [registered, end] : {std::pair{debugger, kHandedOver},
+                                        {(folder.Path() / "no debugger").string() + " %lu %lu", diedOfFault},
+                                        {std::string(), diedOfFault}}) {
+    SCOPED_TRACE(registered);
+    std::filesystem::remove(reportFile);
+    ChildProcess child("FaultWithDebugger", {registered, file.string()});
+    EXPECT_EQ(child.Wait(), end);
+    if (end == kHandedOver) {
+      EXPECT_EQ(ReadWholeFile(file), std::to_string(child.Id()));
+      std::filesystem::remove(file);
+    }
+    EXPECT_FALSE(std::filesystem::exists(file));
+    ReportReader reader(ReadWholeFile(reportFile));
+    EXPECT_EQ(ReadExceptionReport(reader).frames.at(0).function, "ReadThrough");
+    EXPECT_TRUE(reader.AtEnd());
+  }
+  std::filesystem::remove(reportFile);
 }
 
 TEST(ThreadPriority, CorrespondsToAProcessPriority) {

@@ -14,7 +14,7 @@ void** g_landing = nullptr;
 // The run-time keeps memory for exceptions that get none of the heap, behind a lock that is made by its first user. So
 // this is one: it asks for more than there is, and leaves the end of the process that follows.
 __attribute__((noinline)) void MakeLockOfReserve() {
-  constexpr size_t kMoreThanThereIs = 0x7FFF0000;
+  constexpr size_t kMoreThanThereIs = 0xFFFF0000;
   void* landing[5];
   g_landing = landing;
   const auto terminate = std::set_terminate([] { __builtin_longjmp(g_landing, 1); });

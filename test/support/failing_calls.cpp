@@ -8,7 +8,8 @@ namespace qel::test {
 namespace {
 
 // Returns whether the nth call was reached.
-bool RunWithFailure(const FailingCall& call, int nth, bool forEver, const std::function<void(const FailedRun&)>& run) {
+bool RunWithFailure(const FailingCall& call, int nth, bool forEver, const std::function<void(const FailedRun&)>& run,
+                    bool countHandles = true) {
   SCOPED_TRACE(std::string(call.name) + " fails " + (forEver ? "from call " : "at call ") + std::to_string(nth));
   const unsigned long handles = OpenHandleCount();
   bool reached;
@@ -18,7 +19,9 @@ bool RunWithFailure(const FailingCall& call, int nth, bool forEver, const std::f
     run(failed);
     reached = failed.HasFailed();
   }
-  EXPECT_EQ(OpenHandleCount(), handles);
+  if (countHandles) {
+    EXPECT_EQ(OpenHandleCount(), handles);
+  }
   return reached;
 }
 
@@ -28,6 +31,7 @@ void FailEachCall(const std::vector<FailingCall>& calls, const std::function<voi
   for (const FailingCall& call : calls) {
     for (const bool forEver : {false, true}) {
       if (forEver && !call.mayFailForEver) continue;
+      RunWithFailure(call, 1, forEver, run, false);  // Wine opens things of its own at the first use
       for (int nth = 1; RunWithFailure(call, nth, forEver, run); ++nth) {
         if (testing::Test::HasFailure()) return;  // one is enough to look at
       }

@@ -68,40 +68,32 @@ DWORD SystemPath::Parse(LPCWSTR name, LPCWSTR end) {
 
 DWORD SystemPath::AddComponents(LPCWSTR name, LPCWSTR end) {
   while (name != end) {
-    LPCWSTR next = name;
-    while (next != end && !IsSeparator(*next)) ++next;
-    if (const DWORD error = AddComponent(name, next)) return error;
-    name = next == end ? end : next + 1;
+    char* out = text_ + length_;
+    if (length_ > start_) *out++ = '/';
+    const LPCWSTR first = name;
+    for (; name != end && !IsSeparator(*name); ++name) {
+      if (out + kLongestUtf8 + 2 > text_ + kSize) return ERROR_PATH_NOT_FOUND;
+      out = EncodeUtf8(*name, out);
+    }
+    const auto length = static_cast<size_t>(name - first);
+    if (name != end) ++name;
+    if (length == 0 || (length == 1 && first[0] == L'.')) continue;
+    if (length == 2 && first[0] == L'.' && first[1] == L'.' && GoToParent()) continue;
+    characters_ += length + (length_ > start_);
+    length_ = static_cast<size_t>(out - text_);
   }
   return ERROR_SUCCESS;
 }
 
-DWORD SystemPath::AddComponent(LPCWSTR name, LPCWSTR end) {
-  const auto length = static_cast<size_t>(end - name);
-  if (length == 0 || (length == 1 && name[0] == L'.')) return ERROR_SUCCESS;
-  if (length == 2 && name[0] == L'.' && name[1] == L'.') {
-    if (length_ > start_ && !EndsInParent()) {
-      text_[length_] = 0;
-      const char* last = std::strrchr(text_, '/');
-      const size_t kept = last ? static_cast<size_t>(last - text_) : 0;
-      characters_ -= CountCharacters(text_ + (kept > start_ ? kept : start_));
-      length_ = kept > start_ ? kept : start_;
-      return ERROR_SUCCESS;
-    }
-    if (start_ == 1) return ERROR_SUCCESS;  // the root is its own parent
-  }
-  if (length_ > start_) {
-    text_[length_++] = '/';
-    ++characters_;
-  }
-  char* out = text_ + length_;
-  for (; name != end; ++name) {
-    if (out + kLongestUtf8 + 2 > text_ + kSize) return ERROR_PATH_NOT_FOUND;
-    out = EncodeUtf8(*name, out);
-  }
-  length_ = static_cast<size_t>(out - text_);
-  characters_ += length;
-  return ERROR_SUCCESS;
+// False when the path is a relative one that has nothing to remove: then ".." stands in it.
+bool SystemPath::GoToParent() {
+  if (length_ == start_ || EndsInParent()) return start_ == 1;  // the root is its own parent
+  text_[length_] = 0;
+  const char* last = std::strrchr(text_, '/');
+  const size_t kept = last ? static_cast<size_t>(last - text_) : 0;
+  characters_ -= CountCharacters(text_ + (kept > start_ ? kept : start_));
+  length_ = kept > start_ ? kept : start_;
+  return true;
 }
 
 bool SystemPath::EndsInParent() const {

@@ -45,7 +45,7 @@ class SystemPath {
 
  private:
   DWORD AddComponents(LPCWSTR name, LPCWSTR end);
-  DWORD AddComponent(LPCWSTR name, LPCWSTR end);
+  bool GoToParent();
   void RemoveTrailingDotsAndBlanks();
   bool EndsInParent() const;
 

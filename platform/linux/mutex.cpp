@@ -1,5 +1,7 @@
 #include "platform/linux/mutex.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 
 #include "platform/linux/block_reserve.h"
@@ -40,14 +42,29 @@ void Disown(Storage& storage) {
   if (keeps) storage.DropUser();
 }
 
+// About 15 us, as long as a sleep and the waking from it cost: most mutexes are held for less, a log line's for a
+// third. Of no use where nobody else can run meanwhile.
+int Spin(pthread_mutex_t& mutex) {
+  constexpr int kTries = 30, kPauses = 20;
+  static const bool alone = sysconf(_SC_NPROCESSORS_ONLN) < 2;
+  if (alone) return EBUSY;
+  int result = EBUSY;
+  for (int i = 0; i < kTries && result == EBUSY; ++i) {
+    for (int pause = 0; pause < kPauses; ++pause) __builtin_ia32_pause();
+    result = pthread_mutex_trylock(&mutex);
+  }
+  return result;
+}
+
+}  // namespace
+
 int LockUntil(pthread_mutex_t& mutex, int64_t deadlineNs) {
+  if (const int result = Spin(mutex); result != EBUSY) return result;
   if (deadlineNs == kNever) return pthread_mutex_lock(&mutex);
   const timespec deadline = {static_cast<time_t>(deadlineNs / kNsPerSecond),
                              static_cast<long>(deadlineNs % kNsPerSecond)};
   return pthread_mutex_clocklock(&mutex, CLOCK_MONOTONIC, &deadline);
 }
-
-}  // namespace
 
 void InitialiseMutex(pthread_mutex_t& mutex, bool owned) {
   pthread_mutexattr_t attributes;

@@ -10,6 +10,9 @@ namespace qel::layer {
 /// Makes a mutex in memory that no thread has locked; `owned` by the calling thread at once.
 void InitialiseMutex(pthread_mutex_t& mutex, bool owned);
 
+/// For one that a try did not get: tries for a moment more, then sleeps. Returns what pthread_mutex_clocklock does.
+int LockUntil(pthread_mutex_t& mutex, int64_t deadlineNs);
+
 class Mutex final : public StoredObject {
  public:
   static void* operator new(size_t bytes, const std::nothrow_t&) noexcept;

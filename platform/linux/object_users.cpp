@@ -2,7 +2,6 @@
 
 #include <bit>
 #include <cerrno>
-#include <ctime>
 
 #include "platform/linux/futex.h"
 #include "platform/linux/mutex.h"
@@ -12,16 +11,10 @@ namespace qel::layer {
 namespace {
 
 constexpr int64_t kGateLimitNs = 10 * kNsPerSecond;  // a process that was stopped must not stop everybody
-constexpr int kSpins = 100;                          // the gate is held for less than a sleep takes
 
-int LockBriefly(pthread_mutex_t& mutex) {
-  for (int i = 0; i < kSpins; ++i) {
-    if (const int result = pthread_mutex_trylock(&mutex); result != EBUSY) return result;
-    __builtin_ia32_pause();
-  }
-  const int64_t limitNs = MonotonicNs() + kGateLimitNs;
-  const timespec limit = {static_cast<time_t>(limitNs / kNsPerSecond), static_cast<long>(limitNs % kNsPerSecond)};
-  return pthread_mutex_clocklock(&mutex, CLOCK_MONOTONIC, &limit);
+int LockGate(pthread_mutex_t& gate) {
+  const int result = pthread_mutex_trylock(&gate);
+  return result == EBUSY ? LockUntil(gate, MonotonicNs() + kGateLimitNs) : result;
 }
 
 }  // namespace
@@ -56,7 +49,7 @@ ObjectGate::~ObjectGate() {
 // A process that was killed in the gate is on its way out, though its byte may still be locked: whatever it had begun,
 // it is no user.
 bool ObjectGate::Lock() {
-  const int result = LockBriefly(users_.gate_);
+  const int result = LockGate(users_.gate_);
   if (result != EOWNERDEAD) return result == 0;
   pthread_mutex_consistent(&users_.gate_);
   if (const uint32_t inside = users_.inside_.exchange(0)) users_.Remove(inside - 1);

@@ -152,7 +152,7 @@ DWORD EndFileHere(const File& file) {
   if (const int error = ReadStatus(file.descriptor(), status)) return ErrorFromErrno(error);
   const off_t end = Position(file.descriptor()), size = static_cast<off_t>(status.size);
   if (end > size) return GrowFile(file.descriptor(), size, end);
-  return end == size || ftruncate(file.descriptor(), end) == 0 ? ERROR_SUCCESS : ErrorFromErrno(errno);
+  return end == size ? ERROR_SUCCESS : CutFile(file.descriptor(), status, end);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "platform/linux/file_attributes.h"
 
 #include <fcntl.h>
+#include <sys/sysmacros.h>
 #include <sys/xattr.h>
 
 #include <cerrno>
@@ -108,7 +109,7 @@ int ReadStatus(int folder, const char* name, int flags, FileStatus& status) {
   if (statx(folder, name, flags, STATX_BASIC_STATS | STATX_BTIME, &found) != 0) return errno;
   status.mode = found.stx_mode;
   status.links = found.stx_nlink;
-  status.device = static_cast<unsigned long long>(found.stx_dev_major) << 32 | found.stx_dev_minor;
+  status.device = makedev(found.stx_dev_major, found.stx_dev_minor);
   status.node = found.stx_ino;
   status.size = S_ISDIR(found.stx_mode) ? 0 : found.stx_size;
   status.written = FileTime(found.stx_mtime);

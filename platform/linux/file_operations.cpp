@@ -15,6 +15,7 @@
 #include "platform/linux/file_copy.h"
 #include "platform/linux/file_sharing.h"
 #include "platform/linux/path.h"
+#include "platform/linux/view_table.h"
 
 namespace qel::layer {
 namespace {
@@ -63,6 +64,7 @@ DWORD Delete(LPCWSTR name) {
   const DWORD error = ActOnFile(path, [&](const FileStatus& status) -> DWORD {
     if (status.IsFolder() || status.IsReadOnlyFile()) return ERROR_ACCESS_DENIED;
     if (path.EndsInSeparator()) return ERROR_INVALID_NAME;
+    if (RegionTable().ShowsBehind({status.device, status.node}, 0)) return ERROR_ACCESS_DENIED;
     return unlink(path.text()) == 0 ? ERROR_SUCCESS : PathError(errno, path);
   });
   return error == ERROR_FILE_NOT_FOUND && path.EndsInSeparator() ? path.SeparatorError() : error;

@@ -56,6 +56,7 @@ DWORD Extend(int descriptor, off_t size, off_t wanted) {
 DWORD SetSize(int descriptor, uint64_t wanted, Mapping::Contents* contents) {
   struct stat status;
   if (fstat(descriptor, &status) != 0) return ErrorFromErrno(errno);
+  contents->identity = {status.st_dev, status.st_ino};
   const uint64_t size = status.st_size;
   if (wanted == 0 && size == 0) return ERROR_FILE_INVALID;
   contents->bytes = wanted ? wanted : size;
@@ -89,7 +90,7 @@ DWORD Create(HANDLE file, DWORD protection, uint64_t bytes, LPCWSTR name, HANDLE
   if (!IsKnownProtection(protection)) return ERROR_INVALID_PARAMETER;
   const bool isFile = file && file != INVALID_HANDLE_VALUE;
   const bool isNamed = name && name[0];
-  Mapping::Contents contents = {nullptr, 0, bytes, protection, false};
+  Mapping::Contents contents = {nullptr, 0, bytes, protection, false, {}};
   if (!isFile && bytes == 0) return ERROR_INVALID_PARAMETER;
   DWORD error = isFile ? UseFile(file, bytes, &contents) : CheckCommit(bytes);
   if (error == ERROR_SUCCESS && !isFile && !isNamed) error = MakePageFile(&contents);

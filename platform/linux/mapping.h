@@ -22,6 +22,7 @@ class Mapping : public Object {
     uint64_t bytes;
     DWORD protection;  ///< PAGE_READONLY, PAGE_READWRITE or PAGE_WRITECOPY
     bool isFile;
+    FileIdentity identity = {};  ///< of the file, if it is one
   };
 
   /// `name` is empty for a mapping without one. The name lives as long as a handle of it does, here or elsewhere.

@@ -91,6 +91,7 @@ DWORD OpenRecordedFile(const Storage& storage, DWORD protection, Mapping::Conten
   contents->descriptor = std::make_shared<SharedDescriptor>(descriptor);
   contents->start = 0;
   contents->bytes = record->bytes;
+  contents->identity = {record->device, record->inode};
   return IsFileOf(*record.operator->(), descriptor) ? ERROR_SUCCESS : ERROR_FILE_NOT_FOUND;
 }
 
@@ -101,6 +102,7 @@ DWORD UseOwnData(const Storage& storage, uint64_t bytes, Mapping::Contents* cont
   contents->descriptor = std::make_shared<SharedDescriptor>(descriptor);
   contents->start = kSectionDataOffset;
   contents->bytes = bytes;
+  contents->identity = {};
   return ERROR_SUCCESS;
 }
 

@@ -11,6 +11,8 @@
 #include "platform/linux/error.h"
 #include "platform/linux/file.h"
 #include "platform/linux/synchronization.h"
+#include "platform/linux/text.h"
+#include "platform/linux/view_table.h"
 
 namespace qel::layer {
 namespace {
@@ -98,7 +100,7 @@ DWORD OpenedFile::OpenDescriptor(const SystemPath& path, const OpenRequest& requ
 
 DWORD OpenedFile::Enter(const OpenRequest& request) {
   mode_ = request.mode;
-  if (mode_.access != 0) {
+  if (mode_.access != 0 && request.shared) {
     if (const DWORD error = EnterSharing(descriptor_, mode_, !existed_, &rangesLocked_)) return error;
     entered_ = true;
   }
@@ -127,13 +129,20 @@ DWORD OpenedFile::CheckExisting(const OpenRequest& request) const {
 
 DWORD OpenedFile::SetContentsAndAttributes(const OpenRequest& request) {
   if (existed_ && !Empties(request.disposition)) return ERROR_SUCCESS;
-  if (existed_ && status_.size > 0 && ftruncate(descriptor_, 0) != 0) return ErrorFromErrno(errno);
+  if (existed_ && status_.size > 0)
+    if (const DWORD error = CutFile(descriptor_, status_, 0)) return error;
   if (request.disposition == TRUNCATE_EXISTING) return ERROR_SUCCESS;
   constexpr DWORD kUsual = FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_NORMAL;
   const bool special = (request.attributes & ~kUsual) || (existed_ && (status_.mode & S_ISVTX));
   if (!special || (!existed_ && !(request.attributes & ~kUsual & ~FILE_ATTRIBUTE_READONLY))) return ERROR_SUCCESS;
   const int error = WriteAttributes(descriptor_, status_, request.attributes | FILE_ATTRIBUTE_ARCHIVE);
   return error ? ErrorFromErrno(error) : ERROR_SUCCESS;
+}
+
+DWORD CutFile(int descriptor, const FileStatus& status, off_t size) {
+  if (RegionTable().ShowsBehind({status.device, status.node}, static_cast<uint64_t>(size)))
+    return ERROR_USER_MAPPED_FILE;
+  return ftruncate(descriptor, size) == 0 ? ERROR_SUCCESS : ErrorFromErrno(errno);
 }
 
 DWORD GrowFile(int descriptor, off_t from, off_t to) {
@@ -195,6 +204,9 @@ DWORD ReadRequest(DWORD access, DWORD share, DWORD disposition, DWORD flags, Ope
   return ERROR_SUCCESS;
 }
 
+// By these names alone: with a folder or an extension it is the name of a file that may well exist here.
+bool IsNullDevice(LPCWSTR name) { return _wcsnicmp(name, L"NUL", 4) == 0 || _wcsnicmp(name, L"\\\\.\\NUL", 8) == 0; }
+
 DWORD Create(LPCWSTR name, const OpenRequest& request, bool overlapped, HANDLE& handle, bool& existed) {
   SystemPath path;
   if (const DWORD error = path.Parse(name)) return error;
@@ -223,6 +235,11 @@ HANDLE CreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTE
   HANDLE handle = nullptr;
   bool existed = false;
   DWORD error = ReadRequest(access, share, disposition, flagsAndAttributes, request);
+  if (!error && name && IsNullDevice(name)) {
+    name = L"/dev/null";
+    request.disposition = disposition = OPEN_EXISTING;
+    request.deletes = request.shared = false;
+  }
   if (!error) error = Create(name, request, (flagsAndAttributes & FILE_FLAG_OVERLAPPED) != 0, handle, existed);
   const bool opensAnyway = disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS;
   SetLastError(!error && existed && opensAnyway ? ERROR_ALREADY_EXISTS : error);

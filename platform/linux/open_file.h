@@ -21,6 +21,7 @@ struct OpenRequest {
   bool folders = false;  // may be a folder
   bool deletes = false;  // at the close
   bool writesThrough = false;
+  bool shared = true;         // has share modes; the null device has none
   mode_t permissions = 0666;  // of a file that is made
   // Of a copy: the file that the target must not be. Most targets are new, so that making one is tried first.
   const FileStatus* source = nullptr;
@@ -99,5 +100,8 @@ class File final : public Object {
 
 /// Lengthens a file with all its blocks, so that a full disk is known now and not at a later write into a view.
 DWORD GrowFile(int descriptor, off_t from, off_t to);
+
+/// Shortens a file, of which no view of this process may show what goes: ERROR_USER_MAPPED_FILE.
+DWORD CutFile(int descriptor, const FileStatus& status, off_t size);
 
 }  // namespace qel::layer

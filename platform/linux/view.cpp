@@ -69,7 +69,8 @@ DWORD Map(HANDLE handle, DWORD access, uint64_t offset, SIZE_T bytes, void** vie
                          kind.protection,
                          {},
                          kind.protection == PAGE_READWRITE && contents.isFile ? contents.descriptor : nullptr,
-                         contents.start + offset};
+                         contents.start + offset,
+                         contents.identity};
   const size_t pages = region.bytes;
   void* const got =
       MapAnywhere({pages, kind.system, kind.flags, contents.descriptor->get(), static_cast<off_t>(region.offset)});

@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -42,6 +43,13 @@ RegionTable::Regions::iterator RegionTable::Find(uint32_t address) {
   if (region == All().begin()) return end();
   --region;
   return address - region->first < region->second.bytes ? region : end();
+}
+
+bool RegionTable::ShowsBehind(const FileIdentity& file, uint64_t size) const {
+  return std::any_of(All().begin(), All().end(), [&](const auto& entry) {
+    const MemoryRegion& region = entry.second;
+    return region.identity == file && region.offset + region.bytes > size;
+  });
 }
 
 bool RegionTable::Insert(uint32_t base, MemoryRegion region) try {

@@ -26,6 +26,12 @@ class SharedDescriptor {
   const int descriptor_;
 };
 
+/// Which file it is, by whatever name; zeros for memory.
+struct FileIdentity {
+  uint64_t device, node;
+  bool operator==(const FileIdentity&) const = default;
+};
+
 struct MemoryRegion {
   enum class Kind : uint8_t { kView, kBlock };
   Kind kind;
@@ -35,6 +41,7 @@ struct MemoryRegion {
   /// Where the changes of a view go on disk; empty when a flush has nothing to do.
   std::shared_ptr<const SharedDescriptor> file;
   uint64_t offset = 0;
+  FileIdentity identity = {};  ///< of the file behind a view
 };
 
 /// Goes up with every view or block that is given out or back.
@@ -49,6 +56,8 @@ class RegionTable {
   Regions::iterator Find(uint32_t address);  ///< the region that holds the address, or end()
   Regions::iterator After(uint32_t address);
   Regions::iterator end();
+  /// Whether a view shows something of the file behind `size`, which therefore must not be cut there.
+  bool ShowsBehind(const FileIdentity& file, uint64_t size) const;
   /// False without memory.
   bool Insert(uint32_t base, MemoryRegion region);
   MemoryRegion Remove(Regions::iterator region);

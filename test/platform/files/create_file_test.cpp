@@ -131,6 +131,19 @@ TEST_F(CreateFileTest, NamesForTheSameFile) {
   EXPECT_EQ(Create(L" ex", kR, kShareAll, OPEN_EXISTING), Failure(2));
 }
 
+TEST_F(CreateFileTest, NullDeviceHasNoSharingAndNoContents) {
+  for (const wchar_t* name : {L"NUL", L"nul", L"\\\\.\\NUL"}) {
+    SCOPED_TRACE(name);
+    const FileHandle first(name, kRW, 0, OPEN_ALWAYS), second(name, kRW, 0, OPEN_EXISTING);
+    char buffer[4];
+    DWORD bytes = 99;
+    EXPECT_TRUE(WriteFile(first.get(), "text", 4, &bytes, nullptr));
+    EXPECT_EQ(bytes, 4u);
+    EXPECT_TRUE(ReadFile(second.get(), buffer, 4, &bytes, nullptr));
+    EXPECT_EQ(bytes, 0u);
+  }
+}
+
 TEST_F(CreateFileTest, FullPathHasAtMost259Characters) {
   const size_t room = 259 - scratch.Wide().size() - 1;
   ASSERT_LT(room, 255u);

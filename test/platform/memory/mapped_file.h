@@ -21,10 +21,11 @@ class MappedFile {
     handle_ = Open(GENERIC_READ | GENERIC_WRITE);
   }
   Handle Open(DWORD access) const {
-    return CreateFileW(folder_.Wide("file").c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                       nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    return CreateFileW(Name().c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                       OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
   }
   HANDLE handle() const { return handle_; }
+  std::wstring Name() const { return folder_.Wide("file"); }
   void Close() { handle_.Close(); }
   std::filesystem::path Path() const { return folder_.Path() / "file"; }
   size_t Size() const { return std::filesystem::file_size(Path()); }

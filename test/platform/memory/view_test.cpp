@@ -1,6 +1,7 @@
 // Views: what may be mapped where, unmapping, flushing, and that all ways into a file show the same bytes.
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <set>
 #include <vector>
 
@@ -12,7 +13,9 @@ using qel::test::kLinux;
 using qel::test::kUntouched;
 using qel::test::MappedFile;
 using qel::test::Query;
+using qel::test::ScratchFolder;
 using qel::test::View;
+using qel::test::WriteWholeFile;
 
 namespace {
 
@@ -170,6 +173,39 @@ TEST(View, Queries) {
     EXPECT_EQ(rest.AllocationBase, view.base());
     EXPECT_EQ(rest.RegionSize, 3u * 4096);
   }
+}
+
+TEST(View, HoldsWhatItShowsOfAFile) {
+  MappedFile file(2 * 65536);
+  const auto open = [&](DWORD access, DWORD disposition) {
+    return CreateFileW(file.Name().c_str(), access, 7, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+  };
+  const auto cut = [&](LONG size) {
+    const Handle handle(file.Open(GENERIC_WRITE));
+    LARGE_INTEGER end;
+    end.QuadPart = size;
+    return SetFilePointerEx(handle, end, nullptr, FILE_BEGIN) && SetEndOfFile(handle);
+  };
+  std::optional<View> view;
+  {
+    const Handle mapping(Create(file.handle(), PAGE_READWRITE));
+    view.emplace(mapping, FILE_MAP_READ, 0, 65536);
+  }
+  file.Close();
+  EXPECT_CALL(open(GENERIC_WRITE, CREATE_ALWAYS), INVALID_HANDLE_VALUE, ERROR_USER_MAPPED_FILE);
+  EXPECT_CALL(open(GENERIC_WRITE, TRUNCATE_EXISTING), INVALID_HANDLE_VALUE, ERROR_USER_MAPPED_FILE);
+  EXPECT_CALL(cut(65535), FALSE, ERROR_USER_MAPPED_FILE);
+  EXPECT_EQ(file.Size(), 2u * 65536);
+  if (kLinux) {  // Wine holds fewer off
+    const ScratchFolder folder;
+    WriteWholeFile(folder.Path() / "other", "y");
+    EXPECT_CALL(CopyFileW(folder.Wide("other").c_str(), file.Name().c_str(), FALSE), FALSE, ERROR_USER_MAPPED_FILE);
+    EXPECT_CALL(DeleteFileW(file.Name().c_str()), FALSE, ERROR_ACCESS_DENIED);
+    EXPECT_TRUE(cut(65536));
+  }
+  view.reset();
+  EXPECT_TRUE(cut(1));
+  EXPECT_CALL(DeleteFileW(file.Name().c_str()), TRUE, kUntouched);
 }
 
 TEST(View, CountsAsOpen) {

@@ -15,6 +15,7 @@
 
 namespace {
 
+constexpr DWORD kFileBytes = 2 << 20;
 constexpr off64_t kShareBytes = 0x7fffffffffffff00;
 
 struct flock64 ShareRange(short type, off64_t start, off64_t length) {
@@ -46,15 +47,23 @@ void CloseShared(int file) {
   close(file);
 }
 
-// Whether somebody holds a file that is about to be deleted or moved.
+// A file that is about to be deleted or moved: whether somebody holds it, and, with the gate held, whether the name
+// still leads to it. A folder and a read-only file are refused by the mode.
 int OpenForRemoval(const char* path) {
   const int file = open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  struct stat status;
+  struct stat status, named;
   fstat(file, &status);
   flock(file, LOCK_EX | LOCK_NB);
   auto held = ShareRange(F_WRLCK, kShareBytes, 64);
   fcntl(file, F_OFD_GETLK, &held);
+  lstat(path, &named);
+  if (named.st_ino != status.st_ino || !S_ISREG(named.st_mode) || !(named.st_mode & 0222)) std::abort();
   return file;
+}
+
+// A missing file is told from a missing folder.
+void TellMissing() {
+  if (access(bench::Folder().c_str(), F_OK) != 0) std::abort();
 }
 
 HANDLE Open(const std::wstring& path, DWORD access, DWORD disposition) {
@@ -67,17 +76,17 @@ void CompareOpening(const std::wstring& wide, const std::string& path) {
       "CreateFileX + CloseHandle, open", 1.20, [&] { CloseHandle(Open(wide, GENERIC_READ, OPEN_EXISTING)); },
       [&] { CloseShared(OpenShared(path.c_str(), O_RDONLY)); });
   const std::wstring made = bench::WidePath("made");
-  const std::string madePath = bench::Path("made.hand");
+  const std::string madePath = bench::Path("made"), madeByHand = bench::Path("made.hand");
   bench::Compare(
       "CreateFileX + CloseHandle, create", 1.25,
       [&] {
         CloseHandle(Open(made, GENERIC_READ | GENERIC_WRITE, CREATE_ALWAYS));
-        unlink(bench::Path("made").c_str());
+        unlink(madePath.c_str());
       },
       [&] {
-        mkdir(bench::Folder().c_str(), 0777);  // the folder is made first
-        CloseShared(OpenShared(madePath.c_str(), O_RDWR | O_CREAT));
-        unlink(madePath.c_str());
+        mkdir(bench::Folder().c_str(), 0777);                                    // the folder is made first
+        CloseShared(OpenShared(madeByHand.c_str(), O_RDWR | O_CREAT | O_EXCL));  // whether it existed is reported
+        unlink(madeByHand.c_str());
       });
   const std::wstring missing = bench::WidePath("missing");
   const std::string missingPath = bench::Path("missing"), log = bench::Path("failed.txt");
@@ -86,6 +95,7 @@ void CompareOpening(const std::wstring& wide, const std::string& path) {
       "failed open with its log line", 1.25, [&] { Open(missing, GENERIC_READ, OPEN_EXISTING); },
       [&] {
         if (open(missingPath.c_str(), O_RDONLY | O_CLOEXEC) >= 0) std::abort();
+        TellMissing();
         char message[512];
         std::snprintf(message, sizeof message, "retryCount=%lu, lastErr=%lu, %s, %s(%s, 0x%lx, 0x%lx, %p, 0x%lx)", 0ul,
                       2ul, "Complete", "CreateFileX", missingPath.c_str(), 1ul, 1ul, static_cast<void*>(nullptr), 3ul);
@@ -123,6 +133,39 @@ void CompareTransfer(const std::wstring& wide, const std::string& path) {
           if (pwrite(descriptor, buffer.data(), size, 0) < 0) std::abort();
         },
         large ? 0 : 40);
+  }
+  close(descriptor);
+  CloseHandle(file);
+}
+
+// The position moves on by itself; at the end of the file it goes back to the start.
+void CompareSequentialTransfer(const std::wstring& wide, const std::string& path) {
+  HANDLE file = Open(wide, GENERIC_READ | GENERIC_WRITE, OPEN_EXISTING);
+  const int descriptor = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  std::vector<char> buffer(4096, 'x');
+  for (DWORD size : {64ul, 4096ul}) {
+    DWORD done = 0, left[2] = {kFileBytes, kFileBytes};
+    const auto own = [&](auto transfer) {
+      transfer();
+      if (left[0] -= size) return;
+      SetFilePointerEx(file, {}, nullptr, FILE_BEGIN);
+      left[0] = kFileBytes;
+    };
+    const auto byHand = [&](auto transfer) {
+      if (transfer() < 0) std::abort();
+      if (left[1] -= size) return;
+      lseek(descriptor, 0, SEEK_SET);
+      left[1] = kFileBytes;
+    };
+    const std::string name = std::to_string(size) + " bytes, one after the other";
+    bench::Compare(
+        "ReadFileX " + name, 1.05,
+        [&] { own([&] { ReadFileX(__LINE__, __FILE__, file, buffer.data(), size, &done, nullptr); }); },
+        [&] { byHand([&] { return read(descriptor, buffer.data(), size); }); }, 40);
+    bench::Compare(
+        "WriteFileX " + name, 1.05,
+        [&] { own([&] { WriteFileX(__LINE__, __FILE__, file, buffer.data(), size, &done, nullptr); }); },
+        [&] { byHand([&] { return write(descriptor, buffer.data(), size); }); }, 40);
   }
   close(descriptor);
   CloseHandle(file);
@@ -166,6 +209,7 @@ void CompareNames(const std::wstring& wide, const std::string& path) {
     mkdir(bench::Folder().c_str(), 0777);
     struct stat status;
     stat(target.c_str(), &status);  // nothing there to delete
+    TellMissing();
     const int file = OpenForRemoval(source.c_str());
     renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE);
     close(file);
@@ -202,10 +246,11 @@ void CompareCopy() {
 BENCHMARK_GROUP(files) {
   const std::wstring wide = bench::WidePath("file");
   const std::string path = bench::Path("file");
-  const std::vector<char> contents(2 << 20, 'f');
+  const std::vector<char> contents(kFileBytes, 'f');
   Mem2File(__LINE__, __FILE__, contents.data(), static_cast<DWORD>(contents.size()), wide.c_str());
   CompareOpening(wide, path);
   CompareTransfer(wide, path);
+  CompareSequentialTransfer(wide, path);
   CompareNames(wide, path);
   CompareCopy();
 }

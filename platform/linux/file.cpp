@@ -46,34 +46,38 @@ Transfer MoveRest(Once once, int descriptor, Byte* buffer, DWORD length, off_t a
   return transfer;
 }
 
+int DescriptorAt(const File& file, off_t at) { return at == kHere ? file.PositionedDescriptor() : file.descriptor(); }
+
 Transfer Read(const File& file, void* buffer, DWORD length, off_t at) {
+  const int descriptor = DescriptorAt(file, at);
   auto* bytes = static_cast<char*>(buffer);
-  const ssize_t done = ReadOnce(file.descriptor(), bytes, length, at);
+  const ssize_t done = ReadOnce(descriptor, bytes, length, at);
   if (IsAll(done, length)) return {length, ERROR_SUCCESS};
   // Less than asked is the end of the file, unless it stops where a page of the buffer begins.
   if (done >= 0 && done < kMostAtOnce && (reinterpret_cast<uintptr_t>(bytes + done) & (kPage - 1)) != 0)
     return {static_cast<DWORD>(done), ERROR_SUCCESS};
-  Transfer transfer = MoveRest(ReadOnce, file.descriptor(), bytes, length, at, done);
-  if (transfer.error && at == kHere) lseek(file.descriptor(), -static_cast<off_t>(transfer.bytes), SEEK_CUR);
+  Transfer transfer = MoveRest(ReadOnce, descriptor, bytes, length, at, done);
+  if (transfer.error && at == kHere) lseek(descriptor, -static_cast<off_t>(transfer.bytes), SEEK_CUR);
   if (transfer.error) transfer.bytes = 0;
   return transfer;
 }
 
 Transfer Write(const File& file, const void* buffer, DWORD length, off_t at) {
   if (length == 0) return {};
+  const int descriptor = DescriptorAt(file, at);
   const auto* bytes = static_cast<const char*>(buffer);
-  const ssize_t done = WriteOnce(file.descriptor(), bytes, length, at);
+  const ssize_t done = WriteOnce(descriptor, bytes, length, at);
   if (IsAll(done, length)) return {length, ERROR_SUCCESS};
-  Transfer transfer = MoveRest(WriteOnce, file.descriptor(), bytes, length, at, done);
+  Transfer transfer = MoveRest(WriteOnce, descriptor, bytes, length, at, done);
   if (transfer.error == ERROR_NOACCESS) transfer.error = ERROR_INVALID_USER_BUFFER;
   return transfer;
 }
 
-off_t Position(int descriptor) { return lseek(descriptor, 0, SEEK_CUR); }
+off_t Position(const File& file) { return lseek(file.PositionedDescriptor(), 0, SEEK_CUR); }
 
 // Where the transfer begins as a number, for the locks of others.
 DWORD CheckRanges(const File& file, DWORD length, off_t at, bool writing) {
-  return file.CheckRanges(length, writing, [&] { return at == kHere ? Position(file.descriptor()) : at; });
+  return file.CheckRanges(length, writing, [&] { return at == kHere ? Position(file) : at; });
 }
 
 constexpr DWORD kStatusEndOfFile = 0xC0000011;
@@ -95,33 +99,32 @@ void KeepResult(OVERLAPPED& overlapped, const Transfer& transfer) {
                                                            : 0;
 }
 
-// With an offset of the caller's. On a synchronous handle the position moves behind the data. An overlapped one is told
-// that the transfer goes on, and finds its end at once.
-template <class Move>
-Transfer MoveAt(const File& file, DWORD length, OVERLAPPED& overlapped, bool writing, Move move) {
-  const off_t at = OffsetOf(file, overlapped, writing);
-  if (at < 0) return {0, ERROR_INVALID_PARAMETER};
-  if (const DWORD error = CheckRanges(file, length, at, writing)) return {0, error};
-  Transfer transfer = move(at);
-  if (!writing && !transfer.error && transfer.bytes == 0 && length > 0) transfer.error = ERROR_HANDLE_EOF;
+// What follows a transfer with an offset of the caller's. On a synchronous handle the position moves behind the data.
+// An overlapped one is told that the transfer goes on, and finds its end at once.
+Transfer EndAt(const File& file, OVERLAPPED& overlapped, off_t at, Transfer transfer) {
   KeepResult(overlapped, transfer);
-  const bool started = !transfer.error || transfer.error == ERROR_HANDLE_EOF;
+  if (transfer.error && transfer.error != ERROR_HANDLE_EOF) return transfer;
   if (!file.overlapped()) {
-    if (started) lseek(file.descriptor(), at + transfer.bytes, SEEK_SET);
-  } else if (started) {
-    if (overlapped.hEvent) SetEvent(overlapped.hEvent);
-    transfer = {0, ERROR_IO_PENDING};
+    file.SetPosition(at + transfer.bytes);
+    return transfer;
   }
-  return transfer;
+  if (overlapped.hEvent) SetEvent(overlapped.hEvent);
+  return {0, ERROR_IO_PENDING};
 }
 
+// `move(at)` is there once, so that it becomes a part of the call: each function around a system call costs as much as
+// all the rest here, since the processor does not foresee its return.
 template <class Move>
 Transfer Perform(const File& file, DWORD length, OVERLAPPED* overlapped, bool writing, Move move) {
   if (!(writing ? file.MayWrite() : file.MayRead())) return {0, ERROR_ACCESS_DENIED};
-  if (overlapped) return MoveAt(file, length, *overlapped, writing, move);
-  if (file.overlapped()) return {0, ERROR_INVALID_PARAMETER};
-  if (const DWORD error = CheckRanges(file, length, kHere, writing)) return {0, error};
-  return move(kHere);
+  if (!overlapped && file.overlapped()) return {0, ERROR_INVALID_PARAMETER};
+  const off_t at = overlapped ? OffsetOf(file, *overlapped, writing) : kHere;
+  if (overlapped && at < 0) return {0, ERROR_INVALID_PARAMETER};
+  if (const DWORD error = CheckRanges(file, length, at, writing)) return {0, error};
+  Transfer transfer = move(at);
+  if (!overlapped) return transfer;
+  if (!writing && !transfer.error && transfer.bytes == 0 && length > 0) transfer.error = ERROR_HANDLE_EOF;
+  return EndAt(file, *overlapped, at, transfer);
 }
 
 BOOL Finish(DWORD error) {
@@ -150,7 +153,7 @@ DWORD EndFileHere(const File& file) {
   if (!file.MayWrite()) return ERROR_ACCESS_DENIED;
   FileStatus status;
   if (const int error = ReadStatus(file.descriptor(), status)) return ErrorFromErrno(error);
-  const off_t end = Position(file.descriptor()), size = static_cast<off_t>(status.size);
+  const off_t end = Position(file), size = static_cast<off_t>(status.size);
   if (end > size) return GrowFile(file.descriptor(), size, end);
   return end == size ? ERROR_SUCCESS : CutFile(file.descriptor(), status, end);
 }
@@ -189,8 +192,9 @@ BOOL GetOverlappedResult(HANDLE handle, LPOVERLAPPED overlapped, LPDWORD bytes, 
 }
 
 BOOL SetFilePointerEx(HANDLE handle, LARGE_INTEGER distance, PLARGE_INTEGER position, DWORD method) {
-  return WithFile(
-      handle, [&](const File& file) { return SetPosition(file.descriptor(), distance.QuadPart, position, method); });
+  return WithFile(handle, [&](const File& file) {
+    return SetPosition(file.PositionedDescriptor(), distance.QuadPart, position, method);
+  });
 }
 
 BOOL GetFileSizeEx(HANDLE handle, PLARGE_INTEGER size) {

@@ -166,6 +166,7 @@ DWORD Split(LPCWSTR name, Pattern& pattern) {
   pattern.end = c;
   pattern.wild = false;
   for (c = pattern.last; *c; ++c) {
+    if (IsOrdinary(*c)) continue;
     pattern.wild |= IsWildcard(*c);
     if (IsForbidden(*c) && !IsWildcard(*c)) return ERROR_INVALID_NAME;
   }

@@ -9,30 +9,13 @@
 #include "platform/linux/thread_object.h"
 
 namespace qel::layer {
-namespace {
-
-// A handle is (generation, slot) in multiples of four, so that a closed one is recognised for a while after its slot
-// was given out again. The pseudo handles -1 and -2 are no multiples of four.
-constexpr uint32_t kSlotBits = 16;
-constexpr uint32_t kSlots = 1u << kSlotBits;
-constexpr uint32_t kGenerations = 1u << 12;
-
-// A slot's state: its users, of which an open handle is one, in units of kUser, and how far it is on its way from an
-// open handle to the free slots. Users come to every slot that a handle's value points to and look at the rest then.
-// Whoever finds the slot closed without users, which happens once, takes it to empty and releases the object.
-constexpr uint32_t kClosed = 1;
-constexpr uint32_t kEmpty = 2;
-constexpr uint32_t kUser = 4;
-
-struct Slot {
-  std::atomic<uint32_t> state{kClosed | kEmpty};
-  // Written only while the slot is empty, read by users only while it is not.
-  uint32_t generation = 0;
-  Object* object = nullptr;
-  uint32_t nextFree = 0;
-};
 
 constinit Slot g_slots[kSlots];
+
+namespace {
+
+constexpr uint32_t kGenerations = 1u << 12;
+
 constinit std::atomic<uint32_t> g_openCount{0};
 constinit std::mutex g_freeMutex;
 constinit uint32_t g_firstFree = 0;  // 0 ends the list: slot 0 is never given out, its first handle would be null
@@ -62,20 +45,6 @@ bool TakeSlotAt(uint32_t slot) {
   while (g_unused < slot) FreeSlot(g_unused++);
   ++g_unused;
   return true;
-}
-
-void DropUser(uint32_t slot) {
-  Slot& s = g_slots[slot];
-  if (s.state.fetch_sub(kUser, std::memory_order_acq_rel) != kUser + kClosed) return;
-  uint32_t expected = kClosed;
-  if (!s.state.compare_exchange_strong(expected, kClosed | kEmpty, std::memory_order_acq_rel)) return;
-  Object* object = std::exchange(s.object, nullptr);
-  {
-    const std::lock_guard lock(g_freeMutex);
-    FreeSlot(slot);
-  }
-  CountClosed();
-  object->Release();
 }
 
 struct Parts {
@@ -128,21 +97,20 @@ uint32_t OpenCount() { return g_openCount.load(std::memory_order_relaxed); }
 void LockHandlesForFork() { g_freeMutex.lock(); }
 void UnlockHandlesAfterFork() { g_freeMutex.unlock(); }
 
-Pin::Pin(HANDLE handle) {
-  const Parts parts = Split(handle);
-  if (!parts.valid) return;
-  slot_ = parts.slot;
-  Slot& s = g_slots[slot_];
-  const uint32_t before = s.state.fetch_add(kUser, std::memory_order_acq_rel);
-  // A user of an open slot keeps it from becoming empty, so that the rest of it stands still.
-  if ((before & kClosed) == 0 && s.generation == parts.generation) object_ = s.object;
-  if (!object_) DropUser(slot_);
+void Pin::Empty(Slot& slot) {
+  uint32_t expected = kClosed;
+  if (!slot.state.compare_exchange_strong(expected, kClosed | kEmpty, std::memory_order_acq_rel)) return;
+  Object* object = std::exchange(slot.object, nullptr);
+  {
+    const std::lock_guard lock(g_freeMutex);
+    FreeSlot(static_cast<uint32_t>(&slot - g_slots));
+  }
+  CountClosed();
+  object->Release();
 }
 
-void Pin::Unpin() { DropUser(slot_); }
-
 bool Pin::Close() const {
-  std::atomic<uint32_t>& state = g_slots[slot_].state;
+  std::atomic<uint32_t>& state = slot_->state;
   uint32_t value = state.load(std::memory_order_relaxed);
   do {
     if ((value & kClosed) != 0) return false;

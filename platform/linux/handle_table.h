@@ -50,11 +50,41 @@ uint32_t OpenCount();
 void LockHandlesForFork();
 void UnlockHandlesAfterFork();
 
+// A handle is (generation, slot) in multiples of four, so that a closed one is recognised for a while after its slot
+// was given out again. The pseudo handles -1 and -2 are no multiples of four.
+constexpr uint32_t kSlotBits = 16;
+constexpr uint32_t kSlots = 1u << kSlotBits;
+
+// A slot's state: its users, of which an open handle is one, in units of kUser, and how far it is on its way from an
+// open handle to the free slots. Users come to every slot that a handle's value points to and look at the rest then.
+// Whoever finds the slot closed without users, which happens once, takes it to empty and releases the object.
+constexpr uint32_t kClosed = 1;
+constexpr uint32_t kEmpty = 2;
+constexpr uint32_t kUser = 4;
+
+struct Slot {
+  std::atomic<uint32_t> state{kClosed | kEmpty};
+  // Written only while the slot is empty, read by users only while it is not.
+  uint32_t generation = 0;
+  Object* object = nullptr;
+  uint32_t nextFree = 0;
+};
+extern Slot g_slots[kSlots];
+
 /// Keeps the object behind a handle alive for a call, and the handle's value from being given out again. Two atomic
 /// steps, no reference.
 class Pin {
  public:
-  explicit Pin(HANDLE handle);
+  explicit Pin(HANDLE handle) {
+    const auto value = reinterpret_cast<uintptr_t>(handle);
+    const uint32_t slot = (value >> 2) & (kSlots - 1);
+    if ((value & 3) != 0 || slot == 0) return;
+    slot_ = &g_slots[slot];
+    const uint32_t before = slot_->state.fetch_add(kUser, std::memory_order_acq_rel);
+    // A user of an open slot keeps it from becoming empty, so that the rest of it stands still.
+    if ((before & kClosed) == 0 && slot_->generation == value >> (2 + kSlotBits)) object_ = slot_->object;
+    if (!object_) Unpin();
+  }
   Pin(const Pin&) = delete;
   Pin& operator=(const Pin&) = delete;
   ~Pin() {
@@ -70,8 +100,11 @@ class Pin {
   }
 
  private:
-  void Unpin();
-  uint32_t slot_ = 0;
+  void Unpin() {
+    if (slot_->state.fetch_sub(kUser, std::memory_order_acq_rel) == kUser + kClosed) Empty(*slot_);
+  }
+  static void Empty(Slot& slot);
+  Slot* slot_ = nullptr;
   Object* object_ = nullptr;
 };
 

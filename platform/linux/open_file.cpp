@@ -154,6 +154,16 @@ DWORD GrowFile(int descriptor, off_t from, off_t to) {
 File::File(OpenedFile&& opened, bool overlapped)
     : Object(Kind::kFile), opened_(std::move(opened)), overlapped_(overlapped), checksRanges_(opened_.rangesLocked()) {}
 
+// Those that come meanwhile find the position still here, and wait.
+void File::MovePosition() const {
+  const std::lock_guard lock(positionMutex_);
+  off_t position = position_.load(std::memory_order_acquire);
+  while (position != kDescriptorsOwn) {
+    lseek(descriptor(), position, SEEK_SET);
+    if (position_.compare_exchange_strong(position, kDescriptorsOwn, std::memory_order_acq_rel)) break;
+  }
+}
+
 bool File::DeleteOnClose(const SystemPath& path) {
   deletedName_.reset(new (std::nothrow) char[path.length() + 1]);
   if (deletedName_) std::memcpy(deletedName_.get(), path.text(), path.length() + 1);

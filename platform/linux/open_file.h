@@ -4,6 +4,7 @@
 #pragma once
 #include <atomic>
 #include <memory>
+#include <mutex>
 
 #include "platform/linux/file_attributes.h"
 #include "platform/linux/file_sharing.h"
@@ -61,12 +62,20 @@ class OpenedFile {
 
 class RangeLocks;
 
-/// What a file handle stands for. Its position is the descriptor's.
+/// What a file handle stands for. Its position is the descriptor's, except after a transfer with an offset of its own:
+/// that leaves the new position here, for the next call that asks for it. The descriptor is this object's alone, and
+/// all handles of the file share the object, so nobody can tell the difference.
 class File final : public Object {
  public:
   File(OpenedFile&& opened, bool overlapped);
 
   int descriptor() const { return opened_.descriptor(); }
+  /// The descriptor with the position where it belongs.
+  int PositionedDescriptor() const {
+    if (position_.load(std::memory_order_acquire) != kDescriptorsOwn) MovePosition();
+    return descriptor();
+  }
+  void SetPosition(off_t position) const { position_.store(position, std::memory_order_release); }
   bool MayRead() const { return (opened_.access() & kReading) != 0; }
   bool MayWrite() const { return (opened_.access() & kWriting) != 0; }
   bool overlapped() const { return overlapped_; }
@@ -90,10 +99,14 @@ class File final : public Object {
   ~File() override;
   void FreeRangeLocks();
   int RangeDescriptor() const;
+  void MovePosition() const;
+  static constexpr off_t kDescriptorsOwn = -1;
   static constinit std::atomic<bool> g_rangesEverLocked;
 
   OpenedFile opened_;
   const bool overlapped_, checksRanges_;
+  mutable std::atomic<off_t> position_{kDescriptorsOwn};
+  mutable std::mutex positionMutex_;
   std::atomic<RangeLocks*> ranges_{nullptr};
   std::unique_ptr<char[]> deletedName_;
 };

@@ -15,9 +15,6 @@ namespace {
 
 bool IsLetter(wchar_t c) { return (c >= L'A' && c <= L'Z') || (c >= L'a' && c <= L'z'); }
 
-// ASCII that stands for itself, for the most part: what is looked at no further.
-constexpr bool IsOrdinary(wchar_t c) { return (c >= L'@' && c <= L'{') || (c >= L'+' && c <= L';'); }
-
 size_t CountCharacters(const char* text) {
   size_t count = 0;
   for (; *text; ++text) count += (*text & 0xC0) != 0x80;
@@ -31,9 +28,6 @@ size_t CharactersOfCurrentFolder() {
 }
 
 }  // namespace
-
-bool IsWildcard(wchar_t c) { return c == L'?' || c == L'*' || c == L'<' || c == L'>' || c == L'"'; }
-bool IsForbidden(wchar_t c) { return (c > 0 && c < 32) || c == L'|' || IsWildcard(c); }
 
 DWORD SystemPath::Parse(LPCWSTR name, LPCWSTR end) {
   if (!name) return ERROR_PATH_NOT_FOUND;
@@ -119,19 +113,21 @@ DWORD SystemPath::SeparatorError() const {
   return PathError(errno, *this) == ERROR_FILE_NOT_FOUND ? ERROR_INVALID_NAME : ERROR_PATH_NOT_FOUND;
 }
 
-void SystemPath::RemoveLast() {
-  while (length_ > start_ && text_[length_ - 1] != '/') --length_;
-  if (length_ > 1) --length_;
-  if (length_ == 0) text_[length_++] = '.';
-  text_[length_] = 0;
+size_t SystemPath::FolderLength() const {
+  size_t length = length_;
+  while (length > start_ && text_[length - 1] != '/') --length;
+  return length > 1 ? length - 1 : length;
 }
 
 DWORD PathError(int number, const SystemPath& path) {
   if (number != ENOENT) return ErrorFromErrno(number);
-  SystemPath folder = path;
-  folder.RemoveLast();
-  struct stat status;
-  return stat(folder.text(), &status) == 0 && S_ISDIR(status.st_mode) ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND;
+  const size_t length = path.FolderLength();
+  if (length == 0) return ERROR_FILE_NOT_FOUND;  // in the current folder
+  char folder[SystemPath::kSize];
+  std::memcpy(folder, path.text(), length);
+  folder[length] = 0;
+  // That it is one is known: in anything else the name would not have been missing but wrong.
+  return access(folder, F_OK) == 0 ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND;
 }
 
 }  // namespace qel::layer

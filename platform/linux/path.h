@@ -11,8 +11,10 @@ constexpr bool IsSeparator(wchar_t c) { return c == L'\\' || c == L'/'; }
 constexpr bool IsSeparator(char c) { return c == '\\' || c == '/'; }
 
 /// Characters that no file name holds; a search takes all but the bar as wildcards.
-bool IsWildcard(wchar_t c);
-bool IsForbidden(wchar_t c);
+constexpr bool IsWildcard(wchar_t c) { return c == L'?' || c == L'*' || c == L'<' || c == L'>' || c == L'"'; }
+constexpr bool IsForbidden(wchar_t c) { return (c > 0 && c < 32) || c == L'|' || IsWildcard(c); }
+/// ASCII that stands for itself, for the most part: what is looked at no further.
+constexpr bool IsOrdinary(wchar_t c) { return (c >= L'@' && c <= L'{') || (c >= L'+' && c <= L';'); }
 
 /// The path of a Win32 name: separators are single slashes, "." and ".." are resolved in the text. Small enough for the
 /// stack, and nothing in it is set until Parse.
@@ -40,8 +42,8 @@ class SystemPath {
   bool EndsInSeparator() const { return endsInSeparator_; }
   bool IsRoot() const { return length_ == 1 && text_[0] == '/'; }
 
-  /// Shortens the path to the folder of its last component ("." for a plain name).
-  void RemoveLast();
+  /// Of the folder of the last component; 0 for a plain name.
+  size_t FolderLength() const;
 
  private:
   DWORD AddComponents(LPCWSTR name, LPCWSTR end);

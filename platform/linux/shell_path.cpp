@@ -156,8 +156,9 @@ LPWSTR PathCombineW(LPWSTR result, LPCWSTR folder, LPCWSTR more) {
 }
 
 void PathUnquoteSpacesW(LPWSTR path) {
-  const size_t length = path ? std::wcslen(path) : 0;
-  if (length == 0 || path[0] != L'"' || path[length - 1] != L'"') return;
+  if (!path || path[0] != L'"') return;
+  const size_t length = std::wcslen(path);
+  if (path[length - 1] != L'"') return;
   const size_t inside = length > 1 ? length - 2 : 0;
   std::wmemmove(path, path + 1, inside);
   path[inside] = 0;

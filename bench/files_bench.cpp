@@ -28,9 +28,7 @@ struct flock64 ShareRange(short type, off64_t start, off64_t length) {
 }
 
 // Opening with a share mode: the held bytes are looked at and the own one placed under a gate.
-int OpenShared(const char* path, int flags) {
-  const int file = open(path, flags | O_CLOEXEC, 0666);
-  if (file < 0) return file;
+int EnterShared(int file) {
   flock(file, LOCK_EX | LOCK_NB);
   struct stat status;
   fstat(file, &status);
@@ -39,6 +37,18 @@ int OpenShared(const char* path, int flags) {
   auto own = ShareRange(F_RDLCK, kShareBytes + 9, 1);
   fcntl(file, F_OFD_SETLK, &own);
   flock(file, LOCK_UN);
+  return file;
+}
+int OpenShared(const char* path) { return EnterShared(open(path, O_RDONLY | O_CLOEXEC)); }
+
+// In a folder that is made first; whether the file existed is reported, and only a file that nobody holds is emptied.
+int CreateShared(const char* path) {
+  mkdir(bench::Folder().c_str(), 0777);
+  int file = open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  if (file >= 0) return EnterShared(file);
+  file = EnterShared(open(path, O_RDWR | O_CLOEXEC));
+  struct stat status;
+  if (fstat(file, &status) == 0 && status.st_size > 0 && ftruncate(file, 0) != 0) std::abort();
   return file;
 }
 void CloseShared(int file) {
@@ -74,20 +84,24 @@ HANDLE Open(const std::wstring& path, DWORD access, DWORD disposition) {
 void CompareOpening(const std::wstring& wide, const std::string& path) {
   bench::Compare(
       "CreateFileX + CloseHandle, open", 1.20, [&] { CloseHandle(Open(wide, GENERIC_READ, OPEN_EXISTING)); },
-      [&] { CloseShared(OpenShared(path.c_str(), O_RDONLY)); });
+      [&] { CloseShared(OpenShared(path.c_str())); });
   const std::wstring made = bench::WidePath("made");
   const std::string madePath = bench::Path("made"), madeByHand = bench::Path("made.hand");
+  const auto create = [&] { CloseHandle(Open(made, GENERIC_READ | GENERIC_WRITE, CREATE_ALWAYS)); };
+  const auto createByHand = [&] { CloseShared(CreateShared(madeByHand.c_str())); };
   bench::Compare(
       "CreateFileX + CloseHandle, create", 1.25,
       [&] {
-        CloseHandle(Open(made, GENERIC_READ | GENERIC_WRITE, CREATE_ALWAYS));
+        create();
         unlink(madePath.c_str());
       },
       [&] {
-        mkdir(bench::Folder().c_str(), 0777);                                    // the folder is made first
-        CloseShared(OpenShared(madeByHand.c_str(), O_RDWR | O_CREAT | O_EXCL));  // whether it existed is reported
+        createByHand();
         unlink(madeByHand.c_str());
       });
+  create();
+  createByHand();
+  bench::Compare("CreateFileX + CloseHandle, replace", 1.25, create, createByHand);
   const std::wstring missing = bench::WidePath("missing");
   const std::string missingPath = bench::Path("missing"), log = bench::Path("failed.txt");
   by_hand::MappedMutex mutex("/qelibaselib-bench-failed");

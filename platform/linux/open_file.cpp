@@ -73,7 +73,8 @@ int OpenedFile::OpenExisting(const SystemPath& path, const OpenRequest& request)
 
 DWORD OpenedFile::OpenDescriptor(const SystemPath& path, const OpenRequest& request) {
   existed_ = true;
-  const bool makesFirst = request.disposition == CREATE_NEW || request.source;
+  // What is to be emptied is most often not there, and what may stay as it is most often is.
+  const bool makesFirst = request.disposition == CREATE_NEW || request.disposition == CREATE_ALWAYS;
   if (!makesFirst) {
     descriptor_ = OpenExisting(path, request);
     if (descriptor_ >= 0) return ERROR_SUCCESS;

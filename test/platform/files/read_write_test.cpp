@@ -1,5 +1,7 @@
 #include <algorithm>
+#include <atomic>
 #include <string>
+#include <thread>
 
 #include "test/platform/files/file_calls.h"
 
@@ -163,6 +165,37 @@ TEST_F(ReadWriteTest, OffsetOnASynchronousHandle) {
   EXPECT_EQ(WriteFrom(file.get(), "gh", 2, &end), (Moved{Success(), 2}));
   EXPECT_TRUE(WriteFile(file.get(), "C", 1, nullptr, &at2));
   EXPECT_EQ(Read("six"), "abCdefgh");
+  // The position of all calls and of all handles.
+  HANDLE same;
+  ASSERT_TRUE(
+      DuplicateHandle(GetCurrentProcess(), file.get(), GetCurrentProcess(), &same, 0, FALSE, DUPLICATE_SAME_ACCESS));
+  EXPECT_EQ(ReadInto(same, buffer_, 2), (Moved{Success(), 2}));
+  EXPECT_EQ(std::string(buffer_, 2), "de");
+  EXPECT_EQ(ReadInto(file.get(), buffer_, 1, &at6), (Moved{Success(), 1}));
+  EXPECT_EQ(WriteFrom(same, "H", 1), (Moved{Success(), 1}));
+  EXPECT_EQ(ReadInto(file.get(), buffer_, 1, &at2), (Moved{Success(), 1}));
+  EXPECT_TRUE(SetEndOfFile(same));
+  EXPECT_EQ(Read("six"), "abC");
+  CloseHandle(same);
+}
+
+TEST_F(ReadWriteTest, ThreadsGoOnBehindAnOffset) {
+  FileHandle file(At("six"));
+  for (int i = 0; i < 300; ++i) {
+    OVERLAPPED at2 = AtOffset(2);
+    ASSERT_EQ(ReadInto(file.get(), buffer_, 1, &at2), (Moved{Success(), 1}));
+    std::atomic<int> ready{0};
+    char found[2] = {};
+    const auto read = [&](char* byte) {
+      for (++ready; ready < 2;) std::this_thread::yield();
+      ReadInto(file.get(), byte, 1);
+    };
+    std::thread first(read, found), second(read, found + 1);
+    first.join();
+    second.join();
+    EXPECT_EQ(std::min(found[0], found[1]), 'd');
+    EXPECT_EQ(std::max(found[0], found[1]), 'e');
+  }
 }
 
 TEST_F(ReadWriteTest, OverlappedHandle) {

@@ -9,15 +9,10 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID reserved);
 namespace {
 
 void AttachProcess() {
-  fault::ThreadAttach();
+  fault::ProcessAttach();
   qel::ReadProcessorCount();
   qel::GetThreadRecord();
   qel::ReadSystemVersionRecord();
-}
-
-void AttachThread() {
-  fault::ThreadAttach();
-  qel::GetThreadRecord();
 }
 
 void DetachProcess() {
@@ -33,7 +28,7 @@ BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID) {
       qel::Guarded(QEL_HERE, &AttachProcess);
       break;
     case DLL_THREAD_ATTACH:
-      qel::Guarded(QEL_HERE, &AttachThread);
+      qel::Guarded(QEL_HERE, [] { qel::GetThreadRecord(); });
       break;
     case DLL_THREAD_DETACH:
       qel::Guarded(QEL_HERE, &qel::FreeThreadRecord);

@@ -44,9 +44,9 @@ QEL_FAULT_API void ThrowCse(unsigned int code, EXCEPTION_POINTERS* pointers);
 /// still gets every fault that is not ours.
 QEL_FAULT_API void ClaimHandlers();
 
-/// Has the C++ run-time make ahead what the thread's (and the process's) first exception takes memory for: the first
-/// fault may come when none is left. For the module's entry at attach.
-QEL_FAULT_API void ThreadAttach();
+/// Has the C++ run-time make ahead what the process's first exception takes memory for: the first fault may come when
+/// none is left. For the module's entry at process attach.
+QEL_FAULT_API void ProcessAttach();
 
 /// Run without the template: calls `body(argument)`.
 QEL_FAULT_API void RunBody(void (*body)(void* argument), void* argument);

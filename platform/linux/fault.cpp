@@ -3,7 +3,6 @@
 // The handler throws nothing. It fills the guard's frame and lets the thread go on in fault_thunk, outside the handler.
 #include "platform/linux/fault.h"
 
-#include <cxxabi.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
@@ -233,7 +232,7 @@ void SetThreadTranslator(Translator translator) { qel::layer::t_faultThread.tran
 GuardFrame* InnermostGuard() { return qel::layer::t_faultThread.innermost; }
 void PrepareThrow(GuardFrame*) {}
 
-void ThreadAttach() { [[maybe_unused]] const void* volatile used = abi::__cxa_get_globals(); }
+void ProcessAttach() {}  // this run-time has made it all
 
 void ClaimHandlers() { qel::layer::ClaimSignals(); }
 

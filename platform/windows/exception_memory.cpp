@@ -22,7 +22,7 @@ __attribute__((noinline)) void MakeLockOfReserve() {
   std::set_terminate(terminate);
 }
 
-// The unwinder's tables.
+// The unwinder's tables and the thread's list of exceptions.
 void UnwindOnce() {
   try {
     throw 0;
@@ -32,14 +32,11 @@ void UnwindOnce() {
 
 }  // namespace
 
-void ThreadAttach() {
-  [[maybe_unused]] const void* volatile used = abi::__cxa_get_globals();  // made by its first use
-  static const bool prepared = [] {
-    UnwindOnce();
-    MakeLockOfReserve();
-    return true;
-  }();
-  static_cast<void>(prepared);
+// Not for each thread: the thread library begins a thread of its own after the module's attach, and what the thread had
+// until then is lost.
+void ProcessAttach() {
+  UnwindOnce();
+  MakeLockOfReserve();
 }
 
 }  // namespace fault

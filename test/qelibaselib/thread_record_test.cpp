@@ -10,6 +10,7 @@
 
 #include "qelibaselib/qelibaselib.h"
 #include "test/support/log_folder.h"
+#include "test/support/open_handles.h"
 #include "test/support/replace_call.h"
 
 namespace {
@@ -58,6 +59,8 @@ TEST(ThreadRecord, BelongsToItsThreadAlone) {
 
 TEST(ThreadRecord, IsFreedWithItsThread) {
   std::atomic<int> held = 0;
+  OnThread([] {});
+  const unsigned long handles = OpenHandleCount();
   {
     auto allocate = STAND_IN(GlobalAlloc, [&](int, UINT flags, SIZE_T size) {
       held += size == sizeof(qel::ThreadRecord);
@@ -75,6 +78,7 @@ TEST(ThreadRecord, IsFreedWithItsThread) {
     EXPECT_GE(allocate.Calls(), 40);
   }
   EXPECT_EQ(held, 0);
+  EXPECT_LT(OpenHandleCount(), handles + 20) << "40 threads left handles";
 }
 
 TEST(ThreadRecord, KeepsTheLastError) {

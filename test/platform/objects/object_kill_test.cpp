@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <fstream>
 #include <random>
 #include <thread>
@@ -30,9 +31,44 @@ bool IsAlone(const std::string& path) {
   return read == mine;
 }
 
+// What everybody sees of who has which mutex open: an odd number while it is open.
+struct Board {
+  std::atomic<unsigned> open[kNames][kProcesses];
+  std::atomic<bool> killing[kProcesses];
+};
+
+class BoardView {
+ public:
+  explicit BoardView(const std::string& stem)
+      : section_(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(Board),
+                                    NameOf(stem, kNames).c_str())),
+        board_(static_cast<Board*>(MapViewOfFile(section_, FILE_MAP_WRITE, 0, 0, 0))) {}
+  BoardView(const BoardView&) = delete;
+  BoardView& operator=(const BoardView&) = delete;
+  ~BoardView() { UnmapViewOfFile(board_); }
+  Board* operator->() const { return board_; }
+
+ private:
+  const Handle section_;
+  Board* const board_;
+};
+
+// What is said to be new must not be open anywhere: looks for a process that has it open before and after `make`.
+template <class Make>
+bool IsNewOnlyWhenClosed(const Board& board, int number, const Make& make) {
+  unsigned before[kProcesses];
+  for (int i = 0; i < kProcesses; ++i) before[i] = board.open[number][i];
+  if (!make()) return true;
+  for (int i = 0; i < kProcesses; ++i)
+    if (before[i] % 2 != 0 && board.open[number][i] == before[i] && !board.killing[i]) return false;
+  return true;
+}
+
 // Objects of all kinds come and go under a few names, until the process is killed.
 CHILD_ROLE(UseObjects) {
   const std::string stem = arguments[0], folder = arguments[1];
+  const int self = std::stoi(arguments[2]);
+  const BoardView board(stem);
   std::minstd_rand random(static_cast<unsigned>(GetCurrentProcessId()));
   Say("ready");
   for (;;) {
@@ -40,13 +76,20 @@ CHILD_ROLE(UseObjects) {
     const std::wstring name = NameOf(stem, number);
     const Handle event = CreateEventW(nullptr, TRUE, FALSE, (name + L"-event").c_str());
     if (event && random() % 2) SetEvent(event);
-    const Handle mutex = CreateMutexW(nullptr, random() % 4 == 0, name.c_str());
+    Handle mutex;
+    const bool alone = IsNewOnlyWhenClosed(*board.operator->(), number, [&] {
+      mutex = CreateMutexW(nullptr, random() % 4 == 0, name.c_str());
+      return GetLastError() == ERROR_SUCCESS;
+    });
     if (!mutex || !event) return 10;
+    if (!alone) return 13;
+    ++board->open[number][self];
     const DWORD result = WaitForSingleObject(mutex, kStuckMs);
     if (result != WAIT_OBJECT_0 && result != WAIT_ABANDONED) return 11;
     if (!IsAlone(folder + "/" + std::to_string(number))) return 12;
     while (ReleaseMutex(mutex)) {
     }
+    ++board->open[number][self];
   }
 }
 
@@ -55,20 +98,27 @@ TEST(Kill, NoMutexIsStuckAndNothingIsLeft) {
   const ScratchFolder scratch;
   const std::string stem = "kill-" + std::to_string(GetCurrentProcessId()) + "-";
   std::minstd_rand random(1);
-  const auto start = [&] {
-    auto child = std::make_unique<ChildProcess>("UseObjects", std::vector{stem, scratch.Narrow()});
+  const BoardView board(stem);
+  const auto start = [&](size_t place) {
+    auto child =
+        std::make_unique<ChildProcess>("UseObjects", std::vector{stem, scratch.Narrow(), std::to_string(place)});
     EXPECT_EQ(child->WaitForLine(), "ready");
     return child;
   };
   std::vector<std::unique_ptr<ChildProcess>> children;
-  for (int i = 0; i < kProcesses; ++i) children.push_back(start());
+  for (int i = 0; i < kProcesses; ++i) children.push_back(start(children.size()));
   for (int i = 0; i < kAffordableKills; ++i) {
     std::this_thread::sleep_for(std::chrono::microseconds(random() % 5000));
-    auto& child = children[random() % children.size()];
+    const size_t place = random() % children.size();
+    auto& child = children[place];
     ASSERT_TRUE(child->Running()) << "ended by itself with " << child->Wait();
+    board->killing[place] = true;
     child->Kill();
     child->Wait();
-    child = start();
+    for (auto& open : board->open)
+      if (open[place] % 2 != 0) ++open[place];
+    board->killing[place] = false;
+    child = start(place);
   }
   for (auto& child : children) EXPECT_TRUE(child->Running()) << "ended by itself with " << child->Wait();
   children.clear();
@@ -82,7 +132,7 @@ TEST(Kill, NoMutexIsStuckAndNothingIsLeft) {
   ChildProcess last("EndInOrder");
   EXPECT_EQ(last.Wait(), 0);
   if (own) {
-    EXPECT_LE(ListSharedMemory().size(), 1u + kNames) << "more than this process's own folder and mutexes";
+    EXPECT_LE(ListSharedMemory().size(), 2u + kNames) << "more than this process's own folder, board and mutexes";
   }
 }
 

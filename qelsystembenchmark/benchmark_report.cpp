@@ -56,6 +56,9 @@ void CQelSystemBenchmark::LogOutResult(const char* message, const wchar_t* title
     if (!mutex.Exists() || !mutex.Acquire(qel::kLogMutexTimeoutMs)) return;
     wchar_t path[MAX_PATH];
     if (!PathCombineW(path, VemoGetLogPath(), qel::channel::kBenchmarkReport.fileName)) return;
+    WIN32_FIND_DATAW found;
+    DWORD findError;
+    if (GetFileSizeX(path, &found, &findError) > qel::kChannelLimitBytes) return;
     const std::unique_ptr<std::FILE, CloseStream> stream(_wfopen(path, L"at"));
     if (!stream) return;
 

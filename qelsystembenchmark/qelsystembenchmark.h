@@ -46,8 +46,8 @@ class QEL_CLASS CQelSystemBenchmark {
   virtual T_RESULT OverAll();
 
   /// Appends a report to "QelSystemBenchmark.txt" in the log folder, under a mutex of its own. `message` (narrow) and
-  /// `title` may be null; with `value` they are printed in its last section. Without the mutex or the file nothing is
-  /// written.
+  /// `title` may be null; with `value` they are printed in its last section. Without the mutex or the file, and
+  /// when the file is longer than 1 MiB, nothing is written.
   virtual void LogOutResult(const char* message, const wchar_t* title, unsigned long value);
 
   unsigned long m_iterations;         ///< timed runs behind each figure

@@ -157,7 +157,15 @@ class CLockMtx {
     char assertion[64];
     std::snprintf(assertion, sizeof assertion, "ASSERT : %s(%d), %s", kSourceName, line, clause);
     VemoLogOutAssert(assertion, line, kSourceName);
-    VemoExceptLogOut(PathFindFileNameW(VemoGetExePath()), message, nullptr, nullptr, line, kSourceName);
+    VemoExceptLogOut(ExeName(), message, nullptr, nullptr, line, kSourceName);
+  }
+
+  // By hand: a user should have to link nothing for it.
+  static const wchar_t* ExeName() {
+    const wchar_t* name = VemoGetExePath();
+    for (const wchar_t* at = name; *at; ++at)
+      if (*at == L'\\' || *at == L'/') name = at + 1;
+    return name;
   }
 
   int m_line;

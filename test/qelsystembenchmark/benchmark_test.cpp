@@ -143,6 +143,14 @@ TEST_F(Benchmark, TheReportHasItsLinesInOrder) {
   EXPECT_EQ(lines[22], "=======TimeStamp=======\r");
   EXPECT_EQ(lines[23], "2024/03/05 14:07:09.042\r");
   EXPECT_EQ(lines[24], "title(message), 7\r");
+
+  const auto file = qel::test::ChannelFile(qel::channel::kBenchmarkReport);
+  for (const size_t bytes : {qel::kChannelLimitBytes, qel::kChannelLimitBytes + 1}) {
+    SCOPED_TRACE(bytes);
+    std::filesystem::resize_file(file, bytes);
+    benchmark_.LogOutResult("message", L"title", 7);
+    EXPECT_EQ(std::filesystem::file_size(file) > bytes, bytes == qel::kChannelLimitBytes);
+  }
 }
 
 }  // namespace

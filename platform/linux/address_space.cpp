@@ -97,9 +97,9 @@ bool LineCutter::Next(std::string_view* line) {
   return true;
 }
 
-RegionList::~RegionList() {
+void RegionList::Free() {
   std::free(heap_);
-  heap_ = nullptr;  // a list of a thread may be used once more while the thread ends
+  heap_ = nullptr;
   size_ = 0;
   capacity_ = kSpares;
 }

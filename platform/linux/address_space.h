@@ -53,13 +53,15 @@ struct AddressRegion {
 };
 
 /// A list that goes on working, with fewer places, when there is no memory: a failed allocation is just when the
-/// address space is looked at.
+/// address space is looked at. Its owner frees it: as a thread's object it must not have a destructor, whose
+/// registration takes memory.
 class RegionList {
  public:
   constexpr RegionList() = default;
   RegionList(const RegionList&) = delete;
   RegionList& operator=(const RegionList&) = delete;
-  ~RegionList();
+  /// Gives the memory back; the list can be used once more.
+  void Free();
   void Clear() { size_ = 0; }
   /// False when there is no place.
   bool Push(const AddressRegion& region);

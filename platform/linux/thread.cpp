@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <ctime>
 #include <memory>
 
@@ -36,6 +37,8 @@ void EndThread(void*) {
   for (int round = 0; round < kDetachRounds && std::exchange(thread.attached, false); ++round)
     NotifyModules(DLL_THREAD_DETACH);
   FreeThreadSlots();
+  FreeSnapshot();
+  FreeThreadLocale();
   AbandonMutexes();
   if (Thread* object = std::exchange(thread.object, nullptr)) {
     object->SignalEnd();
@@ -44,6 +47,19 @@ void EndThread(void*) {
   // A destructor of the host's that runs after this one and calls the library arms the thread's end once more.
   thread.endArmed = false;
   thread.attached = false;
+}
+
+// For a thread that is armed while there is no memory: the C library would end the process. The first keys of a process
+// need none.
+pthread_key_t g_endKey;
+const bool g_haveEndKey = pthread_key_create(&g_endKey, &EndThread) == 0;
+
+bool HeapIsUsedUp() {
+  // Too large for the thread's own cache, which calloc, with which the C library makes its entry, passes over.
+  constexpr size_t kProbeBytes = 4096;
+  void* volatile memory = std::calloc(1, kProbeBytes);
+  std::free(memory);
+  return !memory;
 }
 
 struct Start {
@@ -114,7 +130,11 @@ bool IsPriority(int priority) {
 
 void ArmThreadEndSlowly() {
   t_thread.endArmed = true;
-  // Keeps this module loaded until the thread has ended, which a key of the thread library would not.
+  if (HeapIsUsedUp()) {
+    t_thread.endArmed = g_haveEndKey && pthread_setspecific(g_endKey, &t_thread) == 0;
+    return;
+  }
+  // Runs among the destructors of the thread's objects, at the end of the main thread too, as a key's does not.
   __cxxabiv1::__cxa_thread_atexit(&EndThread, nullptr, &__dso_handle);
 }
 

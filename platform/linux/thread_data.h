@@ -35,5 +35,9 @@ inline void ArmThreadEnd() {
 
 /// Frees the thread's slot values; what they point to is the modules' matter.
 void FreeThreadSlots();
+/// Free what the thread has of these, for its end. None of it is an object with a destructor: its registration takes
+/// memory, and the C library ends the process when there is none.
+void FreeSnapshot();
+void FreeThreadLocale();
 
 }  // namespace qel::layer

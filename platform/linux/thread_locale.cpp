@@ -2,7 +2,11 @@
 
 #include <langinfo.h>
 
+#include <new>
 #include <string>
+#include <utility>
+
+#include "platform/linux/thread_data.h"
 
 namespace {
 
@@ -94,15 +98,22 @@ class ThreadLocale {
   std::string name_;
 };
 
-ThreadLocale& OfThisThread() {
-  static thread_local ThreadLocale locale;
-  return locale;
+thread_local constinit ThreadLocale* t_locale = nullptr;
+
+// Null without memory.
+ThreadLocale* OfThisThread() {
+  if (!t_locale && (t_locale = new (std::nothrow) ThreadLocale)) qel::layer::ArmThreadEnd();
+  return t_locale;
 }
 
 }  // namespace
 
+void qel::layer::FreeThreadLocale() { delete std::exchange(t_locale, nullptr); }
+
 extern "C" int _configthreadlocale(int setting) {
-  ThreadLocale& locale = OfThisThread();
+  ThreadLocale* const own = OfThisThread();
+  if (!own) return -1;
+  ThreadLocale& locale = *own;
   const int previous = locale.enabled() ? _ENABLE_PER_THREAD_LOCALE : _DISABLE_PER_THREAD_LOCALE;
   switch (setting) {
     case 0:
@@ -119,6 +130,5 @@ extern "C" int _configthreadlocale(int setting) {
 }
 
 char* ThreadSetLocale(int category, const char* name) {
-  ThreadLocale& locale = OfThisThread();
-  return locale.enabled() ? locale.Set(category, name) : setlocale(category, name);
+  return t_locale && t_locale->enabled() ? t_locale->Set(category, name) : setlocale(category, name);
 }

@@ -7,6 +7,7 @@
 
 #include "platform/linux/memory.h"
 #include "platform/linux/memory_map.h"
+#include "platform/linux/thread_data.h"
 #include "platform/linux/view_table.h"
 
 namespace qel::layer {
@@ -78,6 +79,7 @@ class ProcessOwners : public MemoryOwners {
 };
 
 DWORD TakeSnapshot(uint32_t from, RegionList* regions) {
+  ArmThreadEnd();
   regions->Clear();
   ProcessOwners owners;
   RegionBuilder builder(from, &owners, regions);
@@ -116,6 +118,11 @@ DWORD Query(uint32_t page, PMEMORY_BASIC_INFORMATION information) {
 }  // namespace
 
 void ForgetSnapshot() { t_snapshot.next = 0; }
+
+void FreeSnapshot() {
+  t_snapshot.next = 0;
+  t_snapshot.regions.Free();
+}
 
 DWORD QueryRegion(uint32_t address, AddressRegion* region) {
   t_snapshot.next = 0;

@@ -37,6 +37,7 @@ std::vector<AddressRegion> Regions(const std::string& text, uint32_t from = 0, K
   EXPECT_TRUE(builder.Finish());
   std::vector<AddressRegion> regions;
   for (uint32_t i = 0; i < list.size(); ++i) regions.push_back(list[i]);
+  list.Free();
   return regions;
 }
 

@@ -84,6 +84,7 @@ UINT GetTempFileNameW(LPCWSTR folder, LPCWSTR prefix, UINT unique, LPWSTR name) 
     SetLastError(ERROR_INVALID_PARAMETER);
     return 0;
   }
+  *name = 0;  // faults before a file is made
   DWORD error;
   wchar_t made[MAX_PATH];
   const unsigned number = TempFileName(folder, prefix, unique, made, error);
@@ -94,10 +95,15 @@ UINT GetTempFileNameW(LPCWSTR folder, LPCWSTR prefix, UINT unique, LPWSTR name) 
 
 UINT GetTempFileNameA(LPCSTR folder, LPCSTR prefix, UINT unique, LPSTR name) {
   wchar_t wideFolder[MAX_PATH], widePrefix[MAX_PATH], made[MAX_PATH];
+  if (folder && !name) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
   if (!folder || !MultiByteToWideChar(CP_ACP, 0, folder, -1, wideFolder, MAX_PATH)) {
     SetLastError(folder ? ERROR_BUFFER_OVERFLOW : ERROR_DIRECTORY);
     return 0;
   }
+  *name = 0;  // as above
   if (!prefix || !MultiByteToWideChar(CP_ACP, 0, prefix, -1, widePrefix, MAX_PATH)) widePrefix[0] = 0;
   const UINT number = GetTempFileNameW(wideFolder, widePrefix, unique, made);
   // As on Windows the caller's room is MAX_PATH, in characters of this code page.
@@ -106,6 +112,5 @@ UINT GetTempFileNameA(LPCSTR folder, LPCSTR prefix, UINT unique, LPSTR name) {
     SetLastError(ERROR_BUFFER_OVERFLOW);
     return 0;
   }
-  if (!number && name) *name = 0;
   return number;
 }

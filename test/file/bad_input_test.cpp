@@ -154,6 +154,11 @@ TEST_F(BadInput, BuffersThatCannotBeUsed) {
     EXPECT_EQ(GetLastError(), 0u);
   }
   EXPECT_EQ(views.Mapped(), 0u);
+  const auto files = [&] { return std::distance(std::filesystem::directory_iterator(folder_.Path()), {}); };
+  const auto before = files();
+  auto* const name = static_cast<wchar_t*>(page.Get());
+  EXPECT_EQ(GetTempFileNameX(HOST, folder_.Wide().c_str(), L"p", 0, name), 0u);
+  EXPECT_EQ(files(), before) << "a file that nobody knows";
   EXPECT_EQ(OpenHandleCount(), handles + 1);
 }
 

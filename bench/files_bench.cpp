@@ -111,8 +111,10 @@ void CompareOpening(const std::wstring& wide, const std::string& path) {
         if (open(missingPath.c_str(), O_RDONLY | O_CLOEXEC) >= 0) std::abort();
         TellMissing();
         char message[512];
-        std::snprintf(message, sizeof message, "retryCount=%lu, lastErr=%lu, %s, %s(%s, 0x%lx, 0x%lx, %p, 0x%lx)", 0ul,
-                      2ul, "Complete", "CreateFileX", missingPath.c_str(), 1ul, 1ul, static_cast<void*>(nullptr), 3ul);
+        std::snprintf(message, sizeof message,
+                      "retryCount=%lu, lastErr=%lu, %s, %s(%s, 0x%lx, 0x%lx, %p, 0x%lx, 0x%lx, 0x%lx, %lu, %lu)", 0ul,
+                      2ul, "Complete", "CreateFileX", missingPath.c_str(), GENERIC_READ, FILE_SHARE_READ,
+                      static_cast<void*>(nullptr), OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, 0ul, 0ul, 0ul);
         by_hand::LogLine(mutex, log.c_str(), message, __LINE__, __FILE__);
       },
       0, {11, 200});

@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "platform/linux/error.h"
+#include "platform/linux/memory.h"
 #include "platform/linux/open_file.h"
 #include "platform/linux/synchronization.h"
 
@@ -62,10 +63,18 @@ Transfer Read(const File& file, void* buffer, DWORD length, off_t at) {
   return transfer;
 }
 
+// The kernel would write what stands before the bad page.
+bool EndsInBadPage(const char* buffer, DWORD length) {
+  const char* const last = buffer + length - 1;
+  const bool crosses = ((reinterpret_cast<uintptr_t>(buffer) ^ reinterpret_cast<uintptr_t>(last)) & ~(kPage - 1)) != 0;
+  return crosses && IsBadReadPtr(last, 1);
+}
+
 Transfer Write(const File& file, const void* buffer, DWORD length, off_t at) {
   if (length == 0) return {};
   const int descriptor = DescriptorAt(file, at);
   const auto* bytes = static_cast<const char*>(buffer);
+  if (EndsInBadPage(bytes, length)) return {0, ERROR_INVALID_USER_BUFFER};
   const ssize_t done = WriteOnce(descriptor, bytes, length, at);
   if (IsAll(done, length)) return {length, ERROR_SUCCESS};
   Transfer transfer = MoveRest(WriteOnce, descriptor, bytes, length, at, done);

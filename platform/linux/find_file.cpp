@@ -180,7 +180,8 @@ Search* FinishedSearch() {
   return search;
 }
 
-DWORD FindName(LPCWSTR name, WIN32_FIND_DATAW& data, Reference<Search>& search) {
+// This and Find are a part of the call in spite of their stack: fewer returns behind the system call.
+[[gnu::always_inline]] inline DWORD FindName(LPCWSTR name, WIN32_FIND_DATAW& data, Reference<Search>& search) {
   SystemPath path;
   if (const DWORD error = path.Parse(name)) return error;
   FileStatus status;
@@ -221,7 +222,7 @@ DWORD FindInFolder(LPCWSTR name, const Pattern& pattern, WIN32_FIND_DATAW& data,
   return folder->Next(data) == ERROR_SUCCESS ? ERROR_SUCCESS : ERROR_FILE_NOT_FOUND;
 }
 
-DWORD Find(LPCWSTR name, WIN32_FIND_DATAW& data, HANDLE& handle) {
+[[gnu::always_inline]] inline DWORD Find(LPCWSTR name, WIN32_FIND_DATAW& data, HANDLE& handle) {
   Pattern pattern;
   if (const DWORD error = Split(name, pattern)) return error;
   Reference<Search> search;

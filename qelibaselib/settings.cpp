@@ -19,8 +19,10 @@ constinit DWORD g_debugMode = 0;
 constinit DWORD g_noCacheFlushLimitBytes = 0x2000000;
 constinit DWORD g_noCacheFlushLimitSecond = 50;
 
-// The path is read before the flag is taken, so that a bad pointer does not use up the only chance.
+// The path is read before the flag is taken, so that a bad pointer does not use up the only chance; once the folder is
+// set it is not read at all.
 int SetOnce(qel::SourcePosition position, Folder& folder, const wchar_t* path) {
+  if (InterlockedCompareExchange(&folder.set, 0, 0) != 0) return TRUE;
   qel::Guarded(position, [&] {
     wchar_t copy[MAX_PATH];
     qel::CopyBounded(copy, path);

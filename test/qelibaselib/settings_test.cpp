@@ -61,6 +61,16 @@ CHILD_ROLE(RaceForFolder) {
   return std::set<std::wstring>(paths.begin(), paths.end()).contains(VemoGetDataPath()) ? 0 : 1;
 }
 
+TEST(Settings, ALaterFolderIsNotEvenRead) {
+  LogFolder();
+  TakeLines(qel::channel::kAssert);
+  const std::wstring folder = VemoGetLogPath();
+  EXPECT_NE(VemoSetLogPath(nullptr), 0);
+  EXPECT_NE(VemoSetLogPath(reinterpret_cast<const wchar_t*>(16)), 0);
+  EXPECT_EQ(VemoGetLogPath(), folder);
+  EXPECT_TRUE(TakeLines(qel::channel::kAssert).empty());
+}
+
 TEST(Settings, OneOfSeveralThreadsSetsAFolder) {
   for (int i = 0; i < 5; ++i) EXPECT_EQ(ChildProcess("RaceForFolder").Wait(), 0);
 }

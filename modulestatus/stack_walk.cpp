@@ -67,6 +67,34 @@ void SetFlat(ADDRESS& address, DWORD offset) {
   address.Mode = AddrModeFlat;
 }
 
+/// Tells a walk that would never end: it follows a chain that leads back into itself, or the debug help gives the same
+/// frame for ever. A frame is compared with the one before and with one that is kept, which moves on after 1, 2, 4...
+/// frames, so that every circle is noticed.
+class LoopDetector {
+ public:
+  bool ComesBack(const STACKFRAME& frame) {
+    const Place place{frame.AddrPC.Offset, frame.AddrFrame.Offset};
+    if (place == last_ || place == kept_) return true;
+    last_ = place;
+    if (++frames_ == span_) {
+      kept_ = place;
+      frames_ = 0;
+      span_ *= 2;
+    }
+    return false;
+  }
+
+ private:
+  struct Place {
+    DWORD counter, frame;
+    bool operator==(const Place&) const = default;
+  };
+  Place last_{};
+  Place kept_{};
+  DWORD frames_ = 0;
+  DWORD span_ = 1;
+};
+
 void WriteFrame(ReportStream& out, HANDLE process, DWORD address, IMAGEHLP_SYMBOL* symbol) {
   // The size is that of the whole block: the debug help accepts any that is large enough.
   symbol->SizeOfStruct = kSymbolBufferBytes;
@@ -85,13 +113,10 @@ void WriteFrames(ReportStream& out, HANDLE process, HANDLE thread, const CONTEXT
   SetFlat(frame.AddrPC, context.Eip);
   SetFlat(frame.AddrStack, context.Esp);
   SetFlat(frame.AddrFrame, context.Ebp);
-  DWORD previousFrame = 0;
+  LoopDetector loop;  // the only other end: a walk has no limit, and a chain may lead anywhere
   while (StackWalk(IMAGE_FILE_MACHINE_I386, process, thread, &frame, nullptr, nullptr, SymFunctionTableAccess,
-                   SymGetModuleBase, nullptr)) {
-    // Callers' frames lie higher. A walk that does not rise follows a broken chain, or a debug help that gives the same
-    // frame again and again, and would never end.
-    if (frame.AddrFrame.Offset <= previousFrame) break;
-    previousFrame = frame.AddrFrame.Offset;
+                   SymGetModuleBase, nullptr) &&
+         frame.AddrFrame.Offset != 0 && !loop.ComesBack(frame)) {
     WriteFrame(out, process, frame.AddrPC.Offset, symbol);
   }
 }

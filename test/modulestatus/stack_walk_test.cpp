@@ -119,16 +119,20 @@ TEST(StackWalk, EndsWithTheChain) {
     size_t frames;
   } cases[] = {
       {"zero", {&chain[1], nullptr, nullptr}, 2},
-      {"itself", {&chain[0], nullptr, nullptr}, 1},
-      {"circle", {&chain[1], &chain[0], nullptr}, 2},
-      {"unreadable", {&chain[1], &chain[2], reinterpret_cast<void*>(8)}, 3},
+      {"falling", {&chain[2], nullptr, &chain[1]}, 3},
+      {"itself", {&chain[0], nullptr, nullptr}, 2},
+      {"circle", {&chain[1], &chain[0], nullptr}, 4},
+      {"unreadable", {&chain[1], &chain[2], reinterpret_cast<void*>(8)}, 4},
   };
   for (const auto& shape : cases) {
     for (int i = 0; i < 3; ++i) chain[i] = {shape.next[i], i == 1 ? second : first, {}};
     const auto walk = WalkFrom(ContextAt(called, chain, chain));
     ASSERT_EQ(walk.frames.size(), shape.frames) << shape.name;
-    const void* const expected[] = {called, first, second};
-    for (size_t i = 0; i < shape.frames; ++i) EXPECT_EQ(walk.frames[i].address, AddressOf(expected[i])) << shape.name;
+    EXPECT_EQ(walk.frames[0].address, AddressOf(called)) << shape.name;
+    const ChainFrame* frame = chain;
+    for (size_t i = 1; i < shape.frames; ++i, frame = static_cast<const ChainFrame*>(frame->next)) {
+      EXPECT_EQ(walk.frames[i].address, AddressOf(frame->caller)) << shape.name;
+    }
   }
 }
 

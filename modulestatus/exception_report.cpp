@@ -44,8 +44,7 @@ void WriteBanner(ReportStream& out, const wchar_t* title, const char* message) {
   out.Print(">>>>>>>>>> %04d/%02d/%02d %02d:%02d:%02d.%03d\n", now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute,
             now.wSecond, now.wMilliseconds);
   // A title or message that cannot be read costs its line.
-  GuardedReport(QEL_HERE, "ExceptLogOut",
-                [&] { out.Print(">>>>>>>>>> %ls(%s)\n", title ? title : L"", OrEmpty(message)); });
+  GuardedReport(QEL_HERE, "ExceptLogOut", [&] { out.Print(">>>>>>>>>> %ls(%s)\n", title, OrEmpty(message)); });
   out.Print(">>>>>>>>>> %s\n", program);
   ++g_reportCount;
   out.Print(">>>>>>>>>> TC=%lu, ProcessId()=%lu, ThreadId()=%lu\n", g_reportCount, GetCurrentProcessId(),
@@ -102,6 +101,7 @@ int ExceptLogOut(std::FILE* stream, const wchar_t* title, const char* message, c
                  const CONTEXT* context, int line, const char* sourceFile, HANDLE process, DWORD /*processId*/,
                  HANDLE thread) {
   int heapCode = _HEAPOK;
+  if (!title) title = L"";  // the status report at the end does not put the program's name in its place
   GuardedReport(QEL_HERE, "ExceptLogOut", [&] {
     ReportStream out(stream);
     CheckHeap(kHeapCheckAtEntry);

@@ -15,13 +15,16 @@ constexpr DWORD kRetryIntervalMs = 1000;
 
 enum class Attempt { kFirst, kAlreadyRunning, kFailed };
 
-// The handle of the first instance stays open: the mark goes with the process.
-Attempt TryToBeFirst(const wchar_t* stem, DWORD& error) {
+// The handle of the first instance stays open: the mark goes with the process. A mark that another instance has made is
+// held until `caller` is warned of that.
+Attempt TryToBeFirst(const wchar_t* stem, qel::SourcePosition caller, DWORD& error) {
   const HANDLE mark = CreateEventX(QEL_HERE.line, QEL_HERE.sourceFile, nullptr, TRUE, FALSE,
                                    qel::LogMutexName(stem).text);  // named as the log's mutexes are
   error = GetLastError();
   if (!mark) return Attempt::kFailed;
   if (error != ERROR_ALREADY_EXISTS) return Attempt::kFirst;
+  const qel::ProgramPath program;
+  qel::WriteLineF(qel::channel::kMisc, caller, "Warning : Multi Start Up, %s, lc=0x%lx", program.text, error);
   CloseHandle(mark);
   return Attempt::kAlreadyRunning;
 }
@@ -50,14 +53,12 @@ int VemoChkMultiStartUp(int line, const char* sourceFile, const wchar_t* stem, i
     const DWORD start = GetTickCount();
     DWORD error = ERROR_SUCCESS;
     do {
-      const Attempt attempt = TryToBeFirst(stem, error);
+      const Attempt attempt = TryToBeFirst(stem, caller, error);
       if (attempt == Attempt::kFirst) {
         result = 0;
         return;
       }
       if (attempt == Attempt::kFailed) break;
-      const qel::ProgramPath program;
-      qel::WriteLineF(qel::channel::kMisc, caller, "Warning : Multi Start Up, %s, lc=0x%lx", program.text, error);
       Sleep(kRetryIntervalMs);
     } while (GetTickCount() - start < timeoutMs);
     ReportRunningInstance(caller, error, showError != 0);

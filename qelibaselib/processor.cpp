@@ -4,6 +4,7 @@
 
 #include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/log_channel.h"
+#include "qelibaselib/processor_record.h"
 #include "qelibaselib/thread_record.h"
 #include "qelibaselib/version_reader.h"
 

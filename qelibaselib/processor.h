@@ -31,13 +31,3 @@ QEL_API int VemoOMPGetNumThreadsSetImgSize(int threshold);
 QEL_API int VemoOMPGetNumThreadsCheckImgSize(int imageSize, int threshold);
 
 }  // extern "C"
-
-namespace qel {
-
-/// At process attach: reads the number of processors and the system's version.
-void ReadProcessorCount();
-void ReadSystemVersionRecord();
-/// At least 1.
-DWORD ProcessorCount();
-
-}  // namespace qel

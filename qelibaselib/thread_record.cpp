@@ -7,7 +7,7 @@
 #include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/guard/saved_error.h"
 #include "qelibaselib/log_channel.h"
-#include "qelibaselib/processor.h"
+#include "qelibaselib/processor_record.h"
 
 namespace qel {
 namespace {

@@ -40,7 +40,7 @@ QEL_API const wchar_t* VemoGetBasePath();
 /// The same for the place of the executable.
 QEL_API const wchar_t* VemoGetExePath();
 
-/// Sets `bits` in the debug mode and returns them. The library gives no bit a meaning; exception reports show them.
+/// Sets `bits` in the debug mode and returns them. The bits are the host's own: the library gives none a meaning.
 QEL_API DWORD VemoSetDebugMode(DWORD bits);
 /// Clears `bits` and returns their complement.
 QEL_API DWORD VemoResetDebugMode(DWORD bits);

@@ -39,6 +39,14 @@ void SetPosition(ThreadRecord& record, SourcePosition position) {
   record.line = position.line;
 }
 
+void Register(SourcePosition position) {
+  const DWORD errorAtEntry = GetLastError();
+  if (ThreadRecord* record = GetThreadRecord())
+    SetPosition(*record, position);
+  else
+    WriteAssertion(QEL_HERE, errorAtEntry);
+}
+
 ThreadRecord* CreateRecord() {
   auto* record = static_cast<ThreadRecord*>(GlobalAlloc(GMEM_FIXED, sizeof(ThreadRecord)));
   if (!record) {
@@ -84,19 +92,9 @@ void FreeThreadRecordSlot() {
   InterlockedExchange(&g_slot, static_cast<LONG>(TLS_OUT_OF_INDEXES));
 }
 
-ScopedSourcePosition::ScopedSourcePosition(SourcePosition position) : record_(GetThreadRecord()) {
-  if (record_)
-    SetPosition(*record_, position);
-  else
-    WriteAssertion(QEL_HERE, GetLastError());
-}
+ScopedSourcePosition::ScopedSourcePosition(SourcePosition position) { Register(position); }
 
-ScopedSourcePosition::~ScopedSourcePosition() {
-  if (record_)
-    SetPosition(*record_, kNoSourcePosition);
-  else
-    WriteAssertion(QEL_HERE, GetLastError());
-}
+ScopedSourcePosition::~ScopedSourcePosition() { Register(kNoSourcePosition); }
 
 void GetRegisteredSourcePosition(SourcePosition& position) {
   if (const ThreadRecord* record = GetThreadRecord())

@@ -24,16 +24,13 @@ void FreeThreadRecord();
 void FreeThreadRecordSlot();
 
 /// Keeps a position in the calling thread's record for its scope, the name cut to 259 characters, and nothing after it.
-/// Without a record an assertion line tells the last error, at the begin and at the end.
+/// Without a record an assertion line tells the last error as it was before, at the begin and at the end.
 class ScopedSourcePosition {
  public:
   explicit ScopedSourcePosition(SourcePosition position);
   ScopedSourcePosition(const ScopedSourcePosition&) = delete;
   ScopedSourcePosition& operator=(const ScopedSourcePosition&) = delete;
   ~ScopedSourcePosition();
-
- private:
-  ThreadRecord* const record_;
 };
 
 /// What a record holds while nothing is registered.

@@ -120,6 +120,11 @@ TEST(ThreadRecord, WithoutOneEachCallSaysSoAndIsSafe) {
     EXPECT_EQ(TakeAssertions(), std::vector<std::string>(2, ", lec=8"));
     VemoOMPSetNumThreads(1);
     EXPECT_EQ(TakeAssertions(), std::vector<std::string>(2, ", lec=8"));
+    SetLastError(321);
+    void* block = _MemAlloc("caller.cpp", 1, 1, 0);  // registers its caller and takes that back
+    EXPECT_NE(block, nullptr);
+    EXPECT_EQ(TakeAssertions(), (std::vector<std::string>{", lec=8", ", lec=321", ", lec=8", ", lec=8"}));
+    _MemFree("caller.cpp", 1, block);
   });
 }
 

@@ -6,8 +6,11 @@
 #include <utility>
 
 #include "platform/win32.h"
+#include "test/platform/target.h"
 
 namespace qel::test {
+
+inline constexpr DWORD kLongMs = 60'000;  // only a wait that has gone wrong takes so long
 
 class Handle {
  public:
@@ -28,11 +31,19 @@ class Handle {
   HANDLE handle_ = nullptr;
 };
 
+inline Handle NewEvent(bool manual = false, bool signalled = false) {
+  return CreateEventW(nullptr, manual, signalled, nullptr);
+}
+
 // A name that no other test and no other process uses.
 inline std::wstring UniqueName(const wchar_t* stem = L"qel-test") {
   static std::atomic<unsigned> count{0};
   return std::wstring(stem) + L"-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(++count);
 }
+
+// Names of objects on the command line of a child.
+inline std::string Narrow(const std::wstring& name) { return {name.begin(), name.end()}; }
+inline std::wstring Widen(const std::string& name) { return {name.begin(), name.end()}; }
 
 // What the call leaves as last error, and its result.
 template <class Call>
@@ -49,6 +60,14 @@ inline constexpr DWORD kUntouched = 0x2BAD;
     const auto outcome = qel::test::WithLastError(qel::test::kUntouched, [&] { return call; }); \
     EXPECT_EQ(outcome.first, result);                                                           \
     EXPECT_EQ(outcome.second, static_cast<DWORD>(error));                                       \
+  } while (false)
+
+// A call that makes an object; its handle is closed at once.
+#define EXPECT_MADE(call, error)                                                                                \
+  do {                                                                                                          \
+    const auto made = qel::test::WithLastError(qel::test::kUntouched, [&] { return qel::test::Handle(call); }); \
+    EXPECT_TRUE(made.first);                                                                                    \
+    EXPECT_EQ(made.second, static_cast<DWORD>(error));                                                          \
   } while (false)
 
 // Runs a function on a thread of CreateThread; the end of the scope waits for it.
@@ -74,11 +93,5 @@ class Worker {
   DWORD id_ = 0;
   Handle handle_;
 };
-
-// Windows and Wine differ in a few results; the layer gives what Windows gives.
-inline bool RunsUnderWine() {
-  const HMODULE module = GetModuleHandleA("ntdll.dll");
-  return module && GetProcAddress(module, "wine_get_version");
-}
 
 }  // namespace qel::test

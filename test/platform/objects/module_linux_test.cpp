@@ -10,8 +10,6 @@ using namespace qel::test;
 
 namespace {
 
-constexpr DWORD kLongMs = 60'000;
-
 struct Told {
   std::atomic<int> attached{0}, detached{0}, ended{0};
   DWORD slot = TLS_OUT_OF_INDEXES;

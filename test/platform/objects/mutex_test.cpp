@@ -7,36 +7,23 @@ using namespace qel::test;
 
 namespace {
 
-constexpr DWORD kLongMs = 60'000;
-
 DWORD TakenByAnotherThread(HANDLE mutex) {
   return Worker([mutex] { return WaitForSingleObject(mutex, 0); }).Join();
 }
 
 TEST(Mutexes, ASecondThreadWaitsUntilAllIsReleased) {
-  const Handle mutex = CreateMutexW(nullptr, FALSE, nullptr);
-  for (int i = 0; i < 3; ++i) EXPECT_CALL(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0, kUntouched);
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(TakenByAnotherThread(mutex), WAIT_TIMEOUT);
-    EXPECT_CALL(ReleaseMutex(mutex), TRUE, kUntouched);
+  for (const bool initial : {true, false}) {
+    const Handle mutex = CreateMutexW(nullptr, initial, nullptr);
+    for (int i = initial; i < 3; ++i) EXPECT_CALL(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0, kUntouched);
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_EQ(TakenByAnotherThread(mutex), WAIT_TIMEOUT);
+      Worker other([&]() -> DWORD { return ReleaseMutex(mutex) ? 0 : GetLastError(); });
+      EXPECT_EQ(other.Join(), ERROR_NOT_OWNER);
+      EXPECT_CALL(ReleaseMutex(mutex), TRUE, kUntouched);
+    }
+    EXPECT_CALL(ReleaseMutex(mutex), FALSE, ERROR_NOT_OWNER);
+    EXPECT_EQ(TakenByAnotherThread(mutex), WAIT_OBJECT_0);
   }
-  EXPECT_CALL(ReleaseMutex(mutex), FALSE, ERROR_NOT_OWNER);
-  EXPECT_EQ(TakenByAnotherThread(mutex), WAIT_OBJECT_0);
-}
-
-TEST(Mutexes, TheInitialOwnerHasItOnce) {
-  const Handle mutex = CreateMutexW(nullptr, TRUE, nullptr);
-  EXPECT_EQ(TakenByAnotherThread(mutex), WAIT_TIMEOUT);
-  EXPECT_TRUE(ReleaseMutex(mutex));
-  EXPECT_CALL(ReleaseMutex(mutex), FALSE, ERROR_NOT_OWNER);
-}
-
-TEST(Mutexes, JoiningAsInitialOwnerOwnsNothing) {
-  const std::wstring name = UniqueName();
-  const Handle first = CreateMutexW(nullptr, FALSE, name.c_str());
-  const Handle second = CreateMutexW(nullptr, TRUE, name.c_str());
-  EXPECT_CALL(ReleaseMutex(second), FALSE, ERROR_NOT_OWNER);
-  EXPECT_EQ(TakenByAnotherThread(first), WAIT_OBJECT_0);
 }
 
 // Two handles of a name are one mutex: nesting counts over both.
@@ -50,71 +37,42 @@ TEST(Mutexes, HandlesOfANameAreOneMutex) {
   EXPECT_FALSE(ReleaseMutex(second));
 }
 
-TEST(Mutexes, AnotherThreadMayNotRelease) {
-  const Handle mutex = CreateMutexW(nullptr, TRUE, nullptr);
-  Worker other([&]() -> DWORD { return ReleaseMutex(mutex) ? 0 : GetLastError(); });
-  EXPECT_EQ(other.Join(), ERROR_NOT_OWNER);
-  EXPECT_TRUE(ReleaseMutex(mutex));
-}
-
+// A wait for several hears of the release as a wait for one does.
 TEST(Mutexes, AWaiterGetsItFromTheOwner) {
-  const Handle mutex = CreateMutexW(nullptr, TRUE, nullptr);
-  for (const DWORD limit : {kLongMs, DWORD{INFINITE}}) {
-    const Handle waiting = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    Worker waiter([&] {
+  const Handle mutex = CreateMutexW(nullptr, TRUE, nullptr), never = NewEvent(), waiting = NewEvent();
+  const HANDLE handles[] = {never, mutex};
+  const std::pair<DWORD, DWORD> waits[] = {{1, kLongMs}, {1, INFINITE}, {2, kLongMs}};
+  for (const auto& [count, limit] : waits) {
+    Worker waiter([&, count = count, limit = limit] {
       SetEvent(waiting);
-      const DWORD result = WaitForSingleObject(mutex, limit);
+      const DWORD result = WaitForMultipleObjects(count, handles + 2 - count, FALSE, limit);
       ReleaseMutex(mutex);
       return result;
     });
     WaitForSingleObject(waiting, kLongMs);
     Sleep(2);
     ReleaseMutex(mutex);
-    EXPECT_EQ(waiter.Join(), WAIT_OBJECT_0);
+    EXPECT_EQ(waiter.Join(), WAIT_OBJECT_0 + count - 1);
     WaitForSingleObject(mutex, 0);
   }
   ReleaseMutex(mutex);
 }
 
 TEST(Mutexes, AreGivenUpByTheEndOfTheirThread) {
+  const Handle event = NewEvent();
   for (const std::wstring& name : {std::wstring(), UniqueName()}) {
     const Handle mutex = CreateMutexW(nullptr, FALSE, name.empty() ? nullptr : name.c_str());
     EXPECT_EQ(TakenByAnotherThread(mutex), WAIT_OBJECT_0);
     EXPECT_CALL(WaitForSingleObject(mutex, kLongMs), WAIT_ABANDONED, kUntouched);
     EXPECT_TRUE(ReleaseMutex(mutex));
-    EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
+    const HANDLE handles[] = {event, mutex};
+    EXPECT_EQ(TakenByAnotherThread(mutex), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, kLongMs), WAIT_ABANDONED_0 + 1);
+    EXPECT_TRUE(ReleaseMutex(mutex));
+    EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, kLongMs), WAIT_OBJECT_0 + 1) << "abandoned only once";
     EXPECT_TRUE(ReleaseMutex(mutex));
     EXPECT_FALSE(ReleaseMutex(mutex));
   }
-}
-
-TEST(Mutexes, AbandonedOnesAmongSeveral) {
-  const Handle event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-  const Handle mutex = CreateMutexW(nullptr, FALSE, nullptr);
-  const HANDLE handles[] = {event, mutex};
-  EXPECT_EQ(TakenByAnotherThread(mutex), WAIT_OBJECT_0);
-  EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, kLongMs), WAIT_ABANDONED_0 + 1);
-  EXPECT_TRUE(ReleaseMutex(mutex));
-  EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, kLongMs), WAIT_OBJECT_0 + 1);
-  EXPECT_TRUE(ReleaseMutex(mutex));
-}
-
-// A wait for several hears of the release as a wait for one does.
-TEST(Mutexes, AReleasedOneAmongSeveral) {
-  const Handle event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-  const Handle mutex = CreateMutexW(nullptr, TRUE, nullptr);
-  const Handle waiting = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-  Worker waiter([&] {
-    const HANDLE handles[] = {event, mutex};
-    SetEvent(waiting);
-    const DWORD result = WaitForMultipleObjects(2, handles, FALSE, kLongMs);
-    ReleaseMutex(mutex);
-    return result;
-  });
-  WaitForSingleObject(waiting, kLongMs);
-  Sleep(2);
-  ReleaseMutex(mutex);
-  EXPECT_EQ(waiter.Join(), WAIT_OBJECT_0 + 1);
 }
 
 // The last handle may be closed by the owner: what others join is still owned, and given up by the thread's end.
@@ -134,7 +92,6 @@ TEST(Mutexes, ClosingDoesNotRelease) {
 
 TEST(Mutexes, ClosingTheLastHandleWhileOwning) {
   const std::wstring name = UniqueName();
-  const Handle keeper = CreateMutexW(nullptr, TRUE, nullptr);
   Worker owner([&]() -> DWORD {
     Handle mutex = CreateMutexW(nullptr, TRUE, name.c_str());
     const Handle another = CreateMutexW(nullptr, TRUE, nullptr);
@@ -142,12 +99,10 @@ TEST(Mutexes, ClosingTheLastHandleWhileOwning) {
     return ReleaseMutex(another);
   });
   EXPECT_EQ(owner.Join(), 1u);
-  const auto [mutex, error] =
-      WithLastError(kUntouched, [&] { return Handle(CreateMutexW(nullptr, FALSE, name.c_str())); });
-  EXPECT_EQ(error, 0u);
+  const Handle mutex = CreateMutexW(nullptr, FALSE, name.c_str());
+  EXPECT_EQ(GetLastError(), 0u);
   EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
   ReleaseMutex(mutex);
-  ReleaseMutex(keeper);
 }
 
 TEST(Mutexes, ExcludeEachOther) {
@@ -172,7 +127,7 @@ TEST(Mutexes, ExcludeEachOther) {
 }
 
 CHILD_ROLE(OwnMutex) {
-  const std::wstring name(arguments[0].begin(), arguments[0].end());
+  const std::wstring name = Widen(arguments[0]);
   const HANDLE mutex = CreateMutexW(nullptr, FALSE, name.c_str());
   const bool joined = GetLastError() == ERROR_ALREADY_EXISTS;
   WaitForSingleObject(mutex, INFINITE);
@@ -180,23 +135,15 @@ CHILD_ROLE(OwnMutex) {
   Hear();
   return 0;  // with the mutex still owned
 }
-std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
 
-TEST(MutexesOfProcesses, AreSharedByName) {
-  const std::wstring name = UniqueName();
-  const Handle mutex = CreateMutexW(nullptr, FALSE, name.c_str());
-  ChildProcess child("OwnMutex", {Narrow(name)});
-  ASSERT_EQ(child.WaitForLine(), "joined");
-  EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_TIMEOUT);
-  EXPECT_CALL(ReleaseMutex(mutex), FALSE, ERROR_NOT_OWNER);
-}
-
-TEST(MutexesOfProcesses, AreGivenUpByAnEndOfAnyKind) {
+TEST(MutexesOfProcesses, AreSharedByNameAndGivenUpByAnEndOfAnyKind) {
   const std::wstring name = UniqueName();
   const Handle mutex = CreateMutexW(nullptr, FALSE, name.c_str());
   for (const bool kill : {true, false}) {
     ChildProcess child("OwnMutex", {Narrow(name)});
     ASSERT_EQ(child.WaitForLine(), "joined");
+    EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_TIMEOUT);
+    EXPECT_CALL(ReleaseMutex(mutex), FALSE, ERROR_NOT_OWNER);
     kill ? child.Kill() : child.Tell("end");
     EXPECT_EQ(WaitForSingleObject(mutex, kLongMs), WAIT_ABANDONED);
     EXPECT_TRUE(ReleaseMutex(mutex));
@@ -210,21 +157,19 @@ TEST(MutexesOfProcesses, DieWithTheOnlyProcessThatHasThem) {
   {
     ChildProcess child("OwnMutex", {Narrow(name)});
     ASSERT_EQ(child.WaitForLine(), "made");
-    EXPECT_CALL(Handle(CreateEventW(nullptr, FALSE, FALSE, name.c_str())).operator HANDLE(), nullptr,
-                ERROR_INVALID_HANDLE);
+    EXPECT_CALL(CreateEventW(nullptr, FALSE, FALSE, name.c_str()), nullptr, ERROR_INVALID_HANDLE);
     child.Kill();
     child.Wait();
   }
   EXPECT_CALL(OpenMutexW(MUTEX_ALL_ACCESS, FALSE, name.c_str()), nullptr, ERROR_FILE_NOT_FOUND);
-  const auto [mutex, error] =
-      WithLastError(kUntouched, [&] { return Handle(CreateMutexW(nullptr, FALSE, name.c_str())); });
-  EXPECT_EQ(error, 0u);
+  const Handle mutex = CreateMutexW(nullptr, FALSE, name.c_str());
+  EXPECT_EQ(GetLastError(), 0u);
   EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
   ReleaseMutex(mutex);
 }
 
 CHILD_ROLE(SignalEvent) {
-  const std::wstring name(arguments[0].begin(), arguments[0].end());
+  const std::wstring name = Widen(arguments[0]);
   const HANDLE event = OpenEventW(EVENT_ALL_ACCESS, FALSE, name.c_str());
   return event && SetEvent(event) ? 0 : 1;
 }
@@ -232,7 +177,7 @@ CHILD_ROLE(SignalEvent) {
 TEST(EventsOfProcesses, WakeAWaitForOneAndForSeveral) {
   const std::wstring name = UniqueName();
   const Handle event = CreateEventW(nullptr, FALSE, FALSE, name.c_str());
-  const Handle never = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  const Handle never = NewEvent();
   const HANDLE handles[] = {never, event};
   for (const DWORD count : {1, 2}) {
     ChildProcess child("SignalEvent", {Narrow(name)});

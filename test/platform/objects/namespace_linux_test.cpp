@@ -31,13 +31,6 @@ constexpr wchar_t kName[] = L"Local\\qel-namespace";
     }                                                                      \
   } while (false)
 
-void PlayScenario(const char* role) {
-  ChildProcess child(role);
-  const int code = child.Wait();
-  if (code == kSkipped) GTEST_SKIP() << "needs shared memory of its own, and the system's allocator";
-  EXPECT_EQ(code, 0);
-}
-
 bool MakeFolder(const std::string& name, uid_t owner, mode_t mode) {
   const std::string path = "/dev/shm/" + name;
   return mkdir(path.c_str(), mode) == 0 && chown(path.c_str(), owner, owner) == 0 && chmod(path.c_str(), mode) == 0;
@@ -83,7 +76,6 @@ CHILD_ROLE(RefuseFolders) {
   REQUIRE(before == 5);
   return 0;
 }
-TEST(ObjectFolder, ForeignOpenAndLinkedOnesAreRefused) { PlayScenario("RefuseFolders"); }
 
 CHILD_ROLE(TakeSmallest) {
   if (!UsePrivateSharedMemory()) return kSkipped;
@@ -94,7 +86,6 @@ CHILD_ROLE(TakeSmallest) {
   REQUIRE(fs::is_empty("/dev/shm/" + OwnPrefix() + "b"));
   return 0;
 }
-TEST(ObjectFolder, TheSmallestNameIsEverybodys) { PlayScenario("TakeSmallest"); }
 
 CHILD_ROLE(EndOrderly) {
   static const Handle mutex = CreateMutexW(nullptr, TRUE, L"kept");
@@ -122,7 +113,6 @@ CHILD_ROLE(LeaveNothing) {
   REQUIRE(ListSharedMemory().empty());
   return 0;
 }
-TEST(ObjectFolder, NothingIsLeftAfterTheLastOrderlyEnd) { PlayScenario("LeaveNothing"); }
 
 // A process that has the folder open while somebody removes it makes and finds objects in the next one.
 CHILD_ROLE(LoseFolder) {
@@ -139,7 +129,6 @@ CHILD_ROLE(LoseFolder) {
   REQUIRE(joined);
   return 0;
 }
-TEST(ObjectFolder, ARemovedOneIsLookedForAgain) { PlayScenario("LoseFolder"); }
 
 CHILD_ROLE(OpenParked) { return OpenMutexW(MUTEX_ALL_ACCESS, FALSE, kName) ? 1 : static_cast<int>(GetLastError()); }
 CHILD_ROLE(Park) {
@@ -154,7 +143,6 @@ CHILD_ROLE(Park) {
   REQUIRE(ListSharedMemory().size() <= 17);  // only so many are kept at hand
   return 0;
 }
-TEST(ParkedMutexes, AreNoObjects) { PlayScenario("Park"); }
 
 // What this process has at hand neither keeps another's object alive nor hides it, and the name is free for a section.
 CHILD_ROLE(ParkBeside) {
@@ -179,7 +167,6 @@ CHILD_ROLE(ParkBeside) {
   REQUIRE(view && *static_cast<const char*>(view) == 0);
   return 0;
 }
-TEST(ParkedMutexes, StandInNobodysWay) { PlayScenario("ParkBeside"); }
 
 int FallBack() {
   for (int i = 0; i < 2; ++i) REQUIRE(WorksAsMutex());
@@ -206,9 +193,6 @@ CHILD_ROLE(NoMemory) {
   if (!UsePrivateSharedMemory() || mount("test", "/dev", "tmpfs", 0, nullptr) != 0) return kSkipped;
   return FallBack();
 }
-TEST(MutexFallback, SharedMemoryIsFull) { PlayScenario("FullMemory"); }
-TEST(MutexFallback, SharedMemoryIsReadOnly) { PlayScenario("ReadOnlyMemory"); }
-TEST(MutexFallback, SharedMemoryIsMissing) { PlayScenario("NoMemory"); }
 
 // Whoever cannot look for the folder must not take it for missing: a folder would be made with every try. The first
 // descriptors let more and more of the look succeed, up to one that makes the folder.
@@ -226,7 +210,6 @@ CHILD_ROLE(NoDescriptors) {
   }
   return 0;
 }
-TEST(MutexFallback, DescriptorsAreUsedUp) { PlayScenario("NoDescriptors"); }
 
 CHILD_ROLE(NoHeap) {
 #ifdef QEL_SANITIZE
@@ -247,7 +230,6 @@ CHILD_ROLE(NoHeap) {
   REQUIRE(WorksAsMutex());
   return 0;
 }
-TEST(MutexFallback, TheHeapIsUsedUp) { PlayScenario("NoHeap"); }
 
 // What a forked child closes and ends with is not its parent's.
 CHILD_ROLE(Fork) {
@@ -269,6 +251,17 @@ CHILD_ROLE(Fork) {
   REQUIRE(ChildProcess("OpenParked").Wait() == ERROR_INVALID_HANDLE);  // the event is there still
   return 0;
 }
-TEST(ForkedChild, LeavesItsParentsObjectsAlone) { PlayScenario("Fork"); }
+
+class Scenario : public testing::TestWithParam<const char*> {};
+TEST_P(Scenario, EndsWell) {
+  const int code = ChildProcess(GetParam()).Wait();
+  if (code == kSkipped) GTEST_SKIP() << "needs shared memory of its own, and the system's allocator";
+  EXPECT_EQ(code, 0);
+}
+INSTANTIATE_TEST_SUITE_P(Namespace, Scenario,
+                         testing::Values("RefuseFolders", "TakeSmallest", "LeaveNothing", "LoseFolder", "Park",
+                                         "ParkBeside", "FullMemory", "ReadOnlyMemory", "NoMemory", "NoDescriptors",
+                                         "NoHeap", "Fork"),
+                         [](const auto& info) { return std::string(info.param); });
 
 }  // namespace

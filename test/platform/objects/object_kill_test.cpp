@@ -14,13 +14,10 @@ using namespace qel::test;
 
 namespace {
 
-constexpr DWORD kStuckMs = 60'000;
 constexpr int kNames = 3;
 constexpr int kProcesses = 4;
 
-std::wstring NameOf(const std::string& stem, int number) {
-  return std::wstring(stem.begin(), stem.end()) + std::to_wstring(number);
-}
+std::wstring NameOf(const std::string& stem, int number) { return Widen(stem) + std::to_wstring(number); }
 
 // Whether nobody else writes while this process has the mutex.
 bool IsAlone(const std::string& path) {
@@ -84,7 +81,7 @@ CHILD_ROLE(UseObjects) {
     if (!mutex || !event) return 10;
     if (!alone) return 13;
     ++board->open[number][self];
-    const DWORD result = WaitForSingleObject(mutex, kStuckMs);
+    const DWORD result = WaitForSingleObject(mutex, kLongMs);
     if (result != WAIT_OBJECT_0 && result != WAIT_ABANDONED) return 11;
     if (!IsAlone(folder + "/" + std::to_string(number))) return 12;
     while (ReleaseMutex(mutex)) {
@@ -123,10 +120,9 @@ TEST(Kill, NoMutexIsStuckAndNothingIsLeft) {
   for (auto& child : children) EXPECT_TRUE(child->Running()) << "ended by itself with " << child->Wait();
   children.clear();
   for (int i = 0; i < kNames; ++i) {
-    const auto [mutex, error] =
-        WithLastError(kUntouched, [&] { return Handle(CreateMutexW(nullptr, FALSE, NameOf(stem, i).c_str())); });
-    EXPECT_EQ(error, 0u);
-    EXPECT_EQ(WaitForSingleObject(mutex, kStuckMs), WAIT_OBJECT_0);
+    const Handle mutex = CreateMutexW(nullptr, FALSE, NameOf(stem, i).c_str());
+    EXPECT_EQ(GetLastError(), 0u);
+    EXPECT_EQ(WaitForSingleObject(mutex, kLongMs), WAIT_OBJECT_0);
     ReleaseMutex(mutex);
   }
   ChildProcess last("EndInOrder");

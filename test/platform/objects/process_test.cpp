@@ -9,8 +9,6 @@ using namespace qel::test;
 
 namespace {
 
-constexpr DWORD kLongMs = 60'000;
-
 std::string OwnProgram() {
   char path[1024] = {};
   GetModuleFileNameA(nullptr, path, sizeof path);
@@ -46,9 +44,12 @@ CHILD_ROLE(SleepLong) {
 CHILD_ROLE(EndWithCode) { return std::stoi(arguments[0]); }
 
 TEST(Processes, EndWithTheirCode) {
+  const Handle event = NewEvent();
   const Started child = StartRole("EndWithCode", "42");
   ASSERT_TRUE(child.process);
   EXPECT_NE(child.id, GetCurrentProcessId());
+  const HANDLE handles[] = {event, child.process};
+  EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, kLongMs), WAIT_OBJECT_0 + 1);
   EXPECT_EQ(WaitForSingleObject(child.process, kLongMs), WAIT_OBJECT_0);
   EXPECT_EQ(WaitForSingleObject(child.thread, kLongMs), WAIT_OBJECT_0);
   EXPECT_EQ(ExitCode(child.process), 42u);
@@ -64,17 +65,10 @@ TEST(Processes, RunUntilTheyAreEnded) {
   EXPECT_EQ(ExitCode(child.process), 9u);
 }
 
-TEST(Processes, AmongSeveralObjects) {
-  const Handle event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-  const Started child = StartRole("EndWithCode", "0");
-  const HANDLE handles[] = {event, child.process};
-  EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, kLongMs), WAIT_OBJECT_0 + 1);
-}
-
 TEST(Processes, GoOnWithoutAHandle) {
   const std::wstring name = UniqueName();
   const Handle event = CreateEventW(nullptr, FALSE, FALSE, name.c_str());
-  StartRole("SignalEvent", std::string(name.begin(), name.end()));
+  StartRole("SignalEvent", Narrow(name));
   EXPECT_EQ(WaitForSingleObject(event, kLongMs), WAIT_OBJECT_0);
 }
 
@@ -92,13 +86,8 @@ TEST(Processes, ReadTheirCommandLineByTheQuotingRules) {
   EXPECT_EQ(ExitCode(child.process), 3u);
 }
 
-TEST(Processes, APogramThatIsMissing) {
-  char command[] = "no-such-program-qel arguments";
-  STARTUPINFOA startup{};
-  startup.cb = sizeof startup;
-  PROCESS_INFORMATION information{};
-  EXPECT_CALL(CreateProcessA(nullptr, command, nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &information),
-              FALSE, ERROR_FILE_NOT_FOUND);
+TEST(Processes, AProgramThatIsMissing) {
+  EXPECT_CALL(Start("no-such-program-qel arguments").id, 0u, ERROR_FILE_NOT_FOUND);
 }
 
 // How a debugger is handed the event that tells of its being attached: the handle is written into its command line.
@@ -115,24 +104,19 @@ std::string ValueOf(HANDLE handle) {
   return text;
 }
 
-TEST(Processes, InheritAnEventUnderTheSameHandle) {
+TEST(Processes, InheritAnEventUnderTheSameHandleWhenAsked) {
   const Handle other = InheritableEvent();
-  for (int i = 0; i < 3; ++i) {
+  for (const BOOL inherit : {TRUE, FALSE, TRUE}) {
     const Handle event = InheritableEvent();
-    const Started child = StartRole("SignalInherited", ValueOf(event), TRUE);
+    const Started child = StartRole("SignalInherited", ValueOf(event), inherit);
     ASSERT_TRUE(child.process);
-    EXPECT_EQ(WaitForSingleObject(event, kLongMs), WAIT_OBJECT_0);
     EXPECT_EQ(WaitForSingleObject(child.process, kLongMs), WAIT_OBJECT_0);
-    EXPECT_EQ(ExitCode(child.process), 0u);
+    EXPECT_EQ(WaitForSingleObject(event, 0), inherit ? WAIT_OBJECT_0 : WAIT_TIMEOUT);
+    if (inherit) {
+      EXPECT_EQ(ExitCode(child.process), 0u);
+    }
     EXPECT_EQ(WaitForSingleObject(other, 0), WAIT_TIMEOUT);
   }
-}
-
-TEST(Processes, InheritNothingUnlessAsked) {
-  const Handle event = InheritableEvent();
-  const Started child = StartRole("SignalInherited", ValueOf(event), FALSE);
-  EXPECT_EQ(WaitForSingleObject(child.process, kLongMs), WAIT_OBJECT_0);
-  EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_TIMEOUT);
 }
 
 TEST(Processes, TheOwnOne) {

@@ -6,7 +6,6 @@ using namespace qel::test;
 
 namespace {
 
-constexpr DWORD kLongMs = 60'000;
 constexpr LONGLONG kUnitsPerMs = 10'000;
 
 BOOL Arm(HANDLE timer, LONGLONG due, LONG periodMs = 0) {
@@ -15,8 +14,6 @@ BOOL Arm(HANDLE timer, LONGLONG due, LONG periodMs = 0) {
   return SetWaitableTimer(timer, &time, periodMs, nullptr, nullptr, FALSE);
 }
 Handle NewTimer(BOOL manual = FALSE) { return CreateWaitableTimerA(nullptr, manual, nullptr); }
-
-TEST(Timers, AreNotSignalledUntilSet) { EXPECT_EQ(WaitForSingleObject(NewTimer(), 20), WAIT_TIMEOUT); }
 
 TEST(Timers, ADueTimeThatHasPassedSignalsAtOnce) {
   const Handle timer = NewTimer();
@@ -27,25 +24,12 @@ TEST(Timers, ADueTimeThatHasPassedSignalsAtOnce) {
   }
 }
 
-TEST(Timers, ManualOnesStaySignalledUntilSetAgain) {
-  const Handle timer = NewTimer(TRUE);
-  Arm(timer, -1);
-  EXPECT_EQ(WaitForSingleObject(timer, kLongMs), WAIT_OBJECT_0);
-  EXPECT_EQ(WaitForSingleObject(timer, 0), WAIT_OBJECT_0);
-  Arm(timer, -600'000 * kUnitsPerMs);
-  EXPECT_EQ(WaitForSingleObject(timer, 0), WAIT_TIMEOUT);
-}
-
-TEST(Timers, FarDueTimesDoNotOverflow) {
-  const Handle timer = NewTimer();
-  for (const LONGLONG due : {INT64_MIN, INT64_MIN / 2, -600'000 * kUnitsPerMs, INT64_MAX, INT64_MAX / 2}) {
-    Arm(timer, due);
-    EXPECT_EQ(WaitForSingleObject(timer, 1), WAIT_TIMEOUT);
-  }
-}
-
 TEST(Timers, PeriodsTickOnAndMissedOnesBecomeOne) {
   const Handle timer = NewTimer();
+  const ULONGLONG start = GetTickCount();
+  Arm(timer, -50 * kUnitsPerMs);
+  EXPECT_EQ(WaitForSingleObject(timer, kLongMs), WAIT_OBJECT_0);
+  EXPECT_GE(GetTickCount() - start + 16, 50u) << "too early; the tick count steps";
   Arm(timer, -1, 20);
   for (int i = 0; i < 4; ++i) EXPECT_EQ(WaitForSingleObject(timer, kLongMs), WAIT_OBJECT_0);
   Arm(timer, -1, 200);
@@ -54,22 +38,12 @@ TEST(Timers, PeriodsTickOnAndMissedOnesBecomeOne) {
   EXPECT_EQ(WaitForSingleObject(timer, 0), WAIT_TIMEOUT);
 }
 
-TEST(Timers, ATickIsNotEarly) {
-  const Handle timer = NewTimer();
-  const ULONGLONG start = GetTickCount();
-  Arm(timer, -50 * kUnitsPerMs);
-  EXPECT_EQ(WaitForSingleObject(timer, kLongMs), WAIT_OBJECT_0);
-  EXPECT_GE(GetTickCount() - start + 16, 50u);  // the tick count steps
-}
-
 TEST(Timers, AWaiterHearsOfANewDueTime) {
-  const Handle timer = NewTimer();
+  const Handle timer = NewTimer(), never = NewEvent(), waiting = NewEvent();
+  const HANDLE handles[] = {timer, never};
   Arm(timer, -600'000 * kUnitsPerMs);
   for (const DWORD count : {1, 2}) {
-    const Handle never = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    const Handle waiting = CreateEventW(nullptr, FALSE, FALSE, nullptr);
     Worker waiter([&] {
-      const HANDLE handles[] = {timer, never};
       SetEvent(waiting);
       return WaitForMultipleObjects(count, handles, FALSE, kLongMs);
     });
@@ -81,7 +55,7 @@ TEST(Timers, AWaiterHearsOfANewDueTime) {
 }
 
 TEST(Timers, AmongEvents) {
-  const Handle event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  const Handle event = NewEvent();
   const Handle timer = NewTimer();
   const HANDLE handles[] = {event, timer};
   Arm(timer, -5 * kUnitsPerMs);
@@ -92,23 +66,15 @@ TEST(Timers, AmongEvents) {
   EXPECT_EQ(WaitForMultipleObjects(2, handles, FALSE, INFINITE), WAIT_OBJECT_0 + 1);
 }
 
-TEST(Timers, Cancelling) {
-  const Handle timer = NewTimer();
+TEST(Timers, CancellingAndBadArguments) {
+  const Handle timer = NewTimer(), event = NewEvent();
   Arm(timer, -20 * kUnitsPerMs, 20);
   EXPECT_CALL(CancelWaitableTimer(timer), TRUE, kUntouched);
   EXPECT_EQ(WaitForSingleObject(timer, 50), WAIT_TIMEOUT);
   EXPECT_CALL(CancelWaitableTimer(nullptr), FALSE, ERROR_INVALID_HANDLE);
-}
-
-TEST(Timers, BadArguments) {
-  const Handle timer = NewTimer();
-  const Handle event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
   EXPECT_CALL(Arm(nullptr, 0), FALSE, ERROR_INVALID_HANDLE);
   EXPECT_CALL(Arm(event, 0), FALSE, ERROR_INVALID_HANDLE);
-  if (RunsUnderWine())
-    EXPECT_CALL(Arm(timer, 0, -1), TRUE, kUntouched);
-  else
-    EXPECT_CALL(Arm(timer, 0, -1), FALSE, ERROR_INVALID_PARAMETER);
+  EXPECT_CALL(Arm(timer, 0, -1), ByTarget(FALSE, TRUE), ByTarget<DWORD>(ERROR_INVALID_PARAMETER, kUntouched));
 }
 
 }  // namespace

@@ -9,8 +9,6 @@ using namespace qel::test;
 
 namespace {
 
-constexpr DWORD kLongMs = 60'000;
-
 HANDLE ClosedHandle() {
   HANDLE handle = CreateEventW(nullptr, FALSE, FALSE, nullptr);
   CloseHandle(handle);
@@ -18,47 +16,43 @@ HANDLE ClosedHandle() {
 }
 HANDLE Garbage() { return reinterpret_cast<HANDLE>(0x1234560); }
 
+// Pseudo handles mean the process and the thread, and outlive being closed.
 TEST(WaitForSingleObject, LeavesTheLastErrorAlone) {
-  const Handle event = CreateEventW(nullptr, TRUE, TRUE, nullptr);
+  const Handle event = NewEvent(true, true);
   EXPECT_CALL(WaitForSingleObject(event, 0), WAIT_OBJECT_0, kUntouched);
   ResetEvent(event);
-  EXPECT_CALL(WaitForSingleObject(event, 0), WAIT_TIMEOUT, kUntouched);
-  EXPECT_CALL(WaitForSingleObject(event, 20), WAIT_TIMEOUT, kUntouched);
+  EXPECT_TRUE(CloseHandle(GetCurrentProcess()));
+  EXPECT_TRUE(CloseHandle(GetCurrentThread()));
+  for (HANDLE handle : {HANDLE(event), INVALID_HANDLE_VALUE, GetCurrentThread()})
+    for (const DWORD limit : {0, 20}) EXPECT_CALL(WaitForSingleObject(handle, limit), WAIT_TIMEOUT, kUntouched);
 }
 
-TEST(WaitForSingleObject, BadHandles) {
+TEST(WaitForSingleObject, BadHandlesAndOtherKinds) {
+  const Handle event = NewEvent(), mutex = CreateMutexW(nullptr, FALSE, nullptr);
   for (HANDLE handle : {HANDLE(nullptr), Garbage(), ClosedHandle()}) {
     EXPECT_CALL(WaitForSingleObject(handle, 0), WAIT_FAILED, ERROR_INVALID_HANDLE);
-    EXPECT_CALL(SetEvent(handle), FALSE, ERROR_INVALID_HANDLE);
     EXPECT_CALL(ResetEvent(handle), FALSE, ERROR_INVALID_HANDLE);
+    EXPECT_CALL(CloseHandle(handle), FALSE, ERROR_INVALID_HANDLE);
+  }
+  for (HANDLE handle : {HANDLE(nullptr), Garbage(), ClosedHandle(), HANDLE(mutex)}) {
+    EXPECT_CALL(SetEvent(handle), FALSE, ERROR_INVALID_HANDLE);
+    EXPECT_CALL(ReleaseSemaphore(handle, 1, nullptr), FALSE, ERROR_INVALID_HANDLE);
+  }
+  for (HANDLE handle : {HANDLE(nullptr), Garbage(), ClosedHandle(), HANDLE(event)}) {
     EXPECT_CALL(ReleaseMutex(handle), FALSE, ERROR_INVALID_HANDLE);
     EXPECT_CALL(ReleaseSemaphore(handle, 1, nullptr), FALSE, ERROR_INVALID_HANDLE);
-    EXPECT_CALL(CloseHandle(handle), FALSE, ERROR_INVALID_HANDLE);
   }
 }
 
-TEST(WaitForSingleObject, PseudoHandlesMeanProcessAndThread) {
-  EXPECT_CALL(WaitForSingleObject(INVALID_HANDLE_VALUE, 5), WAIT_TIMEOUT, kUntouched);
-  EXPECT_CALL(WaitForSingleObject(GetCurrentThread(), 5), WAIT_TIMEOUT, kUntouched);
-}
-
-TEST(Events, OtherKindsAreRefused) {
-  const Handle event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-  const Handle mutex = CreateMutexW(nullptr, FALSE, nullptr);
-  EXPECT_CALL(SetEvent(mutex), FALSE, ERROR_INVALID_HANDLE);
-  EXPECT_CALL(ReleaseMutex(event), FALSE, ERROR_INVALID_HANDLE);
-  EXPECT_CALL(ReleaseSemaphore(event, 1, nullptr), FALSE, ERROR_INVALID_HANDLE);
-}
-
 TEST(Events, AutoResetIsConsumedManualStays) {
-  const Handle single = CreateEventW(nullptr, FALSE, TRUE, nullptr);
+  const Handle single = NewEvent(false, true);
   EXPECT_EQ(WaitForSingleObject(single, 0), WAIT_OBJECT_0);
   EXPECT_EQ(WaitForSingleObject(single, 0), WAIT_TIMEOUT);
   SetEvent(single);
   SetEvent(single);
   EXPECT_EQ(WaitForSingleObject(single, 0), WAIT_OBJECT_0);
   EXPECT_EQ(WaitForSingleObject(single, 0), WAIT_TIMEOUT);
-  const Handle manual = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  const Handle manual = NewEvent(true);
   SetEvent(manual);
   EXPECT_EQ(WaitForSingleObject(manual, 0), WAIT_OBJECT_0);
   EXPECT_EQ(WaitForSingleObject(manual, 0), WAIT_OBJECT_0);
@@ -67,9 +61,9 @@ TEST(Events, AutoResetIsConsumedManualStays) {
 // Every signal is taken once, whoever waits alone or for several.
 TEST(Events, NoSignalIsLostAmongManyWaiters) {
   constexpr int kRounds = 2000;
-  const Handle turn = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-  const Handle taken = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-  const Handle stop = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  const Handle turn = NewEvent();
+  const Handle taken = NewEvent();
+  const Handle stop = NewEvent(true);
   std::atomic<int> count{0};
   std::vector<std::unique_ptr<Worker>> workers;
   for (int i = 0; i < 3; ++i)
@@ -103,7 +97,7 @@ TEST(Semaphores, CountDownAndUp) {
 
 TEST(Semaphores, CountsThatAreNone) {
   const Handle semaphore = CreateSemaphoreW(nullptr, 0, 1, nullptr);
-  if (RunsUnderWine()) {
+  if (OnWine()) {
     EXPECT_CALL(ReleaseSemaphore(semaphore, 0, nullptr), TRUE, kUntouched);
     EXPECT_CALL(ReleaseSemaphore(semaphore, -1, nullptr), FALSE, ERROR_TOO_MANY_POSTS);
   } else {
@@ -114,8 +108,8 @@ TEST(Semaphores, CountsThatAreNone) {
 }
 
 TEST(WaitForMultipleObjects, AnyTakesTheFirstAndOnlyIt) {
-  const Handle first = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-  const Handle second = CreateEventW(nullptr, FALSE, TRUE, nullptr);
+  const Handle first = NewEvent();
+  const Handle second = NewEvent(false, true);
   const Handle third = CreateSemaphoreW(nullptr, 1, 1, nullptr);
   const HANDLE handles[] = {first, second, third};
   EXPECT_CALL(WaitForMultipleObjects(3, handles, FALSE, kLongMs), WAIT_OBJECT_0 + 1, kUntouched);
@@ -125,8 +119,8 @@ TEST(WaitForMultipleObjects, AnyTakesTheFirstAndOnlyIt) {
 }
 
 TEST(WaitForMultipleObjects, AllTakesAllOrNone) {
-  const Handle first = CreateEventW(nullptr, FALSE, TRUE, nullptr);
-  const Handle second = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  const Handle first = NewEvent(false, true);
+  const Handle second = NewEvent();
   const Handle mutex = CreateMutexW(nullptr, FALSE, nullptr);
   const HANDLE handles[] = {first, mutex, second};
   EXPECT_EQ(WaitForMultipleObjects(3, handles, TRUE, 0), WAIT_TIMEOUT);
@@ -141,7 +135,7 @@ TEST(WaitForMultipleObjects, AllTakesAllOrNone) {
 }
 
 TEST(WaitForMultipleObjects, BadArguments) {
-  const Handle event = CreateEventW(nullptr, TRUE, TRUE, nullptr);
+  const Handle event = NewEvent(true, true);
   std::vector<HANDLE> handles(MAXIMUM_WAIT_OBJECTS + 1, event);
   EXPECT_CALL(WaitForMultipleObjects(0, handles.data(), FALSE, 0), WAIT_FAILED, ERROR_INVALID_PARAMETER);
   EXPECT_CALL(WaitForMultipleObjects(65, handles.data(), FALSE, 0), WAIT_FAILED, ERROR_INVALID_PARAMETER);
@@ -149,50 +143,37 @@ TEST(WaitForMultipleObjects, BadArguments) {
   handles[1] = nullptr;
   EXPECT_CALL(WaitForMultipleObjects(2, handles.data(), FALSE, 0), WAIT_FAILED, ERROR_INVALID_HANDLE);
   handles[1] = event;
-  if (!RunsUnderWine())
-    EXPECT_CALL(WaitForMultipleObjects(2, handles.data(), TRUE, 0), WAIT_FAILED, ERROR_INVALID_PARAMETER);
-}
-
-TEST(CloseHandle, PseudoHandlesAreLeftAlone) {
-  EXPECT_TRUE(CloseHandle(GetCurrentProcess()));
-  EXPECT_TRUE(CloseHandle(GetCurrentThread()));
-  EXPECT_EQ(WaitForSingleObject(GetCurrentThread(), 0), WAIT_TIMEOUT);
+  if (!OnWine()) EXPECT_CALL(WaitForMultipleObjects(2, handles.data(), TRUE, 0), WAIT_FAILED, ERROR_INVALID_PARAMETER);
 }
 
 // A closed handle stays invalid though its place was given out again.
 TEST(CloseHandle, AnOldValueDoesNotReachANewObject) {
   const HANDLE old = ClosedHandle();
   std::vector<Handle> handles;
-  for (int i = 0; i < 100; ++i) handles.emplace_back(CreateEventW(nullptr, TRUE, TRUE, nullptr));
+  for (int i = 0; i < 100; ++i) handles.emplace_back(NewEvent(true, true));
   bool reused = false;
   for (const Handle& handle : handles) reused |= static_cast<HANDLE>(handle) == old;
   if (!reused) EXPECT_CALL(CloseHandle(old), FALSE, ERROR_INVALID_HANDLE);
 }
 
 TEST(DuplicateHandle, IsAnotherHandleOfTheSameObject) {
-  Handle event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  HANDLE copy = nullptr;
   const HANDLE process = GetCurrentProcess();
-  ASSERT_TRUE(DuplicateHandle(process, event, process, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS));
-  const Handle owner = copy;
-  SetEvent(event);
-  event.Close();
-  EXPECT_EQ(WaitForSingleObject(copy, 0), WAIT_OBJECT_0);
-  HANDLE none = copy;
-  EXPECT_CALL(DuplicateHandle(process, Garbage(), process, &none, 0, FALSE, DUPLICATE_SAME_ACCESS), FALSE,
+  HANDLE copy = nullptr;
+  for (const DWORD options : {DUPLICATE_SAME_ACCESS, DUPLICATE_SAME_ACCESS | DUPLICATE_CLOSE_SOURCE}) {
+    const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    ASSERT_TRUE(DuplicateHandle(process, event, process, &copy, 0, FALSE, options));
+    const Handle owner = copy;
+    if (options == DUPLICATE_SAME_ACCESS) {
+      SetEvent(event);
+      EXPECT_TRUE(CloseHandle(event));
+    } else if (event != copy) {
+      EXPECT_CALL(CloseHandle(event), FALSE, ERROR_INVALID_HANDLE);
+    }
+    EXPECT_EQ(WaitForSingleObject(copy, 0), options == DUPLICATE_SAME_ACCESS ? WAIT_OBJECT_0 : WAIT_TIMEOUT);
+  }
+  EXPECT_CALL(DuplicateHandle(process, Garbage(), process, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS), FALSE,
               ERROR_INVALID_HANDLE);
-  EXPECT_EQ(none, nullptr);
-}
-
-TEST(DuplicateHandle, ClosesTheSourceWhenAsked) {
-  const HANDLE event = CreateEventW(nullptr, TRUE, TRUE, nullptr);
-  HANDLE copy = nullptr;
-  const HANDLE process = GetCurrentProcess();
-  ASSERT_TRUE(
-      DuplicateHandle(process, event, process, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS | DUPLICATE_CLOSE_SOURCE));
-  const Handle owner = copy;
-  EXPECT_EQ(WaitForSingleObject(copy, 0), WAIT_OBJECT_0);
-  if (event != copy) EXPECT_CALL(CloseHandle(event), FALSE, ERROR_INVALID_HANDLE);
+  EXPECT_EQ(copy, nullptr);
 }
 
 }  // namespace

@@ -8,6 +8,8 @@ namespace qel {
 namespace {
 
 constexpr int kVersionRead = 2;
+// A whole record. The number is the same where wide characters, and so the record, are longer.
+constexpr DWORD kRecordBytes = 284;
 
 class Library {
  public:
@@ -32,7 +34,7 @@ class Library {
 int ReadSystemVersion(OSVERSIONINFOEXW& version) {
   using ReadVersion = LONG(WINAPI*)(OSVERSIONINFOEXW * version);
   version = {};
-  version.dwOSVersionInfoSize = sizeof(version);
+  version.dwOSVersionInfoSize = kRecordBytes;
   LONG status = -1;
   const bool read = Swallowed([&] {
     const Library system("ntdll.dll");

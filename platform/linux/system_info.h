@@ -28,7 +28,7 @@ using LPSYSTEM_INFO = SYSTEM_INFO*;
 static_assert(sizeof(SYSTEM_INFO) == 36);
 
 #define VER_PLATFORM_WIN32_NT 2ul
-/// 284 bytes on Windows; longer here, since wide characters have four bytes. Its size field holds sizeof all the same.
+/// 284 bytes on Windows; longer here, since wide characters have four bytes. Its size field may hold either number.
 struct OSVERSIONINFOEXW {
   DWORD dwOSVersionInfoSize, dwMajorVersion, dwMinorVersion, dwBuildNumber, dwPlatformId;
   WCHAR szCSDVersion[128];

@@ -149,6 +149,7 @@ struct {
 } g_version;
 
 LONG WINAPI FakeVersion(OSVERSIONINFOEXW* version) {
+  EXPECT_EQ(version->dwOSVersionInfoSize, 284u);
   version->dwPlatformId = g_version.platform;
   version->dwMajorVersion = g_version.major;
   version->dwMinorVersion = g_version.minor;

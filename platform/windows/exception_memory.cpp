@@ -1,10 +1,12 @@
 // What the C++ run-time of this target makes at the first exception, made ahead: without memory it would end the
 // process then.
 #include <cxxabi.h>
+#include <omp.h>
 
 #include <exception>
 
 #include "platform/fault/fault.h"
+#include "platform/win32.h"
 
 namespace fault {
 namespace {
@@ -30,6 +32,12 @@ void UnwindOnce() {
   }
 }
 
+// Local statics are made behind a lock that the first of them all makes.
+void MakeLockOfLocalStatics() {
+  static const volatile DWORD first = GetCurrentThreadId();
+  static_cast<void>(first);
+}
+
 }  // namespace
 
 // Not for each thread: the thread library begins a thread of its own after the module's attach, and what the thread had
@@ -37,6 +45,8 @@ void UnwindOnce() {
 void ProcessAttach() {
   UnwindOnce();
   MakeLockOfReserve();
+  MakeLockOfLocalStatics();
+  omp_get_thread_num();  // makes the thread's state, which a report asks for
 }
 
 }  // namespace fault

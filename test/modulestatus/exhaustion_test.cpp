@@ -71,11 +71,29 @@ CHILD_ROLE(FaultWithNothingLeft) {
   return g_semaphore ? 1 : 0;
 }
 
+// The first exception of the process, whose run-time makes much of its own only then.
+CHILD_ROLE(FirstFaultWithNothingLeft) {
+  LogFolder();
+  GrowStack();
+  WIN32_FIND_DATAW data;
+  DWORD error;
+  TakeAll(Resource::kMemory);
+  const auto size = GetFileSizeX(static_cast<const wchar_t*>(BadPointer()), &data, &error);
+  GiveBack();
+  return size == 0 ? 0 : 1;
+}
+
 // Where the last report with this title starts: an empty line and two separators before its time.
 size_t StartOfReport(const std::string& reports, const std::string& title) {
   const std::string separator(87, '>');
   const size_t second = reports.rfind(separator, reports.rfind("> " + title));
   return reports.rfind("\n\r\n" + separator, second) + 1;
+}
+
+TEST(NothingLeft, TheFirstFaultIsSurvived) {
+  SKIP_UNDER_ASAN();
+  ChildProcess child("FirstFaultWithNothingLeft", {});
+  EXPECT_EQ(child.Wait(), 0);
 }
 
 // What a process can still do must end, whatever it loses, and what it had written stays.

@@ -26,12 +26,13 @@ CNdpCtrl87::CNdpCtrl87(int invalid, int denormal, int zeroDivide, int overflow, 
   _clearfp();
 }
 
+// Both units get back the masks that x87 had.
 CNdpCtrl87::~CNdpCtrl87() {
   _clearfp();
   if (saved_) {
-    unsigned int now = 0;
-    __control87_2(savedX87_, kAllExceptions, &now, nullptr);
-    __control87_2(savedSse2_, kAllExceptions, nullptr, &now);
+    unsigned int x87 = 0;
+    unsigned int sse2 = 0;
+    __control87_2(savedX87_, kAllExceptions, &x87, &sse2);
   }
   _clearfp();
 }

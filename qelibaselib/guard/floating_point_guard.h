@@ -3,8 +3,8 @@
 #pragma once
 #include "platform/win32.h"
 
-/// Sets the exception masks of x87 and SSE2 and puts them back at its end; pending exceptions are discarded both times.
-/// A flag of 1 masks the exception (no trap), 0 lets it trap, 2 leaves it as it is.
+/// Sets the exception masks of x87 and SSE2; at its end both have the masks that x87 had before. Pending exceptions are
+/// discarded both times. A flag of 1 masks the exception (no trap), 0 lets it trap, 2 leaves it as it is.
 ///
 /// The flags of the first object of the process hold for all later ones, whatever these are given.
 class CNdpCtrl87 {

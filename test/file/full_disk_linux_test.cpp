@@ -1,9 +1,9 @@
 // A file system of 1 MiB that is full, and a file that is cut while it is mapped.
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include "test/file/transfer_test.h"
 #include "test/support/open_handles.h"
+#include "test/support/small_disk.h"
 
 namespace qel::test {
 namespace {
@@ -14,16 +14,10 @@ class FullDisk : public FileTest {
   static constexpr DWORD kBytes = 2 << 20;
 
   void SetUp() override {
-    fs::create_directory(folder_.Path() / "small");
-    if (mount("tmpfs", folder_.Narrow("small").c_str(), "tmpfs", 0, "size=1m") != 0)
-      GTEST_SKIP() << "no file system of 1 MiB to be had: only root may mount one";
-    mounted_ = true;
+    if (!disk_.IsMounted()) GTEST_SKIP() << "no file system of 1 MiB to be had: only root may mount one";
   }
-  void TearDown() override { EXPECT_TRUE(!mounted_ || umount(folder_.Narrow("small").c_str()) == 0); }
-  const std::wstring target_ = folder_.Wide("small/x");
-
- private:
-  bool mounted_ = false;
+  const SmallDisk disk_{"1m"};
+  const std::wstring target_ = disk_.Wide("x");
 };
 
 TEST_F(FullDisk, EveryWayOfWritingSaysSo) {
@@ -34,12 +28,12 @@ TEST_F(FullDisk, EveryWayOfWritingSaysSo) {
   const unsigned long handles = OpenHandleCount();
   EXPECT_FALSE(Mem2FileMMF(HOST, bytes.data(), kBytes, target_.c_str(), -1));
   EXPECT_EQ(GetLastError(), 112u);
-  EXPECT_EQ(fs::file_size(folder_.Path() / "small/x"), 0u);
+  EXPECT_EQ(fs::file_size(disk_.Path() / "x"), 0u);
   EXPECT_FALSE(CopyFileMMF(HOST, source.c_str(), target_.c_str(), FALSE, -1, FALSE));
   EXPECT_EQ(GetLastError(), 112u);
   EXPECT_FALSE(CopyFileX(HOST, source.c_str(), target_.c_str(), FALSE, 0, 0));
   EXPECT_EQ(GetLastError(), 112u);
-  fs::remove(folder_.Path() / "small/x");
+  fs::remove(disk_.Path() / "x");
 
   ScopedFile file(OpenPlain(target_, GENERIC_READ | GENERIC_WRITE, 3, CREATE_ALWAYS));
   ULONGLONG written;

@@ -7,7 +7,7 @@
 
 #include "gtest/gtest.h"
 #include "test/memory/on_thread.h"
-#include "test/memory/page_buffer.h"
+#include "test/support/page_buffer.h"
 #include "test/support/log_folder.h"
 #include "test/support/replace_call.h"
 

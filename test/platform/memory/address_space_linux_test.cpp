@@ -59,31 +59,16 @@ TEST(MapLine, AllFields) {
 
 TEST(MapLine, WhatIsNone) {
   MapLine line;
-  for (const char* const text : {"",
-                                 "\n",
-                                 "-",
-                                 "x",
-                                 "f7d53000",
-                                 "f7d53000-",
-                                 "f7d53000-f7d75000",
-                                 "f7d53000-f7d75000 ",
-                                 "f7d53000-f7d75000 r-x",
-                                 "f7d53000-f7d75000 r-xp",
-                                 "f7d53000-f7d75000 rqxp 0 0:0 0",
-                                 "f7d53000-f7d75000 r-xq 0 0:0 0",
-                                 "f7d75000-f7d53000 r-xp 0 0:0 0",
-                                 "f7d53000-f7d53000 r-xp 0 0:0 0",
-                                 "f7d53001-f7d75000 r-xp 0 0:0 0",
-                                 "7ffff7d53000-7ffff7d75000 r-xp 0 0:0 0",
-                                 "-f7d75000 r-xp 0 0:0 0",
-                                 " f7d53000-f7d75000 r-xp 0 0:0 0",
-                                 "F7D53000-F7D75000 r-xp 0 0:0 0",
-                                 "f7d53000-f7d75000 r-xp 0 0:0 ",
-                                 "f7d53000-f7d75000 r-xp 0 0: 0",
-                                 "f7d53000-f7d75000 r-xp 0 0:0 99999999999999999999",
-                                 "f7d53000-f7d75000 r-xp fffffffffffffffff 0:0 0"})
+  for (const char* const text :
+       {"\n", "-", "x", "-f7d75000 r-xp 0 0:0 0", " f7d53000-f7d75000 r-xp 0 0:0 0", "f7d75000-f7d53000 r-xp 0 0:0 0",
+        "f7d53000-f7d53000 r-xp 0 0:0 0", "f7d53001-f7d75000 r-xp 0 0:0 0", "7ffff7d53000-7ffff7d75000 r-xp 0 0:0 0",
+        "F7D53000-F7D75000 r-xp 0 0:0 0"})
     EXPECT_FALSE(ParseMapLine(text, &line)) << text;
-  const std::string whole = "f7d53000-f7d75000 r-xp 00022000 fe:0a 3";
+  const std::string range = "f7d53000-f7d75000 ";
+  for (const char* const rest : {"rqxp 0 0:0 0", "r-xq 0 0:0 0", "r-xp 0 0: 0", "r-xp 0 0:0 99999999999999999999",
+                                 "r-xp fffffffffffffffff 0:0 0"})
+    EXPECT_FALSE(ParseMapLine(range + rest, &line)) << rest;
+  const std::string whole = range + "r-xp 00022000 fe:0a 3";
   for (size_t length = 0; length < whole.size(); ++length)
     EXPECT_FALSE(ParseMapLine(std::string_view(whole).substr(0, length), &line)) << length;
 }
@@ -116,13 +101,6 @@ TEST(Regions, CoverAllFourGigabytes) {
   EXPECT_EQ(regions[7].end, kAddressSpaceEnd);
 }
 
-TEST(Regions, AnEmptyMapIsFree) {
-  const auto regions = Regions("");
-  ASSERT_EQ(regions.size(), 1u);
-  EXPECT_EQ(regions[0].state, MEM_FREE);
-  EXPECT_EQ(regions[0].end, kAddressSpaceEnd);
-}
-
 TEST(Regions, OwnersSplitAndJoinLines) {
   KnownOwners owners;
   owners.known[0x10000] = {MEM_PRIVATE, 0x10000, 0x20000, PAGE_READWRITE, false};
@@ -145,15 +123,17 @@ TEST(Regions, OwnersSplitAndJoinLines) {
 }
 
 TEST(Regions, FromTheMiddle) {
-  const auto regions = Regions(
+  const std::string map =
       "00010000-00020000 rw-p 00000000 00:00 0\n"
-      "00030000-00040000 rw-p 00000000 00:00 0\n",
-      0x35000);
-  ASSERT_EQ(regions.size(), 2u);
-  EXPECT_EQ(regions[0].start, 0x30000u);
-  EXPECT_EQ(regions[1].state, MEM_FREE);
-  EXPECT_EQ(Regions("00010000-00020000 rw-p 00000000 00:00 0\n", 0x15000)[0].start, 0x10000u);
-  EXPECT_EQ(Regions("00010000-00020000 rw-p 00000000 00:00 0\n", 0xFFFFF000)[0].start, 0x20000u);
+      "00030000-00040000 rw-p 00000000 00:00 0\n";
+  const std::pair<uint32_t, uint32_t> rows[] = {
+      {0x15000, 0x10000}, {0x25000, 0x20000}, {0x35000, 0x30000}, {0xFFFFF000, 0x40000}};
+  for (const auto& [from, start] : rows) EXPECT_EQ(Regions(map, from)[0].start, start) << std::hex << from;
+  EXPECT_EQ(Regions(map, 0x35000).size(), 2u);
+  const auto regions = Regions("");
+  ASSERT_EQ(regions.size(), 1u);
+  EXPECT_EQ(regions[0].state, MEM_FREE);
+  EXPECT_EQ(regions[0].end, kAddressSpaceEnd);
 }
 
 // The map can change while it is read: a line may come twice, longer, or out of order.

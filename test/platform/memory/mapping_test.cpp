@@ -6,12 +6,7 @@
 #include "test/platform/memory/mapped_file.h"
 #include "test/support/child_process.h"
 
-using qel::test::ByTarget;
-using qel::test::ChildProcess;
-using qel::test::Handle;
-using qel::test::MappedFile;
-using qel::test::UniqueName;
-using qel::test::View;
+using namespace qel::test;
 
 namespace {
 
@@ -19,24 +14,16 @@ HANDLE Create(HANDLE file, DWORD protection, DWORD bytes, const wchar_t* name = 
   return CreateFileMappingW(file, nullptr, protection, 0, bytes, name);
 }
 
-#define EXPECT_CREATED(call, error)                   \
-  do {                                                \
-    SetLastError(qel::test::kUntouched);              \
-    const Handle created(call);                       \
-    EXPECT_EQ(GetLastError(), DWORD{error});          \
-    EXPECT_NE(static_cast<HANDLE>(created), nullptr); \
-  } while (false)
-
 TEST(Mapping, TheSizeOfTheFileDecides) {
   MappedFile empty(0), file(10);
   for (const DWORD protection : {PAGE_READONLY, PAGE_READWRITE, PAGE_WRITECOPY})
     EXPECT_CALL(Create(empty.handle(), protection, 0), nullptr, ERROR_FILE_INVALID);
-  EXPECT_CREATED(Create(file.handle(), PAGE_READWRITE, 0), 0);
-  EXPECT_CREATED(Create(file.handle(), PAGE_READWRITE, 4), 0);
+  EXPECT_MADE(Create(file.handle(), PAGE_READWRITE, 0), 0);
+  EXPECT_MADE(Create(file.handle(), PAGE_READWRITE, 4), 0);
   EXPECT_EQ(file.Size(), 10u) << "a smaller mapping cuts nothing";
   EXPECT_CALL(Create(file.handle(), PAGE_READONLY, 11), nullptr, ERROR_NOT_ENOUGH_MEMORY);
   EXPECT_CALL(Create(empty.handle(), PAGE_READONLY, 1), nullptr, ERROR_NOT_ENOUGH_MEMORY);
-  EXPECT_CREATED(Create(file.handle(), PAGE_READWRITE, 70000), 0);
+  EXPECT_MADE(Create(file.handle(), PAGE_READWRITE, 70000), 0);
   ASSERT_EQ(file.Size(), 70000u) << "a larger one makes the file longer at once";
   const std::string bytes = file.Contents();
   EXPECT_EQ(bytes.substr(0, 10), std::string(10, 'x'));
@@ -48,8 +35,8 @@ TEST(Mapping, TheAccessOfTheFileDecides) {
   const Handle reading = file.Open(GENERIC_READ), writing = file.Open(GENERIC_WRITE);
   EXPECT_CALL(Create(reading, PAGE_READWRITE, 0), nullptr, ERROR_ACCESS_DENIED);
   EXPECT_CALL(Create(reading, PAGE_READWRITE, 20), nullptr, ERROR_ACCESS_DENIED);
-  EXPECT_CREATED(Create(reading, PAGE_READONLY, 0), 0);
-  EXPECT_CREATED(Create(reading, PAGE_WRITECOPY, 0), 0);
+  EXPECT_MADE(Create(reading, PAGE_READONLY, 0), 0);
+  EXPECT_MADE(Create(reading, PAGE_WRITECOPY, 0), 0);
   for (const DWORD protection : {PAGE_READONLY, PAGE_READWRITE, PAGE_WRITECOPY})
     EXPECT_CALL(Create(writing, protection, 0), nullptr, ERROR_ACCESS_DENIED);
 }
@@ -68,11 +55,9 @@ TEST(Mapping, BadArguments) {
 
 TEST(Mapping, WithoutFileIsZeroedMemory) {
   for (const HANDLE none : {INVALID_HANDLE_VALUE, static_cast<HANDLE>(nullptr)}) {
-    EXPECT_CALL(Create(INVALID_HANDLE_VALUE, PAGE_READWRITE, 0), nullptr, ERROR_INVALID_PARAMETER);
-    SetLastError(qel::test::kUntouched);
+    EXPECT_CALL(Create(none, PAGE_READWRITE, 0), nullptr, ERROR_INVALID_PARAMETER);
+    EXPECT_MADE(Create(none, PAGE_READWRITE, 5000), 0);
     const Handle mapping(Create(none, PAGE_READWRITE, 5000));
-    EXPECT_EQ(GetLastError(), 0u);
-    ASSERT_NE(static_cast<HANDLE>(mapping), nullptr);
     const View view(mapping, FILE_MAP_WRITE, 0, 0);
     ASSERT_TRUE(view);
     for (int i = 0; i < 5000; ++i) ASSERT_EQ(view[i], 0);
@@ -124,16 +109,16 @@ TEST(Mapping, NamesOfOtherKinds) {
   EXPECT_CALL(OpenFileMappingW(FILE_MAP_READ, FALSE, event.c_str()), nullptr, ERROR_INVALID_HANDLE);
   const Handle mapping(Create(INVALID_HANDLE_VALUE, PAGE_READWRITE, 4096, section.c_str()));
   EXPECT_CALL(CreateEventW(nullptr, TRUE, FALSE, section.c_str()), nullptr, ERROR_INVALID_HANDLE);
-  EXPECT_CREATED(Create(INVALID_HANDLE_VALUE, PAGE_READWRITE, 4096, L""), 0);
+  EXPECT_MADE(Create(INVALID_HANDLE_VALUE, PAGE_READWRITE, 4096, L""), 0);
 }
 
 TEST(Mapping, RightsOfAnOpenedHandle) {
   const std::wstring name = UniqueName();
   const Handle mapping(Create(INVALID_HANDLE_VALUE, PAGE_READWRITE, 4096, name.c_str()));
-  SetLastError(qel::test::kUntouched);
+  SetLastError(kUntouched);
   const Handle reading(OpenFileMappingW(FILE_MAP_READ, FALSE, name.c_str()));
   const Handle writing(OpenFileMappingW(FILE_MAP_WRITE, FALSE, name.c_str()));
-  EXPECT_EQ(GetLastError(), qel::test::kUntouched);
+  EXPECT_EQ(GetLastError(), kUntouched);
   EXPECT_CALL(MapViewOfFile(reading, FILE_MAP_WRITE, 0, 0, 0), nullptr, ERROR_ACCESS_DENIED);
   EXPECT_CALL(MapViewOfFile(reading, FILE_MAP_ALL_ACCESS, 0, 0, 0), nullptr, ERROR_ACCESS_DENIED);
   EXPECT_CALL(MapViewOfFile(writing, FILE_MAP_READ, 0, 0, 0), nullptr, ERROR_ACCESS_DENIED);
@@ -148,35 +133,26 @@ CHILD_ROLE(WriteIntoMapping) {
   const View view(mapping, FILE_MAP_WRITE, 0, 0);
   if (!view) return 1;
   view[1] = static_cast<char>(view[0] + 1);
-  qel::test::Say("written");
-  qel::test::Hear();
+  Say("written");
+  Hear();
   return 0;
 }
 
 // The name keeps what it had when the process that holds it is killed at its side.
-void ExpectSharedWithChild(HANDLE mapping, const std::wstring& name) {
-  const View view(mapping, FILE_MAP_WRITE, 0, 0);
-  view[0] = 'a';
-  ChildProcess child("WriteIntoMapping", {std::string(name.begin(), name.end())});
-  ASSERT_EQ(child.WaitForLine(), "written");
-  EXPECT_EQ(view[1], 'b');
-  child.Kill();
-  const Handle again(OpenFileMappingW(FILE_MAP_READ, FALSE, name.c_str()));
-  EXPECT_NE(static_cast<HANDLE>(again), nullptr);
-}
-
-TEST(Mapping, NamedMemoryIsSharedBetweenProcesses) {
-  const std::wstring name = UniqueName();
-  const Handle mapping(Create(INVALID_HANDLE_VALUE, PAGE_READWRITE, 4096, name.c_str()));
-  ExpectSharedWithChild(mapping, name);
-}
-
-TEST(Mapping, NamedFileIsSharedBetweenProcesses) {
+TEST(Mapping, NamesAreSharedBetweenProcesses) {
   MappedFile file(10);
-  const std::wstring name = UniqueName();
-  const Handle mapping(Create(file.handle(), PAGE_READWRITE, 0, name.c_str()));
-  file.Close();
-  ExpectSharedWithChild(mapping, name);
+  for (const HANDLE from : {file.handle(), INVALID_HANDLE_VALUE}) {
+    const std::wstring name = UniqueName();
+    const Handle mapping(Create(from, PAGE_READWRITE, 10, name.c_str()));
+    file.Close();
+    const View view(mapping, FILE_MAP_WRITE, 0, 0);
+    view[0] = 'a';
+    ChildProcess child("WriteIntoMapping", {Narrow(name)});
+    ASSERT_EQ(child.WaitForLine(), "written");
+    EXPECT_EQ(view[1], 'b');
+    child.Kill();
+    EXPECT_MADE(OpenFileMappingW(FILE_MAP_READ, FALSE, name.c_str()), kUntouched);
+  }
   EXPECT_EQ(file.Contents(), "abxxxxxxxx");
 }
 

@@ -1,8 +1,6 @@
 // A full disk, an address space that is used up, limits: each in a place or a process of its own.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,11 +9,9 @@
 
 #include "test/platform/memory/mapped_file.h"
 #include "test/support/child_process.h"
+#include "test/support/small_disk.h"
 
-using qel::test::ChildProcess;
-using qel::test::Handle;
-using qel::test::kUntouched;
-using qel::test::View;
+using namespace qel::test;
 
 namespace {
 
@@ -25,40 +21,21 @@ constexpr bool kSanitized = true;  // such a process has used most of its addres
 constexpr bool kSanitized = false;
 #endif
 
-class SmallDisk {
- public:
-  SmallDisk() : mounted_(mount("none", folder_.Path().c_str(), "tmpfs", 0, "size=1m") == 0) {}
-  ~SmallDisk() {
-    if (mounted_) umount(folder_.Path().c_str());
-  }
-  bool mounted() const { return mounted_; }
-  std::wstring Wide(const char* name) const { return folder_.Wide(name); }
-
- private:
-  const qel::test::ScratchFolder folder_;
-  const bool mounted_;
-};
-
 TEST(Shortage, AFullDiskIsKnownAtTheCreation) {
-  const SmallDisk disk;
-  if (!disk.mounted()) GTEST_SKIP() << "needs to be root, for a disk of 1 MiB";
-  {
-    const Handle file(
-        CreateFileW(disk.Wide("file").c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
-    DWORD count = 0;
-    ASSERT_TRUE(WriteFile(file, "0123456789", 10, &count, nullptr));
-    const auto create = [&](DWORD bytes) {
-      return CreateFileMappingW(file, nullptr, PAGE_READWRITE, 0, bytes, nullptr);
-    };
-    EXPECT_CALL(create(4 << 20), nullptr, ERROR_DISK_FULL);
-    LARGE_INTEGER size = {};
-    GetFileSizeEx(file, &size);
-    EXPECT_EQ(size.QuadPart, 10) << "a failure leaves the size";
-    EXPECT_CALL(CreateFileMappingW(file, nullptr, PAGE_READWRITE, 0x7FFFFFFF, 0, nullptr), nullptr, ERROR_DISK_FULL);
-    const Handle fits(create(512 << 10));
-    const View view(fits, FILE_MAP_WRITE, 0, 0);
-    for (int i = 0; i < 512 << 10; i += 4096) view[i] = 1;
-  }
+  const SmallDisk disk("1m");
+  if (!disk.IsMounted()) GTEST_SKIP() << "needs to be root, for a disk of 1 MiB";
+  WriteWholeFile(disk.Path() / "file", "0123456789");
+  const Handle file(CreateFileW(disk.Wide("file").c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                                FILE_ATTRIBUTE_NORMAL, nullptr));
+  const auto create = [&](DWORD high, DWORD low) {
+    return CreateFileMappingW(file, nullptr, PAGE_READWRITE, high, low, nullptr);
+  };
+  EXPECT_CALL(create(0, 4 << 20), nullptr, ERROR_DISK_FULL);
+  EXPECT_CALL(create(0x7FFFFFFF, 0), nullptr, ERROR_DISK_FULL);
+  EXPECT_EQ(std::filesystem::file_size(disk.Path() / "file"), 10u) << "a failure leaves the size";
+  const Handle fits(create(0, 512 << 10));
+  const View view(fits, FILE_MAP_WRITE, 0, 0);
+  for (int i = 0; i < 512 << 10; i += 4096) view[i] = 1;
 }
 
 // Takes what is left and looks at how the calls say so. The result names the first thing that is wrong.
@@ -89,15 +66,6 @@ CHILD_ROLE(UseUpLimitedAddresses) {
   return setrlimit(RLIMIT_AS, &limit) == 0 ? UseUpAddressSpace() : 100;
 }
 
-TEST(Shortage, AllAddressesAreUsed) {
-  if (kSanitized) GTEST_SKIP();
-  EXPECT_EQ(ChildProcess("UseUpAllAddresses").Wait(), 0);
-}
-TEST(Shortage, TheLimitOfTheProcessIsReached) {
-  if (kSanitized) GTEST_SKIP();
-  EXPECT_EQ(ChildProcess("UseUpLimitedAddresses").Wait(), 0);
-}
-
 // Without any memory for it the walk goes on in pieces.
 CHILD_ROLE(WalkWithoutMemory) {
   std::vector<void*> pieces(4000);
@@ -119,28 +87,25 @@ CHILD_ROLE(WalkWithoutMemory) {
   }
   return regions > 4000 ? 0 : 3;
 }
-TEST(Shortage, AWalkNeedsNoMemory) {
+TEST(Shortage, EndsInAnErrorOrNeedsNothing) {
   if (kSanitized) GTEST_SKIP();
-  EXPECT_EQ(ChildProcess("WalkWithoutMemory").Wait(), 0);
+  for (const char* role : {"UseUpAllAddresses", "UseUpLimitedAddresses", "WalkWithoutMemory"})
+    EXPECT_EQ(ChildProcess(role).Wait(), 0) << role;
 }
 
 TEST(Shortage, MoreThanMayBeLocked) {
-  if (geteuid() == 0) {
-    // A child without the right to lock more than the limit.
-    const pid_t child = fork();
-    if (child == 0) {
-      const rlimit limit = {64 << 10, 64 << 10};
-      const bool ready = setrlimit(RLIMIT_MEMLOCK, &limit) == 0 && setuid(65534) == 0;
-      void* const block = VirtualAlloc(nullptr, 1 << 20, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
-      const bool refused = !VirtualLock(block, 1 << 20) && GetLastError() == ERROR_WORKING_SET_QUOTA;
-      _exit(ready && refused && VirtualLock(block, 4096) ? 0 : 1);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
-  } else {
-    GTEST_SKIP() << "needs to be root, to give the right up";
+  if (geteuid() != 0) GTEST_SKIP() << "needs to be root, to give the right up";
+  const pid_t child = fork();  // without the right to lock more than the limit
+  if (child == 0) {
+    const rlimit limit = {64 << 10, 64 << 10};
+    const bool ready = setrlimit(RLIMIT_MEMLOCK, &limit) == 0 && setuid(65534) == 0;
+    void* const block = VirtualAlloc(nullptr, 1 << 20, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
+    const bool refused = !VirtualLock(block, 1 << 20) && GetLastError() == ERROR_WORKING_SET_QUOTA;
+    _exit(ready && refused && VirtualLock(block, 4096) ? 0 : 1);
   }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
-#include <filesystem>
-
 #include "test/platform/files/file_calls.h"
+#include "test/support/open_handles.h"
 
 using namespace qel::test;
 
@@ -76,12 +75,9 @@ TEST_F(CreateFileTest, AttributesOfANewFile) {
   }
   EXPECT_EQ(Create(L"a", kW, 0, CREATE_ALWAYS, FILE_ATTRIBUTE_TEMPORARY), Success(0));
   EXPECT_EQ(GetFileAttributesW(L"a"), ByTarget(0x120ul, 0x20ul));
-}
-
-TEST_F(CreateFileTest, HiddenFileIsOverwrittenOnlyAsHidden) {
   for (const DWORD attribute : {FILE_ATTRIBUTE_HIDDEN, FILE_ATTRIBUTE_SYSTEM}) {
     SetAttributes("ex", attribute);
-    EXPECT_EQ(Create(L"ex", kW, 0, CREATE_ALWAYS), ByTarget(Failure(5), Success(183)));
+    EXPECT_EQ(Create(L"ex", kW, 0, CREATE_ALWAYS), ByTarget(Failure(5), Success(183))) << "only as " << attribute;
     EXPECT_EQ(Create(L"ex", kW, 0, CREATE_ALWAYS, attribute), Success(183));
   }
 }
@@ -119,6 +115,9 @@ TEST_F(CreateFileTest, NamesThatAreNone) {
   }
   EXPECT_EQ(Create(L"?:\\???", kW, 0, OPEN_ALWAYS), Failure(123));
   EXPECT_EQ(Create(L"?:\\???", kR, 0, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS), Failure(123));
+  EXPECT_EQ(Create(L"dir", 0, kShareAll, OPEN_EXISTING), Failure(5));
+  for (const DWORD access : {0ul, kR})
+    EXPECT_EQ(Create(L"dir", access, kShareAll, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS), Success(0)) << access;
 }
 
 TEST_F(CreateFileTest, NamesForTheSameFile) {
@@ -155,38 +154,19 @@ TEST_F(CreateFileTest, FullPathHasAtMost259Characters) {
   EXPECT_EQ(Create(L"\\\\?\\" + fits + L"l", kW, 0, CREATE_NEW), Success(0));
 }
 
-TEST_F(CreateFileTest, FolderNeedsBackupSemantics) {
-  for (const DWORD access : {0ul, kR}) {
-    EXPECT_EQ(Create(L"dir", access, kShareAll, OPEN_EXISTING), Failure(5));
-    EXPECT_EQ(Create(L"dir", access, kShareAll, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS), Success(0));
-  }
-}
-
 TEST_F(CreateFileTest, DeleteOnCloseEndsWithTheLastHandle) {
   FileHandle file(At("gone"), kRW | DELETE, kShareAll, CREATE_NEW, FILE_FLAG_DELETE_ON_CLOSE);
   ASSERT_TRUE(file.IsOpen());
-  HANDLE second = nullptr;
-  ASSERT_TRUE(
-      DuplicateHandle(GetCurrentProcess(), file.get(), GetCurrentProcess(), &second, 0, FALSE, DUPLICATE_SAME_ACCESS));
+  Handle second = Duplicate(file.get());
   file.Close();
   EXPECT_TRUE(Exists("gone"));
-  CloseHandle(second);
+  second.Close();
   EXPECT_FALSE(Exists("gone"));
 }
 
 TEST_F(CreateFileTest, NothingIsLeftOpen) {
-  for (int i = 0; i < 3; ++i) {
-    DWORD before = 0, after = 0;
-    GetProcessHandleCount(GetCurrentProcess(), &before);
-    Create(L"dir", kRW, 0, OPEN_ALWAYS);
-    Create(L"ro", kRW, 0, OPEN_ALWAYS);
-    Create(L"ex", kRW, 0, OPEN_ALWAYS);
-    Create(L"?", kRW, 0, OPEN_ALWAYS);
-    Find(L"*");
-    Find(L"ex");
-    Find(L"nothing*");
-    Find(L"ex\\*");
-    GetProcessHandleCount(GetCurrentProcess(), &after);
-    EXPECT_EQ(before, after);
-  }
+  const unsigned long before = OpenHandleCount();
+  for (const wchar_t* name : {L"dir", L"ro", L"ex", L"?"}) Create(name, kRW, 0, OPEN_ALWAYS);
+  for (const wchar_t* pattern : {L"*", L"ex", L"nothing*", L"ex\\*"}) Find(pattern);
+  EXPECT_EQ(OpenHandleCount(), before);
 }

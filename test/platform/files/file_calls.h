@@ -6,12 +6,11 @@
 #include <string>
 
 #include "platform/win32.h"
-#include "test/platform/target.h"
+#include "test/platform/objects/handles.h"
 #include "test/support/scratch_folder.h"
 
 namespace qel::test {
 
-inline constexpr DWORD kUntouched = 0xABCD;  // the last error before a call
 inline constexpr DWORD kR = GENERIC_READ, kW = GENERIC_WRITE, kRW = GENERIC_READ | GENERIC_WRITE;
 inline constexpr DWORD kShareAll = 7;
 
@@ -30,59 +29,43 @@ inline constexpr Outcome Failure(DWORD error) { return {false, error}; }
 
 template <class Call>
 Outcome Ask(Call call) {
-  SetLastError(kUntouched);
-  const bool succeeded = call();
-  return {succeeded, GetLastError()};
+  const auto [succeeded, error] = WithLastError(kUntouched, call);
+  return {succeeded != 0, error};
 }
 
 // A file handle that is closed at the end of the scope.
-class FileHandle {
+class FileHandle : public Handle {
  public:
-  FileHandle() = default;
   explicit FileHandle(const std::wstring& name, DWORD access = kRW, DWORD share = kShareAll,
                       DWORD disposition = OPEN_ALWAYS, DWORD flags = FILE_ATTRIBUTE_NORMAL)
-      : handle_(CreateFileW(name.c_str(), access, share, nullptr, disposition, flags, nullptr)) {}
-  FileHandle(const FileHandle&) = delete;
-  FileHandle& operator=(const FileHandle&) = delete;
-  ~FileHandle() { Close(); }
-  HANDLE get() const { return handle_; }
-  bool IsOpen() const { return handle_ != INVALID_HANDLE_VALUE; }
-  void Close() {
-    if (IsOpen()) CloseHandle(handle_);
-    handle_ = INVALID_HANDLE_VALUE;
-  }
-
- private:
-  HANDLE handle_ = INVALID_HANDLE_VALUE;
+      : Handle(CreateFileW(name.c_str(), access, share, nullptr, disposition, flags, nullptr)) {}
+  HANDLE get() const { return *this; }
+  bool IsOpen() const { return get() && get() != INVALID_HANDLE_VALUE; }
 };
 
 inline Outcome Create(const wchar_t* name, DWORD access, DWORD share, DWORD disposition,
                       DWORD flags = FILE_ATTRIBUTE_NORMAL) {
-  return Ask([&] {
-    HANDLE handle = CreateFileW(name, access, share, nullptr, disposition, flags, nullptr);
-    const DWORD error = GetLastError();
-    if (handle != INVALID_HANDLE_VALUE) CloseHandle(handle);
-    SetLastError(error);
-    return handle != INVALID_HANDLE_VALUE;
-  });
+  const auto [handle, error] =
+      WithLastError(kUntouched, [&] { return CreateFileW(name, access, share, nullptr, disposition, flags, nullptr); });
+  return {handle != INVALID_HANDLE_VALUE && CloseHandle(handle), error};
 }
-inline Outcome Create(const std::wstring& name, DWORD access, DWORD share, DWORD disposition,
-                      DWORD flags = FILE_ATTRIBUTE_NORMAL) {
-  return Create(name.c_str(), access, share, disposition, flags);
+inline Outcome Create(const std::wstring& name, DWORD access, DWORD share, DWORD disposition) {
+  return Create(name.c_str(), access, share, disposition);
 }
 inline Outcome Delete(const std::wstring& name) {
   return Ask([&] { return DeleteFileW(name.c_str()); });
 }
 inline Outcome Find(const wchar_t* pattern) {
-  return Ask([&] {
-    WIN32_FIND_DATAW data;
-    HANDLE find = FindFirstFileW(pattern, &data);
-    const DWORD error = GetLastError();
-    const bool found = find != INVALID_HANDLE_VALUE;
-    if (found) FindClose(find);
-    SetLastError(error);
-    return found;
-  });
+  WIN32_FIND_DATAW data;
+  const auto [find, error] = WithLastError(kUntouched, [&] { return FindFirstFileW(pattern, &data); });
+  return {find != INVALID_HANDLE_VALUE && FindClose(find), error};
+}
+
+inline Handle Duplicate(HANDLE handle) {
+  const HANDLE process = GetCurrentProcess();
+  HANDLE copy = nullptr;
+  EXPECT_TRUE(DuplicateHandle(process, handle, process, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS));
+  return copy;
 }
 
 // The test's own folder, which is the current one meanwhile, so that relative names lead into it.

@@ -1,6 +1,7 @@
 #include <ctime>
 
 #include "test/platform/files/file_calls.h"
+#include "test/support/open_handles.h"
 
 using namespace qel::test;
 
@@ -106,17 +107,13 @@ TEST_F(FindFileTest, FindData) {
 
 TEST_F(FindFileTest, SearchIsCounted) {
   for (const wchar_t* pattern : {L"file", L"d\\*"}) {
-    DWORD before = 0, during = 0, after = 0;
     WIN32_FIND_DATAW data;
-    FindClose(FindFirstFileW(pattern, &data));
-    GetProcessHandleCount(GetCurrentProcess(), &before);
+    const unsigned long before = OpenHandleCount();
     HANDLE find = FindFirstFileW(pattern, &data);
-    GetProcessHandleCount(GetCurrentProcess(), &during);
-    FindClose(find);
-    GetProcessHandleCount(GetCurrentProcess(), &after);
     if (kLinux) {
-      EXPECT_EQ(during, before + 1);
+      EXPECT_EQ(OpenHandleCount(), before + 1);
     }
-    EXPECT_EQ(after, before);
+    FindClose(find);
+    EXPECT_EQ(OpenHandleCount(), before);
   }
 }

@@ -1,10 +1,6 @@
 // A disk of 64 KiB, mounted for the test where the user may do that.
-#include <sys/mount.h>
-
-#include <cerrno>
-#include <cstring>
-
 #include "test/platform/files/file_calls.h"
+#include "test/support/small_disk.h"
 
 using namespace qel::test;
 
@@ -13,28 +9,17 @@ namespace {
 class FullDiskTest : public testing::Test {
  protected:
   void SetUp() override {
-    disk_ = scratch_.Narrow("disk");
-    std::filesystem::create_directory(disk_);
-    mounted_ = mount("qel-test", disk_.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, "size=64k") == 0;
-    if (!mounted_) GTEST_SKIP() << "may not mount: errno " << errno;
+    if (!disk_.IsMounted()) GTEST_SKIP() << "only root may mount a disk";
   }
-  ~FullDiskTest() override {
-    if (mounted_) umount2(disk_.c_str(), MNT_DETACH);
-  }
-  std::wstring On(const char* name) const {
-    return scratch_.Wide("disk") + L"/" + std::wstring(name, name + std::strlen(name));
-  }
-  std::string PathOn(const char* name) const { return disk_ + "/" + name; }
-
-  ScratchFolder scratch_;
-  std::string disk_;
-  bool mounted_ = false;
+  const SmallDisk disk_{"64k"};
+  const ScratchFolder scratch_;
+  const std::filesystem::path source_ = scratch_.Path() / "source";
 };
 
 }  // namespace
 
 TEST_F(FullDiskTest, WriteAndLengthen) {
-  FileHandle file(On("f"), kRW, 0, CREATE_NEW);
+  FileHandle file(disk_.Wide("f"), kRW, 0, CREATE_NEW);
   const std::string data(100'000, 'x');
   DWORD written = 0;
   EXPECT_EQ(Ask([&] { return WriteFile(file.get(), data.data(), 100'000, &written, nullptr); }), Failure(112));
@@ -52,23 +37,29 @@ TEST_F(FullDiskTest, WriteAndLengthen) {
 }
 
 TEST_F(FullDiskTest, FailedCopyLeavesNoTarget) {
-  WriteWholeFile(scratch_.Path() / "source", std::string(100'000, 'x'));
-  WriteWholeFile(PathOn("old"), "old");
+  WriteWholeFile(source_, std::string(100'000, 'x'));
+  WriteWholeFile(disk_.Path() / "old", "old");
   for (const char* target : {"new", "old"}) {
-    EXPECT_EQ(Ask([&] { return CopyFileW(scratch_.Wide("source").c_str(), On(target).c_str(), FALSE); }), Failure(112));
-    EXPECT_FALSE(std::filesystem::exists(PathOn(target)));
+    EXPECT_EQ(Ask([&] { return CopyFileW(source_.wstring().c_str(), disk_.Wide(target).c_str(), FALSE); }),
+              Failure(112));
+    EXPECT_FALSE(std::filesystem::exists(disk_.Path() / target));
   }
 }
 
 TEST_F(FullDiskTest, MoveToAnotherDisk) {
-  WriteWholeFile(scratch_.Path() / "source", "moved");
-  EXPECT_EQ(Ask([&] { return MoveFileW(scratch_.Wide("source").c_str(), On("target").c_str()); }), Success());
-  EXPECT_EQ(ReadWholeFile(PathOn("target")), "moved");
-  EXPECT_FALSE(std::filesystem::exists(scratch_.Path() / "source"));
-  WriteWholeFile(scratch_.Path() / "source", "again");
-  EXPECT_EQ(Ask([&] { return MoveFileW(scratch_.Wide("source").c_str(), On("target").c_str()); }), Failure(183));
-  WriteWholeFile(scratch_.Path() / "source", std::string(100'000, 'x'));
-  EXPECT_EQ(Ask([&] { return MoveFileW(scratch_.Wide("source").c_str(), On("large").c_str()); }), Failure(112));
-  EXPECT_TRUE(std::filesystem::exists(scratch_.Path() / "source"));
-  EXPECT_FALSE(std::filesystem::exists(PathOn("large")));
+  const struct {
+    const char* target;
+    std::string contents;
+    Outcome outcome;
+  } rows[] = {{"target", "moved", Success()},
+              {"target", "again", Failure(183)},
+              {"large", std::string(100'000, 'x'), Failure(112)}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.contents.substr(0, 5));
+    WriteWholeFile(source_, row.contents);
+    EXPECT_EQ(Ask([&] { return MoveFileW(source_.wstring().c_str(), disk_.Wide(row.target).c_str()); }), row.outcome);
+    EXPECT_EQ(std::filesystem::exists(source_), !row.outcome.succeeded);
+  }
+  EXPECT_EQ(ReadWholeFile(disk_.Path() / "target"), "moved");
+  EXPECT_FALSE(std::filesystem::exists(disk_.Path() / "large"));
 }

@@ -8,7 +8,7 @@ using namespace qel::test;
 
 // Says how often it had the file, or "overlap" when it was not alone with it.
 CHILD_ROLE(WantAlone) {
-  const std::wstring folder(arguments[0].begin(), arguments[0].end());
+  const std::wstring folder = Widen(arguments[0]);
   const std::wstring wanted = folder + L"\\wanted", inside = folder + L"\\inside";
   Hear();
   int had = 0;

@@ -79,23 +79,23 @@ TEST_F(ReadWriteTest, BadHandlesZeroTheCount) {
 }
 
 TEST_F(ReadWriteTest, BadBuffers) {
-  const PageBeforeAHole memory;
+  const PageBuffer memory, large(2);
+  char* const hole = reinterpret_cast<char*>(memory.End());
   FileHandle file(At("six"));
-  EXPECT_EQ(ReadInto(file.get(), nullptr, 4), (Moved{Failure(998), 0}));
-  EXPECT_EQ(ReadInto(file.get(), memory.hole(), 4), (Moved{Failure(998), 0}));
-  EXPECT_EQ(ReadInto(file.get(), memory.hole() - 3, 6), (Moved{Failure(998), 0}));
-  for (const char* bad : {static_cast<const char*>(nullptr), static_cast<const char*>(memory.hole()),
-                          static_cast<const char*>(memory.hole() - 3)})
+  for (char* bad : {static_cast<char*>(nullptr), hole, hole - 3}) {
+    EXPECT_EQ(ReadInto(file.get(), bad, 6), (Moved{Failure(998), 0}));
     EXPECT_EQ(WriteFrom(file.get(), bad, 6), (Moved{Failure(1784), 0}));
+  }
   EXPECT_EQ(WriteFrom(file.get(), nullptr, 0), (Moved{Success(), 0}));
   EXPECT_EQ(Read("six"), "abcdef");
-  // A short read that happens to end where a page does is the end of the file.
+  // A short read that happens to end where a page does is the end of the file, which is a success.
   MovePointer(file.get(), 0, FILE_BEGIN);
-  EXPECT_EQ(ReadInto(file.get(), memory.hole() - 6, 6), (Moved{Success(), 6}));
+  EXPECT_EQ(ReadInto(file.get(), hole - 6, 6), (Moved{Success(), 6}));
+  EXPECT_EQ(std::string(hole - 6, 6), "abcdef");
   MovePointer(file.get(), 3, FILE_BEGIN);
-  std::string large(0x3000, '\0');
-  char* page = reinterpret_cast<char*>((reinterpret_cast<ULONG_PTR>(large.data()) + 0x1FFF) & ~ULONG_PTR{0xFFF});
-  EXPECT_EQ(ReadInto(file.get(), page - 3, 100), (Moved{Success(), 3}));
+  EXPECT_EQ(ReadInto(file.get(), large.Begin() + 0xFFD, 100), (Moved{Success(), 3}));
+  EXPECT_EQ(ReadInto(file.get(), buffer_, 100), (Moved{Success(), 0}));
+  EXPECT_EQ(ReadInto(file.get(), nullptr, 0), (Moved{Success(), 0}));
 }
 
 TEST_F(ReadWriteTest, PositionMovesAndGapsReadAsZeros) {

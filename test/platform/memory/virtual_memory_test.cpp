@@ -77,15 +77,22 @@ TEST(VirtualMemory, ReservedPagesAreCommittedAndGivenBack) {
 }
 
 TEST(VirtualMemory, ReleaseByTheFirstPageOnly) {
-  void* const block = VirtualAlloc(nullptr, 4 * kPage, kBoth, PAGE_READWRITE);
-  char* const base = static_cast<char*>(block);
+  char* const base = static_cast<char*>(VirtualAlloc(nullptr, 4 * kPage, kBoth, PAGE_READWRITE));
+  const Handle mapping(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 4096, nullptr));
+  const View view(mapping, FILE_MAP_WRITE, 0, 0);
+  const DWORD noBlock = ByTarget<DWORD>(ERROR_INVALID_ADDRESS, ERROR_INVALID_PARAMETER);
+  EXPECT_CALL(VirtualFree(base, kPage, MEM_RELEASE), FALSE, ERROR_INVALID_PARAMETER);
+  EXPECT_CALL(VirtualFree(base, 0, 0), FALSE, ERROR_INVALID_PARAMETER);
+  EXPECT_CALL(VirtualFree(base, 0, MEM_RELEASE | MEM_DECOMMIT), FALSE, ERROR_INVALID_PARAMETER);
+  EXPECT_CALL(VirtualFree(view.base(), 0, MEM_RELEASE), FALSE, ERROR_INVALID_PARAMETER);
+  for (void* const address : {static_cast<void*>(nullptr), reinterpret_cast<void*>(0x1234)})
+    EXPECT_CALL(VirtualFree(address, 0, MEM_RELEASE), FALSE, noBlock);
   if (!OnWine()) {
     EXPECT_CALL(VirtualFree(base + kPage, 0, MEM_RELEASE), FALSE, ERROR_INVALID_ADDRESS);
   }
   EXPECT_CALL(VirtualFree(base + 8, 0, MEM_RELEASE), TRUE, kUntouched);
-  const Handle mapping(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 4096, nullptr));
-  const View view(mapping, FILE_MAP_WRITE, 0, 0);
-  EXPECT_CALL(VirtualFree(view.base(), 0, MEM_RELEASE), FALSE, ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(Query(base).State, MEM_FREE);
+  EXPECT_CALL(VirtualFree(base, 0, MEM_RELEASE), FALSE, noBlock);
 }
 
 TEST(VirtualMemory, NeighboursAreTwoAllocations) {

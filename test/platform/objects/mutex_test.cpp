@@ -35,6 +35,9 @@ TEST(Mutexes, HandlesOfANameAreOneMutex) {
   EXPECT_TRUE(ReleaseMutex(first));
   EXPECT_TRUE(ReleaseMutex(first));
   EXPECT_FALSE(ReleaseMutex(second));
+  const Handle joined = CreateMutexW(nullptr, TRUE, name.c_str());
+  EXPECT_CALL(ReleaseMutex(joined), FALSE, ERROR_NOT_OWNER);  // joining as initial owner owns nothing
+  EXPECT_EQ(TakenByAnotherThread(first), WAIT_OBJECT_0);
 }
 
 // A wait for several hears of the release as a wait for one does.

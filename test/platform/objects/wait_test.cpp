@@ -21,6 +21,8 @@ TEST(WaitForSingleObject, LeavesTheLastErrorAlone) {
   const Handle event = NewEvent(true, true);
   EXPECT_CALL(WaitForSingleObject(event, 0), WAIT_OBJECT_0, kUntouched);
   ResetEvent(event);
+  EXPECT_EQ(GetCurrentProcess(), INVALID_HANDLE_VALUE);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(GetCurrentThread()), 0xFFFFFFFEu);
   EXPECT_TRUE(CloseHandle(GetCurrentProcess()));
   EXPECT_TRUE(CloseHandle(GetCurrentThread()));
   for (HANDLE handle : {HANDLE(event), INVALID_HANDLE_VALUE, GetCurrentThread()})
@@ -97,14 +99,15 @@ TEST(Semaphores, CountDownAndUp) {
 
 TEST(Semaphores, CountsThatAreNone) {
   const Handle semaphore = CreateSemaphoreW(nullptr, 0, 1, nullptr);
-  if (OnWine()) {
-    EXPECT_CALL(ReleaseSemaphore(semaphore, 0, nullptr), TRUE, kUntouched);
-    EXPECT_CALL(ReleaseSemaphore(semaphore, -1, nullptr), FALSE, ERROR_TOO_MANY_POSTS);
-  } else {
-    EXPECT_CALL(ReleaseSemaphore(semaphore, 0, nullptr), FALSE, ERROR_INVALID_PARAMETER);
-    EXPECT_CALL(ReleaseSemaphore(semaphore, -1, nullptr), FALSE, ERROR_INVALID_PARAMETER);
-  }
+  EXPECT_CALL(ReleaseSemaphore(semaphore, 0, nullptr), ByTarget(FALSE, TRUE),
+              ByTarget<DWORD>(ERROR_INVALID_PARAMETER, kUntouched));
+  EXPECT_CALL(ReleaseSemaphore(semaphore, -1, nullptr), FALSE,
+              ByTarget<DWORD>(ERROR_INVALID_PARAMETER, ERROR_TOO_MANY_POSTS));
   EXPECT_EQ(WaitForSingleObject(semaphore, 0), WAIT_TIMEOUT);
+  const std::pair<LONG, LONG> bad[] = {{-1, 1}, {2, 1}, {0, 0}};
+  for (const auto& [initial, maximum] : bad)
+    EXPECT_CALL(CreateSemaphoreW(nullptr, initial, maximum, nullptr), nullptr, ERROR_INVALID_PARAMETER);
+  EXPECT_MADE(CreateSemaphoreW(nullptr, 0x7FFFFFFF, 0x7FFFFFFF, nullptr), 0);
 }
 
 TEST(WaitForMultipleObjects, AnyTakesTheFirstAndOnlyIt) {

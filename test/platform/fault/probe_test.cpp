@@ -5,26 +5,23 @@
 
 #include "platform/fault/fault.h"
 #include "test/platform/fault/provoke.h"
+#include "test/support/page_buffer.h"
 
 namespace qel::test {
 namespace {
 
-constexpr SIZE_T kPage = 4096;
+constexpr SIZE_T kPage = PageBuffer::kPage;
 
 // Three pages: read-write, read-only, none.
 class Probe : public testing::Test {
  protected:
-  Probe() : pages_(static_cast<char*>(VirtualAlloc(nullptr, 3 * kPage, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE))) {
-    DWORD before;
-    VirtualProtect(pages_ + kPage, kPage, PAGE_READONLY, &before);
-    VirtualProtect(pages_ + 2 * kPage, kPage, PAGE_NOACCESS, &before);
-  }
-  ~Probe() override { VirtualFree(pages_, 0, MEM_RELEASE); }
-  char* const pages_;
+  Probe() { buffer_.Protect(1, PAGE_READONLY); }
+  PageBuffer buffer_{2};
+  BYTE* const pages_ = buffer_.Begin();
 };
 
-TEST_F(Probe, LooksAtEveryPage) {
-  ASSERT_NE(pages_, nullptr);
+TEST_F(Probe, LooksAtEveryPageAndChangesNothing) {
+  pages_[0] = 0x5A;
   EXPECT_FALSE(IsBadReadPtr(pages_, 2 * kPage));
   EXPECT_TRUE(IsBadReadPtr(pages_, 2 * kPage + 1));
   EXPECT_TRUE(IsBadReadPtr(pages_ + 2 * kPage - 1, 2));
@@ -32,6 +29,7 @@ TEST_F(Probe, LooksAtEveryPage) {
   EXPECT_TRUE(IsBadWritePtr(pages_, kPage + 1));
   EXPECT_TRUE(IsBadWritePtr(pages_ + kPage, 1));
   EXPECT_TRUE(IsBadWritePtr(const_cast<char*>("constant"), 1));
+  EXPECT_EQ(pages_[0], 0x5A);
 }
 
 TEST_F(Probe, SizeZeroIsNeverBadAndAWrapAlwaysIs) {
@@ -40,12 +38,6 @@ TEST_F(Probe, SizeZeroIsNeverBadAndAWrapAlwaysIs) {
   EXPECT_TRUE(IsBadReadPtr(nullptr, 1));
   EXPECT_TRUE(IsBadReadPtr(pages_, ~SIZE_T{0}));
   EXPECT_TRUE(IsBadWritePtr(pages_, ~SIZE_T{0} - reinterpret_cast<ULONG_PTR>(pages_) + 2));
-}
-
-TEST_F(Probe, ChangesNothing) {
-  pages_[0] = 0x5A;
-  EXPECT_FALSE(IsBadWritePtr(pages_, 1));
-  EXPECT_EQ(pages_[0], 0x5A);
 }
 
 TEST_F(Probe, LeavesAGuardAlone) {

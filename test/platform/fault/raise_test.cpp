@@ -26,14 +26,19 @@ OWN_FRAME CSE CatchRaised(DWORD flags, DWORD count, const ULONG_PTR* arguments) 
   return caught;
 }
 
-TEST(Raise, RecordHoldsWhatWasGiven) {
+TEST(Raise, RecordAndContextAreThoseOfTheCall) {
   const ULONG_PTR arguments[] = {0x11, 0x22, 0x33};
-  const EXCEPTION_RECORD record = CatchRaised(0, std::size(arguments), arguments).record;
+  const CSE caught = CatchRaised(0, std::size(arguments), arguments);
+  const EXCEPTION_RECORD& record = caught.record;
   EXPECT_EQ(record.ExceptionCode, kCode);
   EXPECT_EQ(record.ExceptionFlags, 0u);
   EXPECT_EQ(record.ExceptionRecord, nullptr);
   ASSERT_EQ(record.NumberParameters, 3u);
   EXPECT_TRUE(std::equal(std::begin(arguments), std::end(arguments), record.ExceptionInformation));
+  EXPECT_EQ(reinterpret_cast<DWORD>(record.ExceptionAddress), caught.context.Eip);
+  const auto here = reinterpret_cast<DWORD>(__builtin_frame_address(0));
+  EXPECT_LT(caught.context.Esp, here);
+  EXPECT_GT(caught.context.Esp, here - 0x10000);
 }
 
 TEST(Raise, ParametersAndFlagsAreCut) {
@@ -42,14 +47,6 @@ TEST(Raise, ParametersAndFlagsAreCut) {
   EXPECT_EQ(CatchRaised(0, 20, arguments).record.NumberParameters, 15u);
   EXPECT_EQ(CatchRaised(0, 5, nullptr).record.NumberParameters, 0u);
   EXPECT_EQ(CatchRaised(0xFFFFFFFF, 0, nullptr).record.ExceptionFlags, EXCEPTION_NONCONTINUABLE);
-}
-
-TEST(Raise, ContextIsThatOfTheCall) {
-  const CSE caught = CatchRaised(0, 0, nullptr);
-  EXPECT_EQ(reinterpret_cast<DWORD>(caught.record.ExceptionAddress), caught.context.Eip);
-  const auto here = reinterpret_cast<DWORD>(__builtin_frame_address(0));
-  EXPECT_LT(caught.context.Esp, here);
-  EXPECT_GT(caught.context.Esp, here - 0x10000);
 }
 
 OWN_FRAME void RaiseInNoexcept() noexcept { RaiseException(kCode, 0, 0, nullptr); }

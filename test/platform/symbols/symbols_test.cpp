@@ -7,9 +7,11 @@
 #include "platform/win32.h"
 #include "test/platform/target.h"
 
+static DWORD AddressOf(const void* place) { return reinterpret_cast<DWORD>(place); }
+
 // One frame each, and a place in it that can be asked for.
 extern "C" __attribute__((noipa, noinline)) DWORD PlaceInPlainFunction() {
-  return static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(__builtin_return_address(0)));
+  return AddressOf(__builtin_return_address(0));
 }
 static __attribute__((noipa, noinline)) DWORD PlaceInLocalFunction() {
   const volatile DWORD place = PlaceInPlainFunction();  // not a jump there
@@ -23,6 +25,8 @@ __attribute__((noipa, noinline)) DWORD PlaceInHiddenFunction() {
   const volatile DWORD place = PlaceInPlainFunction();
   return place;
 }
+
+const DWORD kPlainFunction = AddressOf(reinterpret_cast<void*>(&PlaceInPlainFunction));
 
 struct Session {
   Session() { EXPECT_TRUE(SymInitialize(GetCurrentProcess(), nullptr, TRUE)); }
@@ -43,13 +47,12 @@ struct SymbolBlock {
 
 TEST(Symbols, NameFunctions) {
   const Session session;
-  const auto start = static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(&PlaceInPlainFunction));
   SymbolBlock block;
   DWORD displacement = 0;
-  ASSERT_TRUE(block.Find(start + 3, &displacement));
+  ASSERT_TRUE(block.Find(kPlainFunction + 3, &displacement));
   EXPECT_STREQ(block.symbol.Name, "PlaceInPlainFunction");
   EXPECT_EQ(displacement, 3u);
-  EXPECT_EQ(block.symbol.Address, start);
+  EXPECT_EQ(block.symbol.Address, kPlainFunction);
   ASSERT_TRUE(block.Find(PlaceInLocalFunction()));
   EXPECT_STREQ(block.symbol.Name, "PlaceInLocalFunction");
   ASSERT_TRUE(block.Find(PlaceInHiddenFunction()));
@@ -58,38 +61,35 @@ TEST(Symbols, NameFunctions) {
 
 TEST(Symbols, TakeAnySizeThatIsLargeEnough) {
   const Session session;
-  const auto start = static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(&PlaceInPlainFunction));
-  for (const DWORD size : {24ul, 28ul, 10000ul}) EXPECT_TRUE(SymbolBlock(size).Find(start + 3)) << size;
-  for (const DWORD size : {0ul, 20ul}) EXPECT_FALSE(SymbolBlock(size).Find(start + 3)) << size;
+  for (const DWORD size : {24ul, 28ul, 10000ul}) EXPECT_TRUE(SymbolBlock(size).Find(kPlainFunction + 3)) << size;
+  for (const DWORD size : {0ul, 20ul}) EXPECT_FALSE(SymbolBlock(size).Find(kPlainFunction + 3)) << size;
   SymbolBlock small(24, 5);
-  ASSERT_TRUE(small.Find(start + 3));
+  ASSERT_TRUE(small.Find(kPlainFunction + 3));
   EXPECT_STREQ(small.symbol.Name, "Plac");
 }
 
 TEST(Symbols, BelongToModules) {
-  const auto start = static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(&PlaceInPlainFunction));
   {
     const Session session;
     SetLastError(77);
-    EXPECT_EQ(SymGetModuleBase(GetCurrentProcess(), start),
-              static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(GetModuleHandleA(nullptr))));
-    EXPECT_EQ(SymFunctionTableAccess(GetCurrentProcess(), start), nullptr);
+    EXPECT_EQ(SymGetModuleBase(GetCurrentProcess(), kPlainFunction), AddressOf(GetModuleHandleA(nullptr)));
+    EXPECT_EQ(SymFunctionTableAccess(GetCurrentProcess(), kPlainFunction), nullptr);
     EXPECT_EQ(GetLastError(), 77u);
     EXPECT_EQ(SymGetModuleBase(GetCurrentProcess(), 0x10), 0u);
     EXPECT_EQ(GetLastError(), ERROR_MOD_NOT_FOUND);
     EXPECT_FALSE(SymbolBlock().Find(0x10));
     EXPECT_EQ(GetLastError(), ERROR_MOD_NOT_FOUND);
   }
-  EXPECT_FALSE(SymbolBlock().Find(start));
+  EXPECT_FALSE(SymbolBlock().Find(kPlainFunction));
   EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
   EXPECT_FALSE(SymCleanup(GetCurrentProcess()));
 }
 
 std::vector<STACKFRAME> Walk(DWORD machine, const void* code, const void* stack, const void* frame, DWORD* error) {
   STACKFRAME record{};
-  record.AddrPC = {static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(code)), 0, AddrModeFlat};
-  record.AddrStack = {static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(stack)), 0, AddrModeFlat};
-  record.AddrFrame = {static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(frame)), 0, AddrModeFlat};
+  record.AddrPC = {AddressOf(code), 0, AddrModeFlat};
+  record.AddrStack = {AddressOf(stack), 0, AddrModeFlat};
+  record.AddrFrame = {AddressOf(frame), 0, AddrModeFlat};
   std::vector<STACKFRAME> frames;
   while (frames.size() < 20 && StackWalk(machine, GetCurrentProcess(), GetCurrentThread(), &record, nullptr, nullptr,
                                          SymFunctionTableAccess, SymGetModuleBase, nullptr)) {
@@ -115,11 +115,11 @@ TEST(StackWalk, FollowsTheChainOfFrames) {
   const auto frames = Walk(IMAGE_FILE_MACHINE_I386, code, chain, chain, &error);
   ASSERT_EQ(frames.size(), 3u);
   EXPECT_EQ(error, ERROR_MOD_NOT_FOUND);
-  EXPECT_EQ(frames[0].AddrPC.Offset, static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(code)));
+  EXPECT_EQ(frames[0].AddrPC.Offset, AddressOf(code));
   EXPECT_EQ(frames[0].AddrReturn.Offset, chain[0].returnAddress);
   EXPECT_EQ(frames[0].Params[3], 4u);
   EXPECT_EQ(frames[1].AddrPC.Offset, chain[0].returnAddress);
-  EXPECT_EQ(frames[1].AddrFrame.Offset, static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(&chain[1])));
+  EXPECT_EQ(frames[1].AddrFrame.Offset, AddressOf(&chain[1]));
   EXPECT_EQ(frames[2].AddrPC.Offset, chain[1].returnAddress);
   EXPECT_EQ(frames[2].AddrReturn.Offset, 0u);
   EXPECT_NE(frames[2].AddrFrame.Offset, 0u);

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "platform/win32.h"
+#include "test/platform/objects/handles.h"
 
 namespace {
 
@@ -32,18 +32,10 @@ TEST(TextConversionTest, LengthsAndErrors) {
   EXPECT_STREQ(narrow, "abc");
   EXPECT_EQ(MultiByteToWideChar(CP_ACP, 0, "abc", 2, wide, 4), 2);
   EXPECT_EQ(std::wstring(wide, 2), L"ab");
-  SetLastError(0);
-  EXPECT_EQ(WideCharToMultiByte(CP_ACP, 0, L"abcd", -1, narrow, 4, nullptr, nullptr), 0);
-  EXPECT_EQ(GetLastError(), 122u);
-  SetLastError(0);
-  EXPECT_EQ(MultiByteToWideChar(CP_ACP, 0, "abcd", -1, wide, 4), 0);
-  EXPECT_EQ(GetLastError(), 122u);
-  SetLastError(0);
-  EXPECT_EQ(WideCharToMultiByte(CP_ACP, 0, nullptr, -1, narrow, 4, nullptr, nullptr), 0);
-  EXPECT_EQ(GetLastError(), 87u);
-  SetLastError(0);
-  EXPECT_EQ(MultiByteToWideChar(CP_ACP, 0, nullptr, -1, wide, 4), 0);
-  EXPECT_EQ(GetLastError(), 87u);
+  EXPECT_CALL(WideCharToMultiByte(CP_ACP, 0, L"abcd", -1, narrow, 4, nullptr, nullptr), 0, 122);
+  EXPECT_CALL(MultiByteToWideChar(CP_ACP, 0, "abcd", -1, wide, 4), 0, 122);
+  EXPECT_CALL(WideCharToMultiByte(CP_ACP, 0, nullptr, -1, narrow, 4, nullptr, nullptr), 0, 87);
+  EXPECT_CALL(MultiByteToWideChar(CP_ACP, 0, nullptr, -1, wide, 4), 0, 87);
 }
 
 TEST(TextConversionTest, RoundTrip) {

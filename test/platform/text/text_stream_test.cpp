@@ -32,6 +32,11 @@ Opened Open(const std::wstring& name, const wchar_t* mode) {
 class TextStreamTest : public FileTest {
  protected:
   FILE* OpenFile(const char* name, const wchar_t* mode) const { return _wfopen(At(name).c_str(), mode); }
+  void Put(const char* name, const wchar_t* mode, const char* text) const {
+    FILE* file = OpenFile(name, mode);
+    EXPECT_GE(std::fputs(text, file), 0);
+    std::fclose(file);
+  }
   std::string ReadText(const char* name, size_t bufferSize = BUFSIZ) const {
     FILE* file = OpenFile(name, L"rt");
     if (!file) return "closed";
@@ -78,11 +83,9 @@ TEST_F(TextStreamTest, ReadsLineEndsAsOneByte) {
     EXPECT_EQ(ReadText("f", buffer), "a\nb\rc\r\nd\ne\r");
   Write("f", "a\r\nb\x1A\r\nc");
   EXPECT_EQ(ReadText("f"), "a\nb");
-  FILE* file = OpenFile("f", L"at");
-  std::fputs("d", file);
-  std::fclose(file);
+  Put("f", L"at", "d");
   EXPECT_EQ(Read("f"), "a\r\nb\x1A\r\ncd");
-  file = OpenFile("f", L"rt");
+  FILE* file = OpenFile("f", L"rt");
   char line[16];
   std::fgets(line, sizeof line, file);
   std::fgets(line, sizeof line, file);
@@ -93,13 +96,9 @@ TEST_F(TextStreamTest, ReadsLineEndsAsOneByte) {
 
 TEST_F(TextStreamTest, BinaryModesKeepTheBytes) {
   Write("f", "a\r\n");
-  FILE* file = OpenFile("f", L"ab");
-  std::fputs("b\n", file);
-  std::fclose(file);
+  Put("f", L"ab", "b\n");
   EXPECT_EQ(Read("f"), "a\r\nb\n");
-  file = OpenFile("f", L"wb");
-  std::fputs("c\n", file);
-  std::fclose(file);
+  Put("f", L"wb", "c\n");
   EXPECT_EQ(Read("f"), "c\n");
 }
 
@@ -108,14 +107,20 @@ TEST_F(TextStreamTest, Refusals) {
   Write("ro");
   SetAttributes("ro", FILE_ATTRIBUTE_READONLY);
   MakeFolder("dir");
-  EXPECT_EQ(Open(At("missing"), L"rt"), (Opened{false, ENOENT, 2}));
-  EXPECT_EQ(Open(At("no") + L"\\f", L"at"), (Opened{false, ENOENT, 3}));
-  EXPECT_EQ(Open(At("dir"), L"at"), (Opened{false, EACCES, 5}));
-  EXPECT_EQ(Open(At("dir"), L"rt"), (Opened{false, EACCES, 5}));
+  const struct {
+    std::wstring name;
+    const wchar_t* mode;
+    int number;
+    DWORD error;
+  } rows[] = {{At("missing"), L"rt", ENOENT, 2},
+              {At("no") + L"\\f", L"at", ENOENT, 3},
+              {At("dir"), L"at", EACCES, 5},
+              {At("dir"), L"rt", EACCES, 5},
+              {L"?:\\???\\a.txt", L"at", EINVAL, 123}};
+  for (const auto& row : rows) EXPECT_EQ(Open(row.name, row.mode), (Opened{false, row.number, row.error})) << row.name;
   if (PermissionsHold()) {
     EXPECT_EQ(Open(At("ro"), L"at"), (Opened{false, EACCES, 5}));
   }
-  EXPECT_EQ(Open(L"?:\\???\\a.txt", L"at"), (Opened{false, EINVAL, 123}));
   EXPECT_EQ(Read("ro"), "text");
 }
 

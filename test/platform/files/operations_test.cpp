@@ -61,19 +61,16 @@ TEST_F(OperationsTest, MoveNeverReplaces) {
   }
   EXPECT_EQ(Read("f"), "source");
   EXPECT_EQ(Read("other"), "other");
-  EXPECT_EQ(Move(L"ro", L"ro2"), Success());
+  {
+    FileHandle holds(At("f"), kR, 3, OPEN_EXISTING), letsGo(At("ro"), kR, kShareAll, OPEN_EXISTING);
+    EXPECT_EQ(Move(L"f", L"g"), Failure(32));
+    EXPECT_EQ(Move(L"ro", L"ro2"), Success());
+  }
   EXPECT_EQ(GetFileAttributesW(L"ro2"), 0x21u);
   EXPECT_EQ(Move(L"dir", L"dir2"), Success());
   EXPECT_EQ(Move(L"f", L"dir2\\f"), Success());
   EXPECT_EQ(Read("dir2/f"), "source");
   EXPECT_FALSE(Exists("f"));
-}
-
-TEST_F(OperationsTest, MoveWaitsForTheHolders) {
-  FileHandle holder(At("f"), kR, 3, OPEN_EXISTING);
-  EXPECT_EQ(Move(L"f", L"g"), Failure(32));
-  FileHandle letsGo(At("other"), kR, kShareAll, OPEN_EXISTING);
-  EXPECT_EQ(Move(L"other", L"g"), Success());
 }
 
 TEST_F(OperationsTest, CopyTakesContentsTimesAndAttributes) {

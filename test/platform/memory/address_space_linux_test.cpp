@@ -59,16 +59,12 @@ TEST(MapLine, AllFields) {
 
 TEST(MapLine, WhatIsNone) {
   MapLine line;
-  for (const char* const text :
-       {"\n", "-", "x", "-f7d75000 r-xp 0 0:0 0", " f7d53000-f7d75000 r-xp 0 0:0 0", "f7d75000-f7d53000 r-xp 0 0:0 0",
-        "f7d53000-f7d53000 r-xp 0 0:0 0", "f7d53001-f7d75000 r-xp 0 0:0 0", "7ffff7d53000-7ffff7d75000 r-xp 0 0:0 0",
-        "F7D53000-F7D75000 r-xp 0 0:0 0"})
+  const std::string range = "f7d53000-f7d75000 ", whole = range + "r-xp 00022000 fe:0a 3";
+  for (const std::string& text : std::initializer_list<std::string>{
+           std::string("\n"), "x" + whole, "F" + whole.substr(1), "7fff" + whole, "f7d75000-f7d53000 r-xp 0 0:0 0",
+           "f7d53001-f7d75000 r-xp 0 0:0 0", range + "rqxp 0 0:0 0", range + "r-xp 0 0: 0",
+           range + "r-xp 0 0:0 99999999999999999999", range + "r-xp fffffffffffffffff 0:0 0"})
     EXPECT_FALSE(ParseMapLine(text, &line)) << text;
-  const std::string range = "f7d53000-f7d75000 ";
-  for (const char* const rest : {"rqxp 0 0:0 0", "r-xq 0 0:0 0", "r-xp 0 0: 0", "r-xp 0 0:0 99999999999999999999",
-                                 "r-xp fffffffffffffffff 0:0 0"})
-    EXPECT_FALSE(ParseMapLine(range + rest, &line)) << rest;
-  const std::string whole = range + "r-xp 00022000 fe:0a 3";
   for (size_t length = 0; length < whole.size(); ++length)
     EXPECT_FALSE(ParseMapLine(std::string_view(whole).substr(0, length), &line)) << length;
 }

@@ -7,8 +7,8 @@
 
 #include "gtest/gtest.h"
 #include "test/memory/on_thread.h"
-#include "test/support/page_buffer.h"
 #include "test/support/log_folder.h"
+#include "test/support/page_buffer.h"
 #include "test/support/replace_call.h"
 
 namespace qel::test {

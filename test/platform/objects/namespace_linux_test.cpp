@@ -81,8 +81,10 @@ CHILD_ROLE(TakeSmallest) {
   if (!UsePrivateSharedMemory()) return kSkipped;
   REQUIRE(MakeFolder(OwnPrefix() + "b", geteuid(), 0700));
   REQUIRE(MakeFolder(OwnPrefix() + "a", geteuid(), 0700));
+  REQUIRE(geteuid() != 0 || MakeFolder(OwnPrefix() + "0", kOther, 0700));  // which only root could enter
   const Handle event = CreateEventW(nullptr, FALSE, FALSE, kName);
   REQUIRE(!fs::is_empty("/dev/shm/" + OwnPrefix() + "a"));
+  REQUIRE(geteuid() != 0 || fs::is_empty("/dev/shm/" + OwnPrefix() + "0"));
   REQUIRE(fs::is_empty("/dev/shm/" + OwnPrefix() + "b"));
   return 0;
 }

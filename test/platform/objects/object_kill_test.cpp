@@ -5,10 +5,9 @@
 #include <random>
 #include <thread>
 
-#include "test/platform/objects/handles.h"
+#include "test/platform/memory/mapped_file.h"
 #include "test/platform/objects/shared_memory.h"
 #include "test/support/child_process.h"
-#include "test/support/scratch_folder.h"
 
 using namespace qel::test;
 
@@ -39,15 +38,12 @@ class BoardView {
   explicit BoardView(const std::string& stem)
       : section_(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(Board),
                                     NameOf(stem, kNames).c_str())),
-        board_(static_cast<Board*>(MapViewOfFile(section_, FILE_MAP_WRITE, 0, 0, 0))) {}
-  BoardView(const BoardView&) = delete;
-  BoardView& operator=(const BoardView&) = delete;
-  ~BoardView() { UnmapViewOfFile(board_); }
-  Board* operator->() const { return board_; }
+        view_(section_, FILE_MAP_WRITE, 0, 0) {}
+  Board* operator->() const { return reinterpret_cast<Board*>(view_.base()); }
 
  private:
   const Handle section_;
-  Board* const board_;
+  const View view_;
 };
 
 // What is said to be new must not be open anywhere: looks for a process that has it open before and after `make`.

@@ -6,9 +6,9 @@
 #include <thread>
 
 #include "qelibaselib/qelibaselib.h"
-#include "test/modulestatus/exhaustion.h"
 #include "test/support/bad_pointer.h"
 #include "test/support/child_process.h"
+#include "test/support/exhaustion.h"
 #include "test/support/log_folder.h"
 #include "test/support/replace_call.h"
 #include "test/support/sanitizer.h"

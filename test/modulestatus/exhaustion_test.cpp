@@ -1,5 +1,5 @@
 // Reports of a process that has used up what a report needs.
-#include "test/modulestatus/exhaustion.h"
+#include "test/support/exhaustion.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "test/modulestatus/exhaustion.h"
+#include "test/support/exhaustion.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "platform/win32.h"
-#include "test/modulestatus/exhaustion_limits.h"
+#include "test/support/exhaustion_limits.h"
 
 namespace qel::test {
 namespace {

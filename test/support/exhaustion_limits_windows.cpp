@@ -1,4 +1,4 @@
-#include "test/modulestatus/exhaustion_limits.h"
+#include "test/support/exhaustion_limits.h"
 
 namespace qel::test {
 

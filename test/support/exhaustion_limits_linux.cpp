@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-#include "test/modulestatus/exhaustion_limits.h"
+#include "test/support/exhaustion_limits.h"
 
 namespace qel::test {
 namespace {

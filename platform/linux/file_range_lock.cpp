@@ -12,6 +12,7 @@
 
 #include "platform/linux/error.h"
 #include "platform/linux/file.h"
+#include "platform/linux/lock_range.h"
 #include "platform/linux/open_file.h"
 
 namespace qel::layer {
@@ -45,17 +46,6 @@ class RangeLocks {
   std::vector<Range> held_;
 };
 
-namespace {
-struct flock KernelRange(short type, off_t from, off_t to) {
-  struct flock range = {};
-  range.l_type = type;
-  range.l_whence = SEEK_SET;
-  range.l_start = from;
-  range.l_len = to - from;
-  return range;
-}
-}  // namespace
-
 int RangeLocks::DescriptorFor(const Range& range) {
   if (!range.exclusive || (fcntl(descriptor_, F_GETFL) & O_ACCMODE) != O_RDONLY) return descriptor_;
   if (writable_ < 0) {
@@ -69,7 +59,7 @@ int RangeLocks::DescriptorFor(const Range& range) {
 DWORD RangeLocks::Place(const Range& range, bool wait) {
   const int descriptor = DescriptorFor(range);
   if (descriptor < 0) return ERROR_ACCESS_DENIED;
-  struct flock kernel = KernelRange(range.exclusive ? F_WRLCK : F_RDLCK, range.from, range.to);
+  struct flock kernel = LockRange(range.exclusive ? F_WRLCK : F_RDLCK, range.from, range.to - range.from);
   int result;
   do result = fcntl(descriptor, wait ? F_OFD_SETLKW : F_OFD_SETLK, &kernel);
   while (result != 0 && errno == EINTR);
@@ -98,7 +88,7 @@ DWORD RangeLocks::Unlock(off_t from, off_t to) {
   while (found != held_.end() && (found->from != from || found->to != to)) ++found;
   if (found == held_.end()) return ERROR_NOT_LOCKED;
   const Range freed = *found;
-  struct flock kernel = KernelRange(F_UNLCK, freed.from, freed.to);
+  struct flock kernel = LockRange(F_UNLCK, freed.from, freed.to - freed.from);
   fcntl(freed.exclusive ? DescriptorFor(freed) : descriptor_, F_OFD_SETLK, &kernel);
   held_.erase(found);
   for (const Range& held : held_)  // the rest of shared locks that overlapped it

@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "platform/linux/error.h"
+#include "platform/linux/lock_range.h"
 
 namespace qel::layer {
 namespace {
@@ -25,20 +26,11 @@ bool Compatible(ShareMode mode, int byte) {
   return (mode.access & ~share) == 0 && (access & ~mode.share) == 0;
 }
 
-struct flock Range(short type, off_t from, off_t length) {
-  struct flock range = {};
-  range.l_type = type;
-  range.l_whence = SEEK_SET;
-  range.l_start = from;
-  range.l_len = length;
-  return range;
-}
-
 // Looks at the bytes [from, to) that others hold. The kernel names any one of them, so the rest is looked at on both
 // sides of it.
 Answer Look(int descriptor, ShareMode mode, bool* rangesLocked, int from = 0, int to = kBytes) {
   if (from >= to) return Answer::kFree;
-  struct flock range = Range(F_WRLCK, kFirstByte + from, to - from);
+  struct flock range = LockRange(F_WRLCK, kFirstByte + from, to - from);
   if (fcntl(descriptor, F_OFD_GETLK, &range) != 0) return Answer::kUnsupported;
   if (range.l_type == F_UNLCK) return Answer::kFree;
   const int byte = static_cast<int>(range.l_start - kFirstByte);
@@ -55,7 +47,7 @@ Answer Look(int descriptor, ShareMode mode, bool* rangesLocked, int from = 0, in
 // Of two that come at once at least one sees the other, so never both stand. Both may draw back; then they meet at the
 // gate.
 Answer PlaceAndLook(int descriptor, ShareMode mode, bool* rangesLocked) {
-  struct flock own = Range(F_RDLCK, kFirstByte + ByteOf(mode), 1);
+  struct flock own = LockRange(F_RDLCK, kFirstByte + ByteOf(mode), 1);
   // A descriptor for writing alone cannot hold a shared lock.
   if (fcntl(descriptor, F_OFD_SETLK, &own) != 0)
     return errno == EAGAIN || errno == EACCES ? Answer::kConflict : Answer::kUnsupported;
@@ -105,21 +97,21 @@ DWORD EnterSharing(int descriptor, ShareMode mode, bool isNew, bool* rangesLocke
 }
 
 void LeaveSharing(int descriptor, ShareMode mode) {
-  struct flock own = Range(F_UNLCK, kFirstByte + ByteOf(mode), 1);
+  struct flock own = LockRange(F_UNLCK, kFirstByte + ByteOf(mode), 1);
   fcntl(descriptor, F_OFD_SETLK, &own);
 }
 
 bool MayShare(int descriptor, ShareMode mode) { return Look(descriptor, mode, nullptr) != Answer::kConflict; }
 
 void MarkRangesLocked(int descriptor, bool locked) {
-  struct flock mark = Range(locked ? F_RDLCK : F_UNLCK, kFirstByte + kRangesLockedByte, 1);
+  struct flock mark = LockRange(locked ? F_RDLCK : F_UNLCK, kFirstByte + kRangesLockedByte, 1);
   fcntl(descriptor, F_OFD_SETLK, &mark);
 }
 
 DWORD CheckRange(int descriptor, off_t from, off_t length, bool writing) {
   if (length <= 0 || from < 0 || from >= kEndOfRanges) return ERROR_SUCCESS;
   if (length > kEndOfRanges - from) length = kEndOfRanges - from;
-  struct flock range = Range(writing ? F_WRLCK : F_RDLCK, from, length);
+  struct flock range = LockRange(writing ? F_WRLCK : F_RDLCK, from, length);
   if (fcntl(descriptor, F_OFD_GETLK, &range) != 0) return ERROR_SUCCESS;
   return range.l_type == F_UNLCK ? ERROR_SUCCESS : ERROR_LOCK_VIOLATION;
 }

@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "platform/linux/folder_entries.h"
+#include "platform/linux/lock_range.h"
 
 namespace qel::layer {
 namespace {
@@ -14,17 +15,8 @@ namespace {
 // The first byte is that of the file, the others are those of its processes.
 constexpr off_t kFirstNumberByte = 1;
 
-struct flock Range(short type, off_t start, off_t length) {
-  struct flock range = {};
-  range.l_type = type;
-  range.l_whence = SEEK_SET;
-  range.l_start = start;
-  range.l_len = length;
-  return range;
-}
-
 bool Lock(int file, short type, off_t start = 0, off_t length = 1) {
-  struct flock lock = Range(type, start, length);
+  struct flock lock = LockRange(type, start, length);
   int result;
   do {
     result = fcntl(file, F_OFD_SETLK, &lock);
@@ -34,7 +26,7 @@ bool Lock(int file, short type, off_t start = 0, off_t length = 1) {
 
 // The kind of a lock that others have on the byte.
 short LockOfOthers(int file, off_t byte) {
-  struct flock lock = Range(F_WRLCK, byte, 1);
+  struct flock lock = LockRange(F_WRLCK, byte, 1);
   return fcntl(file, F_OFD_GETLK, &lock) == 0 ? lock.l_type : short{F_UNLCK};
 }
 

@@ -39,12 +39,15 @@ void SetPosition(ThreadRecord& record, SourcePosition position) {
   record.line = position.line;
 }
 
-void Register(SourcePosition position) {
+// Returns the record; null when there is none.
+ThreadRecord* Register(SourcePosition position) {
   const DWORD errorAtEntry = GetLastError();
-  if (ThreadRecord* record = GetThreadRecord())
+  ThreadRecord* record = GetThreadRecord();
+  if (record)
     SetPosition(*record, position);
   else
     WriteAssertion(QEL_HERE, errorAtEntry);
+  return record;
 }
 
 ThreadRecord* CreateRecord() {
@@ -92,9 +95,14 @@ void FreeThreadRecordSlot() {
   InterlockedExchange(&g_slot, static_cast<LONG>(TLS_OUT_OF_INDEXES));
 }
 
-ScopedSourcePosition::ScopedSourcePosition(SourcePosition position) { Register(position); }
+ScopedSourcePosition::ScopedSourcePosition(SourcePosition position) : record_(Register(position)) {}
 
-ScopedSourcePosition::~ScopedSourcePosition() { Register(kNoSourcePosition); }
+ScopedSourcePosition::~ScopedSourcePosition() {
+  if (record_)
+    SetPosition(*record_, kNoSourcePosition);
+  else
+    Register(kNoSourcePosition);
+}
 
 void GetRegisteredSourcePosition(SourcePosition& position) {
   if (const ThreadRecord* record = GetThreadRecord())

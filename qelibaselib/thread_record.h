@@ -31,6 +31,9 @@ class ScopedSourcePosition {
   ScopedSourcePosition(const ScopedSourcePosition&) = delete;
   ScopedSourcePosition& operator=(const ScopedSourcePosition&) = delete;
   ~ScopedSourcePosition();
+
+ private:
+  ThreadRecord* const record_;
 };
 
 /// What a record holds while nothing is registered.

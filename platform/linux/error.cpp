@@ -3,8 +3,7 @@
 #include <cerrno>
 
 namespace {
-// In the static block, as other data of the layer is: reaching it needs no call.
-thread_local constinit DWORD t_lastError __attribute__((tls_model("initial-exec"))) = ERROR_SUCCESS;
+thread_local constinit DWORD t_lastError = ERROR_SUCCESS;
 
 struct Row {
   int number;

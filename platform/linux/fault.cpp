@@ -19,7 +19,7 @@ using fault::GuardFrame;
 
 namespace qel::layer {
 
-thread_local constinit FaultThread t_faultThread __attribute__((tls_model("initial-exec"))){};
+thread_local constinit FaultThread t_faultThread{};
 
 namespace {
 

@@ -18,7 +18,7 @@ struct FaultThread {
   uintptr_t stackLow, stackHigh, spareTop;  // the thread's stack; where a thrower starts that cannot use it
 };
 extern thread_local constinit FaultThread t_faultThread
-    __attribute__((tls_model("initial-exec"), visibility("hidden")));
+    __attribute__((visibility("hidden")));
 
 /// First guard or probe of a thread.
 void PrepareFaultThread();

@@ -24,7 +24,7 @@ struct ThreadData {
   ThreadSlot* furtherSlots;  ///< made when the first of them is set
 };
 // In every thread's fixed block: each wait and release looks here, and a few words fit even when loaded late.
-extern thread_local constinit ThreadData t_thread __attribute__((tls_model("initial-exec")));
+extern thread_local constinit ThreadData t_thread;
 extern thread_local constinit ThreadSlot t_directSlots[kDirectSlots];
 
 /// Sees to it that the thread's end gives up what it holds. Whoever puts something into t_thread calls it.

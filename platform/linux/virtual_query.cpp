@@ -24,7 +24,7 @@ struct Snapshot {
   uint32_t position = 0;  // its region
   int64_t takenMs = 0;
 };
-thread_local constinit Snapshot t_snapshot __attribute__((tls_model("initial-exec")));
+thread_local constinit Snapshot t_snapshot;
 
 int64_t CoarseClockMs() {
   timespec now;

@@ -17,8 +17,7 @@ struct FaultThread {
   bool ready;                               // the rest is known and the alternate signal stack in place
   uintptr_t stackLow, stackHigh, spareTop;  // the thread's stack; where a thrower starts that cannot use it
 };
-extern thread_local constinit FaultThread t_faultThread
-    __attribute__((visibility("hidden")));
+extern thread_local constinit FaultThread t_faultThread __attribute__((visibility("hidden")));
 
 /// First guard or probe of a thread.
 void PrepareFaultThread();

@@ -1,7 +1,6 @@
 #include "platform/linux/object_namespace.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,60 +9,19 @@
 #include <mutex>
 #include <new>
 
-#include "platform/linux/block_reserve.h"
 #include "platform/linux/error.h"
-#include "platform/linux/mutex.h"
 #include "platform/linux/object_file.h"
 #include "platform/linux/object_name.h"
+#include "platform/linux/object_storage.h"
 #include "platform/linux/shared_folder.h"
 
 namespace qel::layer {
 namespace {
 
-// The first page of the file of a name.
-struct SharedPage {
-  ObjectState state;
-  ObjectUsers users;
-};
-
-constexpr size_t kStateBytes = kSectionDataOffset;
-static_assert(sizeof(SharedPage) <= kStateBytes);
-
-// Tells this layout from any other that may meet it in the folder.
-constexpr uint32_t kLayoutVersion = 2;
-constexpr uint32_t kMark = 0x51454C00 ^ (kLayoutVersion << 16) ^ sizeof(SharedPage);
-
 constexpr DWORD kStartOver = ~0ul;  // the file was removed meanwhile
 constexpr int kMostStarts = 1000;
 constexpr int64_t kMakerLimitNs = 10 * kNsPerSecond;  // a maker that was stopped must not stop everybody
 constexpr useconds_t kMakerPauseUs = 20;
-
-void InitialiseState(ObjectState& state, const StorageRequest& request) {
-  state.kind = request.kind;
-  state.word.store(request.word, std::memory_order_relaxed);
-  state.parameter = request.parameter;
-  state.orphaned.store(0, std::memory_order_relaxed);
-  state.dueNs.store(kNever, std::memory_order_relaxed);
-  state.periodNs.store(0, std::memory_order_relaxed);
-  state.sectionSize = request.sectionSize;
-  if (request.kind == Kind::kMutex) InitialiseMutex(state.mutex, request.owned);
-}
-
-void MarkValid(ObjectState& state) { state.mark.store(kMark, std::memory_order_release); }
-
-bool IsValid(const ObjectState& state) { return state.mark.load(std::memory_order_acquire) == kMark; }
-
-// Reserves memory for the whole file at once: a page that is missing later would be a fault in the middle of a call.
-DWORD Reserve(int file, uint64_t sectionSize) {
-  const auto bytes = static_cast<off_t>(kStateBytes + sectionSize);
-  if (bytes < 0) return ERROR_COMMITMENT_LIMIT;
-  int result;
-  do {
-    result = fallocate(file, 0, 0, bytes);
-  } while (result != 0 && errno == EINTR);
-  if (result == 0) return ERROR_SUCCESS;
-  return sectionSize != 0 ? ERROR_COMMITMENT_LIMIT : ErrorFromErrno(errno);
-}
 
 bool IsObject(DWORD result) { return result == ERROR_SUCCESS || result == ERROR_ALREADY_EXISTS; }
 
@@ -72,11 +30,6 @@ int64_t CoarseNs() {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
   return now.tv_sec * kNsPerSecond + now.tv_nsec;
-}
-
-ObjectState* MapState(int file) {
-  void* place = mmap(nullptr, kStateBytes, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-  return place == MAP_FAILED ? nullptr : static_cast<ObjectState*>(place);
 }
 
 }  // namespace
@@ -91,10 +44,6 @@ class ObjectNamespace {
   void Lock() { gate_.lock(); }
   void Unlock() { gate_.unlock(); }
   void ForgetInChild();
-
-  static Storage* NewPrivate(const StorageRequest& request);
-  static DWORD NewInheritable(const StorageRequest& request, StorageReference* out);
-  static Storage* Adopt(int descriptor, Kind kind);
 
  private:
   static constexpr size_t kBuckets = 256;
@@ -130,16 +79,6 @@ class ObjectNamespace {
 
 namespace {
 constinit ObjectNamespace g_namespace;
-constinit BlockReserve<sizeof(Storage), kReservedMutexes> g_storageReserve;
-}  // namespace
-
-void* Storage::operator new(size_t, const std::nothrow_t&) noexcept { return g_storageReserve.Allocate(); }
-void Storage::operator delete(void* block) noexcept { g_storageReserve.Free(block); }
-
-Storage::~Storage() {
-  if (descriptor_ < 0) return;
-  if (state_) munmap(state_, kStateBytes);
-  close(descriptor_);
 }
 
 void Storage::DropUser() {
@@ -226,45 +165,6 @@ void ObjectNamespace::Unlink(int file, const ObjectKey& key) {
   UnlinkFile(folder_.Open(key.user, &ignored), file, fileName);
 }
 
-Storage* ObjectNamespace::NewPrivate(const StorageRequest& request) {
-  auto* storage = new (std::nothrow) Storage;
-  if (!storage) return nullptr;
-  storage->state_ = &storage->own_;
-  InitialiseState(storage->own_, request);
-  return storage;
-}
-
-DWORD ObjectNamespace::NewInheritable(const StorageRequest& request, StorageReference* out) {
-  auto* storage = new (std::nothrow) Storage;
-  if (!storage) return ERROR_NOT_ENOUGH_MEMORY;
-  *out = StorageReference(storage);
-  storage->descriptor_ = memfd_create("qel-object", MFD_CLOEXEC);
-  if (storage->descriptor_ < 0) return ErrorFromErrno(errno);
-  if (const DWORD error = Reserve(storage->descriptor_, request.sectionSize)) return error;
-  storage->state_ = MapState(storage->descriptor_);
-  if (!storage->state_) return ERROR_NOT_ENOUGH_MEMORY;
-  InitialiseState(*storage->state_, request);
-  MarkValid(*storage->state_);
-  return ERROR_SUCCESS;
-}
-
-Storage* ObjectNamespace::Adopt(int descriptor, Kind kind) {
-  struct stat status;
-  const bool inMemory = fcntl(descriptor, F_GET_SEALS) >= 0;
-  if (!inMemory || fstat(descriptor, &status) != 0 || status.st_size < off_t{kStateBytes}) return nullptr;
-  ObjectState* state = MapState(descriptor);
-  if (!state) return nullptr;
-  auto* storage = IsValid(*state) && state->kind == kind ? new (std::nothrow) Storage : nullptr;
-  if (!storage) {
-    munmap(state, kStateBytes);
-    return nullptr;
-  }
-  fcntl(descriptor, F_SETFD, FD_CLOEXEC);
-  storage->descriptor_ = descriptor;
-  storage->state_ = state;
-  return storage;
-}
-
 DWORD ObjectNamespace::Acquire(const ObjectKey& key, const StorageRequest& request, bool create,
                                StorageReference* out) {
   const std::lock_guard lock(gate_);
@@ -292,7 +192,7 @@ DWORD ObjectNamespace::Acquire(const ObjectKey& key, const StorageRequest& reque
     return result;
   }
   if (!create || request.kind != Kind::kMutex || result == ERROR_INVALID_HANDLE) return result;
-  Storage* local = NewPrivate(request);
+  Storage* local = Storage::NewPrivate(request);
   if (!local) return ERROR_NOT_ENOUGH_MEMORY;
   Insert(local, key);
   *out = StorageReference(local);
@@ -485,8 +385,8 @@ bool IsEmpty(const wchar_t* name) { return !name || !*name; }
 
 DWORD CreateStorage(const wchar_t* name, const StorageRequest& request, StorageReference* storage) {
   if (IsEmpty(name)) {
-    if (request.inheritable || request.kind == Kind::kMapping) return ObjectNamespace::NewInheritable(request, storage);
-    *storage = StorageReference(ObjectNamespace::NewPrivate(request));
+    if (request.inheritable || request.kind == Kind::kMapping) return Storage::NewInheritable(request, storage);
+    *storage = StorageReference(Storage::NewPrivate(request));
     return *storage ? ERROR_SUCCESS : ERROR_NOT_ENOUGH_MEMORY;
   }
   ObjectKey key;
@@ -501,8 +401,6 @@ DWORD OpenStorage(const wchar_t* name, Kind kind, StorageReference* storage) {
   const DWORD result = g_namespace.Acquire(key, {.kind = kind}, false, storage);
   return result == ERROR_ALREADY_EXISTS ? ERROR_SUCCESS : result;
 }
-
-Storage* AdoptInherited(int descriptor, Kind kind) { return ObjectNamespace::Adopt(descriptor, kind); }
 
 void LockNamespaceForFork() { g_namespace.Lock(); }
 

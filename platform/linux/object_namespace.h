@@ -34,6 +34,9 @@ struct ObjectState {
   pthread_mutex_t mutex;
 };
 
+struct StorageRequest;
+class StorageReference;
+
 /// An object's state in this process, named or not. It lives while it has users: objects behind handles, and a thread
 /// that still owns the mutex when the last of them goes. With the last user of a named one this process no longer holds
 /// the object.
@@ -45,6 +48,11 @@ class Storage {
   /// From the reserve when the heap is used up: a mutex is always to be had.
   static void* operator new(size_t bytes, const std::nothrow_t&) noexcept;
   static void operator delete(void* block) noexcept;
+
+  /// Of this process alone; null without memory.
+  static Storage* NewPrivate(const StorageRequest& request);
+  /// Unnamed, behind a descriptor.
+  static DWORD NewInheritable(const StorageRequest& request, StorageReference* out);
 
   ObjectState& state() { return *state_; }
   Scope scope() const { return descriptor_ < 0 ? Scope::kProcess : Scope::kShared; }
@@ -65,6 +73,7 @@ class Storage {
 
  private:
   friend class ObjectNamespace;
+  friend Storage* AdoptInherited(int descriptor, Kind kind);
   ~Storage();
 
   std::atomic<uint32_t> users_{1};

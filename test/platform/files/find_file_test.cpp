@@ -96,7 +96,7 @@ TEST_F(FindFileTest, FindData) {
     EXPECT_STREQ(data.cFileName, L"large");
     const ULONGLONG written =
         static_cast<ULONGLONG>(data.ftLastWriteTime.dwHighDateTime) << 32 | data.ftLastWriteTime.dwLowDateTime;
-    const auto now = static_cast<ULONGLONG>(std::time(nullptr)) + 11'644'473'600;  // seconds from 1601
+    const auto now = static_cast<ULONGLONG>(std::time(nullptr)) + 11'644'473'600;          // seconds from 1601
     EXPECT_NEAR(static_cast<double>(now), static_cast<double>(written / 10'000'000), 60);  // time() may lag by a tick
   }
   WIN32_FIND_DATAW data = {};

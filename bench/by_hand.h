@@ -1,9 +1,14 @@
 // The hand-written counterparts that several groups share.
 #pragma once
+#include <sys/types.h>
+
 #include <cstddef>
 #include <string>
 
 namespace by_hand {
+
+// Where the bytes begin by whose locks those who have a file open see one another.
+inline constexpr off_t kShareBytes = 0x7fffffffffffff00;
 
 // One reading of /proc/meminfo through a descriptor that stays open; the memory load in percent.
 unsigned MemoryLoad();

@@ -11,30 +11,24 @@
 
 #include "bench/by_hand.h"
 #include "bench/harness.h"
+#include "platform/linux/lock_range.h"
 #include "qelibaselib/qelibaselib.h"
 
 namespace {
 
-constexpr DWORD kFileBytes = 2 << 20;
-constexpr off64_t kShareBytes = 0x7fffffffffffff00;
+using by_hand::kShareBytes;
+using qel::layer::LockRange;
 
-struct flock64 ShareRange(short type, off64_t start, off64_t length) {
-  struct flock64 range {};
-  range.l_type = type;
-  range.l_whence = SEEK_SET;
-  range.l_start = start;
-  range.l_len = length;
-  return range;
-}
+constexpr DWORD kFileBytes = 2 << 20;
 
 // Opening with a share mode: the held bytes are looked at and the own one placed under a gate.
 int EnterShared(int file) {
   flock(file, LOCK_EX | LOCK_NB);
   struct stat status;
   fstat(file, &status);
-  auto held = ShareRange(F_WRLCK, kShareBytes, 64);
+  auto held = LockRange(F_WRLCK, kShareBytes, 64);
   fcntl(file, F_OFD_GETLK, &held);
-  auto own = ShareRange(F_RDLCK, kShareBytes + 9, 1);
+  auto own = LockRange(F_RDLCK, kShareBytes + 9, 1);
   fcntl(file, F_OFD_SETLK, &own);
   flock(file, LOCK_UN);
   return file;
@@ -52,7 +46,7 @@ int CreateShared(const char* path) {
   return file;
 }
 void CloseShared(int file) {
-  auto own = ShareRange(F_UNLCK, kShareBytes + 9, 1);
+  auto own = LockRange(F_UNLCK, kShareBytes + 9, 1);
   fcntl(file, F_OFD_SETLK, &own);
   close(file);
 }
@@ -64,7 +58,7 @@ int OpenForRemoval(const char* path) {
   struct stat status, named;
   fstat(file, &status);
   flock(file, LOCK_EX | LOCK_NB);
-  auto held = ShareRange(F_WRLCK, kShareBytes, 64);
+  auto held = LockRange(F_WRLCK, kShareBytes, 64);
   fcntl(file, F_OFD_GETLK, &held);
   lstat(path, &named);
   if (named.st_ino != status.st_ino || !S_ISREG(named.st_mode) || !(named.st_mode & 0222)) std::abort();

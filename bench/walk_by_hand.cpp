@@ -11,26 +11,18 @@
 #include <cstring>
 #include <vector>
 
+#include "bench/by_hand.h"
 #include "platform/linux/descriptor.h"
+#include "platform/linux/lock_range.h"
 
 namespace by_hand {
 namespace {
 
 using qel::layer::Descriptor;
-
-constexpr off64_t kShareBytes = 0x7fffffffffffff00;
+using qel::layer::LockRange;
 
 void Check(bool done) {
   if (!done) std::abort();
-}
-
-struct flock64 ShareRange(short type, off64_t start, off64_t length) {
-  struct flock64 range {};
-  range.l_type = type;
-  range.l_whence = SEEK_SET;
-  range.l_start = start;
-  range.l_len = length;
-  return range;
 }
 
 // An open file that others see: its byte is placed, then those of others are looked at.
@@ -40,7 +32,7 @@ class SharedFile {
       : file_(open(path.c_str(), flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, mode)), byte_(byte) {
     Check(file_.get() >= 0);
     Set(F_RDLCK);
-    auto held = ShareRange(F_WRLCK, kShareBytes, 64);
+    auto held = LockRange(F_WRLCK, kShareBytes, 64);
     Check(fcntl(file_.get(), F_OFD_GETLK, &held) == 0 && held.l_type == F_UNLCK);
   }
   ~SharedFile() { Set(F_UNLCK); }
@@ -50,7 +42,7 @@ class SharedFile {
 
  private:
   void Set(short type) {
-    auto own = ShareRange(type, kShareBytes + byte_, 1);
+    auto own = LockRange(type, kShareBytes + byte_, 1);
     Check(fcntl(file_.get(), F_OFD_SETLK, &own) == 0);
   }
   const Descriptor file_;
@@ -101,8 +93,8 @@ void DeleteOne(const std::string& path) {
   Check(stat(path.c_str(), &status) == 0);
   const Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   Check(file.get() >= 0 && fstat(file.get(), &status) == 0 && flock(file.get(), LOCK_EX | LOCK_NB) == 0);
-  auto own = ShareRange(F_RDLCK, kShareBytes + 39, 1);
-  auto held = ShareRange(F_WRLCK, kShareBytes, 64);
+  auto own = LockRange(F_RDLCK, kShareBytes + 39, 1);
+  auto held = LockRange(F_WRLCK, kShareBytes, 64);
   Check(fcntl(file.get(), F_OFD_SETLK, &own) == 0);
   Check(fcntl(file.get(), F_OFD_GETLK, &held) == 0 && held.l_type == F_UNLCK);
   Check(lstat(path.c_str(), &named) == 0 && named.st_dev == status.st_dev && named.st_ino == status.st_ino);

@@ -114,8 +114,7 @@ _Unwind_Reason_Code VisitFrame(_Unwind_Context* context, void* argument) {
     walk.pastThunk = IsInside(ip, fault_thunk, fault_thunk_end);
     return _URC_NO_REASON;
   }
-  if (IsInside(ip, reinterpret_cast<const void*>(&fault_frame_call), fault_frame_end) &&
-      _Unwind_GetGR(context, kEbp) == walk.guard->frame) {
+  if (IsInside(ip, fault_frame_begin, fault_frame_end) && _Unwind_GetGR(context, kEbp) == walk.guard->frame) {
     walk.reached = true;
     return _URC_NORMAL_STOP;
   }
@@ -190,6 +189,13 @@ extern "C" __attribute__((used, noreturn)) QEL_FAULT_HIDDEN QEL_NOT_SANITIZED vo
   NoteThrow(guard);
   PrepareThrow(guard);
   Throw(guard);
+}
+
+extern "C" __attribute__((used, noreturn)) QEL_FAULT_HIDDEN void fault_leave_by_exception(
+    GuardFrame* guard, _Unwind_Exception* exception) {
+  LeaveGuard(*guard);
+  _Unwind_Resume(exception);
+  __builtin_unreachable();
 }
 
 Translator SetTranslator(Translator translator) {

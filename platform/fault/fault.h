@@ -10,6 +10,7 @@
 /// Code that may fault under a Run is compiled with qel_fault_options and calls the C library through
 /// platform/fault/may_fault.h where it hands on a caller's pointer.
 #pragma once
+#include <bit>
 #include <memory>
 #include <type_traits>
 
@@ -27,6 +28,11 @@ struct CSE {
   EXCEPTION_RECORD record;
   CONTEXT context;
 };
+
+/// fault::Run and fault::Call without the templates. `words` arguments, at least one, as they are passed on the stack,
+/// in either way of calling; then `then(result, argument)`, if there is one.
+extern "C" QEL_FAULT_API void fault_run(const void* function, const unsigned* arguments, unsigned words,
+                                        void (*then)(unsigned result, void* argument), void* argument);
 
 namespace fault {
 
@@ -48,15 +54,27 @@ QEL_FAULT_API void ClaimHandlers();
 /// none is left. For the module's entry at process attach.
 QEL_FAULT_API void ProcessAttach();
 
-/// Run without the template: calls `body(argument)`.
-QEL_FAULT_API void RunBody(void (*body)(void* argument), void* argument);
-
 /// Calls `body()`. Costs about 10 ns; nests; any thread.
 template <class Body>
 inline void Run(Body&& body) {
   using Callable = std::remove_reference_t<Body>;
-  const void* argument = std::addressof(body);
-  RunBody([](void* callable) { (*static_cast<Callable*>(callable))(); }, const_cast<void*>(argument));
+  void (*const call)(void*) = [](void* callable) { (*static_cast<Callable*>(callable))(); };
+  const unsigned argument = reinterpret_cast<unsigned>(std::addressof(body));
+  fault_run(reinterpret_cast<const void*>(call), &argument, 1, nullptr, nullptr);
+}
+
+/// Calls `then(function(arguments...))`: Run for a call of the system with little around it. No function of ours stands
+/// between, which would cost as much as the guard. Each argument and the result take one word.
+template <class Then, class Result, class... Parameters>
+inline void Call(Then&& then, Result(WINAPI* function)(Parameters...), std::type_identity_t<Parameters>... arguments) {
+  static_assert(sizeof(Result) == sizeof(unsigned) && ((sizeof(Parameters) == sizeof(unsigned)) && ...));
+  using Callable = std::remove_reference_t<Then>;
+  const unsigned words[] = {std::bit_cast<unsigned>(arguments)...};
+  const void* callable = std::addressof(then);
+  fault_run(
+      reinterpret_cast<const void*>(function), words, sizeof...(Parameters),
+      [](unsigned result, void* argument) { (*static_cast<Callable*>(argument))(std::bit_cast<Result>(result)); },
+      const_cast<void*>(callable));
 }
 
 }  // namespace fault

@@ -2,28 +2,53 @@
 #ifdef _WIN32
 #define SYMBOL(name) _##name
 #define HIDDEN(name)
+#define LOCAL(name) L##name
 #else
 #define SYMBOL(name) name
 #define HIDDEN(name) .hidden name
+#define LOCAL(name) .L##name
 #endif
 
+// Of GuardFrame.
+#define GUARD_BYTES 864
+#define GUARD_OUTER 0
 #define GUARD_FRAME 8
+#define GUARD_SPARE_STACK 48
+
+// Of the frame below, from its EBP.
+#define FUNCTION 8
+#define ARGUMENTS 12
+#define WORDS 16
+#define THEN 20
+#define THEN_ARGUMENT 24
+#define SAVED_REGISTERS -12
+#define GUARD -16                               // where the guard is
 
     .text
-    .globl SYMBOL(fault_frame_call), SYMBOL(fault_frame_recover), SYMBOL(fault_frame_end)
+    .globl SYMBOL(fault_run)
+    .globl SYMBOL(fault_frame_begin), SYMBOL(fault_frame_recover), SYMBOL(fault_frame_end)
     .globl SYMBOL(fault_thunk), SYMBOL(fault_thunk_end)
-    HIDDEN(fault_frame_call)
+    HIDDEN(fault_frame_begin)
     HIDDEN(fault_frame_recover)
     HIDDEN(fault_frame_end)
     HIDDEN(fault_thunk)
     HIDDEN(fault_thunk_end)
 
-# void fault_frame_call(GuardFrame* guard, void (*body)(void*), void* argument)
-# Saves every register that a callee keeps and finds all of them again from EBP alone, so that the frame serves to throw
-# from whatever has become of ESP and the stack below.
+# void fault_run(const void* function, const unsigned* arguments, unsigned words,
+#                void (*then)(unsigned result, void* argument), void* argument)
+# Saves every register that a callee keeps and finds all of them and the guard again from EBP alone, so that the frame
+# serves to throw from whatever has become of ESP and the stack below. One function, without any of C++ around it or
+# between: each function around a system call costs its return, which the processor has forgotten meanwhile.
     .p2align 4
-SYMBOL(fault_frame_call):
+#ifndef _WIN32
+    .type SYMBOL(fault_run), @function
+#endif
+SYMBOL(fault_frame_begin):
+SYMBOL(fault_run):
+LOCAL(start):
     .cfi_startproc
+    .cfi_personality 0x9b, LOCAL(personality)
+    .cfi_lsda 0x1b, LOCAL(exception_table)
     pushl %ebp
     .cfi_def_cfa_offset 8
     .cfi_offset %ebp, -8
@@ -35,14 +60,46 @@ SYMBOL(fault_frame_call):
     .cfi_offset %esi, -16
     pushl %edi
     .cfi_offset %edi, -20
-    subl $28, %esp
+    subl $(GUARD_BYTES + 16), %esp
     andl $-16, %esp
-    movl 8(%ebp), %eax
-    movl %ebp, GUARD_FRAME(%eax)
-    movl 16(%ebp), %eax
+    movl %esp, %esi
+    movl %esi, GUARD(%ebp)
+    movl %ebp, GUARD_FRAME(%esi)
+    subl $16, %esp
+    movl %esi, (%esp)
+    call SYMBOL(fault_enter)
+    movl %eax, %edi                             # where the thread's innermost guard is noted
+    movl WORDS(%ebp), %ecx
+    movl ARGUMENTS(%ebp), %edx
+    leal 0(, %ecx, 4), %eax
+    subl %eax, %esp
+    andl $-16, %esp
+LOCAL(next_argument):
+    movl -4(%edx, %ecx, 4), %eax
+    movl %eax, -4(%esp, %ecx, 4)
+    decl %ecx
+    jnz LOCAL(next_argument)
+LOCAL(call):
+    call *FUNCTION(%ebp)
+LOCAL(end_of_call):
+    cmpl $0, THEN(%ebp)
+    je LOCAL(leave)
+    leal -16(%esi), %esp
     movl %eax, (%esp)
-    call *12(%ebp)
-    leal -12(%ebp), %esp
+    movl THEN_ARGUMENT(%ebp), %eax
+    movl %eax, 4(%esp)
+LOCAL(call_of_then):
+    call *THEN(%ebp)
+LOCAL(end_of_then):
+LOCAL(leave):
+#ifdef _WIN32
+    cmpl $0, GUARD_SPARE_STACK(%esi)
+    jne LOCAL(leave_after_overflow)
+#endif
+    movl GUARD_OUTER(%esi), %eax
+    movl %eax, (%edi)
+LOCAL(return_to_caller):
+    leal SAVED_REGISTERS(%ebp), %esp
     popl %edi
     popl %esi
     popl %ebx
@@ -55,18 +112,68 @@ SYMBOL(fault_frame_call):
     .cfi_restore %edi
     ret
     .cfi_restore_state
+#ifdef _WIN32
+LOCAL(leave_after_overflow):
+    leal -16(%esi), %esp
+    movl %esi, (%esp)
+    call SYMBOL(fault_leave)
+    jmp LOCAL(return_to_caller)
+#endif
 # Entered with EBP = guard->frame and any ESP: throws the guard's exception from this frame.
 SYMBOL(fault_frame_recover):
-    leal -40(%ebp), %esp
-    andl $-16, %esp
+    movl GUARD(%ebp), %eax
+    leal -16(%eax), %esp
     cld
-    movl 8(%ebp), %eax
     movl %eax, (%esp)
+LOCAL(call_of_throw):
     call SYMBOL(fault_throw_from_guard)
+LOCAL(end_of_throw):
+    ud2
+# Entered by the unwinder with the exception in EAX: the guard leaves and the exception goes on.
+LOCAL(leave_by_exception):
+    movl GUARD(%ebp), %ecx
+    leal -16(%ecx), %esp
+    movl %ecx, (%esp)
+    movl %eax, 4(%esp)
+LOCAL(call_of_resume):
+    call SYMBOL(fault_leave_by_exception)
+LOCAL(end_of_resume):
     ud2
     .cfi_endproc
+#ifndef _WIN32
+    .size SYMBOL(fault_run), . - SYMBOL(fault_run)
+#endif
 SYMBOL(fault_frame_end):
     nop
+
+    .data
+    .p2align 2
+LOCAL(personality):
+    .long SYMBOL(__gxx_personality_v0)
+#ifdef _WIN32
+    .section .gcc_except_table, "w"
+#else
+    .section .gcc_except_table, "a", @progbits
+#endif
+    .macro CALL_SITE first, last, landing
+    .uleb128 \first - LOCAL(start)
+    .uleb128 \last - \first
+    .uleb128 \landing - LOCAL(start)
+    .uleb128 0                                  # a cleanup
+    .endm
+    .p2align 2
+LOCAL(exception_table):
+    .byte 0xff                                  # landing pads count from the function's start
+    .byte 0xff                                  # no types
+    .byte 1                                     # what follows is in uleb128
+    .uleb128 LOCAL(end_of_call_sites) - LOCAL(call_sites)
+LOCAL(call_sites):
+    CALL_SITE LOCAL(call), LOCAL(end_of_call), LOCAL(leave_by_exception)
+    CALL_SITE LOCAL(call_of_then), LOCAL(end_of_then), LOCAL(leave_by_exception)
+    CALL_SITE LOCAL(call_of_throw), LOCAL(end_of_throw), LOCAL(leave_by_exception)
+    CALL_SITE LOCAL(call_of_resume), LOCAL(end_of_resume), LOCAL(start)
+LOCAL(end_of_call_sites):
+    .text
 
 # Entered with EBP = guard and ESP on any usable stack, a multiple of 16. To the unwinder it is a signal frame whose
 # caller is the interrupted instruction: the registers of that frame are the guard's members from eip (16) to edi (36).

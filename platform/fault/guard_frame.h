@@ -25,7 +25,7 @@ enum GuardState : uint32_t {
 struct GuardFrame {
   GuardFrame* outer;                      // Windows: the next registration on the thread's SEH chain
   void* handler;                          // Windows: the SEH handler
-  uint32_t frame;                         // EBP of fault_frame_call, stored by it
+  uint32_t frame;                         // EBP of fault_run, stored by it
   uint32_t state;                         // of GuardState
   uint32_t eip, esp, ebp, ebx, esi, edi;  // where the thread was interrupted: what the unwinder goes on from
   uint32_t uncaughtBefore;                // exceptions in flight when the first fault was thrown; with kThrown
@@ -46,12 +46,15 @@ struct GuardFrame {
 };
 constexpr uint32_t kRedZoneBytes = 128;  // left free below an interrupted ESP
 constexpr uint32_t kStackAlignment = 16;
-static_assert(offsetof(GuardFrame, frame) == 8 && offsetof(GuardFrame, eip) == 16 && offsetof(GuardFrame, edi) == 36);
+constexpr size_t kGuardBytes = 864;  // what frame.S keeps free for one
+static_assert(offsetof(GuardFrame, frame) == 8 && offsetof(GuardFrame, eip) == 16 && offsetof(GuardFrame, edi) == 36 &&
+              offsetof(GuardFrame, spareStack) == 48 && sizeof(GuardFrame) <= kGuardBytes);
 
 // Given by the front end.
 Translator ThreadTranslator();
 void SetThreadTranslator(Translator translator);
 GuardFrame* InnermostGuard();          // of the thread; null when there is none, or foreign frames are further in
+void LeaveGuard(GuardFrame& guard);    // makes the next further out the innermost
 void PrepareThrow(GuardFrame* guard);  // whatever the system needs before frames are skipped
 
 // Goes on as after a fault of the calling function, with this record and context.
@@ -66,9 +69,10 @@ inline constexpr DWORD kForeignCppException = 0xE06D7363;
 }  // namespace fault
 
 extern "C" {
-// Calls body(argument) from a frame that restores every register, after noting it in guard->frame.
-QEL_FAULT_HIDDEN void fault_frame_call(fault::GuardFrame* guard, void (*body)(void*), void* argument);
+// Given by the front end to fault_run: makes the guard the thread's innermost; returns where that is noted.
+QEL_FAULT_HIDDEN fault::GuardFrame** fault_enter(fault::GuardFrame* guard);
 // Labels of frame.S, see there.
+extern char fault_frame_begin[] QEL_FAULT_HIDDEN;
 extern char fault_frame_recover[] QEL_FAULT_HIDDEN;
 extern char fault_frame_end[] QEL_FAULT_HIDDEN;
 extern char fault_thunk[] QEL_FAULT_HIDDEN;

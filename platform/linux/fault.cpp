@@ -83,7 +83,7 @@ void Redirect(GuardFrame& guard, const FaultThread& thread, int signal, const si
   if (guard.state & fault::kSearching) {  // the way to the guard is not to be found
     ClearPendingState(machine);
     registers[REG_EBP] = static_cast<greg_t>(guard.frame);
-    registers[REG_ESP] = static_cast<greg_t>(guard.frame - fault::kRedZoneBytes);
+    registers[REG_ESP] = reinterpret_cast<greg_t>(&guard) - static_cast<greg_t>(fault::kRedZoneBytes);
     registers[REG_EIP] = reinterpret_cast<greg_t>(fault_frame_recover);
     return;
   }
@@ -157,27 +157,6 @@ __attribute__((constructor)) void InstallAtLoad() {
   ClaimSignals();
 }
 
-// The guard chain of a thread, from the innermost outwards.
-class GuardLink {
- public:
-  explicit GuardLink(GuardFrame& guard) : guard_(guard), thread_(t_faultThread) {
-    if (!thread_.ready) [[unlikely]]
-      PrepareFaultThread();
-    guard.state = fault::kQuiet;
-    guard.frame = 0;
-    guard.outer = thread_.innermost;
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-    thread_.innermost = &guard;
-  }
-  GuardLink(const GuardLink&) = delete;
-  GuardLink& operator=(const GuardLink&) = delete;
-  ~GuardLink() { thread_.innermost = guard_.outer; }
-
- private:
-  GuardFrame& guard_;
-  FaultThread& thread_;
-};
-
 }  // namespace
 
 void OnFaultSignal(int signal, siginfo_t* info, void* context) {
@@ -190,8 +169,6 @@ void OnFaultSignal(int signal, siginfo_t* info, void* context) {
   }
   const int savedErrno = errno;
   FaultThread& thread = t_faultThread;
-  // A guard whose body has not begun, since the stack ended there, has no frame to go on from.
-  while (thread.innermost && thread.innermost->frame == 0) thread.innermost = thread.innermost->outer;
   if (!IsDelivery(__builtin_return_address(0))) {
     PassToOriginal(signal, info, context);
   } else if (info->si_code <= 0) {  // kill, raise: not of an instruction
@@ -207,8 +184,6 @@ void OnFaultSignal(int signal, siginfo_t* info, void* context) {
 void PrepareFaultThread() {
   const int savedErrno = errno;
   FaultThread& thread = t_faultThread;
-  // A guard whose body has not begun, since the stack ended there, has no frame to go on from.
-  while (thread.innermost && thread.innermost->frame == 0) thread.innermost = thread.innermost->outer;
   ClaimSignals();
   UnblockSignals();
   FindStack(thread);
@@ -236,13 +211,20 @@ void ProcessAttach() {}  // this run-time has made it all
 
 void ClaimHandlers() { qel::layer::ClaimSignals(); }
 
-void RunBody(void (*body)(void*), void* argument) {
-  GuardFrame guard;
-  const qel::layer::GuardLink link(guard);
-  fault_frame_call(&guard, body, argument);
-}
+void LeaveGuard(GuardFrame& guard) { qel::layer::t_faultThread.innermost = guard.outer; }
 
 }  // namespace fault
+
+extern "C" __attribute__((used)) GuardFrame** fault_enter(GuardFrame* guard) {
+  qel::layer::FaultThread& thread = qel::layer::t_faultThread;
+  if (!thread.ready) [[unlikely]]
+    qel::layer::PrepareFaultThread();
+  guard->state = fault::kQuiet;
+  guard->outer = thread.innermost;
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  thread.innermost = guard;
+  return &thread.innermost;
+}
 
 extern "C" LPTOP_LEVEL_EXCEPTION_FILTER SetUnhandledExceptionFilter(LPTOP_LEVEL_EXCEPTION_FILTER filter) {
   return __atomic_exchange_n(&qel::layer::g_filter, filter, __ATOMIC_SEQ_CST);

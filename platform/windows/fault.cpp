@@ -23,31 +23,12 @@ constexpr size_t kFxStatus = 2, kFxTag = 4, kFxMxcsr = 24;
 DWORD ChainHead() { return __readfsdword(0); }
 void SetChainHead(const void* frame) { __writefsdword(0, reinterpret_cast<DWORD>(frame)); }
 
-class GuardLink {
- public:
-  explicit GuardLink(GuardFrame& guard) : guard_(guard) {
-    guard.handler = reinterpret_cast<void*>(&fault_seh_handler);
-    guard.state = kQuiet;
-    guard.frame = 0;
-    guard.spareStack = nullptr;
-    guard.outer = reinterpret_cast<GuardFrame*>(ChainHead());
-    SetChainHead(&guard);
-  }
-  GuardLink(const GuardLink&) = delete;
-  GuardLink& operator=(const GuardLink&) = delete;
-  ~GuardLink() {
-    SetChainHead(guard_.outer);
-    if (guard_.spareStack) [[unlikely]]
-      LeaveAfterOverflow();
-  }
-
- private:
-  void LeaveAfterOverflow() {
-    VirtualFree(guard_.spareStack, 0, MEM_RELEASE);
-    _resetstkoflw();  // the guard page that the overflow used up
-  }
-  GuardFrame& guard_;
-};
+// The first word of the thread's block, as an address like any other.
+GuardFrame** ChainHeadPlace() {
+  GuardFrame** place;
+  __asm__("movl %%fs:0x18, %0" : "=r"(place));
+  return place;
+}
 
 // The translator itself is the slot's value: nothing to allocate, nothing to free. (A thread_local object is a call
 // into the runtime and an allocation here.)
@@ -110,7 +91,7 @@ void Redirect(GuardFrame& guard, const EXCEPTION_RECORD& record, CONTEXT& contex
   if (guard.state & kSearching) {  // the way to the guard is not to be found
     ClearPendingState(context);
     context.Ebp = guard.frame;
-    context.Esp = guard.frame - kRedZoneBytes;
+    context.Esp = reinterpret_cast<DWORD>(&guard) - kRedZoneBytes;
     context.Eip = reinterpret_cast<DWORD>(fault_frame_recover);
     return;
   }
@@ -159,19 +140,29 @@ void PrepareThrow(GuardFrame* guard) {
 
 void ClaimHandlers() {}  // nobody can displace a frame of the chain
 
-void RunBody(void (*body)(void*), void* argument) {
-  GuardFrame guard;
-  const GuardLink link(guard);
-  fault_frame_call(&guard, body, argument);
+void LeaveGuard(GuardFrame& guard) {
+  SetChainHead(guard.outer);
+  if (!guard.spareStack) return;
+  VirtualFree(guard.spareStack, 0, MEM_RELEASE);
+  _resetstkoflw();  // the guard page that the overflow used up
 }
 
 }  // namespace fault
 
+extern "C" __attribute__((used)) GuardFrame** fault_enter(GuardFrame* guard) {
+  guard->handler = reinterpret_cast<void*>(&fault_seh_handler);
+  guard->state = fault::kQuiet;
+  guard->spareStack = nullptr;
+  guard->outer = reinterpret_cast<GuardFrame*>(fault::ChainHead());
+  fault::SetChainHead(guard);
+  return fault::ChainHeadPlace();
+}
+
+extern "C" __attribute__((used)) void fault_leave(GuardFrame* guard) { fault::LeaveGuard(*guard); }
+
 extern "C" EXCEPTION_DISPOSITION __cdecl fault_seh_handler(EXCEPTION_RECORD* record, void* frame, CONTEXT* context,
                                                            void*) {
   if (!fault::IsForUs(*record)) return ExceptionContinueSearch;
-  // A guard whose body has not begun, since the stack ended there, has no frame to go on from.
-  if (static_cast<GuardFrame*>(frame)->frame == 0) return ExceptionContinueSearch;
   fault::Redirect(*static_cast<GuardFrame*>(frame), *record, *context);
   record->ExceptionFlags &= ~static_cast<DWORD>(EXCEPTION_NONCONTINUABLE);  // the dispatcher would not let us continue
   return ExceptionContinueExecution;

@@ -25,20 +25,34 @@ void ReportFrameworkException(CException* exception, SourcePosition position) no
 void ReportOtherException(SourcePosition position) noexcept;
 }  // namespace guard_detail
 
+namespace guard_detail {
+template <class Run>
+inline bool Caught(SourcePosition position, Run run) {
+  try {
+    run();
+    return true;
+  } catch (const CSE& exception) {
+    ReportStructuredException(exception, position);
+  } catch (CException* exception) {
+    ReportFrameworkException(exception, {position.line + 1, position.sourceFile});
+  } catch (...) {
+    ReportOtherException({position.line + 2, position.sourceFile});
+  }
+  return false;
+}
+}  // namespace guard_detail
+
 /// Runs `body`; returns whether it ended without an exception.
 template <class Body>
 inline bool Guarded(SourcePosition position, Body&& body) {
-  try {
-    fault::Run(body);
-    return true;
-  } catch (const CSE& exception) {
-    guard_detail::ReportStructuredException(exception, position);
-  } catch (CException* exception) {
-    guard_detail::ReportFrameworkException(exception, {position.line + 1, position.sourceFile});
-  } catch (...) {
-    guard_detail::ReportOtherException({position.line + 2, position.sourceFile});
-  }
-  return false;
+  return guard_detail::Caught(position, [&] { fault::Run(body); });
+}
+
+/// The same of `then(function(arguments...))`, for the exports that are little more than one call of the system.
+template <class Then, class Result, class... Parameters>
+inline bool GuardedCall(SourcePosition position, Then&& then, Result(WINAPI* function)(Parameters...),
+                        std::type_identity_t<Parameters>... arguments) {
+  return guard_detail::Caught(position, [&] { fault::Call(then, function, arguments...); });
 }
 
 /// Runs `body` and swallows whatever leaves it, without a word: for the log writer, which must not log its own

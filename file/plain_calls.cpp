@@ -45,35 +45,41 @@ void LogTempFileName(qel::SourcePosition caller, DWORD error, const char* functi
 BOOL ReadFileX(int line, const char* sourceFile, HANDLE file, void* buffer, DWORD bytesToRead, DWORD* bytesRead,
                OVERLAPPED* overlapped) {
   BOOL done = FALSE;
-  qel::Guarded(QEL_HERE, [&] {
-    done = ReadFile(file, buffer, bytesToRead, bytesRead, overlapped);
+  const auto finish = [&](BOOL result) {
+    done = result;
     if (done) return;
     const DWORD error = GetLastError();
     if (IsPending(error, overlapped)) return;
     LogTransfer({line, sourceFile}, error, "ReadFileX", file, buffer, bytesToRead, bytesRead, overlapped);
     qel::RestoreError(error);
-  });
+  };
+  qel::GuardedCall(QEL_HERE, finish, &ReadFile, file, buffer, bytesToRead, bytesRead, overlapped);
   return done;
 }
 
 BOOL WriteFileX(int line, const char* sourceFile, HANDLE file, const void* buffer, DWORD bytesToWrite,
                 DWORD* bytesWritten, OVERLAPPED* overlapped) {
   BOOL done = FALSE;
-  qel::Guarded(QEL_HERE, [&] {
-    const qel::SourcePosition caller{line, sourceFile};
-    if (!overlapped && qel::no_cache::AppliesToWrite(file, bytesToWrite)) {
-      done = WriteFileMMF(line, sourceFile, file, buffer, bytesToWrite, bytesWritten, nullptr,
-                          kWriteShortageThresholdPercent);
-      return;
-    }
-    done = WriteFile(file, buffer, bytesToWrite, bytesWritten, overlapped);
+  const auto finish = [&](BOOL result) {
+    done = result;
     if (done && (overlapped || *bytesWritten == bytesToWrite)) return;
     const DWORD error = GetLastError();
     if (done)
-      LogShortWrite(caller, error, file, buffer, bytesToWrite, bytesWritten);
+      LogShortWrite({line, sourceFile}, error, file, buffer, bytesToWrite, bytesWritten);
     else if (!IsPending(error, overlapped))
-      LogTransfer(caller, error, "WriteFileX", file, buffer, bytesToWrite, bytesWritten, overlapped);
+      LogTransfer({line, sourceFile}, error, "WriteFileX", file, buffer, bytesToWrite, bytesWritten, overlapped);
     qel::RestoreError(error);
+  };
+  if (overlapped || !qel::no_cache::enabled) {
+    qel::GuardedCall(QEL_HERE, finish, &WriteFile, file, buffer, bytesToWrite, bytesWritten, overlapped);
+    return done;
+  }
+  qel::Guarded(QEL_HERE, [&] {
+    if (qel::no_cache::DecideForWrite(file, bytesToWrite))
+      done = WriteFileMMF(line, sourceFile, file, buffer, bytesToWrite, bytesWritten, nullptr,
+                          kWriteShortageThresholdPercent);
+    else
+      finish(WriteFile(file, buffer, bytesToWrite, bytesWritten, nullptr));
   });
   return done;
 }

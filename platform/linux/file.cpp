@@ -7,6 +7,9 @@
 #include <cerrno>
 
 #include "platform/linux/error.h"
+#include "platform/linux/fault_internal.h"
+#include "platform/linux/fault_probe.h"
+#include "platform/linux/kernel_transfer.h"
 #include "platform/linux/memory.h"
 #include "platform/linux/open_file.h"
 #include "platform/linux/synchronization.h"
@@ -25,11 +28,13 @@ struct Transfer {
 
 bool IsAll(ssize_t done, DWORD length) { return done >= 0 && static_cast<DWORD>(done) == length; }
 
-ssize_t ReadOnce(int descriptor, void* buffer, size_t length, off_t at) {
-  return at == kHere ? read(descriptor, buffer, length) : pread(descriptor, buffer, length, at);
+[[gnu::always_inline]] inline ssize_t ReadOnce(int descriptor, void* buffer, size_t length, off_t at) {
+  return at == kHere ? KernelTransfer(SYS_read, descriptor, buffer, length)
+                     : KernelTransferAt(SYS_pread64, descriptor, buffer, length, at);
 }
-ssize_t WriteOnce(int descriptor, const void* buffer, size_t length, off_t at) {
-  return at == kHere ? write(descriptor, buffer, length) : pwrite(descriptor, buffer, length, at);
+[[gnu::always_inline]] inline ssize_t WriteOnce(int descriptor, const void* buffer, size_t length, off_t at) {
+  return at == kHere ? KernelTransfer(SYS_write, descriptor, buffer, length)
+                     : KernelTransferAt(SYS_pwrite64, descriptor, buffer, length, at);
 }
 
 // The kernel stops without an error in front of a bad page when it has moved something, and at the most that one call
@@ -63,11 +68,17 @@ Transfer Read(const File& file, void* buffer, DWORD length, off_t at) {
   return transfer;
 }
 
+bool IsReadable(const char* byte) {
+  if (!t_faultThread.ready) [[unlikely]]
+    PrepareFaultThread();
+  return fault_probe_read(byte) == 0;
+}
+
 // The kernel would write what stands before the bad page.
 bool EndsInBadPage(const char* buffer, DWORD length) {
   const char* const last = buffer + length - 1;
   const bool crosses = ((reinterpret_cast<uintptr_t>(buffer) ^ reinterpret_cast<uintptr_t>(last)) & ~(kPage - 1)) != 0;
-  return crosses && IsBadReadPtr(last, 1);
+  return crosses && !IsReadable(last);
 }
 
 Transfer Write(const File& file, const void* buffer, DWORD length, off_t at) {
@@ -110,7 +121,7 @@ void KeepResult(OVERLAPPED& overlapped, const Transfer& transfer) {
 
 // What follows a transfer with an offset of the caller's. On a synchronous handle the position moves behind the data.
 // An overlapped one is told that the transfer goes on, and finds its end at once.
-Transfer EndAt(const File& file, OVERLAPPED& overlapped, off_t at, Transfer transfer) {
+[[gnu::always_inline]] inline Transfer EndAt(const File& file, OVERLAPPED& overlapped, off_t at, Transfer transfer) {
   KeepResult(overlapped, transfer);
   if (transfer.error && transfer.error != ERROR_HANDLE_EOF) return transfer;
   if (!file.overlapped()) {

@@ -67,7 +67,6 @@ inline void Run(Body&& body) {
 /// between, which would cost as much as the guard. Each argument and the result take one word.
 template <class Then, class Result, class... Parameters>
 inline void Call(Then&& then, Result(WINAPI* function)(Parameters...), std::type_identity_t<Parameters>... arguments) {
-  static_assert(sizeof(Result) == sizeof(unsigned) && ((sizeof(Parameters) == sizeof(unsigned)) && ...));
   using Callable = std::remove_reference_t<Then>;
   const unsigned words[] = {std::bit_cast<unsigned>(arguments)...};
   const void* callable = std::addressof(then);

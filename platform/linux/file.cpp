@@ -9,7 +9,7 @@
 #include "platform/linux/error.h"
 #include "platform/linux/fault_internal.h"
 #include "platform/linux/fault_probe.h"
-#include "platform/linux/kernel_transfer.h"
+#include "platform/linux/kernel_call.h"
 #include "platform/linux/memory.h"
 #include "platform/linux/open_file.h"
 #include "platform/linux/synchronization.h"
@@ -28,13 +28,17 @@ struct Transfer {
 
 bool IsAll(ssize_t done, DWORD length) { return done >= 0 && static_cast<DWORD>(done) == length; }
 
+template <class Byte>
+[[gnu::always_inline]] inline ssize_t Move(long call, long callAt, int descriptor, Byte* buffer, size_t length,
+                                           off_t at) {
+  if (at == kHere) return KernelCall(call, descriptor, buffer, length);
+  return KernelCall(callAt, descriptor, buffer, length, static_cast<uint32_t>(at), static_cast<uint32_t>(at >> 32));
+}
 [[gnu::always_inline]] inline ssize_t ReadOnce(int descriptor, void* buffer, size_t length, off_t at) {
-  return at == kHere ? KernelTransfer(SYS_read, descriptor, buffer, length)
-                     : KernelTransferAt(SYS_pread64, descriptor, buffer, length, at);
+  return Move(SYS_read, SYS_pread64, descriptor, buffer, length, at);
 }
 [[gnu::always_inline]] inline ssize_t WriteOnce(int descriptor, const void* buffer, size_t length, off_t at) {
-  return at == kHere ? KernelTransfer(SYS_write, descriptor, buffer, length)
-                     : KernelTransferAt(SYS_pwrite64, descriptor, buffer, length, at);
+  return Move(SYS_write, SYS_pwrite64, descriptor, buffer, length, at);
 }
 
 // The kernel stops without an error in front of a bad page when it has moved something, and at the most that one call

@@ -104,9 +104,7 @@ DWORD SetAttributes(LPCWSTR name, DWORD attributes) {
 
 }  // namespace
 
-int ReadStatus(int folder, const char* name, int flags, FileStatus& status) {
-  struct statx found;
-  if (statx(folder, name, flags, STATX_BASIC_STATS | STATX_BTIME, &found) != 0) return errno;
+void FillStatus(FileStatus& status, const struct statx& found) {
   status.mode = found.stx_mode;
   status.links = found.stx_nlink;
   status.device = makedev(found.stx_dev_major, found.stx_dev_minor);
@@ -116,15 +114,6 @@ int ReadStatus(int folder, const char* name, int flags, FileStatus& status) {
   status.writtenExactly = {static_cast<time_t>(found.stx_mtime.tv_sec), static_cast<long>(found.stx_mtime.tv_nsec)};
   status.accessed = FileTime(found.stx_atime);
   status.created = found.stx_mask & STATX_BTIME ? FileTime(found.stx_btime) : status.written;
-  return 0;
-}
-
-int ReadStatus(int descriptor, FileStatus& status) { return ReadStatus(descriptor, "", AT_EMPTY_PATH, status); }
-
-// As one function: what stands around a system call costs more than elsewhere.
-__attribute__((flatten)) int ReadStatusOfName(const char* path, FileStatus& status) {
-  const int error = ReadStatus(AT_FDCWD, path, 0, status);
-  return error == ENOENT ? ReadStatus(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, status) : error;
 }
 
 DWORD AttributesOf(const FileStatus& status, const char* path) {

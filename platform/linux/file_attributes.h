@@ -7,9 +7,11 @@
 /// one without the extended attribute has nothing (a file) or is read-only (a folder). Where the file system has no
 /// extended attributes, that is all that is kept.
 #pragma once
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include "platform/linux/file.h"
+#include "platform/linux/kernel_call.h"
 #include "platform/linux/types.h"
 
 namespace qel::layer {
@@ -30,11 +32,23 @@ struct FileStatus {
   bool SameFile(const FileStatus& other) const { return device == other.device && node == other.node; }
 };
 
-/// 0 or the errno. `flags` may be AT_SYMLINK_NOFOLLOW.
-int ReadStatus(int folder, const char* name, int flags, FileStatus& status);
-int ReadStatus(int descriptor, FileStatus& status);
+void FillStatus(FileStatus& status, const struct statx& found);
+
+/// 0 or the errno. `flags` may be AT_SYMLINK_NOFOLLOW. These are a part of the caller, as their system call wants it.
+[[gnu::always_inline]] inline int ReadStatus(int folder, const char* name, int flags, FileStatus& status) {
+  struct statx found;
+  if (KernelCall(SYS_statx, folder, name, flags, STATX_BASIC_STATS | STATX_BTIME, &found) != 0) return errno;
+  FillStatus(status, found);
+  return 0;
+}
+[[gnu::always_inline]] inline int ReadStatus(int descriptor, FileStatus& status) {
+  return ReadStatus(descriptor, "", AT_EMPTY_PATH, status);
+}
 /// Follows a link; one that leads nowhere is answered for itself.
-int ReadStatusOfName(const char* path, FileStatus& status);
+[[gnu::always_inline]] inline int ReadStatusOfName(const char* path, FileStatus& status) {
+  const int error = ReadStatus(AT_FDCWD, path, 0, status);
+  return error == ENOENT ? ReadStatus(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, status) : error;
+}
 
 /// What GetFileAttributesW gives; `path` is read only where the mode says that there is more.
 DWORD AttributesOf(const FileStatus& status, const char* path);

@@ -198,7 +198,8 @@ Search* FinishedSearch() {
   return ERROR_SUCCESS;
 }
 
-DWORD FindInFolder(LPCWSTR name, const Pattern& pattern, WIN32_FIND_DATAW& data, Reference<Search>& search) {
+[[gnu::noinline]] DWORD FindInFolder(LPCWSTR name, const Pattern& pattern, WIN32_FIND_DATAW& data,
+                                     Reference<Search>& search) {
   SystemPath path;
   const bool drive = pattern.last == name && name[1] == L':';
   const DWORD error = drive                  ? path.Parse(name, name + 2)
@@ -263,7 +264,7 @@ BOOL FindNextFileW(HANDLE find, LPWIN32_FIND_DATAW data) {
 }
 
 BOOL FindClose(HANDLE find) {
-  const Pin pin(find);
+  Pin pin(find);
   if (pin.As<Search>(Kind::kFind) && pin.Close()) return TRUE;
   SetLastError(ERROR_INVALID_HANDLE);
   return FALSE;

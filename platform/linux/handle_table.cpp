@@ -16,10 +16,16 @@ namespace {
 
 constexpr uint32_t kGenerations = 1u << 12;
 
-constinit std::atomic<uint32_t> g_openCount{0};
+constinit std::atomic<uint32_t> g_openCount{0};    // what is no handle
+constinit std::atomic<uint32_t> g_handleCount{0};  // changed under the mutex alone
 constinit std::mutex g_freeMutex;
 constinit uint32_t g_firstFree = 0;  // 0 ends the list: slot 0 is never given out, its first handle would be null
 constinit uint32_t g_unused = 1;
+
+void CountHandle(int change) {
+  g_handleCount.store(g_handleCount.load(std::memory_order_relaxed) + static_cast<uint32_t>(change),
+                      std::memory_order_relaxed);
+}
 
 void FreeSlot(uint32_t slot) {
   g_slots[slot].nextFree = g_firstFree;
@@ -28,8 +34,10 @@ void FreeSlot(uint32_t slot) {
 
 uint32_t TakeSlot() {
   const std::lock_guard lock(g_freeMutex);
-  if (g_firstFree != 0) return std::exchange(g_firstFree, g_slots[g_firstFree].nextFree);
-  return g_unused < kSlots ? g_unused++ : 0;
+  const bool unused = g_firstFree == 0;
+  if (unused && g_unused == kSlots) return 0;
+  CountHandle(1);
+  return unused ? g_unused++ : std::exchange(g_firstFree, g_slots[g_firstFree].nextFree);
 }
 
 // For a table that has given out no handle of this slot yet.
@@ -40,10 +48,11 @@ bool TakeSlotAt(uint32_t slot) {
     while (*place != 0 && *place != slot) place = &g_slots[*place].nextFree;
     if (*place == 0) return false;
     *place = g_slots[slot].nextFree;
-    return true;
+  } else {
+    while (g_unused < slot) FreeSlot(g_unused++);
+    ++g_unused;
   }
-  while (g_unused < slot) FreeSlot(g_unused++);
-  ++g_unused;
+  CountHandle(1);
   return true;
 }
 
@@ -62,7 +71,6 @@ HANDLE OpenSlot(uint32_t slot, uint32_t generation, Object* object) {
   s.generation = generation;
   s.object = object;
   s.state.fetch_add(kUser - kClosed - kEmpty, std::memory_order_release);
-  CountOpened();
   return reinterpret_cast<HANDLE>(((generation << kSlotBits) | slot) << 2);
 }
 
@@ -86,32 +94,42 @@ bool InsertHandleAt(HANDLE handle, Object* object) {
 }
 
 bool RemoveHandle(HANDLE handle) {
-  const Pin pin(handle);
+  Pin pin(handle);
   return pin.get() && pin.Close();
 }
 
 void CountOpened() { g_openCount.fetch_add(1, std::memory_order_relaxed); }
 void CountClosed() { g_openCount.fetch_sub(1, std::memory_order_relaxed); }
-uint32_t OpenCount() { return g_openCount.load(std::memory_order_relaxed); }
+uint32_t OpenCount() {
+  return g_openCount.load(std::memory_order_relaxed) + g_handleCount.load(std::memory_order_relaxed);
+}
 
 void LockHandlesForFork() { g_freeMutex.lock(); }
 void UnlockHandlesAfterFork() { g_freeMutex.unlock(); }
 
 void Pin::Empty(Slot& slot) {
   uint32_t expected = kClosed;
-  if (!slot.state.compare_exchange_strong(expected, kClosed | kEmpty, std::memory_order_acq_rel)) return;
+  if (slot.state.compare_exchange_strong(expected, kClosed | kEmpty, std::memory_order_acq_rel)) ReleaseSlot(slot);
+}
+
+void Pin::ReleaseSlot(Slot& slot) {
   Object* object = std::exchange(slot.object, nullptr);
   {
     const std::lock_guard lock(g_freeMutex);
     FreeSlot(static_cast<uint32_t>(&slot - g_slots));
+    CountHandle(-1);
   }
-  CountClosed();
   object->Release();
 }
 
-bool Pin::Close() const {
+bool Pin::Close() {
   std::atomic<uint32_t>& state = slot_->state;
-  uint32_t value = state.load(std::memory_order_relaxed);
+  uint32_t value = 2 * kUser;  // the handle and this pin: the two leave together
+  if (state.compare_exchange_strong(value, kClosed | kEmpty, std::memory_order_acq_rel)) {
+    object_ = nullptr;
+    ReleaseSlot(*slot_);
+    return true;
+  }
   do {
     if ((value & kClosed) != 0) return false;
   } while (!state.compare_exchange_weak(value, value - kUser + kClosed, std::memory_order_acq_rel));
@@ -144,7 +162,7 @@ DWORD Duplicate(HANDLE source, BOOL inherit, DWORD options, HANDLE* target) {
 
 bool CloseAny(HANDLE handle) {
   if (IsPseudo(handle)) return true;
-  const Pin pin(handle);
+  Pin pin(handle);
   // A search is closed by FindClose alone.
   return pin.get() && pin.get()->kind() != Kind::kFind && pin.Close();
 }

@@ -44,6 +44,7 @@ bool RemoveHandle(HANDLE handle);
 /// Counts what a process can leak besides handles: views and blocks.
 void CountOpened();
 void CountClosed();
+/// With the handles.
 uint32_t OpenCount();
 
 /// A fork waits for changes of the table that are under way.
@@ -91,8 +92,9 @@ class Pin {
     if (object_) Unpin();
   }
   Object* get() const { return object_; }
-  /// Closes the handle; the object goes with the last pin. False when somebody else has closed it meanwhile.
-  bool Close() const;
+  /// Closes the handle; the object, which is not to be used any more, goes with the last pin. False when somebody else
+  /// has closed it meanwhile.
+  bool Close();
   /// The object when it is of this kind, else null.
   template <class T>
   T* As(Kind kind) const {
@@ -104,6 +106,7 @@ class Pin {
     if (slot_->state.fetch_sub(kUser, std::memory_order_acq_rel) == kUser + kClosed) Empty(*slot_);
   }
   static void Empty(Slot& slot);
+  static void ReleaseSlot(Slot& slot);
   Slot* slot_ = nullptr;
   Object* object_ = nullptr;
 };

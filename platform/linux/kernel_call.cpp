@@ -1,4 +1,4 @@
-#include "platform/linux/kernel_transfer.h"
+#include "platform/linux/kernel_call.h"
 
 #include <sys/auxv.h>
 

@@ -7,6 +7,7 @@
 #include <sys/syscall.h>
 #include <sys/types.h>
 
+#include <bit>
 #include <cerrno>
 #include <cstdint>
 
@@ -19,8 +20,7 @@ extern uintptr_t g_kernelEntry __attribute__((visibility("hidden")));
 template <class... Arguments>
 [[gnu::always_inline]] inline long KernelCall(long number, Arguments... arguments) {
   static_assert(sizeof...(Arguments) == 3 || sizeof...(Arguments) == 5);
-  static_assert(((sizeof(Arguments) == sizeof(uintptr_t)) && ...));
-  const uintptr_t words[] = {(uintptr_t)arguments...};
+  const uintptr_t words[] = {std::bit_cast<uintptr_t>(arguments)...};
   const uintptr_t entry = g_kernelEntry;
   long answer;
   if constexpr (sizeof...(Arguments) == 3) {

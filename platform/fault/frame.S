@@ -34,6 +34,28 @@
     HIDDEN(fault_thunk)
     HIDDEN(fault_thunk_end)
 
+    .macro LEAVE_GUARD
+#ifdef _WIN32
+    cmpl $0, GUARD_SPARE_STACK(%esi)
+    jne LOCAL(leave_after_overflow)
+#endif
+    movl GUARD_OUTER(%esi), %eax
+    movl %eax, (%edi)
+    .endm
+
+    .macro RESTORE_REGISTERS
+    leal SAVED_REGISTERS(%ebp), %esp
+    popl %edi
+    popl %esi
+    popl %ebx
+    popl %ebp
+    .cfi_def_cfa %esp, 4
+    .cfi_restore %ebp
+    .cfi_restore %ebx
+    .cfi_restore %esi
+    .cfi_restore %edi
+    .endm
+
 # void fault_run(const void* function, const unsigned* arguments, unsigned words,
 #                void (*then)(unsigned result, void* argument), void* argument)
 # Saves every register that a callee keeps and finds all of them and the guard again from EBP alone, so that the frame
@@ -91,25 +113,19 @@ LOCAL(end_of_call):
 LOCAL(call_of_then):
     call *THEN(%ebp)
 LOCAL(end_of_then):
-LOCAL(leave):
-#ifdef _WIN32
-    cmpl $0, GUARD_SPARE_STACK(%esi)
-    jne LOCAL(leave_after_overflow)
-#endif
-    movl GUARD_OUTER(%esi), %eax
-    movl %eax, (%edi)
-LOCAL(return_to_caller):
-    leal SAVED_REGISTERS(%ebp), %esp
-    popl %edi
-    popl %esi
-    popl %ebx
-    popl %ebp
+    LEAVE_GUARD
     .cfi_remember_state
-    .cfi_def_cfa %esp, 4
-    .cfi_restore %ebp
-    .cfi_restore %ebx
-    .cfi_restore %esi
-    .cfi_restore %edi
+    RESTORE_REGISTERS
+    popl %ecx
+    .cfi_def_cfa_offset 0
+    .cfi_register %eip, %ecx
+    jmp *%ecx                                   # a jump is foreseen where a return is not
+    .cfi_restore_state
+LOCAL(leave):
+    LEAVE_GUARD
+LOCAL(return_to_caller):
+    .cfi_remember_state
+    RESTORE_REGISTERS
     ret
     .cfi_restore_state
 #ifdef _WIN32

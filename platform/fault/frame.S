@@ -60,8 +60,9 @@
 #                void (*then)(unsigned result, void* argument), void* argument)
 # Saves every register that a callee keeps and finds all of them and the guard again from EBP alone, so that the frame
 # serves to throw from whatever has become of ESP and the stack below. One function, without any of C++ around it or
-# between: each function around a system call costs its return, which the processor has forgotten meanwhile.
-    .p2align 4
+# between: each function around a system call costs its return, which the processor has forgotten meanwhile. Aligned
+# for the same reason.
+    .p2align 6
 #ifndef _WIN32
     .type SYMBOL(fault_run), @function
 #endif

@@ -24,7 +24,7 @@ std::wstring MakeModule(const std::wstring& folder) {
 }
 
 void ShowModuleVersion(const std::wstring& module) {
-  std::printf("\n== version strings of a module\n");
+  Title("version strings of a module");
   void* version = CreateCFileVersion(module.c_str());
   if (char** strings = GetVerCFileVersion(version)) {
     const auto text = [&](E_VERSIONSTRING column) { return strings[column] ? strings[column] : "?"; };

@@ -13,8 +13,6 @@ namespace {
 
 constexpr DWORD kObjectBytes = 8u << 20;
 
-void Title(const char* text) { std::printf("\n== %s\n", text); }
-
 // Called by the library's watchdog when an image takes too long; the thread that works goes on.
 void CALLBACK LogOverrun(unsigned long startTick, void*, unsigned long threadId, void* argument) {
   char message[160];
@@ -38,6 +36,8 @@ int PrintLinesWith(const std::wstring& path, const char* word, int most) {
 }
 
 }  // namespace
+
+void Title(const char* text) { std::printf("\n== %s\n", text); }
 
 void ShowImages(const Folders& folders, const std::vector<std::wstring>& images) {
   Title("images: read, filtered in parallel, written, each under a watchdog");

@@ -88,11 +88,17 @@ using namespace qel::report;
 int VemoExceptLogOut(const wchar_t* title, const char* message, const EXCEPTION_RECORD* record, const CONTEXT* context,
                      int line, const char* sourceFile) {
   int heapCode = _HEAPOK;
-  GuardedReport(QEL_HERE, "VemoExceptLogOut", [&] {
+  const auto write = [&] {
     CheckHeap(kVemoHeapCheckAtEntry);
     qel::WriteAssertion(FixedPosition(kReportFollowsLine));
     WriteReportFile(title, message, record, context, line, sourceFile);
     heapCode = CheckHeap(kVemoHeapCheckAtExit);
+  };
+  GuardedReport(QEL_HERE, "VemoExceptLogOut", [&] {
+    if (context && !IsBadReadPtr(context, sizeof *context))
+      fault::RunBelow(*context, write);  // a host that has left the faulting frames has their remains reported
+    else
+      write();
   });
   return heapCode;
 }

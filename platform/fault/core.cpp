@@ -167,6 +167,13 @@ bool NoteThrow(GuardFrame* guard) {
   return false;
 }
 
+// Whether this runs below the place of the fault, and not on another stack.
+bool IsBelowFault(const GuardFrame* guard) {
+  constexpr uintptr_t kThrowerBytes = 64 * 1024;
+  const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+  return guard->esp > here && guard->esp - here < kThrowerBytes && guard->esp < reinterpret_cast<uintptr_t>(guard);
+}
+
 [[noreturn]] void Throw(GuardFrame* guard) {
   EXCEPTION_POINTERS pointers{&guard->record, &guard->context};
   const DWORD code = guard->record.ExceptionCode;
@@ -178,7 +185,9 @@ bool NoteThrow(GuardFrame* guard) {
 }  // namespace
 
 extern "C" __attribute__((used, noreturn)) QEL_FAULT_HIDDEN void fault_throw(GuardFrame* guard) {
+  guard->state &= ~static_cast<uint32_t>(kStackKept);
   if (!CanReachGuard(guard) || NoteThrow(guard)) GoToGuard(guard);
+  if (IsBelowFault(guard)) guard->state |= kStackKept;
   PrepareThrow(guard);
   Throw(guard);
 }
@@ -230,6 +239,23 @@ __attribute__((noinline)) void ThrowInGuard(GuardFrame& guard, const EXCEPTION_R
       : "memory");
   __builtin_unreachable();
 }
+
+// What the sanitizer puts around a block of the stack would stand on the frames that are to be read.
+#ifdef __SANITIZE_ADDRESS__
+void CallBelow(const CONTEXT&, void (*body)(void*), void* argument) { body(argument); }
+#else
+__attribute__((noinline)) void CallBelow(const CONTEXT& context, void (*body)(void*), void* argument) {
+  constexpr uintptr_t kFarthest = 1024 * 1024;
+  constexpr uintptr_t kRoomBytes = 48 * 1024;  // for whatever `body` does
+  const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+  const uintptr_t fault = context.Esp, limit = StackLimit();
+  if (fault < here && here - fault < kFarthest && fault > limit && fault - limit > kRoomBytes) {
+    void* skipped = __builtin_alloca(here - fault + kRedZoneBytes);
+    __asm__ __volatile__("" : : "r"(skipped) : "memory");
+  }
+  body(argument);
+}
+#endif
 
 void ThrowCse(unsigned int, EXCEPTION_POINTERS* pointers) {
   throw CSE{*pointers->ExceptionRecord, *pointers->ContextRecord};

@@ -54,6 +54,20 @@ QEL_FAULT_API void ClaimHandlers();
 /// none is left. For the module's entry at process attach.
 QEL_FAULT_API void ProcessAttach();
 
+/// RunBelow without the template.
+QEL_FAULT_API void CallBelow(const CONTEXT& context, void (*body)(void* argument), void* argument);
+
+/// Calls `body()` with the stack below that of a fault of this thread, for a clause that caught its exception: what
+/// `body` reads of the stack is what the fault left, except the frames below one whose destructors ran on the way. Only
+/// calls it where there is no room, or no fault on this stack below the caller.
+template <class Body>
+inline void RunBelow(const CONTEXT& context, Body&& body) {
+  using Callable = std::remove_reference_t<Body>;
+  const void* argument = std::addressof(body);
+  CallBelow(
+      context, [](void* callable) { (*static_cast<Callable*>(callable))(); }, const_cast<void*>(argument));
+}
+
 /// Calls `body()`. Costs about 10 ns; nests; any thread.
 template <class Body>
 inline void Run(Body&& body) {

@@ -13,14 +13,23 @@
 #define GUARD_BYTES 864
 #define GUARD_OUTER 0
 #define GUARD_FRAME 8
+#define GUARD_STATE 12
+#define GUARD_ESP 20
 #define GUARD_SPARE_STACK 48
+#define STATE_STACK_KEPT 8
+#define RED_ZONE_BYTES 128
+
+// Between the caller's frame and this one: what a catch clause of the caller calls stands here first, and not yet on what
+// the frame tells of where it was called.
+#define CLAUSE_BYTES 832
 
 // Of the frame below, from its EBP.
-#define FUNCTION 8
-#define ARGUMENTS 12
-#define WORDS 16
-#define THEN 20
-#define THEN_ARGUMENT 24
+#define CALLER (CLAUSE_BYTES + 12)              // the caller's end of its own
+#define FUNCTION CALLER
+#define ARGUMENTS (CALLER + 4)
+#define WORDS (CALLER + 8)
+#define THEN (CALLER + 12)
+#define THEN_ARGUMENT (CALLER + 16)
 #define SAVED_REGISTERS -12
 #define GUARD -16                               // where the guard is
 
@@ -49,6 +58,7 @@
     popl %esi
     popl %ebx
     popl %ebp
+    leal (CLAUSE_BYTES + 4)(%esp), %esp
     .cfi_def_cfa %esp, 4
     .cfi_restore %ebp
     .cfi_restore %ebx
@@ -72,17 +82,22 @@ LOCAL(start):
     .cfi_startproc
     .cfi_personality 0x9b, LOCAL(personality)
     .cfi_lsda 0x1b, LOCAL(exception_table)
+    movl (%esp), %eax
+    leal -CLAUSE_BYTES(%esp), %esp
+    .cfi_def_cfa_offset CLAUSE_BYTES + 4
+    pushl %eax                                  # once more, where a walk along the frames looks for it
+    .cfi_def_cfa_offset CLAUSE_BYTES + 8
     pushl %ebp
-    .cfi_def_cfa_offset 8
-    .cfi_offset %ebp, -8
+    .cfi_def_cfa_offset CALLER
+    .cfi_offset %ebp, -CALLER
     movl %esp, %ebp
     .cfi_def_cfa_register %ebp
     pushl %ebx
-    .cfi_offset %ebx, -12
+    .cfi_offset %ebx, -CALLER - 4
     pushl %esi
-    .cfi_offset %esi, -16
+    .cfi_offset %esi, -CALLER - 8
     pushl %edi
-    .cfi_offset %edi, -20
+    .cfi_offset %edi, -CALLER - 12
     subl $(GUARD_BYTES + 16), %esp
     andl $-16, %esp
     movl %esp, %esi
@@ -146,10 +161,17 @@ LOCAL(call_of_throw):
     call SYMBOL(fault_throw_from_guard)
 LOCAL(end_of_throw):
     ud2
-# Entered by the unwinder with the exception in EAX: the guard leaves and the exception goes on.
+# Entered by the unwinder with the exception in EAX: the guard leaves and the exception goes on, from below the place of
+# the fault, so that the frames above it are still there for who writes about it.
 LOCAL(leave_by_exception):
     movl GUARD(%ebp), %ecx
     leal -16(%ecx), %esp
+    testl $STATE_STACK_KEPT, GUARD_STATE(%ecx)
+    jz LOCAL(resume)
+    movl GUARD_ESP(%ecx), %esp
+    subl $RED_ZONE_BYTES, %esp
+    andl $-16, %esp
+LOCAL(resume):
     movl %ecx, (%esp)
     movl %eax, 4(%esp)
 LOCAL(call_of_resume):

@@ -19,6 +19,7 @@ enum GuardState : uint32_t {
   kSearching = 1,      // the way from the fault to the guard is being examined; a fault now means that there is none
   kThrown = 2,         // a fault was thrown from inside this guard
   kStackOverflow = 4,  // the fault was one
+  kStackKept = 8,      // the stack from the place of the fault up to the guard is as the fault left it
 };
 
 // One for each Run, on its stack. What the assembler part uses has fixed places; nothing is cleared at entry.
@@ -47,14 +48,17 @@ struct GuardFrame {
 constexpr uint32_t kRedZoneBytes = 128;  // left free below an interrupted ESP
 constexpr uint32_t kStackAlignment = 16;
 constexpr size_t kGuardBytes = 864;  // what frame.S keeps free for one
-static_assert(offsetof(GuardFrame, frame) == 8 && offsetof(GuardFrame, eip) == 16 && offsetof(GuardFrame, edi) == 36 &&
+static_assert(offsetof(GuardFrame, frame) == 8 && offsetof(GuardFrame, state) == 12 &&
+              offsetof(GuardFrame, eip) == 16 && offsetof(GuardFrame, esp) == 20 && offsetof(GuardFrame, edi) == 36 &&
               offsetof(GuardFrame, spareStack) == 48 && sizeof(GuardFrame) <= kGuardBytes);
+static_assert(kStackKept == 8 && kRedZoneBytes == 128);
 
 // Given by the front end.
 Translator ThreadTranslator();
 void SetThreadTranslator(Translator translator);
 GuardFrame* InnermostGuard();          // of the thread; null when there is none, or foreign frames are further in
 void LeaveGuard(GuardFrame& guard);    // makes the next further out the innermost
+uintptr_t StackLimit();                // how far down the present stack may grow; 0xFFFFFFFF where that is not known
 void PrepareThrow(GuardFrame* guard);  // whatever the system needs before frames are skipped
 
 // Goes on as after a fault of the calling function, with this record and context.

@@ -211,6 +211,12 @@ void ProcessAttach() {}  // this run-time has made it all
 
 void ClaimHandlers() { qel::layer::ClaimSignals(); }
 
+uintptr_t StackLimit() {
+  const qel::layer::FaultThread& thread = qel::layer::t_faultThread;
+  const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+  return thread.ready && here > thread.stackLow && here <= thread.stackHigh ? thread.stackLow : UINTPTR_MAX;
+}
+
 void LeaveGuard(GuardFrame& guard) { qel::layer::t_faultThread.innermost = guard.outer; }
 
 }  // namespace fault

@@ -140,6 +140,12 @@ void PrepareThrow(GuardFrame* guard) {
 
 void ClaimHandlers() {}  // nobody can displace a frame of the chain
 
+uintptr_t StackLimit() {
+  MEMORY_BASIC_INFORMATION stack;
+  const bool known = VirtualQuery(__builtin_frame_address(0), &stack, sizeof stack) == sizeof stack;
+  return known ? reinterpret_cast<uintptr_t>(stack.AllocationBase) : UINTPTR_MAX;
+}
+
 void LeaveGuard(GuardFrame& guard) {
   SetChainHead(guard.outer);
   if (!guard.spareStack) return;

@@ -37,9 +37,11 @@ class QuietFloatingPoint : public CNdpCtrl87 {
 // Each step stands in a guard of its own: a report that faults must not keep the next step from being made, nor leave.
 
 void ReportStructuredException(const CSE& exception, SourcePosition position) noexcept {
-  NoteException("_CATCH_SE", position);
-  const QuietFloatingPoint quiet;
-  WriteReport("Exception CATCH_SE", &exception, position);
+  fault::RunBelow(exception.context, [&] {
+    NoteException("_CATCH_SE", position);
+    const QuietFloatingPoint quiet;
+    WriteReport("Exception CATCH_SE", &exception, position);
+  });
 }
 
 void ReportFrameworkException(CException* exception, SourcePosition position) noexcept {

@@ -1,6 +1,7 @@
 // The three clauses: what they write, in which order, and that nothing leaves them.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -11,6 +12,7 @@
 #include "qelibaselib/guard/structured_exception_translator.h"
 #include "test/guard/recorder.h"
 #include "test/support/bad_pointer.h"
+#include "test/support/sanitizer.h"
 
 namespace qel::test {
 namespace {
@@ -55,6 +57,38 @@ TEST_F(Guard, StructuredExceptionWithTranslator) {
   EXPECT_EQ(g_recorded.record.ExceptionCode, EXCEPTION_ACCESS_VIOLATION);
   EXPECT_EQ(g_recorded.record.ExceptionInformation[1], kBadAddress);
   EXPECT_EQ(reinterpret_cast<DWORD>(g_recorded.record.ExceptionAddress), g_recorded.context.Eip);
+}
+
+std::vector<DWORD> g_way;  // where each function on the way to a fault was called
+
+void NoteCaller(void* address) { g_way.insert(g_way.begin(), reinterpret_cast<DWORD>(address)); }
+__attribute__((noinline)) int FaultInside(int value) {
+  NoteCaller(__builtin_return_address(0));
+  Fault();
+  return value + 1;
+}
+__attribute__((noinline)) int CallFault(int value) {
+  NoteCaller(__builtin_return_address(0));
+  volatile char room[4096];  // so that what the report calls would stand on the frames below
+  room[0] = 1;
+  return FaultInside(value) + room[0];
+}
+__attribute__((noinline)) int CallGuarded(int value) {
+  NoteCaller(__builtin_return_address(0));
+  Guarded(kPlace, [&] { value = CallFault(value); });
+  return value + 1;
+}
+
+TEST_F(Guard, ReportSeesTheWayToTheFault) {
+  SKIP_UNDER_ASAN();
+  const CSEREG translator;
+  EXPECT_EQ(CallGuarded(7), 8);
+  ASSERT_EQ(g_way.size(), 3u);
+  auto caller = g_recorded.callers.begin();
+  for (const DWORD expected : g_way) {
+    caller = std::find(caller, g_recorded.callers.end(), expected);
+    EXPECT_NE(caller, g_recorded.callers.end()) << std::hex << expected;
+  }
 }
 
 TEST_F(Guard, StructuredExceptionWithoutTranslator) {

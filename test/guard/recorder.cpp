@@ -1,5 +1,6 @@
 #include "test/guard/recorder.h"
 
+#include <cstring>
 #include <stdexcept>
 
 #include "modulestatus/exception_report.h"
@@ -15,9 +16,27 @@ namespace {
 std::string Place(int line, const char* text, const char* sourceFile) {
   return std::to_string(line) + " " + text + " in " + sourceFile;
 }
+
+// As the real ones do.
+__attribute__((noinline)) void UseStack() {
+  char block[8192];
+  std::memset(block, -1, sizeof block);
+  __asm__ __volatile__("" : : "r"(block) : "memory");
+}
+
+std::vector<DWORD> CallersFrom(const CONTEXT& context) {
+  std::vector<DWORD> callers;
+  const DWORD* frame = reinterpret_cast<const DWORD*>(context.Ebp);
+  while (callers.size() < 64 && !IsBadReadPtr(frame, 2 * sizeof *frame)) {
+    callers.push_back(frame[1]);
+    frame = reinterpret_cast<const DWORD*>(frame[0]);
+  }
+  return callers;
+}
 }  // namespace
 
 void WriteAssertion(SourcePosition position, const char* text) {
+  UseStack();
   test::g_recorded.steps.push_back("line " + Place(position.line, text, position.sourceFile));
   if (test::g_recorded.faultInLine) test::WriteBadAddress();
 }
@@ -37,6 +56,8 @@ extern "C" int VemoExceptLogOut(const wchar_t* title, const char* message, const
   g_recorded.hasContext = context;
   if (record) g_recorded.record = *record;
   if (context) g_recorded.context = *context;
+  qel::UseStack();
+  if (context) g_recorded.callers = qel::CallersFrom(*context);
   unsigned int x87 = 0, sse2 = 0;
   __control87_2(0, 0, &x87, &sse2);
   g_recorded.masksInReport = x87 & sse2;

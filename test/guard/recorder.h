@@ -13,6 +13,7 @@ struct Recorded {
   bool hasRecord = false, hasContext = false;
   EXCEPTION_RECORD record{};
   CONTEXT context{};
+  std::vector<DWORD> callers;      // what a walk along the frame pointers of the context finds
   unsigned int masksInReport = 0;  // of x87 and SSE2, both
   bool faultInLine = false, faultInReport = false, throwInReport = false;
 };

@@ -43,7 +43,7 @@ void Fill(WIN32_FIND_DATAW& data, std::wstring_view name, const FileStatus& stat
 // What FindNextFileW goes on with. The names are those of the moment of the first call.
 class Search : public Object {
  public:
-  Search() : Object(Kind::kFind) {}
+  explicit Search(bool permanent = false) : Object(Kind::kFind, permanent) {}
   virtual DWORD Next(WIN32_FIND_DATAW&) { return ERROR_NO_MORE_FILES; }
 };
 
@@ -175,8 +175,7 @@ DWORD Split(LPCWSTR name, Pattern& pattern) {
 
 // A search that has its only answer already.
 Search* FinishedSearch() {
-  static auto* search = new Search;
-  search->AddReference();
+  static auto* search = new Search(true);
   return search;
 }
 

@@ -13,13 +13,16 @@ enum class Kind : uint8_t { kEvent, kMutex, kSemaphore, kTimer, kThread, kProces
 
 class Object {
  public:
-  explicit Object(Kind kind) : kind_(kind) {}
+  /// A permanent object is never deleted, and its references are not counted.
+  explicit Object(Kind kind, bool permanent = false) : kind_(kind), permanent_(permanent) {}
   Object(const Object&) = delete;
   Object& operator=(const Object&) = delete;
   Kind kind() const { return kind_; }
-  void AddReference() { references_.fetch_add(1, std::memory_order_relaxed); }
+  void AddReference() {
+    if (!permanent_) references_.fetch_add(1, std::memory_order_relaxed);
+  }
   void Release() {
-    if (references_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+    if (!permanent_ && references_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
   }
 
  protected:
@@ -27,6 +30,7 @@ class Object {
 
  private:
   const Kind kind_;
+  const bool permanent_;
   std::atomic<uint32_t> references_{1};
 };
 

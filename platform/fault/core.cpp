@@ -246,7 +246,7 @@ void CallBelow(const CONTEXT&, void (*body)(void*), void* argument) { body(argum
 #else
 __attribute__((noinline)) void CallBelow(const CONTEXT& context, void (*body)(void*), void* argument) {
   constexpr uintptr_t kFarthest = 1024 * 1024;
-  constexpr uintptr_t kRoomBytes = 48 * 1024;  // for whatever `body` does
+  constexpr uintptr_t kRoomBytes = 128 * 1024;  // for whatever `body` does
   const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
   const uintptr_t fault = context.Esp, limit = StackLimit();
   if (fault < here && here - fault < kFarthest && fault > limit && fault - limit > kRoomBytes) {

@@ -36,6 +36,18 @@ extern "C" QEL_FAULT_API void fault_run(const void* function, const unsigned* ar
 
 namespace fault {
 
+namespace detail {
+// Named functions, since a walk over the stack shows them.
+template <class Callable>
+void Body(void* callable) {
+  (*static_cast<Callable*>(callable))();
+}
+template <class Callable, class Result>
+void Then(unsigned result, void* callable) {
+  (*static_cast<Callable*>(callable))(std::bit_cast<Result>(result));
+}
+}  // namespace detail
+
 /// Called with the exception's code on the faulting thread, after it has left the handler of the fault; expected to
 /// throw. If it returns, the exception of the private type is thrown.
 using Translator = void (*)(unsigned int code, EXCEPTION_POINTERS* pointers);
@@ -62,17 +74,14 @@ QEL_FAULT_API void CallBelow(const CONTEXT& context, void (*body)(void* argument
 /// calls it where there is no room, or no fault on this stack below the caller.
 template <class Body>
 inline void RunBelow(const CONTEXT& context, Body&& body) {
-  using Callable = std::remove_reference_t<Body>;
   const void* argument = std::addressof(body);
-  CallBelow(
-      context, [](void* callable) { (*static_cast<Callable*>(callable))(); }, const_cast<void*>(argument));
+  CallBelow(context, &detail::Body<std::remove_reference_t<Body>>, const_cast<void*>(argument));
 }
 
 /// Calls `body()`. Costs about 10 ns; nests; any thread.
 template <class Body>
 inline void Run(Body&& body) {
-  using Callable = std::remove_reference_t<Body>;
-  void (*const call)(void*) = [](void* callable) { (*static_cast<Callable*>(callable))(); };
+  void (*const call)(void*) = &detail::Body<std::remove_reference_t<Body>>;
   const unsigned argument = reinterpret_cast<unsigned>(std::addressof(body));
   fault_run(reinterpret_cast<const void*>(call), &argument, 1, nullptr, nullptr);
 }
@@ -81,13 +90,10 @@ inline void Run(Body&& body) {
 /// between, which would cost as much as the guard. Each argument and the result take one word.
 template <class Then, class Result, class... Parameters>
 inline void Call(Then&& then, Result(WINAPI* function)(Parameters...), std::type_identity_t<Parameters>... arguments) {
-  using Callable = std::remove_reference_t<Then>;
   const unsigned words[] = {std::bit_cast<unsigned>(arguments)...};
   const void* callable = std::addressof(then);
-  fault_run(
-      reinterpret_cast<const void*>(function), words, sizeof...(Parameters),
-      [](unsigned result, void* argument) { (*static_cast<Callable*>(argument))(std::bit_cast<Result>(result)); },
-      const_cast<void*>(callable));
+  fault_run(reinterpret_cast<const void*>(function), words, sizeof...(Parameters),
+            &detail::Then<std::remove_reference_t<Then>, Result>, const_cast<void*>(callable));
 }
 
 }  // namespace fault

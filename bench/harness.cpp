@@ -58,7 +58,7 @@ std::string Quantity(double ns) {
 }  // namespace
 
 void Compare(const std::string& what, double goalRatio, const Body& ours, const Body& byHand, double slackNs,
-             Options options) {
+             const Options& options) {
   const int calls = options.callsOfRound ? options.callsOfRound : std::min(CallsOfRound(ours), CallsOfRound(byHand));
   std::vector<double> own, other, ratios;
   for (int round = 0; round < options.rounds; ++round) {
@@ -79,10 +79,10 @@ void Compare(const std::string& what, double goalRatio, const Body& ours, const 
   std::fflush(stdout);
 }
 
-void Absolute(const std::string& what, double goalMicroseconds, const Body& ours, Options options) {
+void Absolute(const std::string& what, double goalMicroseconds, const Body& ours, const Options& options) {
   const int calls = options.callsOfRound ? options.callsOfRound : CallsOfRound(ours);
-  std::vector<double> own;
-  for (int round = 0; round < options.rounds; ++round) own.push_back(Round(ours, calls, options));
+  std::vector<double> own(static_cast<size_t>(options.rounds));
+  for (double& round : own) round = Round(ours, calls, options);
   const double mine = Median(own);
   std::printf("  %-44s %11s %51s %s\n", what.c_str(), Quantity(mine).c_str(),
               ("goal <= " + Quantity(goalMicroseconds * 1e3)).c_str(),

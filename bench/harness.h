@@ -21,9 +21,9 @@ struct Options {
 
 // Goal: ours at most `goalRatio` times the other, or, with slackNs, at most that much over it.
 void Compare(const std::string& what, double goalRatio, const Body& ours, const Body& byHand, double slackNs = 0,
-             Options options = {});
+             const Options& options = {});
 // A goal in microseconds for a call that has no counterpart.
-void Absolute(const std::string& what, double goalMicroseconds, const Body& ours, Options options = {});
+void Absolute(const std::string& what, double goalMicroseconds, const Body& ours, const Options& options = {});
 
 // For what reports a figure itself. Goal: ours from `low` to `high` times the other.
 using Figure = std::function<double()>;

@@ -43,6 +43,7 @@ double Contended(const Line& line) {
     const pid_t child = fork();
     if (child == 0) {
       std::vector<std::thread> threads;
+      threads.reserve(kThreads);
       for (int t = 0; t < kThreads; ++t)
         threads.emplace_back([&] {
           for (int i = 0; i < kLines; ++i) line(i % 4);

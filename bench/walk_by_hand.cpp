@@ -101,6 +101,11 @@ void DeleteOne(const std::string& path) {
   Check(unlink(path.c_str()) == 0);
 }
 
+std::string Join(const std::string& folder, const std::string& name) {
+  std::string path = folder;
+  return path.append(1, '/').append(name);
+}
+
 }  // namespace
 
 void CopyTree(const std::string& source, const std::string& target) {
@@ -109,7 +114,7 @@ void CopyTree(const std::string& source, const std::string& target) {
   Check(mkdir(target.c_str(), 0777) == 0);
   Check(stat(source.c_str(), &status) == 0 && stat(target.c_str(), &status) == 0);  // the attributes
   for (const std::string& name : names) {
-    const std::string from = source + "/" + name, to = target + "/" + name;
+    const std::string from = Join(source, name), to = Join(target, name);
     if (IsFolder(from))
       CopyTree(from, to);
     else
@@ -119,7 +124,7 @@ void CopyTree(const std::string& source, const std::string& target) {
 
 void DeleteTree(const std::string& folder) {
   for (const std::string& name : Names(folder)) {
-    const std::string path = folder + "/" + name;
+    const std::string path = Join(folder, name);
     if (IsFolder(path))
       DeleteTree(path);
     else

@@ -185,7 +185,6 @@ bool IsBelowFault(const GuardFrame* guard) {
 }  // namespace
 
 extern "C" __attribute__((used, noreturn)) QEL_FAULT_HIDDEN void fault_throw(GuardFrame* guard) {
-  guard->state &= ~static_cast<uint32_t>(kStackKept);
   if (!CanReachGuard(guard) || NoteThrow(guard)) GoToGuard(guard);
   if (IsBelowFault(guard)) guard->state |= kStackKept;
   PrepareThrow(guard);

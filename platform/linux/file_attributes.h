@@ -44,10 +44,10 @@ void FillStatus(FileStatus& status, const struct statx& found);
 [[gnu::always_inline]] inline int ReadStatus(int descriptor, FileStatus& status) {
   return ReadStatus(descriptor, "", AT_EMPTY_PATH, status);
 }
-/// Follows a link; one that leads nowhere is answered for itself.
+/// Follows a link; one that leads nowhere, itself included, is answered for itself.
 [[gnu::always_inline]] inline int ReadStatusOfName(const char* path, FileStatus& status) {
-  const int error = ReadStatus(AT_FDCWD, path, 0, status);
-  return error == ENOENT ? ReadStatus(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, status) : error;
+  if (ReadStatus(AT_FDCWD, path, 0, status) == 0) return 0;
+  return ReadStatus(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, status);
 }
 
 /// What GetFileAttributesW gives; `path` is read only where the mode says that there is more.

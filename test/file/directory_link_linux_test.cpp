@@ -36,6 +36,7 @@ TEST_F(DirectoryLink, DeletionTakesTheLinkAndLeavesWhatItLeadsTo) {
   WriteWholeFile(folder_.Path() / "outside/read-only", "x");
   SetFileAttributesW(folder_.Wide("outside/read-only").c_str(), FILE_ATTRIBUTE_READONLY);
   fs::create_symlink(folder_.Path() / "outside/read-only", folder_.Path() / "t/file-link");
+  fs::create_symlink("itself", folder_.Path() / "t/itself");
   EXPECT_TRUE(DeleteDirectoryTree(HOST, folder_.Wide("t").c_str(), FALSE, FALSE));
   EXPECT_TRUE(fs::is_symlink(folder_.Path() / "t/link")) << "a folder, left alone";
   EXPECT_TRUE(DeleteDirectoryTree(HOST, folder_.Wide("t").c_str(), TRUE, TRUE));

@@ -28,14 +28,14 @@ class Sink {
   // The loops work on variables of their own: to the compiler, each character that is written may be one of the
   // members.
   void Put(const char* text, std::size_t count) {
-    char* const out = buffer_ + length_;
+    char* const out = End();
     const std::size_t fitting = Fitting(count);
     for (std::size_t i = 0; i < fitting; ++i) out[i] = text[i];
     length_ += count;
   }
   // At most `limit` characters, up to the terminator.
   void PutText(const char* text, std::size_t limit) {
-    char* const out = buffer_ + length_;
+    char* const out = End();
     const std::size_t fitting = Fitting(limit);
     std::size_t count = 0;
     for (; count < fitting && text[count]; ++count) out[count] = text[count];
@@ -52,6 +52,8 @@ class Sink {
   }
 
  private:
+  // Of what is written: the length goes on where the buffer has ended.
+  char* End() const { return buffer_ + (length_ < size_ ? length_ : size_); }
   std::size_t Fitting(std::size_t count) const {
     const std::size_t room = length_ + 1 < size_ ? size_ - 1 - length_ : 0;
     return count < room ? count : room;

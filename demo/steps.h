@@ -7,6 +7,7 @@ struct Folders {
   std::wstring work, log, input, output;
 };
 
+// The heading of a step.
 void Title(const char* text);
 void ShowImages(const Folders& folders, const std::vector<std::wstring>& images);
 void ShowHeldFile(const Folders& folders);

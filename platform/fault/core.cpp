@@ -95,6 +95,9 @@ bool MayPass(_Unwind_Context* context) {
   return false;
 }
 
+// What the thrower and the unwinder take of the stack at most.
+constexpr uintptr_t kThrowerBytes = 64 * 1024;
+
 bool IsInside(uintptr_t returnAddress, const void* begin, const void* end) {
   return returnAddress > reinterpret_cast<uintptr_t>(begin) && returnAddress <= reinterpret_cast<uintptr_t>(end);
 }
@@ -137,12 +140,12 @@ bool CanReachGuard(const GuardFrame* guard) {
   __builtin_unreachable();
 }
 
-// The frames that were left without being unwound have marked their parts of the stack, on which others stand now.
+// The frames that were left without being unwound, the examination of the way among them, have marked their parts of
+// the stack, on which others stand now.
 #ifdef __SANITIZE_ADDRESS__
 extern "C" void __asan_unpoison_memory_region(const volatile void* address, size_t bytes);
 #define QEL_NOT_SANITIZED __attribute__((no_sanitize_address))
 QEL_NOT_SANITIZED void ForgetSkippedFrames(const GuardFrame* guard) {
-  constexpr uintptr_t kThrowerBytes = 64 * 1024;  // the examination of the way left its frames too
   const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
   const uintptr_t low = (guard->esp < here && here - guard->esp < kThrowerBytes ? guard->esp : here) - kThrowerBytes;
   __asan_unpoison_memory_region(reinterpret_cast<void*>(low), guard->frame - low);
@@ -169,7 +172,6 @@ bool NoteThrow(GuardFrame* guard) {
 
 // Whether this runs below the place of the fault, and not on another stack.
 bool IsBelowFault(const GuardFrame* guard) {
-  constexpr uintptr_t kThrowerBytes = 64 * 1024;
   const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
   return guard->esp > here && guard->esp - here < kThrowerBytes && guard->esp < reinterpret_cast<uintptr_t>(guard);
 }
@@ -201,7 +203,7 @@ extern "C" __attribute__((used, noreturn)) QEL_FAULT_HIDDEN QEL_NOT_SANITIZED vo
 
 extern "C" __attribute__((used, noreturn)) QEL_FAULT_HIDDEN void fault_leave_by_exception(
     GuardFrame* guard, _Unwind_Exception* exception) {
-  LeaveGuard(*guard);
+  fault_leave(guard);
   _Unwind_Resume(exception);
   __builtin_unreachable();
 }

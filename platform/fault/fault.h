@@ -30,7 +30,7 @@ struct CSE {
 };
 
 /// fault::Run and fault::Call without the templates. `words` arguments, at least one, as they are passed on the stack,
-/// in either way of calling; then `then(result, argument)`, if there is one.
+/// in either way of calling; then `then(result, argument)`, if there is one. The arguments are copied.
 extern "C" QEL_FAULT_API void fault_run(const void* function, const unsigned* arguments, unsigned words,
                                         void (*then)(unsigned result, void* argument), void* argument);
 
@@ -70,15 +70,16 @@ QEL_FAULT_API void ProcessAttach();
 QEL_FAULT_API void CallBelow(const CONTEXT& context, void (*body)(void* argument), void* argument);
 
 /// Calls `body()` with the stack below that of a fault of this thread, for a clause that caught its exception: what
-/// `body` reads of the stack is what the fault left, except the frames below one whose destructors ran on the way. Only
-/// calls it where there is no room, or no fault on this stack below the caller.
+/// `body` reads of the stack is what the fault left, except the frames below one whose destructors ran on the way.
+/// Where there is no room for that, or no fault on this stack below the caller, it just calls `body`. `context` must be
+/// readable. Exceptions pass; the last error stays; any thread.
 template <class Body>
 inline void RunBelow(const CONTEXT& context, Body&& body) {
   const void* argument = std::addressof(body);
   CallBelow(context, &detail::Body<std::remove_reference_t<Body>>, const_cast<void*>(argument));
 }
 
-/// Calls `body()`. Costs about 10 ns; nests; any thread.
+/// Calls `body()`. What leaves it leaves this too. Costs about 10 ns; nests; the last error stays; any thread.
 template <class Body>
 inline void Run(Body&& body) {
   void (*const call)(void*) = &detail::Body<std::remove_reference_t<Body>>;
@@ -87,7 +88,8 @@ inline void Run(Body&& body) {
 }
 
 /// Calls `then(function(arguments...))`: Run for a call of the system with little around it. No function of ours stands
-/// between, which would cost as much as the guard. Each argument and the result take one word.
+/// between, which would cost as much as the guard. Each argument and the result take one word; `then` finds the last
+/// error as `function` left it.
 template <class Then, class Result, class... Parameters>
 inline void Call(Then&& then, Result(WINAPI* function)(Parameters...), std::type_identity_t<Parameters>... arguments) {
   const unsigned words[] = {std::bit_cast<unsigned>(arguments)...};

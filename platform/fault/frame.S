@@ -19,8 +19,8 @@
 #define STATE_STACK_KEPT 8
 #define RED_ZONE_BYTES 128
 
-// Between the caller's frame and this one: what a catch clause of the caller calls stands here first, and not yet on what
-// the frame tells of where it was called.
+// Between the caller's frame and this one. What a catch clause of the caller calls until it has gone below the fault
+// stands here, and not on what the frame tells of where it was called: a few hundred bytes.
 #define CLAUSE_BYTES 832
 
 // Of the frame below, from its EBP.

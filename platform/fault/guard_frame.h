@@ -57,7 +57,6 @@ static_assert(kStackKept == 8 && kRedZoneBytes == 128);
 Translator ThreadTranslator();
 void SetThreadTranslator(Translator translator);
 GuardFrame* InnermostGuard();          // of the thread; null when there is none, or foreign frames are further in
-void LeaveGuard(GuardFrame& guard);    // makes the next further out the innermost
 uintptr_t StackLimit();                // how far down the present stack may grow; 0xFFFFFFFF where that is not known
 void PrepareThrow(GuardFrame* guard);  // whatever the system needs before frames are skipped
 
@@ -75,6 +74,8 @@ inline constexpr DWORD kForeignCppException = 0xE06D7363;
 extern "C" {
 // Given by the front end to fault_run: makes the guard the thread's innermost; returns where that is noted.
 QEL_FAULT_HIDDEN fault::GuardFrame** fault_enter(fault::GuardFrame* guard);
+// The same: makes the next further out the innermost.
+QEL_FAULT_HIDDEN void fault_leave(fault::GuardFrame* guard);
 // Labels of frame.S, see there.
 extern char fault_frame_begin[] QEL_FAULT_HIDDEN;
 extern char fault_frame_recover[] QEL_FAULT_HIDDEN;

@@ -217,8 +217,6 @@ uintptr_t StackLimit() {
   return thread.ready && here > thread.stackLow && here <= thread.stackHigh ? thread.stackLow : UINTPTR_MAX;
 }
 
-void LeaveGuard(GuardFrame& guard) { qel::layer::t_faultThread.innermost = guard.outer; }
-
 }  // namespace fault
 
 extern "C" __attribute__((used)) GuardFrame** fault_enter(GuardFrame* guard) {
@@ -231,6 +229,8 @@ extern "C" __attribute__((used)) GuardFrame** fault_enter(GuardFrame* guard) {
   thread.innermost = guard;
   return &thread.innermost;
 }
+
+extern "C" void fault_leave(GuardFrame* guard) { qel::layer::t_faultThread.innermost = guard->outer; }
 
 extern "C" LPTOP_LEVEL_EXCEPTION_FILTER SetUnhandledExceptionFilter(LPTOP_LEVEL_EXCEPTION_FILTER filter) {
   return __atomic_exchange_n(&qel::layer::g_filter, filter, __ATOMIC_SEQ_CST);

@@ -44,7 +44,7 @@ void FillStatus(FileStatus& status, const struct statx& found);
 [[gnu::always_inline]] inline int ReadStatus(int descriptor, FileStatus& status) {
   return ReadStatus(descriptor, "", AT_EMPTY_PATH, status);
 }
-/// Follows a link; one that leads nowhere, itself included, is answered for itself.
+/// Follows a link; one that cannot be followed is answered for itself.
 [[gnu::always_inline]] inline int ReadStatusOfName(const char* path, FileStatus& status) {
   if (ReadStatus(AT_FDCWD, path, 0, status) == 0) return 0;
   return ReadStatus(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, status);

@@ -146,13 +146,6 @@ uintptr_t StackLimit() {
   return known ? reinterpret_cast<uintptr_t>(stack.AllocationBase) : UINTPTR_MAX;
 }
 
-void LeaveGuard(GuardFrame& guard) {
-  SetChainHead(guard.outer);
-  if (!guard.spareStack) return;
-  VirtualFree(guard.spareStack, 0, MEM_RELEASE);
-  _resetstkoflw();  // the guard page that the overflow used up
-}
-
 }  // namespace fault
 
 extern "C" __attribute__((used)) GuardFrame** fault_enter(GuardFrame* guard) {
@@ -164,7 +157,12 @@ extern "C" __attribute__((used)) GuardFrame** fault_enter(GuardFrame* guard) {
   return fault::ChainHeadPlace();
 }
 
-extern "C" __attribute__((used)) void fault_leave(GuardFrame* guard) { fault::LeaveGuard(*guard); }
+extern "C" __attribute__((used)) void fault_leave(GuardFrame* guard) {
+  fault::SetChainHead(guard->outer);
+  if (!guard->spareStack) return;
+  VirtualFree(guard->spareStack, 0, MEM_RELEASE);
+  _resetstkoflw();  // the guard page that the overflow used up
+}
 
 extern "C" EXCEPTION_DISPOSITION __cdecl fault_seh_handler(EXCEPTION_RECORD* record, void* frame, CONTEXT* context,
                                                            void*) {

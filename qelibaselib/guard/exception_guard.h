@@ -49,6 +49,7 @@ inline bool Guarded(SourcePosition position, Body&& body) {
 }
 
 /// The same of `then(function(arguments...))`, for the exports that are little more than one call of the system.
+/// `then` finds the last error as `function` left it.
 template <class Then, class Result, class... Parameters>
 inline bool GuardedCall(SourcePosition position, Then&& then, Result(WINAPI* function)(Parameters...),
                         std::type_identity_t<Parameters>... arguments) {

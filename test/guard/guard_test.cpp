@@ -82,6 +82,7 @@ __attribute__((noinline)) int CallGuarded(int value) {
 TEST_F(Guard, ReportSeesTheWayToTheFault) {
   SKIP_UNDER_ASAN();
   const CSEREG translator;
+  g_way.clear();
   EXPECT_EQ(CallGuarded(7), 8);
   ASSERT_EQ(g_way.size(), 3u);
   auto caller = g_recorded.callers.begin();

@@ -11,7 +11,7 @@
 
 #include "bench/by_hand.h"
 #include "bench/harness.h"
-#include "platform/linux/lock_range.h"
+#include "qelibaselib/platform/linux/base/lock_range.h"
 #include "qelibaselib/qelibaselib.h"
 
 namespace {

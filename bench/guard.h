@@ -1,7 +1,7 @@
 // The guard as every export has it, without its logging: for measuring what entering and leaving costs.
 #pragma once
-#include "platform/fault/fault.h"
-#include "platform/mfc/exception.h"
+#include "qelibaselib/platform/fault/fault.h"
+#include "qelibaselib/platform/mfc/exception.h"
 
 namespace bench {
 

@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "bench/by_hand.h"
-#include "platform/linux/descriptor.h"
-#include "platform/linux/lock_range.h"
+#include "qelibaselib/platform/linux/base/descriptor.h"
+#include "qelibaselib/platform/linux/base/lock_range.h"
 
 namespace by_hand {
 namespace {

@@ -1,12 +1,8 @@
-# qel_subsystem(folder): one object library, qel_<folder>, of the folder's sources and those of its sub-folders. The
-# module is made of them; a test that sets an internal switch links one directly.
-function(qel_subsystem folder)
-  file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/${folder}/*.cpp)
-  if(NOT sources)
-    add_library(qel_${folder} INTERFACE)
-    return()
-  endif()
-  add_library(qel_${folder} OBJECT ${sources})
-  target_compile_definitions(qel_${folder} PRIVATE QEL_BUILD)
-  target_link_libraries(qel_${folder} PRIVATE qel_product_options OpenMP::OpenMP_CXX)
+# qel_subsystem(name pattern): one object library, qel_<name>, of the sources that fit the pattern. The module is made of
+# them; a test that sets an internal switch links them directly.
+function(qel_subsystem name pattern)
+  file(GLOB sources CONFIGURE_DEPENDS ${pattern})
+  add_library(qel_${name} OBJECT ${sources})
+  target_compile_definitions(qel_${name} PRIVATE QEL_BUILD)
+  target_link_libraries(qel_${name} PRIVATE qel_product_options OpenMP::OpenMP_CXX)
 endfunction()

@@ -6,7 +6,7 @@
 #include <iterator>
 #include <string>
 
-#include "platform/linux/version_resource.h"
+#include "qelibaselib/platform/linux/modules/version_resource.h"
 #include "test/fileversion/module_builder.h"
 
 namespace {

@@ -8,8 +8,8 @@
 #include <cstring>
 #include <string>
 
-#include "fileversion/file_version_reader.h"
-#include "platform/win32.h"
+#include "qelibaselib/fileversion/file_version_reader.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace {
 

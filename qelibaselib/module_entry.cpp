@@ -1,8 +1,8 @@
 // What the loader calls when the library or a thread comes and goes.
-#include "platform/fault/fault.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/processor_record.h"
-#include "qelibaselib/thread_record.h"
+#include "qelibaselib/platform/fault/fault.h"
+#include "qelibaselib/settings/processor_record.h"
+#include "qelibaselib/settings/thread_record.h"
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE module, DWORD reason, LPVOID reserved);
 

@@ -3,7 +3,7 @@
 #pragma once
 #include <limits>
 
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 /// Measures from its construction on, by the performance counter, or by ticks where there is none or where the time is
 /// longer than it can count.

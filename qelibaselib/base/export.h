@@ -2,7 +2,7 @@
 /// What marks an export. Functions reach the module's export table through qelibaselib/exports.txt, classes through
 /// QEL_CLASS.
 #pragma once
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 #ifndef _WIN32
 #define QEL_API __attribute__((visibility("default")))

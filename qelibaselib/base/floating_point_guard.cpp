@@ -1,4 +1,4 @@
-#include "qelibaselib/guard/floating_point_guard.h"
+#include "qelibaselib/base/floating_point_guard.h"
 
 #include <array>
 

@@ -1,7 +1,7 @@
 /// @file
 /// Which floating-point exceptions trap, for a scope.
 #pragma once
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 /// Sets the exception masks of x87 and SSE2; at its end both have the masks that x87 had before. Pending exceptions are
 /// discarded both times. A flag of 1 masks the exception (no trap), 0 lets it trap, 2 leaves it as it is.

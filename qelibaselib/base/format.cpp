@@ -1,10 +1,10 @@
-#include "qelibaselib/format.h"
+#include "qelibaselib/base/format.h"
 
 #include <cstdint>
 
-#include "platform/win32.h"
-#include "qelibaselib/formatted_text.h"
-#include "qelibaselib/guard/saved_error.h"
+#include "qelibaselib/base/formatted_text.h"
+#include "qelibaselib/base/saved_error.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel {
 namespace {

@@ -1,4 +1,4 @@
-#include "qelibaselib/formatted_text.h"
+#include "qelibaselib/base/formatted_text.h"
 
 #include <new>
 

@@ -3,7 +3,7 @@
 #pragma once
 #include <memory>
 
-#include "qelibaselib/format.h"
+#include "qelibaselib/base/format.h"
 
 namespace qel {
 

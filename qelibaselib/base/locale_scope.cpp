@@ -1,8 +1,8 @@
-#include "qelibaselib/guard/locale_scope.h"
+#include "qelibaselib/base/locale_scope.h"
 
 #include <cstring>
 
-#include "platform/thread_locale.h"
+#include "qelibaselib/platform/thread_locale.h"
 
 CSetLocale::CSetLocale() : previousSetting_(_configthreadlocale(_ENABLE_PER_THREAD_LOCALE)) {
   if (previousSetting_ == -1) return;

@@ -1,7 +1,7 @@
 /// @file
 /// The thread's last error, kept over what logs or cleans up.
 #pragma once
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel {
 

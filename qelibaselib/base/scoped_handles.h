@@ -4,8 +4,8 @@
 #pragma once
 #include <utility>
 
-#include "platform/win32.h"
-#include "qelibaselib/guard/saved_error.h"
+#include "qelibaselib/base/saved_error.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel {
 

@@ -1,8 +1,8 @@
-#include "qelibaselib/guard/string_converter.h"
+#include "qelibaselib/base/string_converter.h"
 
 #include <algorithm>
 
-#include "platform/fault/may_fault.h"
+#include "qelibaselib/platform/fault/may_fault.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 /// @file
 /// Text in both widths.
 #pragma once
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 /// Owns a copy of a text and makes its other form when that is first asked for. A null text is null in both forms.
 /// Throws std::bad_alloc.

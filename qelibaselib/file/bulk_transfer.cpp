@@ -1,13 +1,13 @@
-#include "file/bulk_transfer.h"
+#include "qelibaselib/file/bulk_transfer.h"
 
-#include "file/chunk_source.h"
-#include "file/clean_path.h"
-#include "file/mapping_calls.h"
-#include "file/plain_calls.h"
-#include "platform/fault/may_fault.h"
+#include "qelibaselib/base/saved_error.h"
+#include "qelibaselib/file/chunk_source.h"
+#include "qelibaselib/file/clean_path.h"
+#include "qelibaselib/file/mapping_calls.h"
+#include "qelibaselib/file/plain_calls.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/guard/saved_error.h"
-#include "qelibaselib/log_channel.h"
+#include "qelibaselib/log/log_channel.h"
+#include "qelibaselib/platform/fault/may_fault.h"
 
 namespace qel {
 namespace {

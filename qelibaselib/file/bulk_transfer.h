@@ -1,6 +1,6 @@
 /// @file
-/// Large blocks between memory and files, through one mapped view of at most 16 MiB at a time. See file/file.h for what
-/// holds for all.
+/// Large blocks between memory and files, through one mapped view of at most 16 MiB at a time. See
+/// qelibaselib/file/file.h for what holds for all.
 ///
 /// `shortageThreshold`: while IsPhysMemShortage says so for this load in percent, each view is flushed before it is
 /// unmapped; negative: never.
@@ -9,7 +9,7 @@
 /// assertion line besides the lines of the wrappers. There is no mapping of an empty file, so nothing but Mem2File can
 /// make one.
 #pragma once
-#include "qelibaselib/export.h"
+#include "qelibaselib/base/export.h"
 
 extern "C" {
 /// Writes at a position, -1 for the end of the file, which grows as needed. `file` must be open for reading and

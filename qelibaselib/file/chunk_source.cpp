@@ -1,11 +1,11 @@
-#include "file/chunk_source.h"
+#include "qelibaselib/file/chunk_source.h"
 
-#include "file/mapping_calls.h"
-#include "file/retrying_calls.h"
-#include "memory/checked_memory.h"
-#include "memory/guarded_allocation.h"
-#include "qelibaselib/guard/saved_error.h"
-#include "qelibaselib/log_channel.h"
+#include "qelibaselib/base/saved_error.h"
+#include "qelibaselib/file/mapping_calls.h"
+#include "qelibaselib/file/retrying_calls.h"
+#include "qelibaselib/log/log_channel.h"
+#include "qelibaselib/memory/checked_memory.h"
+#include "qelibaselib/memory/guarded_allocation.h"
 
 namespace qel {
 namespace {

@@ -3,8 +3,8 @@
 #pragma once
 #include <optional>
 
-#include "file/chunked_view.h"
-#include "file/scoped_handles.h"
+#include "qelibaselib/base/scoped_handles.h"
+#include "qelibaselib/file/chunked_view.h"
 
 namespace qel {
 

@@ -1,11 +1,11 @@
-#include "file/chunked_view.h"
+#include "qelibaselib/file/chunked_view.h"
 
 #include <utility>
 
-#include "file/flush_calls.h"
-#include "file/mapping_calls.h"
-#include "memory/physical_memory.h"
-#include "qelibaselib/guard/saved_error.h"
+#include "qelibaselib/base/saved_error.h"
+#include "qelibaselib/file/flush_calls.h"
+#include "qelibaselib/file/mapping_calls.h"
+#include "qelibaselib/memory/physical_memory.h"
 
 namespace qel {
 namespace {

@@ -3,8 +3,8 @@
 #pragma once
 #include <algorithm>
 
-#include "platform/win32.h"
-#include "qelibaselib/source_position.h"
+#include "qelibaselib/base/source_position.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel {
 

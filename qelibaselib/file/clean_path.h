@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel {
 

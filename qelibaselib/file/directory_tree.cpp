@@ -1,11 +1,11 @@
-#include "file/directory_tree.h"
+#include "qelibaselib/file/directory_tree.h"
 
-#include "file/clean_path.h"
-#include "file/folder_walk.h"
-#include "file/plain_calls.h"
-#include "file/retrying_calls.h"
+#include "qelibaselib/file/clean_path.h"
+#include "qelibaselib/file/folder_walk.h"
+#include "qelibaselib/file/plain_calls.h"
+#include "qelibaselib/file/retrying_calls.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/log_channel.h"
+#include "qelibaselib/log/log_channel.h"
 
 namespace qel {
 namespace {

@@ -1,5 +1,5 @@
 /// @file
-/// Whole folder trees. See file/file.h for what holds for all.
+/// Whole folder trees. See qelibaselib/file/file.h for what holds for all.
 ///
 /// One walk visits at most 1024 folders, the start folder included; every folder beyond that is a failure. A failure
 /// does not end a walk: everything else is still tried, each failure writes an assertion line, and the result is FALSE.
@@ -8,7 +8,7 @@
 /// it meets. It counts as size 0, is deleted itself, and is not copied. The folder that the caller names may be a link.
 /// A path that would not fit in 260 characters is a failure, and so is an empty path of a folder.
 #pragma once
-#include "qelibaselib/export.h"
+#include "qelibaselib/base/export.h"
 
 extern "C" {
 /// Adds up the sizes of all files. `*totalSize` is what could be read when the result is FALSE.

@@ -12,10 +12,10 @@
 ///   what its result was so far, in general its failure value.
 /// - They may be called from any thread; nothing is shared but the log.
 #pragma once
-#include "file/bulk_transfer.h"
-#include "file/directory_tree.h"
-#include "file/flush_calls.h"
-#include "file/mapping_calls.h"
-#include "file/object_file.h"
-#include "file/plain_calls.h"
-#include "file/retrying_calls.h"
+#include "qelibaselib/file/bulk_transfer.h"
+#include "qelibaselib/file/directory_tree.h"
+#include "qelibaselib/file/flush_calls.h"
+#include "qelibaselib/file/mapping_calls.h"
+#include "qelibaselib/file/object_file.h"
+#include "qelibaselib/file/plain_calls.h"
+#include "qelibaselib/file/retrying_calls.h"

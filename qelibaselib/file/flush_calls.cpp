@@ -1,19 +1,19 @@
-#include "file/flush_calls.h"
+#include "qelibaselib/file/flush_calls.h"
 
 #include <algorithm>
 #include <atomic>
 
-#include "file/chunked_view.h"
-#include "file/clean_path.h"
-#include "file/mapping_calls.h"
-#include "file/no_cache_decision.h"
-#include "file/retrying_calls.h"
-#include "file/scoped_handles.h"
-#include "qelibaselib/guard/delta_time.h"
+#include "qelibaselib/base/delta_time.h"
+#include "qelibaselib/base/saved_error.h"
+#include "qelibaselib/base/scoped_handles.h"
+#include "qelibaselib/file/chunked_view.h"
+#include "qelibaselib/file/clean_path.h"
+#include "qelibaselib/file/mapping_calls.h"
+#include "qelibaselib/file/no_cache_decision.h"
+#include "qelibaselib/file/retrying_calls.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/guard/saved_error.h"
-#include "qelibaselib/log_channel.h"
-#include "qelibaselib/settings.h"
+#include "qelibaselib/log/log_channel.h"
+#include "qelibaselib/settings/settings.h"
 
 namespace qel {
 namespace {

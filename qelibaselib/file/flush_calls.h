@@ -1,12 +1,12 @@
 /// @file
-/// Flushing of views and of whole files. See file/file.h for what holds for all.
+/// Flushing of views and of whole files. See qelibaselib/file/file.h for what holds for all.
 #pragma once
-#include "qelibaselib/export.h"
+#include "qelibaselib/base/export.h"
 
 extern "C" {
 /// FlushViewOfFile, with retries. `bytesToFlush` 0 is all of the view behind `baseAddress`. `file` is the file of the
-/// view, which only the no-cache decision looks at (file/no_cache_decision.h); INVALID_HANDLE_VALUE flushes in any
-/// case.
+/// view, which only the no-cache decision looks at (qelibaselib/file/no_cache_decision.h); INVALID_HANDLE_VALUE flushes
+/// in any case.
 ///
 /// A lock violation is retried up to 100 times, 30 ms apart. Failures, retried successes and every flush that took
 /// longer than any before it in the process are written to the flush channel, with the time in milliseconds. Every

@@ -1,4 +1,4 @@
-#include "file/folder_walk.h"
+#include "qelibaselib/file/folder_walk.h"
 
 namespace qel {
 namespace {

@@ -1,9 +1,9 @@
 /// @file
 /// The entries of one folder of a tree.
 #pragma once
-#include "file/scoped_handles.h"
-#include "memory/memory.h"
-#include "platform/win32.h"
+#include "qelibaselib/base/scoped_handles.h"
+#include "qelibaselib/memory/memory.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel {
 

@@ -1,9 +1,9 @@
-#include "file/mapping_calls.h"
+#include "qelibaselib/file/mapping_calls.h"
 
-#include "file/wide_log_text.h"
+#include "qelibaselib/base/saved_error.h"
+#include "qelibaselib/file/wide_log_text.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/guard/saved_error.h"
-#include "qelibaselib/log_channel.h"
+#include "qelibaselib/log/log_channel.h"
 
 namespace {
 

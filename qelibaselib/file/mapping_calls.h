@@ -1,7 +1,8 @@
 /// @file
-/// Mappings and views. See file/file.h for what holds for all. Sizes and offsets are two halves, the low one first.
+/// Mappings and views. See qelibaselib/file/file.h for what holds for all. Sizes and offsets are two halves, the low
+/// one first.
 #pragma once
-#include "qelibaselib/export.h"
+#include "qelibaselib/base/export.h"
 
 extern "C" {
 /// CreateFileMappingW. Returns the mapping, to be closed with CloseHandle, or null. Tries up to 30 times, 100 ms apart,

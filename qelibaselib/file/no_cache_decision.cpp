@@ -1,8 +1,8 @@
-#include "file/no_cache_decision.h"
+#include "qelibaselib/file/no_cache_decision.h"
 
-#include "memory/checked_memory.h"
-#include "qelibaselib/log_channel.h"
-#include "qelibaselib/settings.h"
+#include "qelibaselib/log/log_channel.h"
+#include "qelibaselib/memory/checked_memory.h"
+#include "qelibaselib/settings/settings.h"
 
 namespace qel::no_cache {
 

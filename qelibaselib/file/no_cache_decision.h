@@ -4,7 +4,7 @@
 /// A dormant switch: nothing in the library turns it on, so that every write is a WriteFile and every flush is done. A
 /// test links this folder's objects and sets it.
 #pragma once
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel::no_cache {
 

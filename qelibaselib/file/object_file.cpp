@@ -1,10 +1,10 @@
-#include "file/object_file.h"
+#include "qelibaselib/file/object_file.h"
 
-#include "file/chunk_source.h"
-#include "file/clean_path.h"
-#include "file/mapping_calls.h"
+#include "qelibaselib/file/chunk_source.h"
+#include "qelibaselib/file/clean_path.h"
+#include "qelibaselib/file/mapping_calls.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/log_channel.h"
+#include "qelibaselib/log/log_channel.h"
 
 namespace qel {
 namespace {

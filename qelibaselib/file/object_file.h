@@ -1,12 +1,12 @@
 /// @file
 /// The contents of named file-mapping objects, which the host has made, to and from files: exactly the bytes, no
-/// header. See file/file.h for what holds for all, file/bulk_transfer.h for `shortageThreshold` and what a failure
-/// leaves.
+/// header. See qelibaselib/file/file.h for what holds for all, qelibaselib/file/bulk_transfer.h for `shortageThreshold`
+/// and what a failure leaves.
 ///
 /// The size of the object comes from the caller, the low half first. A size larger than the object fails at its first
 /// view that does not fit.
 #pragma once
-#include "qelibaselib/export.h"
+#include "qelibaselib/base/export.h"
 
 extern "C" {
 /// Saves an object as a file, replacing one of that name.

@@ -1,13 +1,13 @@
-#include "file/plain_calls.h"
+#include "qelibaselib/file/plain_calls.h"
 
-#include "file/bulk_transfer.h"
-#include "file/clean_path.h"
-#include "file/no_cache_decision.h"
-#include "file/scoped_handles.h"
-#include "file/wide_log_text.h"
+#include "qelibaselib/base/saved_error.h"
+#include "qelibaselib/base/scoped_handles.h"
+#include "qelibaselib/file/bulk_transfer.h"
+#include "qelibaselib/file/clean_path.h"
+#include "qelibaselib/file/no_cache_decision.h"
+#include "qelibaselib/file/wide_log_text.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/guard/saved_error.h"
-#include "qelibaselib/log_channel.h"
+#include "qelibaselib/log/log_channel.h"
 
 namespace {
 

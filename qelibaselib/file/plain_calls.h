@@ -1,7 +1,7 @@
 /// @file
-/// The wrappers that make one attempt. See file/file.h for what holds for all.
+/// The wrappers that make one attempt. See qelibaselib/file/file.h for what holds for all.
 #pragma once
-#include "qelibaselib/export.h"
+#include "qelibaselib/base/export.h"
 
 extern "C" {
 /// ReadFile, the arguments as given. ERROR_IO_PENDING of an overlapped read is returned without a line.
@@ -10,7 +10,8 @@ QEL_API BOOL ReadFileX(int line, const char* sourceFile, HANDLE file, void* buff
 
 /// WriteFile, the arguments as given. ERROR_IO_PENDING of an overlapped write is returned without a line. A write that
 /// took fewer bytes than given is logged and still TRUE.
-/// Without `overlapped` and when the no-cache decision (file/no_cache_decision.h) says so, WriteFileMMF instead.
+/// Without `overlapped` and when the no-cache decision (qelibaselib/file/no_cache_decision.h) says so, WriteFileMMF
+/// instead.
 QEL_API BOOL WriteFileX(int line, const char* sourceFile, HANDLE file, const void* buffer, DWORD bytesToWrite,
                         DWORD* bytesWritten, OVERLAPPED* overlapped);
 

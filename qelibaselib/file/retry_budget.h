@@ -3,7 +3,7 @@
 #pragma once
 #include <algorithm>
 
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel {
 

@@ -1,10 +1,10 @@
 /// @file
-/// Opening, copying and deleting files with patience. See file/file.h for what holds for all.
+/// Opening, copying and deleting files with patience. See qelibaselib/file/file.h for what holds for all.
 ///
 /// `timeoutMs` is the time that may be slept away in all, INFINITE for no limit; `intervalMs`, cut to 60000, is the
 /// sleep between two attempts. Time spent in the calls themselves does not count.
 #pragma once
-#include "qelibaselib/export.h"
+#include "qelibaselib/base/export.h"
 
 extern "C" {
 /// CreateFileW, retried while the budget lasts. Returns the handle, to be closed with CloseHandle, or

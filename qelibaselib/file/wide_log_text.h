@@ -1,7 +1,7 @@
 /// @file
 /// Wide text in a log line.
 #pragma once
-#include "qelibaselib/guard/string_converter.h"
+#include "qelibaselib/base/string_converter.h"
 
 namespace qel {
 

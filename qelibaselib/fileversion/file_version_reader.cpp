@@ -1,9 +1,9 @@
-#include "fileversion/file_version_reader.h"
+#include "qelibaselib/fileversion/file_version_reader.h"
 
 #include <iterator>
 
-#include "memory/memory.h"
-#include "qelibaselib/format.h"
+#include "qelibaselib/base/format.h"
+#include "qelibaselib/memory/memory.h"
 
 namespace qel {
 namespace {

@@ -1,7 +1,7 @@
 /// @file
 /// What stands behind the handle of the version reader.
 #pragma once
-#include "fileversion/fileversion.h"
+#include "qelibaselib/fileversion/fileversion.h"
 
 namespace qel {
 

@@ -1,9 +1,9 @@
-#include "fileversion/fileversion.h"
+#include "qelibaselib/fileversion/fileversion.h"
 
 #include <memory>
 #include <new>
 
-#include "fileversion/file_version_reader.h"
+#include "qelibaselib/fileversion/file_version_reader.h"
 #include "qelibaselib/guard/exception_guard.h"
 
 void* CreateCFileVersion(const wchar_t* fileName) {

@@ -6,7 +6,7 @@
 ///       if (strings[kVersionFileVersion]) printf("%s\n", strings[kVersionFileVersion]);
 ///     ReleaseCFileVersion(version);
 #pragma once
-#include "qelibaselib/export.h"
+#include "qelibaselib/base/export.h"
 
 /// The columns of a row of version strings.
 enum E_VERSIONSTRING {

@@ -2,10 +2,10 @@
 
 #include <cstdio>
 
-#include "modulestatus/exception_report.h"
-#include "qelibaselib/guard/floating_point_guard.h"
-#include "qelibaselib/log_channel.h"
-#include "qelibaselib/settings.h"
+#include "qelibaselib/base/floating_point_guard.h"
+#include "qelibaselib/log/log_channel.h"
+#include "qelibaselib/modulestatus/exception_report.h"
+#include "qelibaselib/settings/settings.h"
 
 namespace qel::guard_detail {
 namespace {

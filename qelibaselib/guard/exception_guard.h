@@ -14,9 +14,9 @@
 /// next two lines), the heap is checked, the floating-point unit reset and an exception report written. The last error
 /// is then whatever the logging left. A fault outside any guard reaches the host as if the library were not there.
 #pragma once
-#include "platform/fault/fault.h"
-#include "platform/mfc/exception.h"
-#include "qelibaselib/source_position.h"
+#include "qelibaselib/base/source_position.h"
+#include "qelibaselib/platform/fault/fault.h"
+#include "qelibaselib/platform/mfc/exception.h"
 
 namespace qel {
 namespace guard_detail {

@@ -1,7 +1,7 @@
 /// @file
 /// The fact of an exception inside an OpenMP region, carried to the code behind it.
 #pragma once
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 /// No exception may cross the end of a region. The code inside catches, fills one of these and reports after the
 /// region.

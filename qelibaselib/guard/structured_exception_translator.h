@@ -1,7 +1,7 @@
 /// @file
 /// The translator of structured exceptions, for the scope of a thread body.
 #pragma once
-#include "platform/fault/fault.h"
+#include "qelibaselib/platform/fault/fault.h"
 
 /// While it lives, a fault on this thread is a CSE to the catch clauses; before and after, only `catch (...)` takes it.
 /// Stands at the top of each thread body that the library runs itself.

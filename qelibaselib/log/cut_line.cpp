@@ -1,6 +1,6 @@
-#include "qelibaselib/cut_line.h"
+#include "qelibaselib/log/cut_line.h"
 
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel {
 namespace {

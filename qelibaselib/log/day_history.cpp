@@ -1,11 +1,11 @@
 #include <utility>
 
-#include "qelibaselib/bounded_text.h"
+#include "qelibaselib/base/bounded_text.h"
+#include "qelibaselib/base/saved_error.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/guard/saved_error.h"
-#include "qelibaselib/log_channel.h"
-#include "qelibaselib/log_line.h"
-#include "qelibaselib/log_writer.h"
+#include "qelibaselib/log/log_channel.h"
+#include "qelibaselib/log/log_line.h"
+#include "qelibaselib/log/log_writer.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
-#include "qelibaselib/log_channel.h"
+#include "qelibaselib/log/log_channel.h"
 
-#include "qelibaselib/formatted_text.h"
+#include "qelibaselib/base/formatted_text.h"
+#include "qelibaselib/base/saved_error.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/guard/saved_error.h"
-#include "qelibaselib/log_writer.h"
-#include "qelibaselib/settings.h"
+#include "qelibaselib/log/log_writer.h"
+#include "qelibaselib/settings/settings.h"
 
 namespace qel {
 

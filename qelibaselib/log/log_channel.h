@@ -1,8 +1,8 @@
 /// @file
 /// The log channels of the library and the one function that writes a line to one of them.
 #pragma once
-#include "platform/win32.h"
-#include "qelibaselib/source_position.h"
+#include "qelibaselib/base/source_position.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel {
 
@@ -48,7 +48,7 @@ inline constexpr LogChannel kBenchmarkReport{L"QelSystemBenchmark_7EFEA029-EA59-
 /// Writes one line with the caller's position. Never throws, reports nothing, keeps the last error.
 void WriteLine(const LogChannel& channel, const char* message, SourcePosition position);
 
-/// As WriteLine, the message formatted first (qelibaselib/format.h), whatever its length.
+/// As WriteLine, the message formatted first (qelibaselib/base/format.h), whatever its length.
 void WriteLineF(const LogChannel& channel, SourcePosition position, const char* format, ...)
 #ifdef __MINGW32__
     __attribute__((format(ms_printf, 3, 4)))

@@ -1,8 +1,8 @@
-#include "qelibaselib/log_line.h"
+#include "qelibaselib/log/log_line.h"
 
 #include <utility>
 
-#include "qelibaselib/cut_line.h"
+#include "qelibaselib/log/cut_line.h"
 
 namespace qel {
 

@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <optional>
 
-#include "platform/win32.h"
-#include "qelibaselib/formatted_text.h"
-#include "qelibaselib/named_log_mutex.h"
+#include "qelibaselib/base/formatted_text.h"
+#include "qelibaselib/log/named_log_mutex.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel {
 

@@ -1,10 +1,10 @@
-#include "qelibaselib/log_writer.h"
+#include "qelibaselib/log/log_writer.h"
 
+#include "qelibaselib/base/saved_error.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/guard/saved_error.h"
-#include "qelibaselib/log_channel.h"
-#include "qelibaselib/log_line.h"
-#include "qelibaselib/memory_status.h"
+#include "qelibaselib/log/log_channel.h"
+#include "qelibaselib/log/log_line.h"
+#include "qelibaselib/settings/memory_status.h"
 
 namespace {
 

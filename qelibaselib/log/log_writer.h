@@ -5,7 +5,7 @@
 /// it is given, none changes the last error, and any thread of any process of the user may call any of them at any
 /// time. A line is in the system's hands when the call returns.
 #pragma once
-#include "qelibaselib/export.h"
+#include "qelibaselib/base/export.h"
 
 extern "C" {
 

@@ -1,7 +1,7 @@
-#include "qelibaselib/named_log_mutex.h"
+#include "qelibaselib/log/named_log_mutex.h"
 
-#include "qelibaselib/bounded_text.h"
-#include "winapiwrap/winapiwrap.h"
+#include "qelibaselib/base/bounded_text.h"
+#include "qelibaselib/winapiwrap/winapiwrap.h"
 
 namespace qel {
 namespace {

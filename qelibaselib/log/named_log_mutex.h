@@ -1,8 +1,8 @@
 /// @file
 /// The named mutex of a channel or report.
 #pragma once
-#include "platform/win32.h"
-#include "qelibaselib/source_position.h"
+#include "qelibaselib/base/source_position.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel {
 

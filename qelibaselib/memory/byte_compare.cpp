@@ -1,4 +1,4 @@
-#include "memory/byte_compare.h"
+#include "qelibaselib/memory/byte_compare.h"
 
 #include <emmintrin.h>
 

@@ -1,7 +1,7 @@
 /// @file
 /// Comparison that the compiler may unwind from: the C library's has no unwind tables everywhere.
 #pragma once
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel::memory {
 

@@ -1,13 +1,13 @@
-#include "memory/checked_memory.h"
+#include "qelibaselib/memory/checked_memory.h"
 
 #include <cstdint>
 #include <iterator>
 
-#include "memory/byte_compare.h"
-#include "memory/size_warning.h"
-#include "platform/fault/may_fault.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/log_channel.h"
+#include "qelibaselib/log/log_channel.h"
+#include "qelibaselib/memory/byte_compare.h"
+#include "qelibaselib/memory/size_warning.h"
+#include "qelibaselib/platform/fault/may_fault.h"
 
 namespace {
 

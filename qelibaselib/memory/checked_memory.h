@@ -3,8 +3,8 @@
 /// channel and raises an access violation on purpose, so that the caller's guard and the exception report show where
 /// it came from. Any thread may call; the probes are a snapshot.
 #pragma once
-#include "platform/win32.h"
-#include "qelibaselib/export.h"
+#include "qelibaselib/base/export.h"
+#include "qelibaselib/platform/win32.h"
 
 /// What a buffer is used for; ChkMemAccess takes either and treats them alike.
 inline constexpr int kMemoryDestination = 0;

@@ -1,17 +1,17 @@
-#include "memory/guarded_allocation.h"
+#include "qelibaselib/memory/guarded_allocation.h"
 
 #include <algorithm>
 #include <atomic>
 #include <new>
 
-#include "memory/size_warning.h"
-#include "memory/source_name.h"
-#include "qelibaselib/format.h"
+#include "qelibaselib/base/format.h"
+#include "qelibaselib/base/saved_error.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/guard/saved_error.h"
-#include "qelibaselib/log_channel.h"
-#include "qelibaselib/settings.h"
-#include "qelibaselib/thread_record.h"
+#include "qelibaselib/log/log_channel.h"
+#include "qelibaselib/memory/size_warning.h"
+#include "qelibaselib/memory/source_name.h"
+#include "qelibaselib/settings/settings.h"
+#include "qelibaselib/settings/thread_record.h"
 
 namespace qel::memory {
 

@@ -5,8 +5,8 @@
 #pragma once
 #include <cstddef>
 
-#include "platform/win32.h"
-#include "qelibaselib/export.h"
+#include "qelibaselib/base/export.h"
+#include "qelibaselib/platform/win32.h"
 
 extern "C" {
 /// A block from the heap of at least `size` bytes (size classes of 16, 64, 256, 1024 bytes, then whole pages, 8 bytes

@@ -3,10 +3,10 @@
 #pragma once
 #include <new>
 
-#include "memory/checked_memory.h"
-#include "memory/guarded_allocation.h"
-#include "memory/physical_memory.h"
-#include "qelibaselib/source_position.h"
+#include "qelibaselib/base/source_position.h"
+#include "qelibaselib/memory/checked_memory.h"
+#include "qelibaselib/memory/guarded_allocation.h"
+#include "qelibaselib/memory/physical_memory.h"
 
 /// Owns a block of _MemAlloc for its scope.
 template <class T>

@@ -1,9 +1,9 @@
-#include "memory/physical_memory.h"
+#include "qelibaselib/memory/physical_memory.h"
 
 #include <atomic>
 
-#include "memory/checked_memory.h"
-#include "memory/source_name.h"
+#include "qelibaselib/memory/checked_memory.h"
+#include "qelibaselib/memory/source_name.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 /// @file
 /// Whether physical memory is short, asked before a large job.
 #pragma once
-#include "platform/win32.h"
-#include "qelibaselib/export.h"
+#include "qelibaselib/base/export.h"
+#include "qelibaselib/platform/win32.h"
 
 extern "C" {
 /// 1 when the memory load has reached `limitPercent` or less physical memory than the floor is available, otherwise 0.

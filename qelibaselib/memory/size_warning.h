@@ -1,8 +1,8 @@
 /// @file
 /// The warning about large requests, shared by allocation and copy.
 #pragma once
-#include "platform/win32.h"
-#include "qelibaselib/log_channel.h"
+#include "qelibaselib/log/log_channel.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel::memory {
 

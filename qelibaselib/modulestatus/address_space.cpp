@@ -1,10 +1,10 @@
-#include "modulestatus/address_space.h"
+#include "qelibaselib/modulestatus/address_space.h"
 
 #include <algorithm>
 
-#include "modulestatus/heap_check.h"
-#include "modulestatus/lighter_guard.h"
-#include "modulestatus/mebibytes.h"
+#include "qelibaselib/modulestatus/heap_check.h"
+#include "qelibaselib/modulestatus/lighter_guard.h"
+#include "qelibaselib/modulestatus/mebibytes.h"
 
 namespace qel::report {
 namespace {

@@ -3,8 +3,8 @@
 #pragma once
 #include <cstddef>
 
-#include "modulestatus/report_stream.h"
-#include "platform/win32.h"
+#include "qelibaselib/modulestatus/report_stream.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel::report {
 

@@ -1,8 +1,8 @@
-#include "modulestatus/code_dump.h"
+#include "qelibaselib/modulestatus/code_dump.h"
 
-#include "modulestatus/byte_dump.h"
-#include "modulestatus/heap_check.h"
-#include "modulestatus/lighter_guard.h"
+#include "qelibaselib/modulestatus/byte_dump.h"
+#include "qelibaselib/modulestatus/heap_check.h"
+#include "qelibaselib/modulestatus/lighter_guard.h"
 
 namespace qel::report {
 namespace {

@@ -1,8 +1,8 @@
 /// @file
 /// The machine code around an instruction as text.
 #pragma once
-#include "modulestatus/report_stream.h"
-#include "platform/win32.h"
+#include "qelibaselib/modulestatus/report_stream.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel::report {
 

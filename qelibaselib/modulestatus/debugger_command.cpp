@@ -1,10 +1,10 @@
-#include "modulestatus/debugger_command.h"
+#include "qelibaselib/modulestatus/debugger_command.h"
 
 #include <algorithm>
 #include <cstring>
 #include <iterator>
 
-#include "qelibaselib/format.h"
+#include "qelibaselib/base/format.h"
 
 namespace qel::report {
 namespace {

@@ -4,7 +4,7 @@
 #pragma once
 #include <cstddef>
 
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel::report {
 

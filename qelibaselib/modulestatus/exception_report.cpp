@@ -1,14 +1,14 @@
-#include "modulestatus/exception_report.h"
+#include "qelibaselib/modulestatus/exception_report.h"
 
 #include <omp.h>
 
-#include "modulestatus/exception_sections.h"
-#include "modulestatus/heap_check.h"
-#include "modulestatus/lighter_guard.h"
-#include "modulestatus/report_file.h"
-#include "modulestatus/source_name.h"
-#include "modulestatus/stack_walk.h"
-#include "modulestatus/status_report.h"
+#include "qelibaselib/modulestatus/exception_sections.h"
+#include "qelibaselib/modulestatus/heap_check.h"
+#include "qelibaselib/modulestatus/lighter_guard.h"
+#include "qelibaselib/modulestatus/report_file.h"
+#include "qelibaselib/modulestatus/source_name.h"
+#include "qelibaselib/modulestatus/stack_walk.h"
+#include "qelibaselib/modulestatus/status_report.h"
 
 namespace qel::report {
 namespace {

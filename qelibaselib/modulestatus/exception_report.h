@@ -10,7 +10,7 @@
 #pragma once
 #include <cstdio>
 
-#include "qelibaselib/export.h"
+#include "qelibaselib/base/export.h"
 
 extern "C" {
 

@@ -1,10 +1,10 @@
-#include "modulestatus/exception_sections.h"
+#include "qelibaselib/modulestatus/exception_sections.h"
 
 #include <algorithm>
 #include <span>
 
-#include "modulestatus/byte_dump.h"
-#include "modulestatus/code_dump.h"
+#include "qelibaselib/modulestatus/byte_dump.h"
+#include "qelibaselib/modulestatus/code_dump.h"
 
 namespace qel::report {
 namespace {

@@ -1,8 +1,8 @@
-#include "modulestatus/heap_check.h"
+#include "qelibaselib/modulestatus/heap_check.h"
 
-#include "modulestatus/source_name.h"
-#include "qelibaselib/format.h"
-#include "qelibaselib/log_channel.h"
+#include "qelibaselib/base/format.h"
+#include "qelibaselib/log/log_channel.h"
+#include "qelibaselib/modulestatus/source_name.h"
 
 namespace qel::report {
 namespace {

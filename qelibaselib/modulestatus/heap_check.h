@@ -1,7 +1,7 @@
 /// @file
 /// The heap check around reports and their sections.
 #pragma once
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel::report {
 

@@ -8,10 +8,10 @@
 /// without unwind tables skips the destructors up to the innermost guard, so what must be given back (a mutex, a file,
 /// symbols) is held outside the guard of the part that uses it.
 #pragma once
-#include "platform/fault/fault.h"
-#include "platform/mfc/exception.h"
-#include "qelibaselib/log_channel.h"
-#include "qelibaselib/source_position.h"
+#include "qelibaselib/base/source_position.h"
+#include "qelibaselib/log/log_channel.h"
+#include "qelibaselib/platform/fault/fault.h"
+#include "qelibaselib/platform/mfc/exception.h"
 
 namespace qel::report {
 

@@ -1,7 +1,7 @@
 /// @file
 /// The unit of the sizes in the reports.
 #pragma once
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel::report {
 

@@ -1,6 +1,6 @@
-#include "modulestatus/report_file.h"
+#include "qelibaselib/modulestatus/report_file.h"
 
-#include "qelibaselib/settings.h"
+#include "qelibaselib/settings/settings.h"
 
 namespace qel::report {
 

@@ -3,9 +3,9 @@
 #pragma once
 #include <cstdio>
 
-#include "platform/win32.h"
-#include "qelibaselib/log_channel.h"
-#include "qelibaselib/named_log_mutex.h"
+#include "qelibaselib/log/log_channel.h"
+#include "qelibaselib/log/named_log_mutex.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel::report {
 

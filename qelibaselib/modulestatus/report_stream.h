@@ -4,7 +4,7 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "qelibaselib/format.h"
+#include "qelibaselib/base/format.h"
 
 namespace qel::report {
 

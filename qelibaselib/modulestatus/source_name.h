@@ -1,7 +1,7 @@
 /// @file
 /// The source name that goes with the fixed line numbers of this subsystem.
 #pragma once
-#include "qelibaselib/source_position.h"
+#include "qelibaselib/base/source_position.h"
 
 namespace qel::report {
 

@@ -1,14 +1,14 @@
-#include "modulestatus/stack_walk.h"
+#include "qelibaselib/modulestatus/stack_walk.h"
 
 #include <chrono>
 #include <cstddef>
 #include <mutex>
 
-#include "memory/memory.h"
-#include "modulestatus/byte_dump.h"
-#include "modulestatus/heap_check.h"
-#include "modulestatus/lighter_guard.h"
-#include "modulestatus/source_name.h"
+#include "qelibaselib/memory/memory.h"
+#include "qelibaselib/modulestatus/byte_dump.h"
+#include "qelibaselib/modulestatus/heap_check.h"
+#include "qelibaselib/modulestatus/lighter_guard.h"
+#include "qelibaselib/modulestatus/source_name.h"
 
 namespace qel::report {
 namespace {

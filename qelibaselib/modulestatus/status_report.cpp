@@ -1,15 +1,15 @@
-#include "modulestatus/status_report.h"
+#include "qelibaselib/modulestatus/status_report.h"
 
-#include "modulestatus/address_space.h"
-#include "modulestatus/heap_check.h"
-#include "modulestatus/lighter_guard.h"
-#include "modulestatus/mebibytes.h"
-#include "modulestatus/report_file.h"
-#include "modulestatus/report_stream.h"
-#include "modulestatus/source_name.h"
-#include "modulestatus/status_sections.h"
-#include "qelibaselib/processor.h"
-#include "qelibaselib/settings.h"
+#include "qelibaselib/modulestatus/address_space.h"
+#include "qelibaselib/modulestatus/heap_check.h"
+#include "qelibaselib/modulestatus/lighter_guard.h"
+#include "qelibaselib/modulestatus/mebibytes.h"
+#include "qelibaselib/modulestatus/report_file.h"
+#include "qelibaselib/modulestatus/report_stream.h"
+#include "qelibaselib/modulestatus/source_name.h"
+#include "qelibaselib/modulestatus/status_sections.h"
+#include "qelibaselib/settings/processor.h"
+#include "qelibaselib/settings/settings.h"
 
 namespace qel::report {
 namespace {

@@ -3,7 +3,7 @@
 #pragma once
 #include <cstdio>
 
-#include "qelibaselib/export.h"
+#include "qelibaselib/base/export.h"
 
 extern "C" {
 

@@ -1,14 +1,14 @@
-#include "modulestatus/status_sections.h"
+#include "qelibaselib/modulestatus/status_sections.h"
 
 #include <cstring>
 
-#include "memory/memory.h"
-#include "modulestatus/heap_check.h"
-#include "modulestatus/lighter_guard.h"
-#include "modulestatus/mebibytes.h"
-#include "modulestatus/report_stream.h"
-#include "modulestatus/source_name.h"
-#include "qelibaselib/version_reader.h"
+#include "qelibaselib/memory/memory.h"
+#include "qelibaselib/modulestatus/heap_check.h"
+#include "qelibaselib/modulestatus/lighter_guard.h"
+#include "qelibaselib/modulestatus/mebibytes.h"
+#include "qelibaselib/modulestatus/report_stream.h"
+#include "qelibaselib/modulestatus/source_name.h"
+#include "qelibaselib/settings/version_reader.h"
 
 namespace qel::report {
 namespace {

@@ -1,5 +1,5 @@
-#include "modulestatus/exception_report.h"
-#include "modulestatus/lighter_guard.h"
+#include "qelibaselib/modulestatus/exception_report.h"
+#include "qelibaselib/modulestatus/lighter_guard.h"
 
 namespace qel::report {
 namespace {

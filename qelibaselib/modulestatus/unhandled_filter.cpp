@@ -1,10 +1,10 @@
-#include "modulestatus/debugger_command.h"
-#include "modulestatus/exception_report.h"
-#include "modulestatus/lighter_guard.h"
-#include "modulestatus/source_name.h"
-#include "qelibaselib/format.h"
+#include "qelibaselib/base/format.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "winapiwrap/winapiwrap.h"
+#include "qelibaselib/modulestatus/debugger_command.h"
+#include "qelibaselib/modulestatus/exception_report.h"
+#include "qelibaselib/modulestatus/lighter_guard.h"
+#include "qelibaselib/modulestatus/source_name.h"
+#include "qelibaselib/winapiwrap/winapiwrap.h"
 
 namespace qel::report {
 namespace {

@@ -1,7 +1,7 @@
 /// @file
 /// The exception masks and flags of the x87 unit and of SSE2 in the bits of <float.h>; both targets.
 #pragma once
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace control_words {
 

@@ -4,7 +4,7 @@
 #pragma once
 #include <locale.h>
 
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 #ifndef _ENABLE_PER_THREAD_LOCALE
 #define _ENABLE_PER_THREAD_LOCALE 1

@@ -2,7 +2,7 @@
 /// The one include of the library code for the system's names.
 #pragma once
 #ifdef _WIN32
-#include "platform/windows/win32.h"
+#include "qelibaselib/platform/windows/win32.h"
 #else
-#include "platform/linux/win32.h"
+#include "qelibaselib/platform/linux/win32/windows.h"
 #endif

@@ -1,4 +1,4 @@
-#include "qelsystembenchmark/benchmark_buffer.h"
+#include "qelibaselib/qelsystembenchmark/benchmark_buffer.h"
 
 #include <algorithm>
 #include <new>

@@ -3,7 +3,7 @@
 #pragma once
 #include <memory>
 
-#include "qelsystembenchmark/qelsystembenchmark.h"
+#include "qelibaselib/qelsystembenchmark/qelsystembenchmark.h"
 
 namespace qel {
 

@@ -2,13 +2,13 @@
 #include <cstdio>
 #include <memory>
 
-#include "qelibaselib/format.h"
+#include "qelibaselib/base/format.h"
+#include "qelibaselib/base/string_converter.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/guard/string_converter.h"
-#include "qelibaselib/log_channel.h"
-#include "qelibaselib/named_log_mutex.h"
+#include "qelibaselib/log/log_channel.h"
+#include "qelibaselib/log/named_log_mutex.h"
 #include "qelibaselib/qelibaselib.h"
-#include "qelsystembenchmark/qelsystembenchmark.h"
+#include "qelibaselib/qelsystembenchmark/qelsystembenchmark.h"
 
 namespace {
 

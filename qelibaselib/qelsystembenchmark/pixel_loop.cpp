@@ -1,4 +1,4 @@
-#include "qelsystembenchmark/pixel_loop.h"
+#include "qelibaselib/qelsystembenchmark/pixel_loop.h"
 
 #include <omp.h>
 
@@ -7,7 +7,7 @@
 #include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/guard/omp_exception.h"
 #include "qelibaselib/guard/structured_exception_translator.h"
-#include "qelibaselib/log_channel.h"
+#include "qelibaselib/log/log_channel.h"
 
 namespace qel {
 namespace {

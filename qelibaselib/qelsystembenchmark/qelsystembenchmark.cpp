@@ -1,4 +1,4 @@
-#include "qelsystembenchmark/qelsystembenchmark.h"
+#include "qelibaselib/qelsystembenchmark/qelsystembenchmark.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -7,12 +7,12 @@
 #include <new>
 #include <optional>
 
-#include "qelibaselib/guard/delta_time.h"
+#include "qelibaselib/base/delta_time.h"
 #include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/qelibaselib.h"
-#include "qelsystembenchmark/benchmark_buffer.h"
-#include "qelsystembenchmark/pixel_loop.h"
-#include "qelsystembenchmark/thread_priority_scope.h"
+#include "qelibaselib/qelsystembenchmark/benchmark_buffer.h"
+#include "qelibaselib/qelsystembenchmark/pixel_loop.h"
+#include "qelibaselib/qelsystembenchmark/thread_priority_scope.h"
 
 namespace {
 

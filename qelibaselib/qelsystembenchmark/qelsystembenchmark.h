@@ -5,7 +5,7 @@
 ///     const T_RESULT result = benchmark.OverAll();
 ///     benchmark.LogOutResult("after start-up", L"MyProduct", 0);
 #pragma once
-#include "qelibaselib/export.h"
+#include "qelibaselib/base/export.h"
 
 enum E_BENCH_ACCESSTYPE { E_BENCH_SEQUENTIAL = 0, E_BENCH_RANDOM = 1 };
 enum E_BENCH_READWRITE { E_BENCH_READ = 0, E_BENCH_WRITE = 1, E_BENCH_READ_AND_WRITE = 2 };

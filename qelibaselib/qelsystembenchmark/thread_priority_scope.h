@@ -1,7 +1,7 @@
 /// @file
 /// A thread's priority, raised for a measurement.
 #pragma once
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel {
 

@@ -1,15 +1,15 @@
 #include <memory>
 
-#include "platform/mfc/thread.h"
-#include "qelibaselib/formatted_text.h"
+#include "qelibaselib/base/formatted_text.h"
+#include "qelibaselib/base/locale_scope.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/guard/locale_scope.h"
 #include "qelibaselib/guard/structured_exception_translator.h"
-#include "qelibaselib/log_channel.h"
-#include "qelibaselib/log_line.h"
-#include "qelibaselib/processor.h"
-#include "qelibaselib/settings.h"
-#include "winapiwrap/winapiwrap.h"
+#include "qelibaselib/log/log_channel.h"
+#include "qelibaselib/log/log_line.h"
+#include "qelibaselib/platform/mfc/thread.h"
+#include "qelibaselib/settings/processor.h"
+#include "qelibaselib/settings/settings.h"
+#include "qelibaselib/winapiwrap/winapiwrap.h"
 
 namespace {
 

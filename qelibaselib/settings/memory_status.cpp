@@ -1,9 +1,9 @@
-#include "qelibaselib/memory_status.h"
+#include "qelibaselib/settings/memory_status.h"
 
-#include "memory/checked_memory.h"
-#include "qelibaselib/guard/delta_time.h"
+#include "qelibaselib/base/delta_time.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/settings.h"
+#include "qelibaselib/memory/checked_memory.h"
+#include "qelibaselib/settings/settings.h"
 
 namespace qel {
 namespace {

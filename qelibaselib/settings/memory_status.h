@@ -1,7 +1,7 @@
 /// @file
 /// The memory load for the log lines, without a guard and without a walk.
 #pragma once
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel {
 

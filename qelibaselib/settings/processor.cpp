@@ -1,12 +1,12 @@
-#include "qelibaselib/processor.h"
+#include "qelibaselib/settings/processor.h"
 
 #include <omp.h>
 
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/log_channel.h"
-#include "qelibaselib/processor_record.h"
-#include "qelibaselib/thread_record.h"
-#include "qelibaselib/version_reader.h"
+#include "qelibaselib/log/log_channel.h"
+#include "qelibaselib/settings/processor_record.h"
+#include "qelibaselib/settings/thread_record.h"
+#include "qelibaselib/settings/version_reader.h"
 
 namespace {
 

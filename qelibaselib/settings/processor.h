@@ -4,7 +4,7 @@
 /// The thread count is each thread's own; the threshold is one plain word for the process, set at the start. A failure
 /// gives the safe count 1 and a line in the assertion channel.
 #pragma once
-#include "qelibaselib/export.h"
+#include "qelibaselib/base/export.h"
 
 extern "C" {
 

@@ -1,7 +1,7 @@
 /// @file
 /// What is read of the processors and the system once, at process attach.
 #pragma once
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel {
 

@@ -1,6 +1,6 @@
-#include "qelibaselib/settings.h"
+#include "qelibaselib/settings/settings.h"
 
-#include "qelibaselib/bounded_text.h"
+#include "qelibaselib/base/bounded_text.h"
 #include "qelibaselib/guard/exception_guard.h"
 
 namespace {

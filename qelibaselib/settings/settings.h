@@ -4,7 +4,7 @@
 /// Folders are safe to set from several threads, of which exactly one wins; a reader that races with the winner may see
 /// a part of the path, so hosts set them before other threads use the library. The other values are plain words.
 #pragma once
-#include "qelibaselib/export.h"
+#include "qelibaselib/base/export.h"
 
 /// What a thread's calls of FlushViewOfFileX have added up to.
 struct T_FVOF_INFORMATION {

@@ -1,13 +1,13 @@
-#include "qelibaselib/startup_checks.h"
+#include "qelibaselib/settings/startup_checks.h"
 
-#include "qelibaselib/formatted_text.h"
+#include "qelibaselib/base/formatted_text.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/log_channel.h"
-#include "qelibaselib/log_line.h"
-#include "qelibaselib/named_log_mutex.h"
-#include "qelibaselib/settings.h"
-#include "qelibaselib/version_reader.h"
-#include "winapiwrap/winapiwrap.h"
+#include "qelibaselib/log/log_channel.h"
+#include "qelibaselib/log/log_line.h"
+#include "qelibaselib/log/named_log_mutex.h"
+#include "qelibaselib/settings/settings.h"
+#include "qelibaselib/settings/version_reader.h"
+#include "qelibaselib/winapiwrap/winapiwrap.h"
 
 namespace {
 

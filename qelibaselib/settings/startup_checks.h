@@ -1,7 +1,7 @@
 /// @file
 /// What an application checks once at its start.
 #pragma once
-#include "qelibaselib/export.h"
+#include "qelibaselib/base/export.h"
 
 extern "C" {
 

@@ -1,13 +1,13 @@
-#include "qelibaselib/thread_record.h"
+#include "qelibaselib/settings/thread_record.h"
 
 #include <cstddef>
 
-#include "memory/checked_memory.h"
-#include "platform/fault/may_fault.h"
+#include "qelibaselib/base/saved_error.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/guard/saved_error.h"
-#include "qelibaselib/log_channel.h"
-#include "qelibaselib/processor_record.h"
+#include "qelibaselib/log/log_channel.h"
+#include "qelibaselib/memory/checked_memory.h"
+#include "qelibaselib/platform/fault/may_fault.h"
+#include "qelibaselib/settings/processor_record.h"
 
 namespace qel {
 namespace {

@@ -1,8 +1,8 @@
 /// @file
 /// What the library keeps for each thread that calls it.
 #pragma once
-#include "qelibaselib/settings.h"
-#include "qelibaselib/source_position.h"
+#include "qelibaselib/base/source_position.h"
+#include "qelibaselib/settings/settings.h"
 
 namespace qel {
 

@@ -1,4 +1,4 @@
-#include "qelibaselib/version_reader.h"
+#include "qelibaselib/settings/version_reader.h"
 
 #include <stdexcept>
 

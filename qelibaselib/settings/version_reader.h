@@ -1,7 +1,7 @@
 /// @file
 /// The system's true version, whatever compatibility the program asked for.
 #pragma once
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel {
 

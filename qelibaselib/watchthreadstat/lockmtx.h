@@ -4,11 +4,11 @@
 #pragma once
 #include <cstdio>
 
-#include "modulestatus/exception_report.h"
-#include "platform/mfc/exception.h"
-#include "platform/win32.h"
-#include "qelibaselib/log_writer.h"
-#include "qelibaselib/settings.h"
+#include "qelibaselib/log/log_writer.h"
+#include "qelibaselib/modulestatus/exception_report.h"
+#include "qelibaselib/platform/mfc/exception.h"
+#include "qelibaselib/platform/win32.h"
+#include "qelibaselib/settings/settings.h"
 
 /// Belongs to the thread that made it. The mutex itself is the caller's and is never closed. Nested acquisitions
 /// through one object are counted here: the mutex is waited for once and released once. An abandoned mutex counts as

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "watchthreadstat/watchthreadstat.h"
+#include "qelibaselib/watchthreadstat/watchthreadstat.h"
 
 namespace qel::watch {
 

@@ -1,4 +1,4 @@
-#include "watchthreadstat/watch_thread.h"
+#include "qelibaselib/watchthreadstat/watch_thread.h"
 
 namespace qel::watch {
 

@@ -1,8 +1,8 @@
 /// @file
 /// What the two watchdogs have in common: their handles and their watcher thread.
 #pragma once
-#include "platform/mfc/thread.h"
-#include "platform/win32.h"
+#include "qelibaselib/platform/mfc/thread.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel::watch {
 

@@ -1,7 +1,7 @@
 #include "qelibaselib/guard/exception_guard.h"
-#include "watchthreadstat/watch_thread.h"
-#include "watchthreadstat/watchthreadstat.h"
-#include "winapiwrap/winapiwrap.h"
+#include "qelibaselib/watchthreadstat/watch_thread.h"
+#include "qelibaselib/watchthreadstat/watchthreadstat.h"
+#include "qelibaselib/winapiwrap/winapiwrap.h"
 
 using namespace qel::watch;  // NOLINT(google-build-using-namespace): what both watchdogs are made of
 

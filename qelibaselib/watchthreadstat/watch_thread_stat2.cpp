@@ -1,11 +1,11 @@
 #include <algorithm>
 
 #include "qelibaselib/guard/exception_guard.h"
-#include "watchthreadstat/lockmtx.h"
-#include "watchthreadstat/watch_record.h"
-#include "watchthreadstat/watch_thread.h"
-#include "watchthreadstat/watchthreadstat.h"
-#include "winapiwrap/winapiwrap.h"
+#include "qelibaselib/watchthreadstat/lockmtx.h"
+#include "qelibaselib/watchthreadstat/watch_record.h"
+#include "qelibaselib/watchthreadstat/watch_thread.h"
+#include "qelibaselib/watchthreadstat/watchthreadstat.h"
+#include "qelibaselib/winapiwrap/winapiwrap.h"
 
 using namespace qel::watch;  // NOLINT(google-build-using-namespace): what both watchdogs are made of
 

@@ -1,5 +1,5 @@
 #include "qelibaselib/guard/exception_guard.h"
-#include "watchthreadstat/watchthreadstat.h"
+#include "qelibaselib/watchthreadstat/watchthreadstat.h"
 
 CWatchThreadStat2Wrap::CWatchThreadStat2Wrap(CWatchThreadStat2* watcher, long firstDelayMs, long intervalMs,
                                              CWatchThreadStat2::Callback callback, void* arg)

@@ -2,10 +2,10 @@
 /// Watchdogs for the threads of the process: CWatchThreadStat watches the thread that made it, CWatchThreadStat2 the
 /// pieces of work that any thread registers.
 #pragma once
-#include "platform/mfc/pointer_list.h"
-#include "platform/mfc/thread.h"
-#include "platform/win32.h"
-#include "qelibaselib/export.h"
+#include "qelibaselib/base/export.h"
+#include "qelibaselib/platform/mfc/pointer_list.h"
+#include "qelibaselib/platform/mfc/thread.h"
+#include "qelibaselib/platform/win32.h"
 
 /// Calls back on a thread of its own with the identity of the constructing thread, first after a delay and then
 /// periodically, until it is destroyed. The watched thread constructs and destroys it. A failed start leaves an object

@@ -1,8 +1,8 @@
-#include "winapiwrap/winapiwrap.h"
+#include "qelibaselib/winapiwrap/winapiwrap.h"
 
+#include "qelibaselib/base/saved_error.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/guard/saved_error.h"
-#include "qelibaselib/log_channel.h"
+#include "qelibaselib/log/log_channel.h"
 
 // The log writer makes its own mutex through CreateMutexX: a failure there enters the writer again for this channel.
 // No flag stops that, by intention; the chain ends with the first creation that succeeds.

@@ -6,7 +6,7 @@
 /// system's own either way, so ERROR_ALREADY_EXISTS after a success tells an object that was there. `name` may be null.
 /// All may be called from any thread.
 #pragma once
-#include "qelibaselib/export.h"
+#include "qelibaselib/base/export.h"
 
 extern "C" {
 

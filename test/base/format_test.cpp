@@ -1,4 +1,4 @@
-#include "qelibaselib/format.h"
+#include "qelibaselib/base/format.h"
 
 #include <gtest/gtest.h>
 
@@ -6,7 +6,7 @@
 #include <limits>
 #include <string>
 
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace {
 

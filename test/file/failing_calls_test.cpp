@@ -1,6 +1,6 @@
 #include "test/file/failing_calls_test.h"
 
-#include "qelibaselib/settings.h"
+#include "qelibaselib/settings/settings.h"
 
 namespace qel::test {
 namespace {

@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "file/chunked_view.h"
-#include "file/file.h"
-#include "file/scoped_handles.h"
+#include "qelibaselib/base/scoped_handles.h"
+#include "qelibaselib/file/chunked_view.h"
+#include "qelibaselib/file/file.h"
 #include "test/support/child_process.h"
 #include "test/support/fake_clock.h"
 #include "test/support/log_folder.h"

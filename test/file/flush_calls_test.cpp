@@ -1,4 +1,4 @@
-#include "qelibaselib/settings.h"
+#include "qelibaselib/settings/settings.h"
 #include "test/file/file_test.h"
 #include "test/support/open_handles.h"
 

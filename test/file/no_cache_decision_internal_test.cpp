@@ -1,10 +1,10 @@
 // The dormant switch, turned on: nothing in the library does that.
 #include <gtest/gtest.h>
 
-#include "file/file.h"
-#include "file/no_cache_decision.h"
-#include "file/scoped_handles.h"
-#include "qelibaselib/settings.h"
+#include "qelibaselib/base/scoped_handles.h"
+#include "qelibaselib/file/file.h"
+#include "qelibaselib/file/no_cache_decision.h"
+#include "qelibaselib/settings/settings.h"
 #include "test/support/log_folder.h"
 #include "test/support/scratch_folder.h"
 

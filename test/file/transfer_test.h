@@ -1,6 +1,6 @@
 // What the tests of the transfers share.
 #pragma once
-#include "memory/physical_memory.h"
+#include "qelibaselib/memory/physical_memory.h"
 #include "test/file/file_test.h"
 
 namespace qel::test {

@@ -7,8 +7,8 @@
 #include <thread>
 #include <vector>
 
+#include "qelibaselib/base/floating_point_guard.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/guard/floating_point_guard.h"
 #include "qelibaselib/guard/structured_exception_translator.h"
 #include "test/guard/recorder.h"
 #include "test/support/bad_pointer.h"

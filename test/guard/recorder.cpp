@@ -3,9 +3,9 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "modulestatus/exception_report.h"
-#include "qelibaselib/log_channel.h"
-#include "qelibaselib/settings.h"
+#include "qelibaselib/log/log_channel.h"
+#include "qelibaselib/modulestatus/exception_report.h"
+#include "qelibaselib/settings/settings.h"
 #include "test/support/bad_pointer.h"
 
 namespace qel {

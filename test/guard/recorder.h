@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/fault/fault.h"
-#include "qelibaselib/source_position.h"
+#include "qelibaselib/base/source_position.h"
+#include "qelibaselib/platform/fault/fault.h"
 
 namespace qel::test {
 

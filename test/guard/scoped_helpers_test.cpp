@@ -6,13 +6,13 @@
 #include <string>
 #include <thread>
 
-#include "platform/thread_locale.h"
-#include "qelibaselib/guard/delta_time.h"
-#include "qelibaselib/guard/floating_point_guard.h"
-#include "qelibaselib/guard/locale_scope.h"
+#include "qelibaselib/base/delta_time.h"
+#include "qelibaselib/base/floating_point_guard.h"
+#include "qelibaselib/base/locale_scope.h"
+#include "qelibaselib/base/string_converter.h"
 #include "qelibaselib/guard/omp_exception.h"
-#include "qelibaselib/guard/string_converter.h"
 #include "qelibaselib/guard/structured_exception_translator.h"
+#include "qelibaselib/platform/thread_locale.h"
 #include "test/support/child_process.h"
 
 namespace qel::test {

@@ -8,7 +8,7 @@
 #include <set>
 #include <thread>
 
-#include "test/qelibaselib/log_case.h"
+#include "test/log/log_case.h"
 #include "test/support/child_process.h"
 
 namespace {

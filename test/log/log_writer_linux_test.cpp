@@ -2,7 +2,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 
-#include "test/qelibaselib/log_case.h"
+#include "test/log/log_case.h"
 #include "test/support/child_process.h"
 
 namespace {

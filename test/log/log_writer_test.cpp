@@ -1,4 +1,4 @@
-#include "test/qelibaselib/log_case.h"
+#include "test/log/log_case.h"
 #include "test/support/child_process.h"
 #include "test/support/replace_call.h"
 

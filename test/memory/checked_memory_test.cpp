@@ -1,4 +1,4 @@
-#include "memory/checked_memory.h"
+#include "qelibaselib/memory/checked_memory.h"
 
 #include <algorithm>
 #include <cstring>

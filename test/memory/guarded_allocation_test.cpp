@@ -1,4 +1,4 @@
-#include "memory/guarded_allocation.h"
+#include "qelibaselib/memory/guarded_allocation.h"
 
 #include <algorithm>
 #include <cstring>

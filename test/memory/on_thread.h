@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "gtest/gtest.h"
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel::test {
 

@@ -1,4 +1,4 @@
-#include "memory/physical_memory.h"
+#include "qelibaselib/memory/physical_memory.h"
 
 #include <algorithm>
 

@@ -1,9 +1,9 @@
 #include <functional>
 
 #include "gtest/gtest.h"
-#include "memory/memory.h"
-#include "memory/size_warning.h"
 #include "qelibaselib/guard/exception_guard.h"
+#include "qelibaselib/memory/memory.h"
+#include "qelibaselib/memory/size_warning.h"
 #include "test/support/log_folder.h"
 
 namespace qel::test {

@@ -5,7 +5,7 @@
 //
 // Works by the process's unhandled-exception filter, so the body must not stand in a guard of the library.
 #pragma once
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel::test {
 

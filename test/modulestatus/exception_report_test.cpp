@@ -4,7 +4,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "platform/mfc/exception.h"
+#include "qelibaselib/platform/mfc/exception.h"
 #include "qelibaselib/qelibaselib.h"
 #include "test/modulestatus/report_reader.h"
 #include "test/support/child_process.h"

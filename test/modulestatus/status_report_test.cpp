@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <numeric>
 
-#include "platform/mfc/exception.h"
+#include "qelibaselib/platform/mfc/exception.h"
 #include "qelibaselib/qelibaselib.h"
 #include "test/modulestatus/captured_fault.h"
 #include "test/modulestatus/report_reader.h"

@@ -2,7 +2,7 @@
 #pragma once
 #include <string>
 
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel::test {
 

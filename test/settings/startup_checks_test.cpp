@@ -1,4 +1,4 @@
-#include "qelibaselib/startup_checks.h"
+#include "qelibaselib/settings/startup_checks.h"
 
 #include <gtest/gtest.h>
 

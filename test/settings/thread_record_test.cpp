@@ -1,4 +1,4 @@
-#include "qelibaselib/thread_record.h"
+#include "qelibaselib/settings/thread_record.h"
 
 #include <gtest/gtest.h>
 #include <omp.h>

@@ -1,6 +1,6 @@
 // An address that is not mapped on either target.
 #pragma once
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel::test {
 

@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 #include "test/support/exhaustion_limits.h"
 
 namespace qel::test {

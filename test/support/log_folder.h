@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "qelibaselib/log_channel.h"
+#include "qelibaselib/log/log_channel.h"
 
 namespace qel::test {
 

@@ -1,6 +1,6 @@
 #include <stdexcept>
 
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 #include "test/support/open_handles.h"
 
 namespace qel::test {

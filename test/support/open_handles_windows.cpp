@@ -1,6 +1,6 @@
 // GetProcessHandleCount answers 0 under Wine. The list of all handles of all processes is not asked for: runs that did
 // so hundreds of times have hung, with Wine's server gone. So each value that may be a handle is tried.
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 #include "test/support/open_handles.h"
 
 namespace qel::test {

@@ -1,7 +1,7 @@
 // A few pages of read/write memory between two that nobody may touch.
 #pragma once
 #include "gtest/gtest.h"
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel::test {
 

@@ -7,7 +7,7 @@
 #include <sstream>
 #include <system_error>
 
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace qel::test {
 namespace fs = std::filesystem;

@@ -5,9 +5,9 @@
 #include <vector>
 
 #include "gtest/gtest.h"
+#include "qelibaselib/watchthreadstat/lockmtx.h"
 #include "test/support/log_folder.h"
 #include "test/support/replace_call.h"
-#include "watchthreadstat/lockmtx.h"
 
 namespace qel::test {
 namespace {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "gtest/gtest.h"
-#include "platform/mfc/exception.h"
+#include "qelibaselib/platform/mfc/exception.h"
 #include "qelibaselib/qelibaselib.h"
 #include "test/support/log_folder.h"
 #include "test/watchthreadstat/watch_case.h"

@@ -2,8 +2,8 @@
 #pragma once
 #include <vector>
 
+#include "qelibaselib/watchthreadstat/watchthreadstat.h"
 #include "test/support/replace_call.h"
-#include "watchthreadstat/watchthreadstat.h"
 
 namespace qel::test {
 

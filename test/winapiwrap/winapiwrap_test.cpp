@@ -1,4 +1,4 @@
-#include "winapiwrap/winapiwrap.h"
+#include "qelibaselib/winapiwrap/winapiwrap.h"
 
 #include <gtest/gtest.h>
 

@@ -6,7 +6,7 @@
 #include <new>
 #include <typeinfo>
 
-#include "platform/fault/guard_frame.h"
+#include "qelibaselib/platform/fault/guard_frame.h"
 
 namespace fault {
 namespace {

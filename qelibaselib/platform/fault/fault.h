@@ -8,13 +8,13 @@
 /// where it would go without this.
 ///
 /// Code that may fault under a Run is compiled with qel_fault_options and calls the C library through
-/// platform/fault/may_fault.h where it hands on a caller's pointer.
+/// qelibaselib/platform/fault/may_fault.h where it hands on a caller's pointer.
 #pragma once
 #include <bit>
 #include <memory>
 #include <type_traits>
 
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 #ifdef _WIN32
 #define QEL_FAULT_API

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "platform/fault/fault.h"
+#include "qelibaselib/platform/fault/fault.h"
 
 #ifdef _WIN32
 #define QEL_FAULT_HIDDEN

@@ -4,7 +4,7 @@
 #pragma once
 #include <cstring>
 
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 class CException {
  public:

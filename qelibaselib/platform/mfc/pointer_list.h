@@ -1,7 +1,7 @@
 /// @file
 /// The framework's list of pointers, as far as it is used. It owns its nodes, not what they point to.
 #pragma once
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 struct __POSITION {};
 using POSITION = __POSITION*;

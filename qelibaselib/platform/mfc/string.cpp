@@ -1,8 +1,8 @@
-#include "platform/mfc/string.h"
+#include "qelibaselib/platform/mfc/string.h"
 
 #include <new>
 
-#include "qelibaselib/format.h"
+#include "qelibaselib/base/format.h"
 
 void CStringA::Format(const char* format, ...) {
   std::va_list arguments;

@@ -1,4 +1,4 @@
-#include "platform/mfc/thread.h"
+#include "qelibaselib/platform/mfc/thread.h"
 
 #include <memory>
 #include <new>

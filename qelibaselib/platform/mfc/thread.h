@@ -1,7 +1,7 @@
 /// @file
 /// The framework's worker threads, as far as they are used.
 #pragma once
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 using AFX_THREADPROC = UINT(__cdecl*)(LPVOID argument);
 

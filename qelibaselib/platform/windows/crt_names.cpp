@@ -1,5 +1,5 @@
 // Names of the C runtime that this one lacks.
-#include "platform/control_words.h"
+#include "qelibaselib/platform/control_words.h"
 
 extern "C" int __cdecl __control87_2(unsigned int value, unsigned int mask, unsigned int* x87, unsigned int* sse2) {
   if (x87) *x87 = control_words::ChangeX87(value, mask);

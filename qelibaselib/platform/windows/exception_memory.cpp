@@ -5,8 +5,8 @@
 
 #include <exception>
 
-#include "platform/fault/fault.h"
-#include "platform/win32.h"
+#include "qelibaselib/platform/fault/fault.h"
+#include "qelibaselib/platform/win32.h"
 
 namespace fault {
 namespace {

@@ -3,7 +3,7 @@
 // the system's own DLLs and take the faults that these expect.
 #include <malloc.h>
 
-#include "platform/fault/guard_frame.h"
+#include "qelibaselib/platform/fault/guard_frame.h"
 
 using fault::GuardFrame;
 

@@ -1,6 +1,6 @@
 // RaiseException for our own code. The system's has no unwind tables, so an exception raised in it would skip the
 // destructors of the callers up to the guard, and no C++ handler of the host would see it.
-#include "platform/fault/guard_frame.h"
+#include "qelibaselib/platform/fault/guard_frame.h"
 
 #undef RaiseException
 

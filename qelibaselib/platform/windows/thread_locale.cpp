@@ -1,3 +1,3 @@
-#include "platform/thread_locale.h"
+#include "qelibaselib/platform/thread_locale.h"
 
 char* ThreadSetLocale(int category, const char* name) { return setlocale(category, name); }

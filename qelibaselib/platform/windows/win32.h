@@ -1,5 +1,5 @@
 /// @file
-/// The system's headers, and the C runtime names that MinGW lacks (platform/windows/crt_names.cpp).
+/// The system's headers, and the C runtime names that MinGW lacks (qelibaselib/platform/windows/crt_names.cpp).
 #pragma once
 #ifndef WIN32_LEAN_AND_MEAN
 #define WIN32_LEAN_AND_MEAN

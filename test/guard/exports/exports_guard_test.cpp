@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "platform/mfc/exception.h"
+#include "qelibaselib/platform/mfc/exception.h"
 #include "qelibaselib/qelibaselib.h"
 #include "test/support/bad_pointer.h"
 #include "test/support/log_folder.h"

@@ -1,5 +1,5 @@
 // Faults under fault::Run, the same on both targets.
-#include "platform/fault/fault.h"
+#include "qelibaselib/platform/fault/fault.h"
 
 #include <gtest/gtest.h>
 

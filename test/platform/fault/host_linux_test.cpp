@@ -10,7 +10,7 @@
 #include <string>
 #include <thread>
 
-#include "platform/fault/fault.h"
+#include "qelibaselib/platform/fault/fault.h"
 #include "test/platform/fault/provoke.h"
 #include "test/support/child_process.h"
 

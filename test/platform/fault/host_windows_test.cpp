@@ -1,7 +1,7 @@
 // Guards among the SEH frames of others, and faults outside any guard.
 #include <gtest/gtest.h>
 
-#include "platform/fault/fault.h"
+#include "qelibaselib/platform/fault/fault.h"
 #include "test/platform/fault/provoke.h"
 #include "test/support/child_process.h"
 

@@ -3,7 +3,7 @@
 
 #include <thread>
 
-#include "platform/fault/fault.h"
+#include "qelibaselib/platform/fault/fault.h"
 #include "test/platform/fault/provoke.h"
 #include "test/support/page_buffer.h"
 

@@ -4,7 +4,7 @@
 #include <iterator>
 #include <ostream>
 
-#include "platform/fault/may_fault.h"
+#include "qelibaselib/platform/fault/may_fault.h"
 
 namespace qel::test {
 namespace {

@@ -2,7 +2,7 @@
 #pragma once
 #include <iosfwd>
 
-#include "platform/fault/fault.h"
+#include "qelibaselib/platform/fault/fault.h"
 #include "test/support/bad_pointer.h"
 #include "test/support/sanitizer.h"
 

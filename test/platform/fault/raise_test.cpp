@@ -6,7 +6,7 @@
 #include <numeric>
 #include <thread>
 
-#include "platform/fault/fault.h"
+#include "qelibaselib/platform/fault/fault.h"
 #include "test/platform/fault/provoke.h"
 
 namespace qel::test {

@@ -5,7 +5,7 @@
 #include <ostream>
 #include <string>
 
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 #include "test/platform/objects/handles.h"
 #include "test/support/scratch_folder.h"
 

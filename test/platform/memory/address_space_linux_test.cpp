@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/address_space.h"
-#include "platform/linux/memory.h"
-#include "platform/linux/page_set.h"
+#include "qelibaselib/platform/linux/memory/page_set.h"
+#include "qelibaselib/platform/linux/memory/regions.h"
+#include "qelibaselib/platform/linux/win32/memoryapi.h"
 
 using namespace qel::layer;
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 #include "test/platform/objects/handles.h"
 #include "test/platform/target.h"
 #include "test/support/scratch_folder.h"

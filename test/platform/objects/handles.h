@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 #include "test/platform/target.h"
 
 namespace qel::test {

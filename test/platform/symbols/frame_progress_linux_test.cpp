@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 extern "C" __attribute__((noipa, noinline)) int CalledFunction(int value) { return value + 1; }
 

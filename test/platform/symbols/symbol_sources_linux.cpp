@@ -1,3 +1,3 @@
 // What the layer keeps to itself, for the test of hostile files.
-#include "platform/linux/symbol_name.cpp"
-#include "platform/linux/symbol_table.cpp"
+#include "qelibaselib/platform/linux/modules/symbol_name.cpp"
+#include "qelibaselib/platform/linux/modules/symbol_table.cpp"

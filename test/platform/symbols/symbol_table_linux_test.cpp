@@ -9,9 +9,9 @@
 #include <random>
 #include <string>
 
-#include "platform/linux/symbol_name.h"
-#include "platform/linux/symbol_table.h"
-#include "platform/win32.h"
+#include "qelibaselib/platform/linux/modules/symbol_name.h"
+#include "qelibaselib/platform/linux/modules/symbol_table.h"
+#include "qelibaselib/platform/win32.h"
 #include "test/support/scratch_folder.h"
 
 namespace qel::test {

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <vector>
 
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 #include "test/platform/target.h"
 
 static DWORD AddressOf(const void* place) { return reinterpret_cast<DWORD>(place); }

@@ -11,9 +11,9 @@
 #include <functional>
 #include <thread>
 
-#include "platform/linux/mount_table.h"
-#include "platform/linux/profile_text.h"
-#include "platform/win32.h"
+#include "qelibaselib/platform/linux/system/mount_table.h"
+#include "qelibaselib/platform/linux/system/profile_text.h"
+#include "qelibaselib/platform/win32.h"
 #include "test/support/scratch_folder.h"
 
 using qel::layer::DisksOf;

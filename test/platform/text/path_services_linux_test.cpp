@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 TEST(SystemPathServicesTest, Combine) {
   const wchar_t* const rows[][3] = {

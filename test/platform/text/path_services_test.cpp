@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 #include "test/platform/target.h"
 #include "test/support/scratch_folder.h"
 

@@ -1,7 +1,7 @@
 // Bytes that are no UTF-8, which come back unharmed.
 #include <gtest/gtest.h>
 
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 TEST(EscapedBytesTest, RoundTrip) {
   for (const char* bytes : {"\xFF", "a\x80z", "\xC3", "\xE2\x82", "\xC0\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80"}) {

@@ -1,6 +1,6 @@
-#include "platform/linux/error.h"
-
 #include <cerrno>
+
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace {
 thread_local constinit DWORD t_lastError = ERROR_SUCCESS;

@@ -6,7 +6,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "platform/linux/descriptor.h"
+#include "qelibaselib/platform/linux/base/descriptor.h"
 
 namespace qel::layer {
 

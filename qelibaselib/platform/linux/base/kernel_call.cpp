@@ -1,4 +1,4 @@
-#include "platform/linux/kernel_call.h"
+#include "qelibaselib/platform/linux/base/kernel_call.h"
 
 #include <sys/auxv.h>
 

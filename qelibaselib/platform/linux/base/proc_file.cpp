@@ -1,4 +1,4 @@
-#include "platform/linux/proc_file.h"
+#include "qelibaselib/platform/linux/base/proc_file.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "platform/linux/small_file.h"
+#include "qelibaselib/platform/linux/base/small_file.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,8 +1,6 @@
 // Signals of faults: to the innermost guard of the thread, to the filter, or to who had the signal before.
 //
 // The handler throws nothing. It fills the guard's frame and lets the thread go on in fault_thunk, outside the handler.
-#include "platform/linux/fault.h"
-
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
@@ -12,8 +10,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/linux/fault_internal.h"
-#include "platform/linux/fault_probe.h"
+#include "qelibaselib/platform/linux/faults/fault_internal.h"
+#include "qelibaselib/platform/linux/faults/fault_probe.h"
+#include "qelibaselib/platform/linux/win32/errhandlingapi.h"
 
 using fault::GuardFrame;
 

@@ -6,7 +6,7 @@
 #include <csignal>
 #include <cstdint>
 
-#include "platform/fault/guard_frame.h"
+#include "qelibaselib/platform/fault/guard_frame.h"
 
 namespace qel::layer {
 

@@ -1,7 +1,7 @@
 // From a signal's machine state to the exception record and context that Windows would deliver, and back.
 #include <cstring>
 
-#include "platform/linux/fault_internal.h"
+#include "qelibaselib/platform/linux/faults/fault_internal.h"
 
 namespace qel::layer {
 namespace {

@@ -13,7 +13,7 @@
 #include <cstring>
 #include <iterator>
 
-#include "platform/linux/fault_internal.h"
+#include "qelibaselib/platform/linux/faults/fault_internal.h"
 
 extern "C" int __sigaction(int signal, const struct sigaction* action, struct sigaction* former) noexcept;
 

@@ -1,6 +1,6 @@
-#include "platform/linux/floating_point.h"
+#include "qelibaselib/platform/linux/win32/floating_point.h"
 
-#include "platform/control_words.h"
+#include "qelibaselib/platform/control_words.h"
 
 extern "C" unsigned int _clearfp() {
   unsigned short status;

@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <csignal>
 
-#include "platform/linux/fault.h"
-#include "platform/linux/fault_internal.h"
+#include "qelibaselib/platform/linux/faults/fault_internal.h"
+#include "qelibaselib/platform/linux/win32/errhandlingapi.h"
 
 namespace {
 

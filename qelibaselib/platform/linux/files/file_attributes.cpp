@@ -1,4 +1,4 @@
-#include "platform/linux/file_attributes.h"
+#include "qelibaselib/platform/linux/files/file_attributes.h"
 
 #include <fcntl.h>
 #include <sys/sysmacros.h>
@@ -8,9 +8,9 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "platform/linux/error.h"
-#include "platform/linux/file.h"
-#include "platform/linux/path.h"
+#include "qelibaselib/platform/linux/files/path.h"
+#include "qelibaselib/platform/linux/win32/fileapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

@@ -10,9 +10,9 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "platform/linux/file.h"
-#include "platform/linux/kernel_call.h"
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/base/kernel_call.h"
+#include "qelibaselib/platform/linux/win32/fileapi.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 namespace qel::layer {
 

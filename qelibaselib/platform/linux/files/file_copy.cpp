@@ -1,4 +1,4 @@
-#include "platform/linux/file_copy.h"
+#include "qelibaselib/platform/linux/files/file_copy.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -7,9 +7,9 @@
 #include <memory>
 #include <new>
 
-#include "platform/linux/error.h"
-#include "platform/linux/file.h"
-#include "platform/linux/open_file.h"
+#include "qelibaselib/platform/linux/files/open_file.h"
+#include "qelibaselib/platform/linux/win32/fileapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

@@ -1,7 +1,7 @@
 /// @file
 /// Copying a file by its system paths.
 #pragma once
-#include "platform/linux/path.h"
+#include "qelibaselib/platform/linux/files/path.h"
 
 namespace qel::layer {
 

@@ -8,14 +8,14 @@
 #include <cstring>
 #include <cwchar>
 
-#include "platform/linux/descriptor.h"
-#include "platform/linux/error.h"
-#include "platform/linux/file.h"
-#include "platform/linux/file_attributes.h"
-#include "platform/linux/file_copy.h"
-#include "platform/linux/file_sharing.h"
-#include "platform/linux/path.h"
-#include "platform/linux/view_table.h"
+#include "qelibaselib/platform/linux/base/descriptor.h"
+#include "qelibaselib/platform/linux/files/file_attributes.h"
+#include "qelibaselib/platform/linux/files/file_copy.h"
+#include "qelibaselib/platform/linux/files/file_sharing.h"
+#include "qelibaselib/platform/linux/files/path.h"
+#include "qelibaselib/platform/linux/memory/view_table.h"
+#include "qelibaselib/platform/linux/win32/fileapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

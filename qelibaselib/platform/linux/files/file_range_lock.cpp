@@ -10,10 +10,10 @@
 #include <new>
 #include <vector>
 
-#include "platform/linux/error.h"
-#include "platform/linux/file.h"
-#include "platform/linux/lock_range.h"
-#include "platform/linux/open_file.h"
+#include "qelibaselib/platform/linux/base/lock_range.h"
+#include "qelibaselib/platform/linux/files/open_file.h"
+#include "qelibaselib/platform/linux/win32/fileapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 

@@ -1,4 +1,4 @@
-#include "platform/linux/file_sharing.h"
+#include "qelibaselib/platform/linux/files/file_sharing.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -6,8 +6,8 @@
 
 #include <cerrno>
 
-#include "platform/linux/error.h"
-#include "platform/linux/lock_range.h"
+#include "qelibaselib/platform/linux/base/lock_range.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

@@ -15,13 +15,13 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/linux/error.h"
-#include "platform/linux/file.h"
-#include "platform/linux/file_attributes.h"
-#include "platform/linux/handle_table.h"
-#include "platform/linux/name_pattern.h"
-#include "platform/linux/path.h"
-#include "platform/linux/utf8.h"
+#include "qelibaselib/platform/linux/base/utf8.h"
+#include "qelibaselib/platform/linux/files/file_attributes.h"
+#include "qelibaselib/platform/linux/files/name_pattern.h"
+#include "qelibaselib/platform/linux/files/path.h"
+#include "qelibaselib/platform/linux/handles/handle_table.h"
+#include "qelibaselib/platform/linux/win32/fileapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

@@ -1,10 +1,10 @@
-#include "platform/linux/name_pattern.h"
+#include "qelibaselib/platform/linux/files/name_pattern.h"
 
 #include <algorithm>
 #include <bitset>
 #include <cwctype>
 
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 namespace qel::layer {
 namespace {

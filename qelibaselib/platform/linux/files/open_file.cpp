@@ -1,4 +1,4 @@
-#include "platform/linux/open_file.h"
+#include "qelibaselib/platform/linux/files/open_file.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -8,11 +8,11 @@
 #include <new>
 #include <utility>
 
-#include "platform/linux/error.h"
-#include "platform/linux/file.h"
-#include "platform/linux/synchronization.h"
-#include "platform/linux/text.h"
-#include "platform/linux/view_table.h"
+#include "qelibaselib/platform/linux/memory/view_table.h"
+#include "qelibaselib/platform/linux/win32/fileapi.h"
+#include "qelibaselib/platform/linux/win32/stringapiset.h"
+#include "qelibaselib/platform/linux/win32/synchapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

@@ -6,11 +6,11 @@
 #include <memory>
 #include <mutex>
 
-#include "platform/linux/file_attributes.h"
-#include "platform/linux/file_sharing.h"
-#include "platform/linux/handle_table.h"
-#include "platform/linux/path.h"
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/files/file_attributes.h"
+#include "qelibaselib/platform/linux/files/file_sharing.h"
+#include "qelibaselib/platform/linux/files/path.h"
+#include "qelibaselib/platform/linux/handles/handle_table.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 namespace qel::layer {
 

@@ -1,4 +1,4 @@
-#include "platform/linux/path.h"
+#include "qelibaselib/platform/linux/files/path.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -7,8 +7,8 @@
 #include <cstring>
 #include <cwchar>
 
-#include "platform/linux/error.h"
-#include "platform/linux/utf8.h"
+#include "qelibaselib/platform/linux/base/utf8.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

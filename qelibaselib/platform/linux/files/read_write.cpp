@@ -1,18 +1,17 @@
 // Reading, writing, position and size of an open file.
-#include "platform/linux/file.h"
-
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 
-#include "platform/linux/error.h"
-#include "platform/linux/fault_internal.h"
-#include "platform/linux/fault_probe.h"
-#include "platform/linux/kernel_call.h"
-#include "platform/linux/memory.h"
-#include "platform/linux/open_file.h"
-#include "platform/linux/synchronization.h"
+#include "qelibaselib/platform/linux/base/kernel_call.h"
+#include "qelibaselib/platform/linux/faults/fault_internal.h"
+#include "qelibaselib/platform/linux/faults/fault_probe.h"
+#include "qelibaselib/platform/linux/files/open_file.h"
+#include "qelibaselib/platform/linux/win32/fileapi.h"
+#include "qelibaselib/platform/linux/win32/memoryapi.h"
+#include "qelibaselib/platform/linux/win32/synchapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

@@ -1,13 +1,12 @@
-#include "platform/linux/shell_path.h"
-
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
 #include <cwchar>
 
-#include "platform/linux/error.h"
-#include "platform/linux/path.h"
+#include "qelibaselib/platform/linux/files/path.h"
+#include "qelibaselib/platform/linux/win32/shlwapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

@@ -7,10 +7,10 @@
 #include <cstdio>
 #include <cwchar>
 
-#include "platform/linux/error.h"
-#include "platform/linux/file.h"
-#include "platform/linux/path.h"
-#include "platform/linux/text.h"
+#include "qelibaselib/platform/linux/files/path.h"
+#include "qelibaselib/platform/linux/win32/fileapi.h"
+#include "qelibaselib/platform/linux/win32/stringapiset.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

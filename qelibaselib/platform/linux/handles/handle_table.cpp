@@ -1,12 +1,12 @@
-#include "platform/linux/handle_table.h"
+#include "qelibaselib/platform/linux/handles/handle_table.h"
 
 #include <mutex>
 
-#include "platform/linux/error.h"
-#include "platform/linux/handle.h"
-#include "platform/linux/process.h"
-#include "platform/linux/process_object.h"
-#include "platform/linux/thread_object.h"
+#include "qelibaselib/platform/linux/processes/process_object.h"
+#include "qelibaselib/platform/linux/threads/thread_object.h"
+#include "qelibaselib/platform/linux/win32/handleapi.h"
+#include "qelibaselib/platform/linux/win32/processapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 

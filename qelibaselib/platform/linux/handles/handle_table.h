@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <utility>
 
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 namespace qel::layer {
 

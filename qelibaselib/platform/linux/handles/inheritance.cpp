@@ -1,4 +1,4 @@
-#include "platform/linux/inheritance.h"
+#include "qelibaselib/platform/linux/handles/inheritance.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/event.h"
+#include "qelibaselib/platform/linux/objects/event.h"
 
 namespace qel::layer {
 

@@ -1,5 +1,5 @@
 // What the loader does for a DLL on Windows: calls DllMain of the library that this file is linked into.
-#include "platform/win32.h"
+#include "qelibaselib/platform/win32.h"
 
 extern "C" {
 extern char __ehdr_start[];

@@ -7,11 +7,11 @@
 #include <algorithm>
 #include <atomic>
 
-#include "platform/linux/address_space.h"
-#include "platform/linux/error.h"
-#include "platform/linux/proc_file.h"
-#include "platform/linux/system_info.h"
-#include "platform/linux/view_table.h"
+#include "qelibaselib/platform/linux/base/proc_file.h"
+#include "qelibaselib/platform/linux/memory/regions.h"
+#include "qelibaselib/platform/linux/memory/view_table.h"
+#include "qelibaselib/platform/linux/win32/sysinfoapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

@@ -1,7 +1,7 @@
 #include <cstdlib>
 
-#include "platform/linux/error.h"
-#include "platform/linux/memory.h"
+#include "qelibaselib/platform/linux/win32/memoryapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 HGLOBAL GlobalAlloc(UINT flags, SIZE_T size) {
   constexpr SIZE_T kLargestBytes = 0x7FFE0000;

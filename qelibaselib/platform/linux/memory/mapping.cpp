@@ -1,4 +1,4 @@
-#include "platform/linux/mapping.h"
+#include "qelibaselib/platform/linux/memory/mapping.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -8,12 +8,12 @@
 #include <cerrno>
 #include <new>
 
-#include "platform/linux/address_space.h"
-#include "platform/linux/error.h"
-#include "platform/linux/memory.h"
-#include "platform/linux/named_section.h"
-#include "platform/linux/open_file.h"
-#include "platform/linux/system_info.h"
+#include "qelibaselib/platform/linux/files/open_file.h"
+#include "qelibaselib/platform/linux/memory/named_section.h"
+#include "qelibaselib/platform/linux/memory/regions.h"
+#include "qelibaselib/platform/linux/win32/memoryapi.h"
+#include "qelibaselib/platform/linux/win32/sysinfoapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

@@ -4,9 +4,9 @@
 #include <memory>
 #include <utility>
 
-#include "platform/linux/handle_table.h"
-#include "platform/linux/object_namespace.h"
-#include "platform/linux/view_table.h"
+#include "qelibaselib/platform/linux/handles/handle_table.h"
+#include "qelibaselib/platform/linux/memory/view_table.h"
+#include "qelibaselib/platform/linux/objects/object_namespace.h"
 
 namespace qel::layer {
 

@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/linux/address_space.h"
-#include "platform/linux/error.h"
+#include "qelibaselib/platform/linux/memory/regions.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 

@@ -1,6 +1,6 @@
-#include "platform/linux/fault_internal.h"
-#include "platform/linux/fault_probe.h"
-#include "platform/linux/memory.h"
+#include "qelibaselib/platform/linux/faults/fault_internal.h"
+#include "qelibaselib/platform/linux/faults/fault_probe.h"
+#include "qelibaselib/platform/linux/win32/memoryapi.h"
 
 namespace {
 

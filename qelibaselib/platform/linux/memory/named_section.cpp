@@ -1,4 +1,4 @@
-#include "platform/linux/named_section.h"
+#include "qelibaselib/platform/linux/memory/named_section.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -10,9 +10,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "platform/linux/address_space.h"
-#include "platform/linux/error.h"
-#include "platform/linux/memory.h"
+#include "qelibaselib/platform/linux/memory/regions.h"
+#include "qelibaselib/platform/linux/win32/memoryapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

@@ -1,7 +1,7 @@
 /// @file
 /// Mappings that other processes reach by name.
 #pragma once
-#include "platform/linux/mapping.h"
+#include "qelibaselib/platform/linux/memory/mapping.h"
 
 namespace qel::layer {
 

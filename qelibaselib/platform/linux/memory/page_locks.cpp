@@ -1,5 +1,5 @@
 // The kernel does not say which pages are locked, so the ranges are remembered here; locks do not nest, as on Windows.
-#include "platform/linux/page_locks.h"
+#include "qelibaselib/platform/linux/memory/page_locks.h"
 
 #include <pthread.h>
 #include <sys/syscall.h>
@@ -10,10 +10,10 @@
 #include <mutex>
 #include <new>
 
-#include "platform/linux/error.h"
-#include "platform/linux/memory.h"
-#include "platform/linux/page_set.h"
-#include "platform/linux/virtual_query.h"
+#include "qelibaselib/platform/linux/memory/page_set.h"
+#include "qelibaselib/platform/linux/memory/virtual_query.h"
+#include "qelibaselib/platform/linux/win32/memoryapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

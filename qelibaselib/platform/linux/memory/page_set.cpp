@@ -1,4 +1,4 @@
-#include "platform/linux/page_set.h"
+#include "qelibaselib/platform/linux/memory/page_set.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "platform/linux/placement.h"
+#include "qelibaselib/platform/linux/memory/placement.h"
 
 #include <sys/mman.h>
 
@@ -6,7 +6,7 @@
 #include <atomic>
 #include <cerrno>
 
-#include "platform/linux/memory_map.h"
+#include "qelibaselib/platform/linux/memory/memory_map.h"
 
 namespace qel::layer {
 namespace {

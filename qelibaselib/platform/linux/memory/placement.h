@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 namespace qel::layer {
 

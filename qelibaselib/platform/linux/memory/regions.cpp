@@ -1,11 +1,11 @@
-#include "platform/linux/address_space.h"
+#include "qelibaselib/platform/linux/memory/regions.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <type_traits>
 
-#include "platform/linux/memory.h"
+#include "qelibaselib/platform/linux/win32/memoryapi.h"
 
 namespace qel::layer {
 namespace {

@@ -5,13 +5,13 @@
 
 #include <cerrno>
 
-#include "platform/linux/error.h"
-#include "platform/linux/file_sharing.h"
-#include "platform/linux/mapping.h"
-#include "platform/linux/memory.h"
-#include "platform/linux/page_locks.h"
-#include "platform/linux/placement.h"
-#include "platform/linux/virtual_query.h"
+#include "qelibaselib/platform/linux/files/file_sharing.h"
+#include "qelibaselib/platform/linux/memory/mapping.h"
+#include "qelibaselib/platform/linux/memory/page_locks.h"
+#include "qelibaselib/platform/linux/memory/placement.h"
+#include "qelibaselib/platform/linux/memory/virtual_query.h"
+#include "qelibaselib/platform/linux/win32/memoryapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

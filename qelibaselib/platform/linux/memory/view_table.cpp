@@ -1,4 +1,4 @@
-#include "platform/linux/view_table.h"
+#include "qelibaselib/platform/linux/memory/view_table.h"
 
 #include <pthread.h>
 #include <unistd.h>
@@ -7,7 +7,7 @@
 #include <new>
 #include <utility>
 
-#include "platform/linux/handle_table.h"
+#include "qelibaselib/platform/linux/handles/handle_table.h"
 
 namespace qel::layer {
 namespace {

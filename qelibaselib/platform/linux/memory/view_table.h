@@ -8,8 +8,8 @@
 #include <mutex>
 #include <optional>
 
-#include "platform/linux/page_set.h"
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/memory/page_set.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 namespace qel::layer {
 

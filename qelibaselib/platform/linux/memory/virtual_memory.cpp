@@ -5,12 +5,12 @@
 #include <new>
 #include <utility>
 
-#include "platform/linux/error.h"
-#include "platform/linux/memory.h"
-#include "platform/linux/page_locks.h"
-#include "platform/linux/placement.h"
-#include "platform/linux/view_table.h"
-#include "platform/linux/virtual_query.h"
+#include "qelibaselib/platform/linux/memory/page_locks.h"
+#include "qelibaselib/platform/linux/memory/placement.h"
+#include "qelibaselib/platform/linux/memory/view_table.h"
+#include "qelibaselib/platform/linux/memory/virtual_query.h"
+#include "qelibaselib/platform/linux/win32/memoryapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

@@ -1,14 +1,14 @@
-#include "platform/linux/virtual_query.h"
+#include "qelibaselib/platform/linux/memory/virtual_query.h"
 
 #include <dlfcn.h>
 #include <time.h>
 
 #include <algorithm>
 
-#include "platform/linux/memory.h"
-#include "platform/linux/memory_map.h"
-#include "platform/linux/thread_data.h"
-#include "platform/linux/view_table.h"
+#include "qelibaselib/platform/linux/memory/memory_map.h"
+#include "qelibaselib/platform/linux/memory/view_table.h"
+#include "qelibaselib/platform/linux/threads/thread_data.h"
+#include "qelibaselib/platform/linux/win32/memoryapi.h"
 
 namespace qel::layer {
 namespace {

@@ -1,7 +1,7 @@
 /// @file
 /// What the address space looks like, for the other memory calls.
 #pragma once
-#include "platform/linux/address_space.h"
+#include "qelibaselib/platform/linux/memory/regions.h"
 
 namespace qel::layer {
 

@@ -1,13 +1,13 @@
 // What happens when the layer is loaded and unloaded, and in a forked child.
 #include <pthread.h>
 
-#include "platform/linux/handle_table.h"
-#include "platform/linux/inheritance.h"
-#include "platform/linux/module_list.h"
-#include "platform/linux/mutex.h"
-#include "platform/linux/object_namespace.h"
-#include "platform/linux/process_object.h"
-#include "platform/linux/thread_data.h"
+#include "qelibaselib/platform/linux/handles/handle_table.h"
+#include "qelibaselib/platform/linux/handles/inheritance.h"
+#include "qelibaselib/platform/linux/modules/module_list.h"
+#include "qelibaselib/platform/linux/objects/mutex.h"
+#include "qelibaselib/platform/linux/objects/object_namespace.h"
+#include "qelibaselib/platform/linux/processes/process_object.h"
+#include "qelibaselib/platform/linux/threads/thread_data.h"
 
 namespace qel::layer {
 namespace {

@@ -1,5 +1,3 @@
-#include "platform/linux/module.h"
-
 #include <link.h>
 #include <strings.h>
 #include <unistd.h>
@@ -8,11 +6,12 @@
 #include <cstring>
 #include <string_view>
 
-#include "platform/linux/address_space.h"
-#include "platform/linux/error.h"
-#include "platform/linux/process.h"
-#include "platform/linux/utf8.h"
-#include "platform/linux/version.h"
+#include "qelibaselib/platform/linux/base/utf8.h"
+#include "qelibaselib/platform/linux/memory/regions.h"
+#include "qelibaselib/platform/linux/system/version.h"
+#include "qelibaselib/platform/linux/win32/libloaderapi.h"
+#include "qelibaselib/platform/linux/win32/processapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

@@ -1,11 +1,11 @@
-#include "platform/linux/module_list.h"
+#include "qelibaselib/platform/linux/modules/module_list.h"
 
 #include <algorithm>
 #include <mutex>
 #include <new>
 #include <utility>
 
-#include "platform/linux/thread.h"
+#include "qelibaselib/platform/linux/win32/threadapi.h"
 
 namespace qel::layer {
 namespace {

@@ -1,7 +1,7 @@
 /// @file
 /// The modules that are told of threads.
 #pragma once
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 namespace qel::layer {
 

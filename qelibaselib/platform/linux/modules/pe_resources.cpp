@@ -2,8 +2,8 @@
 #include <cstring>
 #include <optional>
 
-#include "platform/linux/error.h"
-#include "platform/linux/version_resource.h"
+#include "qelibaselib/platform/linux/modules/version_resource.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

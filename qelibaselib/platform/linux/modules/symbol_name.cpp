@@ -1,4 +1,4 @@
-#include "platform/linux/symbol_name.h"
+#include "qelibaselib/platform/linux/modules/symbol_name.h"
 
 #include <cxxabi.h>
 

@@ -1,4 +1,4 @@
-#include "platform/linux/symbol_store.h"
+#include "qelibaselib/platform/linux/modules/symbol_store.h"
 
 #include <elf.h>
 #include <fcntl.h>
@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/symbol_name.h"
-#include "platform/linux/symbol_table.h"
+#include "qelibaselib/platform/linux/modules/symbol_name.h"
+#include "qelibaselib/platform/linux/modules/symbol_table.h"
 
 namespace qel::layer {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/linux/symbol_table.h"
+#include "qelibaselib/platform/linux/modules/symbol_table.h"
 
 #include <elf.h>
 #include <sys/mman.h>
@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "platform/linux/memory.h"
+#include "qelibaselib/platform/linux/win32/memoryapi.h"
 
 namespace qel::layer {
 namespace {

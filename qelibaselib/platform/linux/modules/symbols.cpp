@@ -1,8 +1,8 @@
 #include <atomic>
 
-#include "platform/linux/error.h"
-#include "platform/linux/module.h"
-#include "platform/linux/symbol_store.h"
+#include "qelibaselib/platform/linux/modules/symbol_store.h"
+#include "qelibaselib/platform/linux/win32/libloaderapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

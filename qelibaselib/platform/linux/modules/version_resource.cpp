@@ -1,4 +1,4 @@
-#include "platform/linux/version_resource.h"
+#include "qelibaselib/platform/linux/modules/version_resource.h"
 
 #include <cstring>
 #include <new>
@@ -6,11 +6,11 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/error.h"
-#include "platform/linux/file.h"
-#include "platform/linux/handle.h"
-#include "platform/linux/module.h"
-#include "platform/linux/text.h"
+#include "qelibaselib/platform/linux/win32/fileapi.h"
+#include "qelibaselib/platform/linux/win32/handleapi.h"
+#include "qelibaselib/platform/linux/win32/libloaderapi.h"
+#include "qelibaselib/platform/linux/win32/stringapiset.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

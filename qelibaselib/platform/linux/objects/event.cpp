@@ -1,7 +1,7 @@
-#include "platform/linux/event.h"
+#include "qelibaselib/platform/linux/objects/event.h"
 
-#include "platform/linux/inheritance.h"
-#include "platform/linux/synchronization.h"
+#include "qelibaselib/platform/linux/handles/inheritance.h"
+#include "qelibaselib/platform/linux/win32/synchapi.h"
 
 namespace qel::layer {
 

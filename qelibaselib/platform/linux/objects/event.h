@@ -1,7 +1,7 @@
 /// @file
 /// Events.
 #pragma once
-#include "platform/linux/waitable.h"
+#include "qelibaselib/platform/linux/objects/waitable.h"
 
 namespace qel::layer {
 

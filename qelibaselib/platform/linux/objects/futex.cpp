@@ -1,4 +1,4 @@
-#include "platform/linux/futex.h"
+#include "qelibaselib/platform/linux/objects/futex.h"
 
 #include <linux/futex.h>
 #include <sys/syscall.h>

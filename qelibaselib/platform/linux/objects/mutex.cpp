@@ -1,13 +1,13 @@
-#include "platform/linux/mutex.h"
+#include "qelibaselib/platform/linux/objects/mutex.h"
 
 #include <unistd.h>
 
 #include <cerrno>
 
-#include "platform/linux/block_reserve.h"
-#include "platform/linux/error.h"
-#include "platform/linux/synchronization.h"
-#include "platform/linux/thread_data.h"
+#include "qelibaselib/platform/linux/objects/block_reserve.h"
+#include "qelibaselib/platform/linux/threads/thread_data.h"
+#include "qelibaselib/platform/linux/win32/synchapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

@@ -3,7 +3,7 @@
 #pragma once
 #include <pthread.h>
 
-#include "platform/linux/waitable.h"
+#include "qelibaselib/platform/linux/objects/waitable.h"
 
 namespace qel::layer {
 

@@ -1,4 +1,4 @@
-#include "platform/linux/object_file.h"
+#include "qelibaselib/platform/linux/objects/object_locks.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -6,8 +6,8 @@
 
 #include <cerrno>
 
-#include "platform/linux/folder_entries.h"
-#include "platform/linux/lock_range.h"
+#include "qelibaselib/platform/linux/base/folder_entries.h"
+#include "qelibaselib/platform/linux/base/lock_range.h"
 
 namespace qel::layer {
 namespace {

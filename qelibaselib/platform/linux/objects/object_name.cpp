@@ -1,4 +1,4 @@
-#include "platform/linux/object_name.h"
+#include "qelibaselib/platform/linux/objects/object_name.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "platform/linux/error.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/linux/object_namespace.h"
+#include "qelibaselib/platform/linux/objects/object_namespace.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,11 +9,11 @@
 #include <mutex>
 #include <new>
 
-#include "platform/linux/error.h"
-#include "platform/linux/object_file.h"
-#include "platform/linux/object_name.h"
-#include "platform/linux/object_storage.h"
-#include "platform/linux/shared_folder.h"
+#include "qelibaselib/platform/linux/objects/object_locks.h"
+#include "qelibaselib/platform/linux/objects/object_name.h"
+#include "qelibaselib/platform/linux/objects/object_storage.h"
+#include "qelibaselib/platform/linux/objects/shared_folder.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

@@ -13,9 +13,9 @@
 #include <new>
 #include <utility>
 
-#include "platform/linux/futex.h"
-#include "platform/linux/handle_table.h"
-#include "platform/linux/object_users.h"
+#include "qelibaselib/platform/linux/handles/handle_table.h"
+#include "qelibaselib/platform/linux/objects/futex.h"
+#include "qelibaselib/platform/linux/objects/object_users.h"
 
 namespace qel::layer {
 

@@ -1,4 +1,4 @@
-#include "platform/linux/object_storage.h"
+#include "qelibaselib/platform/linux/objects/object_storage.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -8,9 +8,9 @@
 #include <cerrno>
 #include <new>
 
-#include "platform/linux/block_reserve.h"
-#include "platform/linux/error.h"
-#include "platform/linux/mutex.h"
+#include "qelibaselib/platform/linux/objects/block_reserve.h"
+#include "qelibaselib/platform/linux/objects/mutex.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

@@ -2,8 +2,8 @@
 /// The memory behind an object: of this process alone, of a descriptor that a child can be given, or of the file of a
 /// name.
 #pragma once
-#include "platform/linux/object_namespace.h"
-#include "platform/linux/object_users.h"
+#include "qelibaselib/platform/linux/objects/object_namespace.h"
+#include "qelibaselib/platform/linux/objects/object_users.h"
 
 namespace qel::layer {
 

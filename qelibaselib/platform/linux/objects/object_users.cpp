@@ -1,11 +1,11 @@
-#include "platform/linux/object_users.h"
+#include "qelibaselib/platform/linux/objects/object_users.h"
 
 #include <bit>
 #include <cerrno>
 
-#include "platform/linux/futex.h"
-#include "platform/linux/mutex.h"
-#include "platform/linux/object_file.h"
+#include "qelibaselib/platform/linux/objects/futex.h"
+#include "qelibaselib/platform/linux/objects/mutex.h"
+#include "qelibaselib/platform/linux/objects/object_locks.h"
 
 namespace qel::layer {
 namespace {

@@ -1,5 +1,5 @@
-#include "platform/linux/synchronization.h"
-#include "platform/linux/waitable.h"
+#include "qelibaselib/platform/linux/objects/waitable.h"
+#include "qelibaselib/platform/linux/win32/synchapi.h"
 
 namespace qel::layer {
 namespace {

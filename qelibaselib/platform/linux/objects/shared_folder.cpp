@@ -1,4 +1,4 @@
-#include "platform/linux/shared_folder.h"
+#include "qelibaselib/platform/linux/objects/shared_folder.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -10,9 +10,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "platform/linux/descriptor.h"
-#include "platform/linux/error.h"
-#include "platform/linux/folder_entries.h"
+#include "qelibaselib/platform/linux/base/descriptor.h"
+#include "qelibaselib/platform/linux/base/folder_entries.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

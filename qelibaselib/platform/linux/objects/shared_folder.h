@@ -3,7 +3,7 @@
 #pragma once
 #include <sys/types.h>
 
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 namespace qel::layer {
 

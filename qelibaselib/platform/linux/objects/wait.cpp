@@ -1,14 +1,13 @@
-#include "platform/linux/wait.h"
-
 #include <algorithm>
 #include <array>
 #include <optional>
 
-#include "platform/linux/error.h"
-#include "platform/linux/process.h"
-#include "platform/linux/process_object.h"
-#include "platform/linux/thread_object.h"
-#include "platform/linux/waitable.h"
+#include "qelibaselib/platform/linux/objects/waitable.h"
+#include "qelibaselib/platform/linux/processes/process_object.h"
+#include "qelibaselib/platform/linux/threads/thread_object.h"
+#include "qelibaselib/platform/linux/win32/processapi.h"
+#include "qelibaselib/platform/linux/win32/waitapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

@@ -4,9 +4,9 @@
 #include <new>
 #include <utility>
 
-#include "platform/linux/error.h"
-#include "platform/linux/futex.h"
-#include "platform/linux/object_namespace.h"
+#include "qelibaselib/platform/linux/objects/futex.h"
+#include "qelibaselib/platform/linux/objects/object_namespace.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 

@@ -1,4 +1,4 @@
-#include "platform/linux/command_line.h"
+#include "qelibaselib/platform/linux/processes/command_line.h"
 
 #include <algorithm>
 

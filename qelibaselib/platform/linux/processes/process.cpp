@@ -1,5 +1,3 @@
-#include "platform/linux/process.h"
-
 #include <sched.h>
 #include <spawn.h>
 #include <unistd.h>
@@ -10,10 +8,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/linux/command_line.h"
-#include "platform/linux/error.h"
-#include "platform/linux/inheritance.h"
-#include "platform/linux/process_object.h"
+#include "qelibaselib/platform/linux/handles/inheritance.h"
+#include "qelibaselib/platform/linux/processes/command_line.h"
+#include "qelibaselib/platform/linux/processes/process_object.h"
+#include "qelibaselib/platform/linux/win32/processapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/linux/process_object.h"
+#include "qelibaselib/platform/linux/processes/process_object.h"
 
 #include <poll.h>
 #include <sys/syscall.h>
@@ -9,7 +9,7 @@
 #include <csignal>
 #include <vector>
 
-#include "platform/linux/thread.h"
+#include "qelibaselib/platform/linux/win32/threadapi.h"
 
 namespace qel::layer {
 namespace {

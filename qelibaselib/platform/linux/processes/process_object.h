@@ -5,7 +5,7 @@
 
 #include <mutex>
 
-#include "platform/linux/waitable.h"
+#include "qelibaselib/platform/linux/objects/waitable.h"
 
 namespace qel::layer {
 

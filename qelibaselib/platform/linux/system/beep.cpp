@@ -4,8 +4,8 @@
 
 #include <cerrno>
 
-#include "platform/linux/error.h"
-#include "platform/linux/system_info.h"
+#include "qelibaselib/platform/linux/win32/sysinfoapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace {
 

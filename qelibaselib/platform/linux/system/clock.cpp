@@ -3,7 +3,7 @@
 #include <atomic>
 #include <chrono>
 
-#include "platform/linux/system_info.h"
+#include "qelibaselib/platform/linux/win32/sysinfoapi.h"
 
 namespace {
 

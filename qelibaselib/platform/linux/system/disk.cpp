@@ -5,10 +5,10 @@
 #include <cstring>
 #include <new>
 
-#include "platform/linux/error.h"
-#include "platform/linux/mount_table.h"
-#include "platform/linux/small_file.h"
-#include "platform/linux/system_info.h"
+#include "qelibaselib/platform/linux/base/small_file.h"
+#include "qelibaselib/platform/linux/system/mount_table.h"
+#include "qelibaselib/platform/linux/win32/sysinfoapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

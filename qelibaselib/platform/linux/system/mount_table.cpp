@@ -1,11 +1,11 @@
-#include "platform/linux/mount_table.h"
+#include "qelibaselib/platform/linux/system/mount_table.h"
 
 #include <algorithm>
 #include <iterator>
 #include <optional>
 
-#include "platform/linux/address_space.h"
-#include "platform/linux/system_info.h"
+#include "qelibaselib/platform/linux/memory/regions.h"
+#include "qelibaselib/platform/linux/win32/sysinfoapi.h"
 
 namespace qel::layer {
 namespace {

@@ -8,10 +8,10 @@
 #include <new>
 #include <string>
 
-#include "platform/linux/error.h"
-#include "platform/linux/profile_text.h"
-#include "platform/linux/small_file.h"
-#include "platform/linux/system_info.h"
+#include "qelibaselib/platform/linux/base/small_file.h"
+#include "qelibaselib/platform/linux/system/profile_text.h"
+#include "qelibaselib/platform/linux/win32/sysinfoapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

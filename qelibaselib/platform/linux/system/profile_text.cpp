@@ -1,4 +1,4 @@
-#include "platform/linux/profile_text.h"
+#include "qelibaselib/platform/linux/system/profile_text.h"
 
 #include <strings.h>
 

@@ -1,14 +1,13 @@
-#include "platform/linux/system_info.h"
-
 #include <cpuid.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 
-#include "platform/linux/address_space.h"
-#include "platform/linux/error.h"
-#include "platform/linux/process.h"
+#include "qelibaselib/platform/linux/memory/regions.h"
+#include "qelibaselib/platform/linux/win32/processapi.h"
+#include "qelibaselib/platform/linux/win32/sysinfoapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

@@ -8,9 +8,9 @@
 #include <memory>
 #include <new>
 
-#include "platform/linux/error.h"
-#include "platform/linux/system_info.h"
-#include "platform/linux/utf8.h"
+#include "qelibaselib/platform/linux/base/utf8.h"
+#include "qelibaselib/platform/linux/win32/sysinfoapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

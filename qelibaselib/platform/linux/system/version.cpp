@@ -1,4 +1,4 @@
-#include "platform/linux/version.h"
+#include "qelibaselib/platform/linux/system/version.h"
 
 #include <sys/utsname.h>
 

@@ -1,7 +1,7 @@
 /// @file
 /// The version query that programs look up by name.
 #pragma once
-#include "platform/linux/system_info.h"
+#include "qelibaselib/platform/linux/win32/sysinfoapi.h"
 
 namespace qel::layer {
 

@@ -1,12 +1,11 @@
-#include "platform/linux/text.h"
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <cwctype>
 
-#include "platform/linux/error.h"
-#include "platform/linux/utf8.h"
+#include "qelibaselib/platform/linux/base/utf8.h"
+#include "qelibaselib/platform/linux/win32/stringapiset.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

@@ -9,10 +9,10 @@
 #include <cstring>
 #include <new>
 
-#include "platform/linux/error.h"
-#include "platform/linux/file_sharing.h"
-#include "platform/linux/path.h"
-#include "platform/linux/text.h"
+#include "qelibaselib/platform/linux/files/file_sharing.h"
+#include "qelibaselib/platform/linux/files/path.h"
+#include "qelibaselib/platform/linux/win32/stringapiset.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

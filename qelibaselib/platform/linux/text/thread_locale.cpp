@@ -1,4 +1,4 @@
-#include "platform/thread_locale.h"
+#include "qelibaselib/platform/thread_locale.h"
 
 #include <langinfo.h>
 
@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-#include "platform/linux/thread_data.h"
+#include "qelibaselib/platform/linux/threads/thread_data.h"
 
 namespace {
 

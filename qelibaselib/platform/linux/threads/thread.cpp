@@ -1,5 +1,3 @@
-#include "platform/linux/thread.h"
-
 #include <cxxabi.h>
 #include <limits.h>
 #include <pthread.h>
@@ -12,11 +10,12 @@
 #include <ctime>
 #include <memory>
 
-#include "platform/linux/error.h"
-#include "platform/linux/module_list.h"
-#include "platform/linux/mutex.h"
-#include "platform/linux/thread_data.h"
-#include "platform/linux/thread_object.h"
+#include "qelibaselib/platform/linux/modules/module_list.h"
+#include "qelibaselib/platform/linux/objects/mutex.h"
+#include "qelibaselib/platform/linux/threads/thread_data.h"
+#include "qelibaselib/platform/linux/threads/thread_object.h"
+#include "qelibaselib/platform/linux/win32/threadapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 extern "C" void* __dso_handle;
 

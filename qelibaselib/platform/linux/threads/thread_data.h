@@ -1,7 +1,7 @@
 /// @file
 /// What the layer keeps for each thread.
 #pragma once
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 namespace qel::layer {
 

@@ -3,9 +3,9 @@
 #include <mutex>
 #include <utility>
 
-#include "platform/linux/error.h"
-#include "platform/linux/thread.h"
-#include "platform/linux/thread_data.h"
+#include "qelibaselib/platform/linux/threads/thread_data.h"
+#include "qelibaselib/platform/linux/win32/threadapi.h"
+#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {

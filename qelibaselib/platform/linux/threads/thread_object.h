@@ -1,8 +1,8 @@
 /// @file
 /// Threads as objects, also those that the layer did not start.
 #pragma once
-#include "platform/linux/thread.h"
-#include "platform/linux/waitable.h"
+#include "qelibaselib/platform/linux/objects/waitable.h"
+#include "qelibaselib/platform/linux/win32/threadapi.h"
 
 namespace qel::layer {
 

@@ -1,7 +1,7 @@
 /// @file
 /// Exception records and contexts, raising, the unhandled-exception filter, the thread's translator.
 #pragma once
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 struct FLOATING_SAVE_AREA {
   DWORD ControlWord, StatusWord, TagWord, ErrorOffset, ErrorSelector, DataOffset, DataSelector;

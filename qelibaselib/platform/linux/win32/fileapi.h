@@ -1,7 +1,7 @@
 /// @file
 /// Opening, reading and writing files; attributes, deletion, moving, copying; searching folders.
 #pragma once
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 #define GENERIC_READ 0x80000000ul
 #define GENERIC_WRITE 0x40000000ul

@@ -1,7 +1,7 @@
 /// @file
 /// Control words of the two floating-point units.
 #pragma once
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 #define _EM_INEXACT 0x00000001u
 #define _EM_UNDERFLOW 0x00000002u

@@ -1,7 +1,7 @@
 /// @file
 /// Handles: closing, duplicating, counting.
 #pragma once
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 #define DUPLICATE_CLOSE_SOURCE 1ul
 #define DUPLICATE_SAME_ACCESS 2ul

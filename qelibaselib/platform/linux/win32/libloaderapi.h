@@ -1,8 +1,8 @@
 /// @file
 /// Loaded modules, their names, entry points and symbols; version resources.
 #pragma once
-#include "platform/linux/fault.h"
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/win32/errhandlingapi.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 struct MODULEINFO {
   LPVOID lpBaseOfDll;

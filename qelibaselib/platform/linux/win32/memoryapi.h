@@ -1,7 +1,7 @@
 /// @file
 /// Mappings and views, virtual memory, probes, global blocks.
 #pragma once
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 #define PAGE_NOACCESS 0x01ul
 #define PAGE_READONLY 0x02ul

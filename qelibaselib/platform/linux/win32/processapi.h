@@ -1,7 +1,7 @@
 /// @file
 /// Processes: the own one, its environment, starting and ending another.
 #pragma once
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 #define PROCESS_TERMINATE 0x0001ul
 #define PROCESS_QUERY_INFORMATION 0x0400ul

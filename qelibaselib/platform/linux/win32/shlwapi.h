@@ -1,7 +1,7 @@
 /// @file
 /// The shell's path services, on the text of a path, and the making of a chain of folders.
 #pragma once
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 extern "C" {
 QEL_LAYER LPWSTR WINAPI PathCombineW(LPWSTR result, LPCWSTR folder, LPCWSTR more);

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cwchar>
 
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 #define CP_ACP 0u
 #define CP_UTF8 65001u

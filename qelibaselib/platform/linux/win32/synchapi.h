@@ -1,7 +1,7 @@
 /// @file
 /// Events, mutexes, semaphores and waitable timers. Named objects are the user's and the login session's own.
 #pragma once
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 #define SYNCHRONIZE 0x00100000ul
 #define EVENT_MODIFY_STATE 0x0002ul

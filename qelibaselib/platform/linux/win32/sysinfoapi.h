@@ -1,7 +1,7 @@
 /// @file
 /// The machine and the system: clock, counters, memory status, processors, version, user, disks, profile.
 #pragma once
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 struct MEMORYSTATUSEX {
   DWORD dwLength, dwMemoryLoad;

@@ -1,7 +1,7 @@
 /// @file
 /// Threads, thread-local slots, sleeping, interlocked counters.
 #pragma once
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 #define THREAD_PRIORITY_IDLE (-15)
 #define THREAD_PRIORITY_LOWEST (-2)

@@ -1,7 +1,7 @@
 /// @file
 /// Waiting for one and for several objects.
 #pragma once
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 #define WAIT_OBJECT_0 0ul
 #define WAIT_ABANDONED 0x80ul

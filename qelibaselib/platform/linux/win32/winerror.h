@@ -1,7 +1,7 @@
 /// @file
 /// The thread's last error and the error numbers that the layer gives.
 #pragma once
-#include "platform/linux/types.h"
+#include "qelibaselib/platform/linux/win32/windef.h"
 
 #define NO_ERROR 0ul
 #define ERROR_SUCCESS 0ul

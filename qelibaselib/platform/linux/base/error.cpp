@@ -1,3 +1,5 @@
+#include "qelibaselib/platform/linux/base/error.h"
+
 #include <cerrno>
 
 #include "qelibaselib/platform/linux/win32/winerror.h"

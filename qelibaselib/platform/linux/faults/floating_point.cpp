@@ -1,6 +1,5 @@
-#include "qelibaselib/platform/linux/win32/floating_point.h"
-
 #include "qelibaselib/platform/control_words.h"
+#include "qelibaselib/platform/linux/win32/crt.h"
 
 extern "C" unsigned int _clearfp() {
   unsigned short status;

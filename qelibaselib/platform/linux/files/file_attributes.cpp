@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/files/path.h"
 #include "qelibaselib/platform/linux/win32/fileapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"

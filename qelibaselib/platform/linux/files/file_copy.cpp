@@ -7,6 +7,7 @@
 #include <memory>
 #include <new>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/files/open_file.h"
 #include "qelibaselib/platform/linux/win32/fileapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"

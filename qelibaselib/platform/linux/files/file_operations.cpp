@@ -9,6 +9,7 @@
 #include <cwchar>
 
 #include "qelibaselib/platform/linux/base/descriptor.h"
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/files/file_attributes.h"
 #include "qelibaselib/platform/linux/files/file_copy.h"
 #include "qelibaselib/platform/linux/files/file_sharing.h"

@@ -10,6 +10,7 @@
 #include <new>
 #include <vector>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/base/lock_range.h"
 #include "qelibaselib/platform/linux/files/open_file.h"
 #include "qelibaselib/platform/linux/win32/fileapi.h"

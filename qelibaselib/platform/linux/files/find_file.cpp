@@ -15,6 +15,7 @@
 #include <string_view>
 #include <vector>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/base/utf8.h"
 #include "qelibaselib/platform/linux/files/file_attributes.h"
 #include "qelibaselib/platform/linux/files/name_pattern.h"

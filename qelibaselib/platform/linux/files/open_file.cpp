@@ -8,9 +8,10 @@
 #include <new>
 #include <utility>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/memory/view_table.h"
+#include "qelibaselib/platform/linux/win32/crt.h"
 #include "qelibaselib/platform/linux/win32/fileapi.h"
-#include "qelibaselib/platform/linux/win32/stringapiset.h"
 #include "qelibaselib/platform/linux/win32/synchapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <cwchar>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/base/utf8.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 

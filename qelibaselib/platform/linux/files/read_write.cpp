@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/base/kernel_call.h"
 #include "qelibaselib/platform/linux/faults/fault_internal.h"
 #include "qelibaselib/platform/linux/faults/fault_probe.h"

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <cwchar>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/files/path.h"
 #include "qelibaselib/platform/linux/win32/shlwapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"

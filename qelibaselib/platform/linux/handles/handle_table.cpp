@@ -5,7 +5,7 @@
 #include "qelibaselib/platform/linux/processes/process_object.h"
 #include "qelibaselib/platform/linux/threads/thread_object.h"
 #include "qelibaselib/platform/linux/win32/handleapi.h"
-#include "qelibaselib/platform/linux/win32/processapi.h"
+#include "qelibaselib/platform/linux/win32/processthreadsapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {

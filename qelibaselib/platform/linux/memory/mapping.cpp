@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <new>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/files/open_file.h"
 #include "qelibaselib/platform/linux/memory/named_section.h"
 #include "qelibaselib/platform/linux/memory/regions.h"

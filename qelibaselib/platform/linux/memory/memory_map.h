@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/memory/regions.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 

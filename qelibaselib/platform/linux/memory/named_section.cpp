@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/memory/regions.h"
 #include "qelibaselib/platform/linux/win32/memoryapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"

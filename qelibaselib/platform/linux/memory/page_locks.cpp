@@ -10,6 +10,7 @@
 #include <mutex>
 #include <new>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/memory/page_set.h"
 #include "qelibaselib/platform/linux/memory/virtual_query.h"
 #include "qelibaselib/platform/linux/win32/memoryapi.h"

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/files/file_sharing.h"
 #include "qelibaselib/platform/linux/memory/mapping.h"
 #include "qelibaselib/platform/linux/memory/page_locks.h"

@@ -5,6 +5,7 @@
 #include <new>
 #include <utility>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/memory/page_locks.h"
 #include "qelibaselib/platform/linux/memory/placement.h"
 #include "qelibaselib/platform/linux/memory/view_table.h"

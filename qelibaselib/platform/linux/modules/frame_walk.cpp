@@ -2,6 +2,7 @@
 #include <initializer_list>
 
 #include "qelibaselib/platform/linux/modules/symbol_store.h"
+#include "qelibaselib/platform/linux/win32/dbghelp.h"
 #include "qelibaselib/platform/linux/win32/libloaderapi.h"
 #include "qelibaselib/platform/linux/win32/memoryapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"

@@ -10,7 +10,7 @@
 #include "qelibaselib/platform/linux/memory/regions.h"
 #include "qelibaselib/platform/linux/system/version.h"
 #include "qelibaselib/platform/linux/win32/libloaderapi.h"
-#include "qelibaselib/platform/linux/win32/processapi.h"
+#include "qelibaselib/platform/linux/win32/processthreadsapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {

@@ -5,7 +5,7 @@
 #include <new>
 #include <utility>
 
-#include "qelibaselib/platform/linux/win32/threadapi.h"
+#include "qelibaselib/platform/linux/win32/processthreadsapi.h"
 
 namespace qel::layer {
 namespace {

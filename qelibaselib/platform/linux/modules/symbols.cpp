@@ -1,6 +1,7 @@
 #include <atomic>
 
 #include "qelibaselib/platform/linux/modules/symbol_store.h"
+#include "qelibaselib/platform/linux/win32/dbghelp.h"
 #include "qelibaselib/platform/linux/win32/libloaderapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 

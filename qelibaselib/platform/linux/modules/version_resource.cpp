@@ -9,8 +9,8 @@
 #include "qelibaselib/platform/linux/win32/fileapi.h"
 #include "qelibaselib/platform/linux/win32/handleapi.h"
 #include "qelibaselib/platform/linux/win32/libloaderapi.h"
-#include "qelibaselib/platform/linux/win32/stringapiset.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
+#include "qelibaselib/platform/linux/win32/winver.h"
 
 namespace qel::layer {
 namespace {

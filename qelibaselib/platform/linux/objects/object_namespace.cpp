@@ -9,6 +9,7 @@
 #include <mutex>
 #include <new>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/objects/object_locks.h"
 #include "qelibaselib/platform/linux/objects/object_name.h"
 #include "qelibaselib/platform/linux/objects/object_storage.h"

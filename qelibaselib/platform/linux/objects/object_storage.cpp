@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <new>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/objects/block_reserve.h"
 #include "qelibaselib/platform/linux/objects/mutex.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "qelibaselib/platform/linux/base/descriptor.h"
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/base/folder_entries.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 

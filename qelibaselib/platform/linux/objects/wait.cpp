@@ -5,8 +5,8 @@
 #include "qelibaselib/platform/linux/objects/waitable.h"
 #include "qelibaselib/platform/linux/processes/process_object.h"
 #include "qelibaselib/platform/linux/threads/thread_object.h"
-#include "qelibaselib/platform/linux/win32/processapi.h"
-#include "qelibaselib/platform/linux/win32/waitapi.h"
+#include "qelibaselib/platform/linux/win32/processthreadsapi.h"
+#include "qelibaselib/platform/linux/win32/synchapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {

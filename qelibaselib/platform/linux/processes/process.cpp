@@ -8,10 +8,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/handles/inheritance.h"
 #include "qelibaselib/platform/linux/processes/command_line.h"
 #include "qelibaselib/platform/linux/processes/process_object.h"
-#include "qelibaselib/platform/linux/win32/processapi.h"
+#include "qelibaselib/platform/linux/win32/processthreadsapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {

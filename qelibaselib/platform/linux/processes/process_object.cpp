@@ -9,7 +9,7 @@
 #include <csignal>
 #include <vector>
 
-#include "qelibaselib/platform/linux/win32/threadapi.h"
+#include "qelibaselib/platform/linux/win32/processthreadsapi.h"
 
 namespace qel::layer {
 namespace {

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/base/small_file.h"
 #include "qelibaselib/platform/linux/system/mount_table.h"
 #include "qelibaselib/platform/linux/win32/sysinfoapi.h"

@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "qelibaselib/platform/linux/memory/regions.h"
-#include "qelibaselib/platform/linux/win32/processapi.h"
+#include "qelibaselib/platform/linux/win32/processthreadsapi.h"
 #include "qelibaselib/platform/linux/win32/sysinfoapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 

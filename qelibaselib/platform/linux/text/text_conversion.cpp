@@ -4,6 +4,7 @@
 #include <cwctype>
 
 #include "qelibaselib/platform/linux/base/utf8.h"
+#include "qelibaselib/platform/linux/win32/crt.h"
 #include "qelibaselib/platform/linux/win32/stringapiset.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 

@@ -9,9 +9,10 @@
 #include <cstring>
 #include <new>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/files/file_sharing.h"
 #include "qelibaselib/platform/linux/files/path.h"
-#include "qelibaselib/platform/linux/win32/stringapiset.h"
+#include "qelibaselib/platform/linux/win32/crt.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {

@@ -14,7 +14,7 @@
 #include "qelibaselib/platform/linux/objects/mutex.h"
 #include "qelibaselib/platform/linux/threads/thread_data.h"
 #include "qelibaselib/platform/linux/threads/thread_object.h"
-#include "qelibaselib/platform/linux/win32/threadapi.h"
+#include "qelibaselib/platform/linux/win32/processthreadsapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 
 extern "C" void* __dso_handle;

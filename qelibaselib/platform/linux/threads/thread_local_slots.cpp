@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "qelibaselib/platform/linux/threads/thread_data.h"
-#include "qelibaselib/platform/linux/win32/threadapi.h"
+#include "qelibaselib/platform/linux/win32/processthreadsapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {

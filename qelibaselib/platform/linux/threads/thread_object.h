@@ -2,7 +2,7 @@
 /// Threads as objects, also those that the layer did not start.
 #pragma once
 #include "qelibaselib/platform/linux/objects/waitable.h"
-#include "qelibaselib/platform/linux/win32/threadapi.h"
+#include "qelibaselib/platform/linux/win32/processthreadsapi.h"
 
 namespace qel::layer {
 

@@ -1,5 +1,6 @@
 /// @file
-/// Events, mutexes, semaphores and waitable timers. Named objects are the user's and the login session's own.
+/// Events, mutexes, semaphores and waitable timers, and waiting for them. Named objects are the user's and the login
+/// session's own.
 #pragma once
 #include "qelibaselib/platform/linux/win32/windef.h"
 
@@ -36,4 +37,17 @@ QEL_LAYER HANDLE WINAPI CreateWaitableTimerA(LPSECURITY_ATTRIBUTES security, BOO
 QEL_LAYER BOOL WINAPI SetWaitableTimer(HANDLE timer, const LARGE_INTEGER* dueTime, LONG periodMs,
                                        PTIMERAPCROUTINE completion, LPVOID argument, BOOL resume);
 QEL_LAYER BOOL WINAPI CancelWaitableTimer(HANDLE timer);
+}
+
+#define WAIT_OBJECT_0 0ul
+#define WAIT_ABANDONED 0x80ul
+#define WAIT_ABANDONED_0 0x80ul
+#define WAIT_TIMEOUT 258ul
+#define WAIT_FAILED 0xFFFFFFFFul
+#define MAXIMUM_WAIT_OBJECTS 64
+
+extern "C" {
+QEL_LAYER DWORD WINAPI WaitForSingleObject(HANDLE handle, DWORD timeoutMs);
+/// All kinds may be mixed. A change that another process makes is seen within 5 ms when there are several objects.
+QEL_LAYER DWORD WINAPI WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD timeoutMs);
 }

@@ -2,18 +2,18 @@
 /// The Win32 declarations that the layer offers; qelibaselib/platform/README.md lists them with what differs from
 /// Windows.
 #pragma once
+#include "qelibaselib/platform/linux/win32/crt.h"
+#include "qelibaselib/platform/linux/win32/dbghelp.h"
 #include "qelibaselib/platform/linux/win32/errhandlingapi.h"
 #include "qelibaselib/platform/linux/win32/fileapi.h"
-#include "qelibaselib/platform/linux/win32/floating_point.h"
 #include "qelibaselib/platform/linux/win32/handleapi.h"
 #include "qelibaselib/platform/linux/win32/libloaderapi.h"
 #include "qelibaselib/platform/linux/win32/memoryapi.h"
-#include "qelibaselib/platform/linux/win32/processapi.h"
+#include "qelibaselib/platform/linux/win32/processthreadsapi.h"
 #include "qelibaselib/platform/linux/win32/shlwapi.h"
 #include "qelibaselib/platform/linux/win32/stringapiset.h"
 #include "qelibaselib/platform/linux/win32/synchapi.h"
 #include "qelibaselib/platform/linux/win32/sysinfoapi.h"
-#include "qelibaselib/platform/linux/win32/threadapi.h"
-#include "qelibaselib/platform/linux/win32/waitapi.h"
 #include "qelibaselib/platform/linux/win32/windef.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
+#include "qelibaselib/platform/linux/win32/winver.h"

@@ -67,8 +67,3 @@ extern "C" {
 QEL_LAYER DWORD WINAPI GetLastError();
 QEL_LAYER void WINAPI SetLastError(DWORD error);
 }
-
-namespace qel::layer {
-/// The Win32 error of a failed system call; unknown values give ERROR_GEN_FAILURE.
-DWORD ErrorFromErrno(int error);
-}  // namespace qel::layer

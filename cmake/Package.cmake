@@ -2,6 +2,7 @@
 # pkg-config file.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME Runtime)
 
 set(package_include ${CMAKE_INSTALL_INCLUDEDIR}/qelibaselib-${PROJECT_VERSION_MAJOR})
 set(package_cmake ${CMAKE_INSTALL_LIBDIR}/cmake/QelIBaseLib)
@@ -14,7 +15,8 @@ foreach(header IN LISTS public_headers)
   if((header MATCHES "/linux/" AND WIN32) OR (header MATCHES "/windows/" AND NOT WIN32))
     continue()
   endif()
-  install(FILES ${CMAKE_SOURCE_DIR}/${header} DESTINATION ${package_include}/${folder})
+  install(FILES ${CMAKE_SOURCE_DIR}/${header} DESTINATION ${package_include}/${folder}
+    COMPONENT Development)
 endforeach()
 
 set(package_targets QelIBaseLib)
@@ -28,14 +30,14 @@ foreach(target IN LISTS package_targets)
   endif()
 endforeach()
 install(TARGETS ${package_targets} EXPORT QelIBaseLibTargets
-  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(EXPORT QelIBaseLibTargets NAMESPACE QelIBaseLib:: DESTINATION ${package_cmake})
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Runtime
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime NAMELINK_COMPONENT Development
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development)
+install(EXPORT QelIBaseLibTargets NAMESPACE QelIBaseLib:: DESTINATION ${package_cmake} COMPONENT Development)
 if(WIN32)
   install(FILES ${CMAKE_BINARY_DIR}/libgcc_s_dw2-1.dll ${CMAKE_BINARY_DIR}/libstdc++-6.dll
                 ${CMAKE_BINARY_DIR}/libgomp-1.dll ${CMAKE_BINARY_DIR}/libwinpthread-1.dll
-          DESTINATION ${CMAKE_INSTALL_BINDIR})
+          DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Runtime)
 endif()
 
 configure_package_config_file(${CMAKE_SOURCE_DIR}/cmake/QelIBaseLibConfig.cmake.in
@@ -44,7 +46,7 @@ configure_package_config_file(${CMAKE_SOURCE_DIR}/cmake/QelIBaseLibConfig.cmake.
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/QelIBaseLibConfigVersion.cmake
   COMPATIBILITY SameMajorVersion ARCH_INDEPENDENT)
 install(FILES ${CMAKE_BINARY_DIR}/QelIBaseLibConfig.cmake ${CMAKE_BINARY_DIR}/QelIBaseLibConfigVersion.cmake
-  DESTINATION ${package_cmake})
+  DESTINATION ${package_cmake} COMPONENT Development)
 
 if(WIN32)
   set(pkg_config_flags "-msse2")
@@ -55,4 +57,5 @@ else()
 endif()
 file(RELATIVE_PATH pkg_config_to_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(${CMAKE_SOURCE_DIR}/cmake/qelibaselib.pc.in ${CMAKE_BINARY_DIR}/qelibaselib.pc @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/qelibaselib.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(FILES ${CMAKE_BINARY_DIR}/qelibaselib.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+  COMPONENT Development)

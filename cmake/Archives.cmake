@@ -1,0 +1,33 @@
+# What script/package makes of an installation: Debian packages for i386 (module, development files, debug symbols) or, for
+# Windows, one zip.
+set(CPACK_PACKAGE_NAME qelibaselib)
+set(CPACK_PACKAGE_VENDOR "QelIBaseLib maintainers")
+set(CPACK_PACKAGE_CONTACT "QelIBaseLib maintainers <qelibaselib@localhost>")
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+set(CPACK_PACKAGE_DESCRIPTION "Retrying, logged wrappers of system calls, diagnostic channels and reports after a fault.")
+
+if(WIN32)
+  set(CPACK_GENERATOR ZIP)
+  set(CPACK_PACKAGE_FILE_NAME qelibaselib-${PROJECT_VERSION}-windows-i686)
+else()
+  set(module libqelibaselib${PROJECT_VERSION_MAJOR})
+  set(CPACK_GENERATOR DEB)
+  set(CPACK_COMPONENTS_ALL Runtime Development)
+  set(CPACK_DEB_COMPONENT_INSTALL ON)
+  set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+  set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE i386)
+  set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+  set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${module})
+  set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+  # By hand: on an amd64 machine the tool that finds the packages of what a module needs names those of the 32-bit
+  # compatibility libraries. script/package compares the versions with what the modules ask for.
+  set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libc6 (>= 2.36), libgcc-s1 (>= 7), libgomp1 (>= 6), libstdc++6 (>= 12)")
+  set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+  set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+  set(CPACK_DEBIAN_RUNTIME_DEBUGINFO_PACKAGE ON)
+  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libqelibaselib-dev)
+  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+  set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${module} (= ${PROJECT_VERSION}), libc6-dev, libstdc++-12-dev")
+endif()
+include(CPack)

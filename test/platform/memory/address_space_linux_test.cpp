@@ -161,13 +161,13 @@ TEST(PageSet, AgreesWithSinglePages) {
   for (int i = 0; i < 3000; ++i) {
     const uint32_t start = next(64), end = start + next(65 - start);
     const bool adds = next(2) == 0;
-    adds ? set.Add(start * kPageBytes, end * kPageBytes) : set.Remove(start * kPageBytes, end * kPageBytes);
+    adds ? set.Add(start * kPageSize, end * kPageSize) : set.Remove(start * kPageSize, end * kPageSize);
     for (uint32_t page = start; page < end; ++page) pages[page] = adds;
     const uint32_t probe = next(64);
-    ASSERT_EQ(set.Contains(probe * kPageBytes, (probe + 1) * kPageBytes), pages[probe]) << i;
+    ASSERT_EQ(set.Contains(probe * kPageSize, (probe + 1) * kPageSize), pages[probe]) << i;
     uint32_t change = probe;
     while (change < 64 && pages[change] == pages[probe]) ++change;
-    ASSERT_EQ(set.ChangeAfter(probe * kPageBytes, 64 * kPageBytes), change * kPageBytes) << i;
+    ASSERT_EQ(set.ChangeAfter(probe * kPageSize, 64 * kPageSize), change * kPageSize) << i;
   }
 }
 

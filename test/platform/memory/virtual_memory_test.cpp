@@ -122,7 +122,8 @@ TEST(VirtualMemory, Protections) {
   EXPECT_EQ(Query(base + 2 * kPage).Protect, PAGE_NOACCESS);
   ASSERT_TRUE(VirtualProtect(base, 4 * kPage, PAGE_READWRITE, &previous));
   EXPECT_EQ(Query(base).RegionSize, 4 * kPage);
-  EXPECT_CALL(VirtualProtect(base, kPage, 3, &previous), FALSE, ERROR_INVALID_PARAMETER);
+  for (const DWORD none : std::initializer_list<DWORD>{3, PAGE_WRITECOPY, PAGE_EXECUTE_WRITECOPY})
+    EXPECT_CALL(VirtualProtect(base, kPage, none, &previous), FALSE, ERROR_INVALID_PARAMETER);
   EXPECT_CALL(VirtualProtect(base, 0x40000, PAGE_READONLY, &previous), FALSE,
               ByTarget<DWORD>(ERROR_INVALID_ADDRESS, ERROR_INVALID_PARAMETER));
 }

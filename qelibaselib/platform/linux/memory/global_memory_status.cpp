@@ -83,7 +83,7 @@ Machine AskMachine() {
 
 // The address space less what this process has mapped anywhere, as it may also have mapped above 2 GiB.
 DWORDLONG AvailableVirtualBytes() {
-  const DWORDLONG mapped = DWORDLONG{MappedPages()} * kPageBytes;
+  const DWORDLONG mapped = DWORDLONG{MappedPages()} * kPageSize;
   return kTotalVirtualBytes - std::min(mapped, kTotalVirtualBytes);
 }
 

@@ -38,7 +38,7 @@ DWORD MakePageFile(Mapping::Contents* contents) {
   const int descriptor = memfd_create("qel-mapping", MFD_CLOEXEC);
   if (descriptor < 0) return ErrorFromErrno(errno);
   contents->descriptor = std::make_shared<SharedDescriptor>(descriptor);
-  const auto bytes = static_cast<off_t>(RoundUp(contents->bytes, kPageBytes));
+  const auto bytes = static_cast<off_t>(RoundUp(contents->bytes, kPageSize));
   return ftruncate(descriptor, bytes) == 0 ? ERROR_SUCCESS : ERROR_COMMITMENT_LIMIT;
 }
 

@@ -1,10 +1,11 @@
+#include "qelibaselib/platform/linux/base/page_size.h"
 #include "qelibaselib/platform/linux/faults/fault_internal.h"
 #include "qelibaselib/platform/linux/faults/fault_probe.h"
 #include "qelibaselib/platform/linux/win32/memoryapi.h"
 
 namespace {
 
-constexpr uintptr_t kPageBytes = 4096;
+using qel::layer::kPageSize;
 
 // Whether a byte of each page of the range fails the probe. A range that wraps around is bad.
 template <class Probe>
@@ -14,9 +15,9 @@ bool IsBad(uintptr_t first, ULONG_PTR size, Probe probe) {
     qel::layer::PrepareFaultThread();
   const uintptr_t last = first + size - 1;
   if (last < first) return true;
-  for (uintptr_t address = first;; address = (address | (kPageBytes - 1)) + 1) {
+  for (uintptr_t address = first;; address = (address | (kPageSize - 1)) + 1) {
     if (probe(address)) return true;
-    if ((address ^ last) < kPageBytes) return false;
+    if ((address ^ last) < kPageSize) return false;
   }
 }
 

@@ -28,7 +28,7 @@ struct FileRecord {
   uint64_t device, inode, bytes;
   char path[4000];
 };
-static_assert(sizeof(FileRecord) <= kPageBytes);
+static_assert(sizeof(FileRecord) <= kPageSize);
 
 // The record in the memory that all processes share.
 class SharedRecord {

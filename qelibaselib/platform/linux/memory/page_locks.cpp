@@ -22,7 +22,7 @@ namespace {
 constinit std::mutex g_mutex;
 constinit std::atomic<bool> g_anyLocks{false};
 
-PageSet& Locked() {
+PageSet& LockedPages() {
   static auto* pages = new PageSet;  // outlives every static destructor
   return *pages;
 }
@@ -31,7 +31,7 @@ PageSet& Locked() {
 __attribute__((constructor)) void ForgetInForkedChildren() {
   pthread_atfork([] { g_mutex.lock(); }, [] { g_mutex.unlock(); },
                  [] {
-                   Locked() = PageSet();
+                   LockedPages() = PageSet();
                    g_mutex.unlock();
                  });
 }
@@ -42,40 +42,27 @@ bool LockPages(uint32_t start, uint64_t end) {
 }
 void UnlockPages(uint32_t start, uint64_t end) { syscall(SYS_munlock, start, static_cast<size_t>(end - start)); }
 
-struct Pages {
-  uint32_t start;
-  uint64_t end;
-};
-// False for an empty range and one that wraps around.
-bool PagesOf(LPVOID address, SIZE_T size, Pages* pages) {
-  pages->start = PageOf(AddressOf(address));
-  pages->end = RoundUp(uint64_t{AddressOf(address)} + size, kPageBytes);
-  return size != 0 && pages->end <= kAddressSpaceEnd;
+bool IsValid(SIZE_T size, const PageRange& pages) { return size != 0 && pages.IsInAddressSpace(); }
+
+bool AreAllAccessible(const PageRange& pages) {
+  return VisitRegions(pages, [](const AddressRegion& region) -> DWORD {
+           return region.state != MEM_COMMIT || region.protect == PAGE_NOACCESS ? ERROR_NOACCESS : ERROR_SUCCESS;
+         }) == ERROR_SUCCESS;
 }
 
-bool AllAccessible(const Pages& pages) {
-  for (uint64_t at = pages.start; at < pages.end;) {
-    AddressRegion region;
-    if (QueryRegion(at, &region) != ERROR_SUCCESS) return false;
-    if (region.state != MEM_COMMIT || region.protect == PAGE_NOACCESS) return false;
-    at = region.end;
-  }
-  return true;
-}
-
-DWORD Lock(LPVOID address, SIZE_T size) {
-  Pages pages;
-  if (!PagesOf(address, size, &pages)) return ERROR_INVALID_PARAMETER;
+DWORD LockInMemory(LPVOID address, SIZE_T size) {
+  const PageRange pages = PagesHolding(address, size);
+  if (!IsValid(size, pages)) return ERROR_INVALID_PARAMETER;
   if (!LockPages(pages.start, pages.end)) {
     // One error number for pages that are not there, for those that cannot be read and for the limit.
     const int error = errno;
     UnlockPages(pages.start, pages.end);
-    if (!AllAccessible(pages)) return ERROR_NOACCESS;
+    if (!AreAllAccessible(pages)) return ERROR_NOACCESS;
     return error == ENOMEM || error == EPERM ? ERROR_WORKING_SET_QUOTA : ErrorFromErrno(error);
   }
   try {
     const std::lock_guard lock(g_mutex);
-    Locked().Add(pages.start, pages.end);
+    LockedPages().Add(pages.start, pages.end);
     g_anyLocks.store(true, std::memory_order_relaxed);
   } catch (const std::bad_alloc&) {
     UnlockPages(pages.start, pages.end);
@@ -84,22 +71,16 @@ DWORD Lock(LPVOID address, SIZE_T size) {
   return ERROR_SUCCESS;
 }
 
-DWORD Unlock(LPVOID address, SIZE_T size) try {
-  Pages pages;
-  if (!PagesOf(address, size, &pages)) return ERROR_INVALID_PARAMETER;
+DWORD UnlockFromMemory(LPVOID address, SIZE_T size) try {
+  const PageRange pages = PagesHolding(address, size);
+  if (!IsValid(size, pages)) return ERROR_INVALID_PARAMETER;
   const std::lock_guard lock(g_mutex);
-  if (!Locked().Contains(pages.start, pages.end)) return ERROR_NOT_LOCKED;
-  Locked().Remove(pages.start, pages.end);
+  if (!LockedPages().Contains(pages.start, pages.end)) return ERROR_NOT_LOCKED;
+  LockedPages().Remove(pages.start, pages.end);
   UnlockPages(pages.start, pages.end);
   return ERROR_SUCCESS;
 } catch (const std::bad_alloc&) {
   return ERROR_NOT_ENOUGH_MEMORY;
-}
-
-BOOL Finish(DWORD error) {
-  if (error == ERROR_SUCCESS) return TRUE;
-  SetLastError(error);
-  return FALSE;
 }
 
 }  // namespace
@@ -108,7 +89,7 @@ void ForgetLocks(uint32_t start, uint64_t bytes) {
   if (!g_anyLocks.load(std::memory_order_relaxed)) return;
   const std::lock_guard lock(g_mutex);
   try {
-    Locked().Remove(start, start + bytes);
+    LockedPages().Remove(start, start + bytes);
   } catch (const std::bad_alloc&) {
     // Only a piece in the middle of a longer range needs memory; it stays listed and can be unlocked once more.
   }
@@ -116,5 +97,9 @@ void ForgetLocks(uint32_t start, uint64_t bytes) {
 
 }  // namespace qel::layer
 
-BOOL VirtualLock(LPVOID address, SIZE_T size) { return qel::layer::Finish(qel::layer::Lock(address, size)); }
-BOOL VirtualUnlock(LPVOID address, SIZE_T size) { return qel::layer::Finish(qel::layer::Unlock(address, size)); }
+BOOL VirtualLock(LPVOID address, SIZE_T size) {
+  return qel::layer::ReportResult(qel::layer::LockInMemory(address, size));
+}
+BOOL VirtualUnlock(LPVOID address, SIZE_T size) {
+  return qel::layer::ReportResult(qel::layer::UnlockFromMemory(address, size));
+}

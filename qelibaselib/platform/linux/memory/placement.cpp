@@ -23,14 +23,12 @@ bool IsFullyLow(uint64_t base, size_t bytes) { return base + bytes <= kLowEnd; }
 // The lowest gap of this size in the range; 0 when there is none.
 uint32_t FindGap(uint32_t from, size_t bytes) {
   uint64_t candidate = from;
-  bool found = false;
-  ReadMemoryMap([&](const MapLine& line) {
-    if (line.end <= candidate) return true;
-    found = candidate + bytes <= line.start;
-    if (!found) candidate = RoundUp(line.end, kGranularityBytes);
-    return !found && IsFullyLow(candidate, bytes);
-  });
-  return found && IsFullyLow(candidate, bytes) ? candidate : 0;
+  MemoryMapReader map(from);
+  for (MapLine line; IsFullyLow(candidate, bytes) && map.Next(&line);) {
+    if (candidate + bytes <= line.start) return candidate;
+    candidate = RoundUp(line.end, kGranularityBytes);
+  }
+  return 0;
 }
 
 // Another thread can take a gap between the reading of the map and the call: a few tries are enough.
@@ -51,8 +49,8 @@ void* MapInGap(uint32_t from, const MappingRequest& request) {
 
 // Room for the alignment is reserved along with the region and given back around it.
 void* MapHigh(const MappingRequest& request) {
-  const size_t whole = RoundUp(request.bytes, kPageBytes);
-  const size_t room = whole + kGranularityBytes - kPageBytes;
+  const size_t whole = RoundUp(request.bytes, kPageSize);
+  const size_t room = whole + kGranularityBytes - kPageSize;
   void* const raw = mmap(nullptr, room, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (raw == MAP_FAILED) return nullptr;
   const uint32_t start = AddressOf(raw);

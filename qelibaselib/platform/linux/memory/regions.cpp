@@ -72,7 +72,7 @@ bool ParseMapLine(std::string_view line, MapLine* result) {
   Scanner scan(line);
   uint64_t start, end, offset, major, minor, inode;
   if (!scan.Number<16, kLastAddress>(&start) || !scan.Character('-') || !scan.Number<16, kLastAddress>(&end) ||
-      !scan.Character(' ') || start >= end || (start | end) % kPageBytes != 0)
+      !scan.Character(' ') || start >= end || (start | end) % kPageSize != 0)
     return false;
   if (!scan.Flag('r', '-', &result->read) || !scan.Flag('w', '-', &result->write) ||
       !scan.Flag('x', '-', &result->execute) || !scan.Flag('s', 'p', &result->shared) || !scan.Character(' '))
@@ -154,7 +154,7 @@ bool RegionBuilder::Add(const MapLine& line) {
   if (!AddFree(position)) return false;
   while (position < line.end) {
     const MemoryOwner owner = owners_->At(position);
-    const uint64_t end = std::min<uint64_t>(line.end, std::max(owner.until, position + kPageBytes));
+    const uint64_t end = std::min<uint64_t>(line.end, std::max(owner.until, position + kPageSize));
     if (!AddRegion(Describe(line, position, end, owner))) return false;
     position = end;
   }

@@ -1,25 +1,55 @@
 /// @file
-/// The memory map as the kernel prints it, made into the regions that a query answers with. Nothing here asks the
+/// The memory map as the kernel tells it, made into the regions that a query answers with. Nothing here asks the
 /// system: text, owners and result are the caller's.
+///
+/// The room memory/ holds everything about the address space, in these words:
+/// - A **block** is memory that VirtualAlloc gave out (virtual_memory.cpp). Each of its pages is either reserved, which
+///   only keeps others away, or committed, which can be used.
+/// - A **mapping** is an object with a handle: a file, or memory without a file, that can be shown (mapping.cpp). Other
+///   processes reach it by its name, if it has one (named_section.cpp). It holds its file (files/mapping_marks.h).
+/// - A **view** is the part of a mapping that MapViewOfFile shows at an address (view.cpp). It lives on without the
+///   mapping's handle, and keeps alive whatever stands behind the mapping.
+/// - A **region** is a run of pages that VirtualQuery describes with one answer: same state, protection, type and
+///   allocation. The kernel's memory map (memory_map.cpp) knows mappings of its own kind only; it joins neighbours and
+///   splits what we gave out as one. So all blocks and views stand in one table (view_table.h), and a query lays the
+///   table, and the list of loaded modules, over the kernel's map (regions.cpp, virtual_query.cpp).
+/// - **Placement** is the choice of an address for a new block or view: a multiple of 64 KiB as on Windows, and below
+///   2 GiB while there is room, since callers walk the lower half only (placement.cpp).
+/// The room uses base/, handles/, objects/, files/ (marks and range locks of an open file) and threads/ (the end of a
+/// thread, which frees its list of regions).
 #pragma once
 #include <cstdint>
 #include <string_view>
 
+#include "qelibaselib/platform/linux/base/page_size.h"
 #include "qelibaselib/platform/linux/win32/windef.h"
 
 namespace qel::layer {
 
-inline constexpr uint32_t kPageBytes = 0x1000;
 inline constexpr uint32_t kGranularityBytes = 0x10000;
 inline constexpr uint64_t kAddressSpaceEnd = 0x100000000;
 
-constexpr uint32_t PageOf(uint32_t address) { return address & ~(kPageBytes - 1); }
+constexpr uint32_t PageOf(uint32_t address) { return address & ~uint32_t{kPageSize - 1}; }
 /// The next multiple, which is 4 GiB for the last few addresses.
 constexpr uint64_t RoundUp(uint64_t value, uint32_t step) { return (value + step - 1) / step * step; }
 inline uint32_t AddressOf(const void* pointer) { return reinterpret_cast<uintptr_t>(pointer); }
 inline void* PointerTo(uint32_t address) { return reinterpret_cast<void*>(address); }
 
-/// One line of /proc/self/maps.
+/// Whole pages; `end` is at most 4 GiB unless the bytes wrapped around.
+struct PageRange {
+  uint32_t start;
+  uint64_t end;
+  bool IsInAddressSpace() const { return end <= kAddressSpaceEnd; }
+  size_t bytes() const { return end - start; }
+};
+
+/// The pages that hold any of the bytes.
+inline PageRange PagesHolding(const void* address, SIZE_T bytes) {
+  const uint32_t start = AddressOf(address);
+  return {PageOf(start), RoundUp(uint64_t{start} + bytes, kPageSize)};
+}
+
+/// One mapping of the kernel's, as a line of /proc/self/maps.
 struct MapLine {
   uint32_t start, end;
   bool read, write, execute, shared;
@@ -28,7 +58,7 @@ struct MapLine {
   uint64_t inode;   ///< 0 for memory that no file stands behind
 };
 
-/// False for what is no such line; the line feed is not part of it.
+/// False for what is no such line. The line feed is not part of it, and the name at the end may be cut.
 bool ParseMapLine(std::string_view line, MapLine* result);
 
 /// Cuts a stream of blocks into lines. What is left of a block goes before the next one.

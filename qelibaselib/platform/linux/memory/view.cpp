@@ -47,13 +47,13 @@ bool Allows(const Mapping& mapping, DWORD protection) {
 
 // A view of a file ends by the byte where the mapping does, one of the page file by the page.
 DWORD LengthOf(const Mapping::Contents& contents, uint64_t offset, uint64_t bytes, uint64_t* length) {
-  const uint64_t end = contents.isFile ? contents.bytes : RoundUp(contents.bytes, kPageBytes);
+  const uint64_t end = contents.isFile ? contents.bytes : RoundUp(contents.bytes, kPageSize);
   if (offset >= contents.bytes || bytes > end - offset) return ERROR_ACCESS_DENIED;
   *length = bytes ? bytes : contents.bytes - offset;
-  return *length > UINT32_MAX - kPageBytes ? ERROR_NOT_ENOUGH_MEMORY : ERROR_SUCCESS;
+  return *length > UINT32_MAX - kPageSize ? ERROR_NOT_ENOUGH_MEMORY : ERROR_SUCCESS;
 }
 
-DWORD Map(HANDLE handle, DWORD access, uint64_t offset, SIZE_T bytes, void** view) {
+DWORD MapView(HANDLE handle, DWORD access, uint64_t offset, SIZE_T bytes, void** view) {
   const Pin pin(handle);
   const auto* const mapping = pin.As<Mapping>(qel::layer::Kind::kMapping);
   if (!mapping) return ERROR_INVALID_HANDLE;
@@ -65,13 +65,11 @@ DWORD Map(HANDLE handle, DWORD access, uint64_t offset, SIZE_T bytes, void** vie
   uint64_t length;
   if (const DWORD error = LengthOf(contents, offset, bytes, &length)) return error;
 
-  MemoryRegion region = {MemoryRegion::Kind::kView,
-                         static_cast<uint32_t>(RoundUp(length, kPageBytes)),
-                         kind.protection,
-                         {},
-                         kind.protection == PAGE_READWRITE && contents.isFile ? contents.descriptor : nullptr,
-                         contents.start + offset,
-                         contents.identity};
+  MemoryRegion region = {MemoryRegion::Kind::kView, static_cast<uint32_t>(RoundUp(length, kPageSize)), kind.protection};
+  region.contents = contents.descriptor;
+  region.offset = contents.start + offset;
+  region.isFile = contents.isFile;
+  region.identity = contents.identity;
   const size_t pages = region.bytes;
   void* const got =
       MapAnywhere({pages, kind.system, kind.flags, contents.descriptor->get(), static_cast<off_t>(region.offset)});
@@ -84,7 +82,7 @@ DWORD Map(HANDLE handle, DWORD access, uint64_t offset, SIZE_T bytes, void** vie
   return ERROR_SUCCESS;
 }
 
-DWORD Unmap(LPCVOID address) {
+DWORD UnmapView(LPCVOID address) {
   MemoryRegion removed;
   uint32_t base;
   {
@@ -100,7 +98,8 @@ DWORD Unmap(LPCVOID address) {
   return ERROR_SUCCESS;
 }
 
-// The part of a file that a flush concerns. The descriptor stays open while this lives, whatever becomes of the view.
+// The part of a file that a flush concerns; no file when there is nothing to write back. The descriptor stays open
+// while this lives, whatever becomes of the view.
 struct FlushRange {
   std::shared_ptr<const SharedDescriptor> file;
   off_t offset, length;
@@ -114,12 +113,14 @@ DWORD FindFlushRange(uint32_t address, SIZE_T bytes, FlushRange* range) {
       const auto& [base, region] = *found;
       const uint32_t left = base + region.bytes - address;
       if (region.kind != MemoryRegion::Kind::kView || bytes > left) return ERROR_INVALID_PARAMETER;
-      *range = {region.file, static_cast<off_t>(region.offset + (address - base)), bytes ? bytes : left};
+      const bool hasChanges = region.isFile && region.protection == PAGE_READWRITE;
+      *range = {hasChanges ? region.contents : nullptr, static_cast<off_t>(region.offset + (address - base)),
+                bytes ? bytes : left};
       return ERROR_SUCCESS;
     }
   }
-  AddressRegion region;
-  const bool isUsed = QueryRegion(address, &region) == ERROR_SUCCESS && region.state != MEM_FREE;
+  const RegionList* regions;
+  const bool isUsed = ReadRegions(address, &regions) == ERROR_SUCCESS && (*regions)[0].state != MEM_FREE;
   return isUsed ? ERROR_INVALID_PARAMETER : ERROR_INVALID_ADDRESS;
 }
 
@@ -132,7 +133,7 @@ DWORD WriteBack(LPCVOID address, const FlushRange& range) {
   return msync(PointerTo(start), length, MS_SYNC) == 0 ? ERROR_SUCCESS : ErrorFromErrno(errno);
 }
 
-DWORD Flush(LPCVOID address, SIZE_T bytes) {
+DWORD FlushView(LPCVOID address, SIZE_T bytes) {
   FlushRange range;
   if (const DWORD error = FindFlushRange(AddressOf(address), bytes, &range)) return error;
   if (!range.file) return ERROR_SUCCESS;
@@ -145,27 +146,17 @@ DWORD Flush(LPCVOID address, SIZE_T bytes) {
 
 LPVOID MapViewOfFile(HANDLE mapping, DWORD access, DWORD offsetHigh, DWORD offsetLow, SIZE_T bytes) {
   void* view = nullptr;
-  const DWORD error = qel::layer::Map(mapping, access, uint64_t{offsetHigh} << 32 | offsetLow, bytes, &view);
-  if (error != ERROR_SUCCESS) {
-    SetLastError(error);
-    return nullptr;
-  }
+  const DWORD error = qel::layer::MapView(mapping, access, uint64_t{offsetHigh} << 32 | offsetLow, bytes, &view);
   qel::layer::ForgetSnapshot();
-  return view;
+  return qel::layer::ReportResult(error) ? view : nullptr;
 }
 
 BOOL UnmapViewOfFile(LPCVOID address) {
-  const DWORD error = qel::layer::Unmap(address);
-  if (error != ERROR_SUCCESS) {
-    SetLastError(error);
-    return FALSE;
-  }
+  const DWORD error = qel::layer::UnmapView(address);
   qel::layer::ForgetSnapshot();
-  return TRUE;
+  return qel::layer::ReportResult(error);
 }
 
 BOOL FlushViewOfFile(LPCVOID address, SIZE_T bytes) {
-  const DWORD error = qel::layer::Flush(address, bytes);
-  if (error != ERROR_SUCCESS) SetLastError(error);
-  return error == ERROR_SUCCESS;
+  return qel::layer::ReportResult(qel::layer::FlushView(address, bytes));
 }

@@ -35,13 +35,15 @@ struct FileIdentity {
 struct MemoryRegion {
   enum class Kind : uint8_t { kView, kBlock };
   Kind kind;
-  uint32_t bytes;    ///< whole pages
-  DWORD protection;  ///< as asked for at the allocation
-  PageSet reserved;  ///< pages of a block that are not committed
-  /// Where the changes of a view go on disk; empty when a flush has nothing to do.
-  std::shared_ptr<const SharedDescriptor> file;
+  uint32_t bytes;         ///< whole pages
+  DWORD protection;       ///< as asked for at the allocation
+  PageSet reserved = {};  ///< pages of a block that are not committed
+  PageSet copied = {};    ///< pages of a view that VirtualProtect has made copy-on-write
+  /// What a view shows, from `offset` on.
+  std::shared_ptr<const SharedDescriptor> contents = nullptr;
   uint64_t offset = 0;
-  FileIdentity identity = {};  ///< of the file behind a view
+  bool isFile = false;         ///< whether a file stands behind the view
+  FileIdentity identity = {};  ///< of that file
 };
 
 /// Goes up with every view or block that is given out or back.

@@ -7,6 +7,7 @@
 
 #include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/memory/page_locks.h"
+#include "qelibaselib/platform/linux/memory/page_protection.h"
 #include "qelibaselib/platform/linux/memory/placement.h"
 #include "qelibaselib/platform/linux/memory/view_table.h"
 #include "qelibaselib/platform/linux/memory/virtual_query.h"
@@ -20,44 +21,6 @@ using Kind = MemoryRegion::Kind;
 constexpr SIZE_T kLargestBytes = 0x7FFE0000;  // what lies between the first and the last address of a program
 constexpr int kBlockFlags = MAP_PRIVATE | MAP_ANONYMOUS;
 
-struct Range {
-  uint32_t start;
-  uint64_t end;
-  size_t bytes() const { return end - start; }
-};
-
-// The pages that hold any byte of a range.
-Range PagesOf(LPCVOID address, SIZE_T size) {
-  const uint32_t start = AddressOf(address);
-  return {PageOf(start), RoundUp(uint64_t{start} + size, kPageBytes)};
-}
-
-// The protections that a private block can have; -1 for all others.
-int BlockProtection(DWORD protection) {
-  switch (protection) {
-    case PAGE_NOACCESS:
-      return PROT_NONE;
-    case PAGE_READONLY:
-      return PROT_READ;
-    case PAGE_READWRITE:
-      return PROT_READ | PROT_WRITE;
-    case PAGE_EXECUTE:
-      return PROT_EXEC;
-    case PAGE_EXECUTE_READ:
-      return PROT_READ | PROT_EXEC;
-    case PAGE_EXECUTE_READWRITE:
-      return PROT_READ | PROT_WRITE | PROT_EXEC;
-    default:
-      return -1;
-  }
-}
-
-int ProtectionFor(DWORD protection) {
-  if (protection == PAGE_WRITECOPY) return PROT_READ | PROT_WRITE;
-  if (protection == PAGE_EXECUTE_WRITECOPY) return PROT_READ | PROT_WRITE | PROT_EXEC;
-  return BlockProtection(protection);
-}
-
 // Memory that is only reserved costs the system nothing: what can be reserved but not had is a lack of memory.
 DWORD ShortageOf(size_t bytes) {
   void* const reserved = mmap(nullptr, bytes, PROT_NONE, kBlockFlags | MAP_NORESERVE, -1, 0);
@@ -69,14 +32,14 @@ DWORD ShortageOf(size_t bytes) {
 // `wanted` null: anywhere.
 DWORD ReserveBlock(void* wanted, SIZE_T size, DWORD type, DWORD protection, void** block) {
   const bool commits = (type & MEM_COMMIT) != 0;
-  const Range pages = wanted ? PagesOf(wanted, size) : Range{0, RoundUp(size, kPageBytes)};
+  const PageRange pages = wanted ? PagesHolding(wanted, size) : PageRange{0, RoundUp(size, kPageSize)};
   const uint32_t place = pages.start & ~(kGranularityBytes - 1);
   const size_t bytes = pages.end - place;
   const int flags = commits ? kBlockFlags : kBlockFlags | MAP_NORESERVE;
-  const MappingRequest request = {bytes, commits ? BlockProtection(protection) : PROT_NONE, flags, -1, 0};
+  const MappingRequest request = {bytes, commits ? PrivateProtection(protection) : PROT_NONE, flags, -1, 0};
   void* got;
   if (wanted) {
-    if (place == 0 || pages.end > kAddressSpaceEnd) return ERROR_INVALID_ADDRESS;
+    if (place == 0 || !pages.IsInAddressSpace()) return ERROR_INVALID_ADDRESS;
     got = MapAt(place, request);
   } else {
     got = MapAnywhere(request);
@@ -84,7 +47,7 @@ DWORD ReserveBlock(void* wanted, SIZE_T size, DWORD type, DWORD protection, void
   if (!got && wanted) return ERROR_INVALID_ADDRESS;
   if (!got) return ShortageOf(bytes);
 
-  MemoryRegion region = {Kind::kBlock, static_cast<uint32_t>(bytes), protection, {}, nullptr, 0};
+  MemoryRegion region = {Kind::kBlock, static_cast<uint32_t>(bytes), protection};
   bool kept = true;
   try {
     if (!commits) region.reserved.Add(AddressOf(got), uint64_t{AddressOf(got)} + bytes);
@@ -100,7 +63,7 @@ DWORD ReserveBlock(void* wanted, SIZE_T size, DWORD type, DWORD protection, void
 }
 
 DWORD CommitPages(void* address, SIZE_T size, DWORD protection, void** block) try {
-  const Range pages = PagesOf(address, size);
+  const PageRange pages = PagesHolding(address, size);
   RegionTable table;
   const auto region = table.Find(pages.start);
   if (region == table.end() || region->second.kind != Kind::kBlock ||
@@ -108,7 +71,7 @@ DWORD CommitPages(void* address, SIZE_T size, DWORD protection, void** block) tr
     return ERROR_INVALID_ADDRESS;
   PageSet reserved = region->second.reserved;
   reserved.Remove(pages.start, pages.end);
-  if (mprotect(PointerTo(pages.start), pages.bytes(), BlockProtection(protection)) != 0)
+  if (mprotect(PointerTo(pages.start), pages.bytes(), PrivateProtection(protection)) != 0)
     return errno == ENOMEM ? ERROR_COMMITMENT_LIMIT : ErrorFromErrno(errno);
   region->second.reserved = std::move(reserved);
   *block = PointerTo(pages.start);
@@ -119,7 +82,7 @@ DWORD CommitPages(void* address, SIZE_T size, DWORD protection, void** block) tr
 
 DWORD Allocate(LPVOID address, SIZE_T size, DWORD type, DWORD protection, void** block) {
   if (size == 0 || size > kLargestBytes || (type & (MEM_COMMIT | MEM_RESERVE)) == 0 ||
-      (type & ~(MEM_COMMIT | MEM_RESERVE)) != 0 || BlockProtection(protection) < 0)
+      (type & ~(MEM_COMMIT | MEM_RESERVE)) != 0 || PrivateProtection(protection) < 0)
     return ERROR_INVALID_PARAMETER;
   if (address && (type & MEM_RESERVE) == 0) return CommitPages(address, size, protection, block);
   return ReserveBlock(address, size, type, protection, block);
@@ -145,7 +108,7 @@ DWORD Release(LPVOID address) {
 
 // Size 0 means the whole block. The pages are mapped anew: what was in them is gone, as it must be.
 DWORD Decommit(LPVOID address, SIZE_T size) try {
-  Range pages = PagesOf(address, size);
+  PageRange pages = PagesHolding(address, size);
   RegionTable table;
   const auto region = table.Find(pages.start);
   if (region == table.end()) return ERROR_INVALID_ADDRESS;
@@ -172,45 +135,9 @@ DWORD Free(LPVOID address, SIZE_T size, DWORD type) {
   return Release(address);
 }
 
-// All pages must be committed ones of one allocation.
-DWORD CheckCommitted(const Range& pages, DWORD* protection) {
-  DWORD first = 0;
-  uint32_t allocation = 0;
-  for (uint64_t at = pages.start; at < pages.end;) {
-    AddressRegion region;
-    if (const DWORD error = QueryRegion(at, &region)) return error;
-    if (at == pages.start) {
-      allocation = region.allocationBase;
-      first = region.protect;
-    }
-    if (region.state != MEM_COMMIT || region.allocationBase != allocation) return ERROR_INVALID_ADDRESS;
-    at = region.end;
-  }
-  *protection = first;
-  return ERROR_SUCCESS;
-}
-
-DWORD Protect(LPVOID address, SIZE_T size, DWORD protection, PDWORD previous) {
-  const Range pages = PagesOf(address, size);
-  const int wanted = ProtectionFor(protection);
-  if (wanted < 0 || size == 0) return ERROR_INVALID_PARAMETER;
-  if (!previous) return ERROR_NOACCESS;
-  if (pages.end > kAddressSpaceEnd) return ERROR_INVALID_PARAMETER;
-  DWORD old;
-  if (const DWORD error = CheckCommitted(pages, &old)) return error;
-  if (mprotect(PointerTo(pages.start), pages.bytes(), wanted) != 0)  // EACCES: a view of what cannot be written
-    return errno == EACCES ? ERROR_INVALID_PARAMETER : ErrorFromErrno(errno);
-  *previous = old;
-  return ERROR_SUCCESS;
-}
-
-BOOL Finish(DWORD error) {
-  if (error == ERROR_SUCCESS) {
-    ForgetSnapshot();
-    return TRUE;
-  }
-  SetLastError(error);
-  return FALSE;
+BOOL ReportChange(DWORD error) {
+  ForgetSnapshot();
+  return ReportResult(error);
 }
 
 }  // namespace
@@ -218,13 +145,9 @@ BOOL Finish(DWORD error) {
 
 LPVOID VirtualAlloc(LPVOID address, SIZE_T size, DWORD type, DWORD protection) {
   void* block = nullptr;
-  return qel::layer::Finish(qel::layer::Allocate(address, size, type, protection, &block)) ? block : nullptr;
+  return qel::layer::ReportChange(qel::layer::Allocate(address, size, type, protection, &block)) ? block : nullptr;
 }
 
 BOOL VirtualFree(LPVOID address, SIZE_T size, DWORD type) {
-  return qel::layer::Finish(qel::layer::Free(address, size, type));
-}
-
-BOOL VirtualProtect(LPVOID address, SIZE_T size, DWORD protection, PDWORD previous) {
-  return qel::layer::Finish(qel::layer::Protect(address, size, protection, previous));
+  return qel::layer::ReportChange(qel::layer::Free(address, size, type));
 }

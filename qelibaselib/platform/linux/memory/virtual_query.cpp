@@ -13,16 +13,20 @@
 namespace qel::layer {
 namespace {
 
-// A walk that goes on for longer than this reads the map again, since other threads may have changed it.
-constexpr int64_t kSnapshotLifetimeMs = 50;
+// A walk over the whole address space asks for one region after the other. Reading the map for each would make the cost
+// grow with the square of the number of mappings, so the first query keeps all regions from its address on, and a query
+// for exactly the address that follows the last answer is given the next of them. Other threads may have changed the
+// map meanwhile, so the regions are read again after a while. That while grows with the time that the reading took: a
+// walk over a map that takes long to read would otherwise do nothing but read.
+constexpr int64_t kShortestLifetimeMs = 50;
+constexpr int64_t kLifetimePerReadingTime = 4;
 constexpr uint32_t kQueriesPerLookAtClock = 8;
 
-// The regions from one address on. Only the query that asks for exactly what follows the last answer uses it.
 struct Snapshot {
   RegionList regions;
   uint32_t next = 0;      // the address that goes on with the walk; 0 when there is none
   uint32_t position = 0;  // its region
-  int64_t takenMs = 0;
+  int64_t endsMs = 0;
 };
 thread_local constinit Snapshot t_snapshot;
 
@@ -58,7 +62,7 @@ class ProcessOwners : public MemoryOwners {
     if (_dl_find_object(PointerTo(address), &module) == 0) {
       owner.type = MEM_IMAGE;
       owner.base = PageOf(AddressOf(module.dlfo_map_start));
-      owner.until = std::min(owner.until, RoundUp(AddressOf(module.dlfo_map_end), kPageBytes));
+      owner.until = std::min(owner.until, RoundUp(AddressOf(module.dlfo_map_end), kPageSize));
       owner.allocationProtect = PAGE_EXECUTE_WRITECOPY;
     }
     return owner;
@@ -78,31 +82,38 @@ class ProcessOwners : public MemoryOwners {
   MemoryOwner last_ = {.until = 0};
 };
 
-DWORD TakeSnapshot(uint32_t from, RegionList* regions) {
+DWORD ListRegions(uint32_t from, RegionList* regions) {
   ArmThreadEnd();
   regions->Clear();
   ProcessOwners owners;
   RegionBuilder builder(from, &owners, regions);
-  bool complete = true;
-  const DWORD error = ReadMemoryMap([&](const MapLine& line) { return complete = builder.Add(line); });
-  if (error != ERROR_SUCCESS) return error;
-  if (complete) builder.Finish();
+  MemoryMapReader map;
+  bool hasPlace = true;
+  for (MapLine line; hasPlace && map.Next(&line);) hasPlace = builder.Add(line);
+  if (map.error() != ERROR_SUCCESS) return map.error();
+  if (hasPlace) builder.Finish();
   return regions->size() == 0 ? ERROR_NOT_ENOUGH_MEMORY : ERROR_SUCCESS;
 }
 
 bool GoesOn(const Snapshot& snapshot, uint32_t page) {
   return page != 0 && page == snapshot.next && snapshot.position < snapshot.regions.size() &&
-         (snapshot.position % kQueriesPerLookAtClock != 0 || CoarseClockMs() - snapshot.takenMs <= kSnapshotLifetimeMs);
+         (snapshot.position % kQueriesPerLookAtClock != 0 || CoarseClockMs() <= snapshot.endsMs);
+}
+
+DWORD TakeSnapshot(uint32_t from, Snapshot* snapshot) {
+  snapshot->next = 0;
+  snapshot->position = 0;
+  const int64_t beginMs = CoarseClockMs();
+  const DWORD error = ListRegions(from, &snapshot->regions);
+  const int64_t endMs = CoarseClockMs();
+  snapshot->endsMs = endMs + std::max(kShortestLifetimeMs, kLifetimePerReadingTime * (endMs - beginMs));
+  return error;
 }
 
 DWORD Query(uint32_t page, PMEMORY_BASIC_INFORMATION information) {
   Snapshot& snapshot = t_snapshot;
-  if (!GoesOn(snapshot, page)) {
-    snapshot.next = 0;
-    snapshot.position = 0;
-    snapshot.takenMs = CoarseClockMs();
-    if (const DWORD error = TakeSnapshot(page, &snapshot.regions)) return error;
-  }
+  if (!GoesOn(snapshot, page))
+    if (const DWORD error = TakeSnapshot(page, &snapshot)) return error;
   const AddressRegion& region = snapshot.regions[snapshot.position++];
   snapshot.next = region.end;  // 0 at the end of the address space
   information->BaseAddress = PointerTo(page);
@@ -124,11 +135,10 @@ void FreeSnapshot() {
   t_snapshot.regions.Free();
 }
 
-DWORD QueryRegion(uint32_t address, AddressRegion* region) {
-  t_snapshot.next = 0;
-  const DWORD error = TakeSnapshot(address, &t_snapshot.regions);
-  if (error == ERROR_SUCCESS) *region = t_snapshot.regions[0];
-  return error;
+DWORD ReadRegions(uint32_t from, const RegionList** regions) {
+  ForgetSnapshot();
+  *regions = &t_snapshot.regions;
+  return ListRegions(from, &t_snapshot.regions);
 }
 
 }  // namespace qel::layer

@@ -48,7 +48,7 @@ int Examine(dl_phdr_info* info, size_t, void* context) {
     if (segment->p_type != PT_LOAD) continue;
     const uint32_t start = info->dlpi_addr + segment->p_vaddr;
     base = std::min<uint64_t>(base, PageOf(start));
-    end = std::max(end, RoundUp(uint64_t{start} + segment->p_memsz, kPageBytes));
+    end = std::max(end, RoundUp(uint64_t{start} + segment->p_memsz, kPageSize));
   }
   if (end == 0 || (search.wanted && AddressOf(search.wanted) != base)) return 0;
   module.base = base;

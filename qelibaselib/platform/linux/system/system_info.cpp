@@ -36,7 +36,7 @@ SYSTEM_INFO AskSystem() {
   __get_cpuid(1, &signature, &b, &c, &d);
   const ProcessorVersion version = VersionOf(signature);
   SYSTEM_INFO info = {};
-  info.dwPageSize = kPageBytes;
+  info.dwPageSize = kPageSize;
   info.lpMinimumApplicationAddress = PointerTo(kFirstApplicationAddress);
   info.lpMaximumApplicationAddress = PointerTo(kLastApplicationAddress);
   info.dwActiveProcessorMask = MAXDWORD >> (kMostProcessors - processors);

@@ -1,6 +1,7 @@
 #include <utility>
 
 #include "qelibaselib/base/bounded_text.h"
+#include "qelibaselib/base/log_layout.h"
 #include "qelibaselib/base/saved_error.h"
 #include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/log/log_channel.h"
@@ -63,9 +64,9 @@ void VemoLogOutFileDayHis(const wchar_t* mutexStem, const wchar_t* folder, const
     if (!qel::AcquireLogMutex(held, mutexStem, timeoutMs) || !PrepareDayFile(held, path, now, exists)) return;
     const qel::ProgramPath program;
     if (!qel::OpenForAppending(held, path, exists)) return;
-    if (held.text.Format("%04d/%02d/%02d, %02d:%02d:%02d.%03d, %s, %lu, %lu, %s(%d):%s\n", now.wYear, now.wMonth,
-                         now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds, program.text,
-                         GetCurrentProcessId(), GetCurrentThreadId(), sourceFile, line, message))
+    if (held.text.Format(qel::layout::kDayHistoryLine, now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute,
+                         now.wSecond, now.wMilliseconds, program.text, GetCurrentProcessId(), GetCurrentThreadId(),
+                         sourceFile, line, message))
       qel::WriteText(held, path);
   });
   qel::Swallowed([&] { qel::Release(held); });

@@ -1,6 +1,7 @@
 /// @file
 /// The log channels of the library and the one function that writes a line to one of them.
 #pragma once
+#include "qelibaselib/base/log_layout.h"
 #include "qelibaselib/base/source_position.h"
 #include "qelibaselib/platform/win32.h"
 
@@ -9,7 +10,7 @@ namespace qel {
 /// How long a writer waits for the mutex of a channel or report.
 inline constexpr DWORD kLogMutexTimeoutMs = 60000;
 /// A channel file that is longer takes no more lines.
-inline constexpr DWORD kChannelLimitBytes = 0x100000;
+inline constexpr DWORD kChannelLimitBytes = layout::kChannelLimitBytes;
 
 /// The stem of the named mutex and the bare name of the file in the log folder.
 struct LogChannel {
@@ -19,30 +20,28 @@ struct LogChannel {
 
 namespace channel {
 // The assertion stem has no "_7EFEA029" and the flush stem an "n" that its file lacks: both are as they must be.
-inline constexpr LogChannel kAssert{L"VemoLogOutAssert-EA59-4b7f-95DE-60189EB13537", L"VemoLogOutAssert_7EFEA029.txt"};
-inline constexpr LogChannel kMisc{L"VemoLogOutMisc_7EFEA029-EA59-4b7f-95DE-60189EB13537",
-                                  L"VemoLogOutMisc_7EFEA029.txt"};
-inline constexpr LogChannel kLock{L"VemoLockLogOut_7EFEA029-EA59-4b7f-95DE-60189EB13537",
-                                  L"VemoLockLogOut_7EFEA029.txt"};
+inline constexpr LogChannel kAssert{L"VemoLogOutAssert-EA59-4b7f-95DE-60189EB13537", layout::kAssertFile.wide};
+inline constexpr LogChannel kMisc{L"VemoLogOutMisc_7EFEA029-EA59-4b7f-95DE-60189EB13537", layout::kMiscFile.wide};
+inline constexpr LogChannel kLock{L"VemoLockLogOut_7EFEA029-EA59-4b7f-95DE-60189EB13537", layout::kLockFile.wide};
 inline constexpr LogChannel kFileOperation{L"VemoFileOperation_7EFEA029-EA59-4b7f-95DE-60189EB13537",
-                                           L"VemoFileOperation_7EFEA029.txt"};
+                                           layout::kFileOperationFile.wide};
 inline constexpr LogChannel kFlush{L"VemoFlushViewOfFileLogOutn_7EFEA029-EA59-4b7f-95DE-60189EB13537",
-                                   L"VemoFlushViewOfFileLogOut_7EFEA029.txt"};
+                                   layout::kFlushFile.wide};
 inline constexpr LogChannel kMemoryAllocation{L"VemoMemAllocLogOut_7EFEA029-EA59-4b7f-95DE-60189EB13537",
-                                              L"VemoMemAllocLogOut_7EFEA029.txt"};
+                                              layout::kMemoryAllocationFile.wide};
 inline constexpr LogChannel kMemoryOperation{L"VemoMemOperation_7EFEA029-EA59-4b7f-95DE-60189EB13537",
-                                             L"VemoMemOperation_7EFEA029.txt"};
+                                             layout::kMemoryOperationFile.wide};
 inline constexpr LogChannel kModuleStatusError{L"VemoModuleStatusError_7EFEA029-EA59-4b7f-95DE-60189EB13537",
-                                               L"VemoModuleStatusError_7EFEA029.txt"};
+                                               layout::kModuleStatusErrorFile.wide};
 inline constexpr LogChannel kWinApiWrap{L"VemoWinApiWrap_7EFEA029-EA59-4b7f-95DE-60189EB13537",
-                                        L"VemoWinApiWrap_7EFEA029.txt"};
+                                        layout::kWinApiWrapFile.wide};
 /// Reports share the naming, not the writer: they write their files themselves, under the same kind of mutex.
 inline constexpr LogChannel kModuleStatusReport{L"VemoModuleStatus_382C6292-9290-4b97-83B1-2AB8C02F9A5D",
-                                                L"VemoModuleStatus_382C6292.txt"};
+                                                layout::kModuleStatusReportFile.wide};
 inline constexpr LogChannel kExceptionReport{L"VemoExceptLogOut_4DE2C31F-8F8D-495a-80A9-BCEE1FEF19FE",
-                                             L"VemoExceptLogOut_4DE2C31F.txt"};
+                                             layout::kExceptionReportFile.wide};
 inline constexpr LogChannel kBenchmarkReport{L"QelSystemBenchmark_7EFEA029-EA59-4b7f-95DE-60189EB13537",
-                                             L"QelSystemBenchmark.txt"};
+                                             layout::kBenchmarkReportFile.wide};
 }  // namespace channel
 
 /// Writes one line with the caller's position. Never throws, reports nothing, keeps the last error.

@@ -1,5 +1,6 @@
 #include "qelibaselib/log/log_writer.h"
 
+#include "qelibaselib/base/log_layout.h"
 #include "qelibaselib/base/saved_error.h"
 #include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/log/log_channel.h"
@@ -26,9 +27,9 @@ void AppendLine(LogLine& held, const wchar_t* mutexStem, const wchar_t* filePath
   if (exists && IsFull(found)) return;
   const qel::ProgramPath program;
   if (!qel::OpenForAppending(held, filePath, exists)) return;
-  if (held.text.Format("%04d/%02d/%02d, %02d:%02d:%02d.%03d, ML=%lu, %s, %lu, %lu, %s(%d):%s\n", now.wYear, now.wMonth,
-                       now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds, memoryLoad, program.text,
-                       GetCurrentProcessId(), GetCurrentThreadId(), sourceFile, line, message))
+  if (held.text.Format(qel::layout::kChannelLine, now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond,
+                       now.wMilliseconds, memoryLoad, program.text, GetCurrentProcessId(), GetCurrentThreadId(),
+                       sourceFile, line, message))
     qel::WriteText(held, filePath);
 }
 

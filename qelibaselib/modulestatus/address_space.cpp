@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "qelibaselib/base/log_layout.h"
 #include "qelibaselib/modulestatus/heap_check.h"
 #include "qelibaselib/modulestatus/lighter_guard.h"
 #include "qelibaselib/modulestatus/mebibytes.h"
@@ -71,7 +72,7 @@ int WriteAddressSpace(std::FILE* stream) {
   GuardedReport(QEL_HERE, "DebugOutVirtualMemoryStatus", [&] {
     CheckHeap(kHeapCheckAtEntry);
     out.Print("\n");
-    out.Print("===================== Virtual Memory Status =====================\n");
+    out.Print(layout::kAddressSpaceHeading);
     FreeSums sums;
     ForEachRegion([&](const MEMORY_BASIC_INFORMATION& region) {
       if (region.State == MEM_COMMIT && region.Type == MEM_IMAGE) {

@@ -1,5 +1,6 @@
 #include "qelibaselib/modulestatus/code_dump.h"
 
+#include "qelibaselib/base/log_layout.h"
 #include "qelibaselib/modulestatus/byte_dump.h"
 #include "qelibaselib/modulestatus/heap_check.h"
 #include "qelibaselib/modulestatus/lighter_guard.h"
@@ -37,7 +38,7 @@ void DumpCode(ReportStream& out, DWORD address) {
   GuardedReport(QEL_HERE, "DumpCode", [&] {
     CheckHeap(kHeapCheckAtEntry);
     out.Print("\n");
-    out.Print("======================= Machine Code Dump ==============================================\n");
+    out.Print(layout::kCodeHeading);
     DWORD current = address - kBytesBefore;
     for (int line = 0; line < kLines; ++line) DumpCodeLine(out, current, address);
     CheckHeap(kHeapCheckAtExit);

@@ -2,6 +2,7 @@
 
 #include <omp.h>
 
+#include "qelibaselib/base/log_layout.h"
 #include "qelibaselib/modulestatus/exception_sections.h"
 #include "qelibaselib/modulestatus/heap_check.h"
 #include "qelibaselib/modulestatus/lighter_guard.h"
@@ -29,7 +30,7 @@ const char* OrEmpty(const char* text) { return text ? text : ""; }
 
 void WriteSeparators(ReportStream& out) {
   for (int i = 0; i < 2; ++i) {
-    out.Print(">>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>>\n");
+    out.Print(layout::kExceptionSeparator);
   }
 }
 
@@ -41,28 +42,27 @@ void WriteBanner(ReportStream& out, const wchar_t* title, const char* message) {
   program[MAX_PATH - 1] = '\0';
   out.Print("\n");
   WriteSeparators(out);
-  out.Print(">>>>>>>>>> %04d/%02d/%02d %02d:%02d:%02d.%03d\n", now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute,
-            now.wSecond, now.wMilliseconds);
+  out.Print(layout::kExceptionTime, now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond,
+            now.wMilliseconds);
   // A title or message that cannot be read costs its line.
   GuardedReport(QEL_HERE, "ExceptLogOut", [&] { out.Print(">>>>>>>>>> %ls(%s)\n", title, OrEmpty(message)); });
   out.Print(">>>>>>>>>> %s\n", program);
   ++g_reportCount;
-  out.Print(">>>>>>>>>> TC=%lu, ProcessId()=%lu, ThreadId()=%lu\n", g_reportCount, GetCurrentProcessId(),
-            GetCurrentThreadId());
+  out.Print(layout::kExceptionCounters, g_reportCount, GetCurrentProcessId(), GetCurrentThreadId());
   WriteSeparators(out);
 }
 
 void WriteSourcePosition(ReportStream& out, int line, const char* sourceFile) {
-  out.Print("======================= File Information ==============================================\n");
+  out.Print(layout::kSourceHeading);
   GuardedReport(QEL_HERE, "ExceptLogOut", [&] { out.Print("%s(%d)\n", OrEmpty(sourceFile), line); });
 }
 
 void WriteException(ReportStream& out, const EXCEPTION_RECORD* record, const CONTEXT* context) {
-  out.Print("======================= Exception Information(EXCEPTION_RECORD) =======================\n");
+  out.Print(layout::kRecordHeading);
   out.Print("processID=%lu, threadId=%lu, omp_get_thread_num=%d\n", GetCurrentProcessId(), GetCurrentThreadId(),
             omp_get_thread_num());
   GuardedReport(QEL_HERE, "ExceptLogOut", [&] { WriteRecord(out, record); });
-  out.Print("======================= Exception Information(CONTEXT) ================================\n");
+  out.Print(layout::kContextHeading);
   GuardedReport(QEL_HERE, "ExceptLogOut", [&] { WriteContext(out, context); });
 }
 

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <mutex>
 
+#include "qelibaselib/base/log_layout.h"
 #include "qelibaselib/memory/memory.h"
 #include "qelibaselib/modulestatus/byte_dump.h"
 #include "qelibaselib/modulestatus/heap_check.h"
@@ -141,7 +142,7 @@ bool WriteRawLine(ReportStream& out, DWORD& address) {
 }
 
 void WriteRawStack(ReportStream& out, DWORD address) {
-  out.Print("======================= Raw Stack Dump ==============================================\n");
+  out.Print(layout::kRawStackHeading);
   for (int line = 0; line < kRawDumpLines && WriteRawLine(out, address); ++line) {
   }
 }
@@ -169,7 +170,7 @@ int StackWalkLogOut(std::FILE* stream, HANDLE process, HANDLE thread, const CONT
     ReportStream out(stream);
     CheckHeap(kHeapCheckAtEntry);
     out.Print("\n");
-    out.Print("======================= Stack Walk ==============================================\n");
+    out.Print(qel::layout::kStackWalkHeading);
     if (!context) {
       out.Print("Context not exist(%d)\n", kNoContextLine);
       return;

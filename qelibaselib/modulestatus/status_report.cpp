@@ -1,5 +1,6 @@
 #include "qelibaselib/modulestatus/status_report.h"
 
+#include "qelibaselib/base/log_layout.h"
 #include "qelibaselib/modulestatus/address_space.h"
 #include "qelibaselib/modulestatus/heap_check.h"
 #include "qelibaselib/modulestatus/lighter_guard.h"
@@ -21,7 +22,7 @@ constexpr int kMutexNotOwnedLine = 779;
 constexpr int kVemoHeapCheckAtExit = 815;
 constexpr int kHeapCheckAtEntry = 433;
 constexpr int kHeapCheckAtExit = 480;
-constexpr DWORD kReportLimitBytes = 10 * kBytesPerMebibyte;
+constexpr DWORD kReportLimitBytes = layout::kStatusReportLimitBytes;
 
 bool IsOverLimit(const ReportPath& path) {
   WIN32_FIND_DATAW data;
@@ -60,10 +61,10 @@ void WriteBanner(ReportStream& out, const wchar_t* title, const char* message) {
   GetProcessWorkingSetSize(GetCurrentProcess(), &minimum, &maximum);
 
   out.Print("\n");
-  out.Print("#####\n");
-  out.Print("#####\n");
-  out.Print("##### %04d/%02d/%02d %02d:%02d:%02d.%03d\n", now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute,
-            now.wSecond, now.wMilliseconds);
+  out.Print(layout::kStatusBannerLine);
+  out.Print(layout::kStatusBannerLine);
+  out.Print(layout::kStatusTime, now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond,
+            now.wMilliseconds);
   // A title or message that cannot be read costs its line.
   GuardedReport(QEL_HERE, "ModuleStatusLogOut", [&] { WriteTitle(out, program, title, message ? message : ""); });
   out.Print("##### ProcessId()=%lu\n", GetCurrentProcessId());
@@ -76,7 +77,7 @@ void WriteBanner(ReportStream& out, const wchar_t* title, const char* message) {
   for (int i = 0; i < 2; ++i) out.Print("##### OmpNum   : %d\n", threads);
   out.Print("##### WSS      : %lu, %lu\n", static_cast<DWORD>(Mebibytes(minimum)),
             static_cast<DWORD>(Mebibytes(maximum)));
-  out.Print("#####\n");
+  out.Print(layout::kStatusBannerLine);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "qelibaselib/base/log_layout.h"
 #include "qelibaselib/memory/memory.h"
 #include "qelibaselib/modulestatus/heap_check.h"
 #include "qelibaselib/modulestatus/lighter_guard.h"
@@ -47,7 +48,7 @@ int WriteSystemVersion(std::FILE* stream) {
   GuardedReport(QEL_HERE, "DebugOutOsVersion", [&] {
     CheckHeap(kVersionHeapCheckAtEntry);
     out.Print("\n");
-    out.Print("================ OS Version ================\n");
+    out.Print(layout::kSystemVersionHeading);
     OSVERSIONINFOEXW version;
     if (ReadSystemVersion(version)) {
       out.Print("MajorVersion=%lu\n", version.dwMajorVersion);
@@ -66,7 +67,7 @@ int WriteSystemInformation(std::FILE* stream) {
   GuardedReport(QEL_HERE, "DebugOutSystemInfo", [&] {
     CheckHeap(kSystemHeapCheckAtEntry);
     out.Print("\n");
-    out.Print("======================= System Status (GetSystemInfo) =======================\n");
+    out.Print(layout::kSystemHeading);
     SYSTEM_INFO system;
     GetSystemInfo(&system);
     out.Print("dwPageSize                  = %d\n", static_cast<int>(system.dwPageSize));
@@ -88,7 +89,7 @@ int WriteGlobalMemory(std::FILE* stream) {
   GuardedReport(QEL_HERE, "DebugOutGlobalMemoryStatus", [&] {
     CheckHeap(kMemoryHeapCheckAtEntry);
     out.Print("\n");
-    out.Print("================ Global Memory Status (GlobalMemoryStatusEx) ================\n");
+    out.Print(layout::kGlobalMemoryHeading);
     MEMORYSTATUSEX status;
     _MemSet(&status, 0, sizeof status, kClearMemoryStatusLine, kSourceName);
     status.dwLength = sizeof status;
@@ -119,7 +120,7 @@ int WriteDiskFreeSpace(std::FILE* stream) {
   GuardedReport(QEL_HERE, "DebugOutDiskFreeSpace", [&] {
     CheckHeap(kDiskHeapCheckAtEntry);
     out.Print("\n");
-    out.Print("================ Disk Free Space ================\n");
+    out.Print(layout::kDiskHeading);
     char roots[kDriveListCharacters];
     const DWORD length = GetLogicalDriveStringsA(sizeof roots, roots);
     if (length > 0 && length < sizeof roots) {

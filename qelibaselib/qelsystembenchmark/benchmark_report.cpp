@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "qelibaselib/base/format.h"
+#include "qelibaselib/base/log_layout.h"
 #include "qelibaselib/base/string_converter.h"
 #include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/log/log_channel.h"
@@ -17,8 +18,8 @@ struct CloseStream {
 };
 
 void PrintTime(std::FILE* stream, const SYSTEMTIME& time) {
-  qel::FormatToStream(stream, "%04d/%02d/%02d %02d:%02d:%02d.%03d\n", time.wYear, time.wMonth, time.wDay, time.wHour,
-                      time.wMinute, time.wSecond, time.wMilliseconds);
+  qel::FormatToStream(stream, qel::layout::kBenchmarkTime, time.wYear, time.wMonth, time.wDay, time.wHour, time.wMinute,
+                      time.wSecond, time.wMilliseconds);
 }
 
 void PrintFigures(std::FILE* stream, const T_RESULT& result) {
@@ -26,21 +27,21 @@ void PrintFigures(std::FILE* stream, const T_RESULT& result) {
     const char* format;
     double figure;
   } lines[] = {
-      {"======================= BenchMark of Memory =======================\n", 0},
+      {qel::layout::kBenchmarkMemoryHeading, 0},
       {"Memory - Sequential Read        = %5.2f Mbyte/sec \n", result.memorySequentialRead},
       {"Memory - Sequential Write       = %5.2f Mbyte/sec \n", result.memorySequentialWrite},
       {"Memory - Sequential ReadWrite   = %5.2f Mbyte/sec \n", result.memorySequentialReadWrite},
       {"Memory - Random     Read        = %5.2f Mbyte/sec \n", result.memoryRandomRead},
       {"Memory - Random     Write       = %5.2f Mbyte/sec \n", result.memoryRandomWrite},
       {"Memory - Random     ReadWrite   = %5.2f Mbyte/sec \n", result.memoryRandomReadWrite},
-      {"======================= BenchMark of MMF    =======================\n", 0},
+      {qel::layout::kBenchmarkMappedHeading, 0},
       {"MMF    - Sequential Read        = %5.2f Mbyte/sec \n", result.mappedSequentialRead},
       {"MMF    - Sequential Write       = %5.2f Mbyte/sec \n", result.mappedSequentialWrite},
       {"MMF    - Sequential ReadWrite   = %5.2f Mbyte/sec \n", result.mappedSequentialReadWrite},
       {"MMF    - Random     Read        = %5.2f Mbyte/sec \n", result.mappedRandomRead},
       {"MMF    - Random     Write       = %5.2f Mbyte/sec \n", result.mappedRandomWrite},
       {"MMF\t - Random     ReadWrite   = %5.2f Mbyte/sec \n", result.mappedRandomReadWrite},
-      {"======================= BenchMark of OMP    =======================\n", 0},
+      {qel::layout::kBenchmarkThreadsHeading, 0},
   };
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
@@ -64,16 +65,16 @@ void CQelSystemBenchmark::LogOutResult(const char* message, const wchar_t* title
 
     SYSTEMTIME now{};
     GetLocalTime(&now);
-    qel::FormatToStream(stream.get(), "##### SystemBenchmark\n");
+    qel::FormatToStream(stream.get(), qel::layout::kBenchmarkHeading);
     PrintTime(stream.get(), now);
-    qel::FormatToStream(stream.get(), "#####\n");
+    qel::FormatToStream(stream.get(), qel::layout::kStatusBannerLine);
     PrintFigures(stream.get(), m_result);
     for (long threads = 1; threads < m_threadRateCount; ++threads)
       qel::FormatToStream(stream.get(), "numThreads=%d/%d        = %5.2f Mbyte/sec \n", static_cast<int>(threads),
                           static_cast<int>(m_threadRateCount - 1), m_threadRates[threads]);
-    qel::FormatToStream(stream.get(), "=======ErrLog=======\nLine = %06d,LastErrNum = %6d\n", m_errorLine,
-                        static_cast<int>(m_errorNumber));
-    qel::FormatToStream(stream.get(), "=======TimeStamp=======\n");
+    qel::FormatToStream(stream.get(), qel::layout::kBenchmarkErrorHeading);
+    qel::FormatToStream(stream.get(), "Line = %06d,LastErrNum = %6d\n", m_errorLine, static_cast<int>(m_errorNumber));
+    qel::FormatToStream(stream.get(), qel::layout::kBenchmarkStampHeading);
     PrintTime(stream.get(), m_result.localTime);
     CStrCnv narrowTitle(title);
     qel::FormatToStream(stream.get(), "%s(%s), %lu\n", title ? narrowTitle.Narrow() : "", message ? message : "",

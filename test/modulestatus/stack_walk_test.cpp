@@ -6,6 +6,7 @@
 #include "qelibaselib/qelibaselib.h"
 #include "test/modulestatus/captured_fault.h"
 #include "test/modulestatus/report_reader.h"
+#include "test/platform/target.h"
 #include "test/support/log_folder.h"
 #include "test/support/replace_call.h"
 
@@ -116,12 +117,12 @@ TEST(StackWalk, EndsWithTheChain) {
   const struct {
     const char* name;
     const void* next[3];
-    size_t frames;
+    unsigned frames;
   } cases[] = {
       {"zero", {&chain[1], nullptr, nullptr}, 2},
       {"falling", {&chain[2], nullptr, &chain[1]}, 3},
       {"itself", {&chain[0], nullptr, nullptr}, 2},
-      {"circle", {&chain[1], &chain[0], nullptr}, 4},
+      {"circle", {&chain[1], &chain[0], nullptr}, kLinux ? 3 : 4},  // the layer sees that the frame does not rise
       {"unreadable", {&chain[1], &chain[2], reinterpret_cast<void*>(8)}, 4},
   };
   for (const auto& shape : cases) {

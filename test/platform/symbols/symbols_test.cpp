@@ -128,8 +128,9 @@ TEST(StackWalk, FollowsTheChainOfFrames) {
 TEST(StackWalk, RefusesWhatItCannotWalk) {
   const Session session;
   const void* code = reinterpret_cast<void*>(0x20);
+  const void* nothing = reinterpret_cast<void*>(0x10);
   DWORD error;
-  EXPECT_TRUE(Walk(IMAGE_FILE_MACHINE_I386, code, &code, reinterpret_cast<void*>(0x10), &error).empty());
+  EXPECT_TRUE(Walk(IMAGE_FILE_MACHINE_I386, code, nothing, nothing, &error).empty());
   EXPECT_EQ(error, ByTarget(ERROR_MOD_NOT_FOUND, ERROR_NOACCESS));  // Wine leaves that of its reading
   EXPECT_TRUE(Walk(0, code, &code, &code, &error).empty());
   EXPECT_EQ(error, ERROR_INVALID_PARAMETER);

@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "qelibaselib/platform/linux/faults/fault_internal.h"
+#include "qelibaselib/platform/linux/modules/frame_walk.h"
 
 namespace qel::layer {
 namespace {
@@ -141,6 +142,7 @@ void FillFault(EXCEPTION_RECORD& record, CONTEXT& context, int signal, const sig
                const ucontext_t& machine) {
   FillRecord(record, signal, info, machine);
   FillContext(context, machine);
+  RememberFault(context);
 }
 
 void ApplyContext(ucontext_t& machine, const CONTEXT& context) {

@@ -1,9 +1,19 @@
+// The walk of a stack: unwind tables first, since they hold for code without frame pointers and at every instruction;
+// where a module has none, the chain of frame pointers; where that leads nowhere, what looks like a return address.
+//
+// The walk of a smashed stack must end, and must not fault: every word is probed, a caller's frame must lie above its
+// own callee's, and the number of frames is limited. Nothing is allocated. The walk's state lies in the caller's
+// record.
+#include "qelibaselib/platform/linux/modules/frame_walk.h"
+
 #include <cstring>
 #include <initializer_list>
+#include <utility>
 
+#include "qelibaselib/platform/linux/base/error.h"
+#include "qelibaselib/platform/linux/modules/frame_guess.h"
 #include "qelibaselib/platform/linux/modules/symbol_store.h"
-#include "qelibaselib/platform/linux/win32/dbghelp.h"
-#include "qelibaselib/platform/linux/win32/libloaderapi.h"
+#include "qelibaselib/platform/linux/win32/errhandlingapi.h"
 #include "qelibaselib/platform/linux/win32/memoryapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 
@@ -11,113 +21,120 @@ namespace qel::layer {
 namespace {
 
 constexpr DWORD kWordBytes = 4;
-constexpr DWORD kExecutable = PAGE_EXECUTE | PAGE_EXECUTE_READ | PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY;
-constexpr BYTE kPushEbp = 0x55;
-constexpr BYTE kBranchTarget[] = {0xF3, 0x0F, 0x1E, 0xFB};  // endbr32, before the frame is made
+constexpr DWORD kMostFrames = 2000;
 
-/// What a walk keeps between calls, in the words of the frame record that are the walker's own.
+/// What a walk keeps between calls, in the part of the frame record that is for the kernel's debugger on Windows.
 struct WalkState {
-  DWORD started;
-  DWORD nextFrame;
-  DWORD unused;
+  UnwindRegisters registers;  // of the frame that comes next
+  DWORD frames;
+  DWORD frameAddress;  // of the last frame
+  bool isInterrupted;  // the frame that comes next stands at an instruction that it has not executed yet
+  bool mustRise;       // false behind a signal frame, which may have changed the stack
+  bool isGuessed;      // no table told the registers: where tables lead nowhere now, the stack may still be sound
 };
-static_assert(sizeof(WalkState) == sizeof(STACKFRAME::Reserved));
+static_assert(sizeof(WalkState) <= sizeof(KDHELP));
 
-class Memory {
- public:
-  Memory(HANDLE process, PREAD_PROCESS_MEMORY_ROUTINE read) : process_(process), read_(read) {}
-  // A walk looks at other functions' frames, the redzones between their variables included: no intrinsic copy, whose
-  // arguments a sanitizer checks.
-  __attribute__((no_sanitize_address)) bool Read(DWORD address, void* bytes, DWORD count) const {
-    if (read_) {
-      DWORD taken = 0;
-      return read_(process_, address, bytes, count, &taken) && taken == count;
-    }
-    if (IsBadReadPtr(reinterpret_cast<const void*>(address), count)) return false;
-    const auto* from = reinterpret_cast<const volatile BYTE*>(address);
-    for (DWORD i = 0; i < count; ++i) static_cast<BYTE*>(bytes)[i] = from[i];
-    return true;
-  }
-  bool ReadWord(DWORD address, DWORD& word) const { return Read(address, &word, sizeof word); }
-
- private:
-  const HANDLE process_;
-  const PREAD_PROCESS_MEMORY_ROUTINE read_;
+struct LastFrame {
+  DWORD address;
+  bool isReturnAddress;
 };
+thread_local constinit LastFrame t_lastFrame{};
+thread_local constinit UnwindRegisters t_lastFault{};
 
-bool IsExecutable(DWORD address) {
-  MEMORY_BASIC_INFORMATION region;
-  return VirtualQuery(reinterpret_cast<const void*>(address), &region, sizeof region) != 0 &&
-         (region.Protect & kExecutable) != 0;
+// A walk looks at other functions' frames, the redzones between their variables included: no intrinsic copy, whose
+// arguments a sanitizer checks.
+__attribute__((no_sanitize_address)) BOOL WINAPI ReadOwnMemory(HANDLE, DWORD address, PVOID bytes, DWORD count,
+                                                               PDWORD taken) {
+  if (IsBadReadPtr(reinterpret_cast<const void*>(address), count)) return FALSE;
+  const auto* from = reinterpret_cast<const volatile BYTE*>(address);
+  for (DWORD i = 0; i < count; ++i) static_cast<BYTE*>(bytes)[i] = from[i];
+  *taken = count;
+  return TRUE;
 }
 
-/// How far a function has got with making its frame: before "push ebp", between it and "mov ebp, esp", or behind (or it
-/// makes none; nothing is known about it then).
-enum class Frame { kNone, kPushed, kWhole };
+UnwindRegisters RegistersOf(const CONTEXT& context) {
+  UnwindRegisters registers;
+  const std::pair<UnwindColumn, DWORD> values[] = {{kEax, context.Eax}, {kEcx, context.Ecx}, {kEdx, context.Edx},
+                                                   {kEbx, context.Ebx}, {kEsp, context.Esp}, {kEbp, context.Ebp},
+                                                   {kEsi, context.Esi}, {kEdi, context.Edi}, {kEip, context.Eip}};
+  for (const auto& [column, value] : values) registers.Set(column, value);
+  return registers;
+}
 
-Frame FrameProgress(const Memory& memory, DWORD address) {
-  FoundFunction function;
-  if (!FindFunction(address, function, nullptr, 0)) return Frame::kWhole;
-  DWORD entry = function.address;
-  BYTE code[sizeof kBranchTarget];
-  if (memory.Read(entry, code, sizeof code) && std::memcmp(code, kBranchTarget, sizeof code) == 0) {
-    if (address == entry) return Frame::kNone;
-    entry += sizeof kBranchTarget;
+UnwindRegisters FirstRegisters(const STACKFRAME& frame, const CONTEXT* context) {
+  UnwindRegisters known;
+  known.Set(kEip, frame.AddrPC.Offset);
+  known.Set(kEsp, frame.AddrStack.Offset);
+  known.Set(kEbp, frame.AddrFrame.Offset);
+  const UnwindRegisters all = context ? RegistersOf(*context) : t_lastFault;
+  for (const uint32_t column : {kEip, kEsp, kEbp}) {
+    if (all.Get(column) != known.Get(column)) return known;
   }
-  if (address == entry) return Frame::kNone;
-  if (address == entry + 1 && memory.Read(entry, code, 1) && code[0] == kPushEbp) return Frame::kPushed;
-  return Frame::kWhole;
+  return all.IsKnown(kEip) ? all : known;
 }
 
-/// Calling through a bad pointer leaves the program counter outside any code, and the caller's address on top of the
-/// stack.
-bool IsBadCall(const Memory& memory, DWORD counter, DWORD stack) {
-  DWORD caller;
-  return FindModuleBase(counter) == 0 && !IsExecutable(counter) && memory.ReadWord(stack, caller) &&
-         FindModuleBase(caller) != 0;
+void Start(const STACKFRAME& frame, const CONTEXT* context, WalkState& state) {
+  state = {};
+  state.registers = FirstRegisters(frame, context);
+  state.isInterrupted = true;
+  RefreshModules();
 }
 
-/// Reads what the frame leads on to. One that cannot be read is the last: it has no return address.
-bool FollowFrame(const Memory& memory, STACKFRAME& frame, WalkState& state) {
-  if (memory.ReadWord(frame.AddrFrame.Offset, state.nextFrame) &&
-      memory.ReadWord(frame.AddrFrame.Offset + kWordBytes, frame.AddrReturn.Offset)) {
-    return true;
+bool FindCallerByGuess(const WalkMemory& memory, const WalkState& state, CallerFrame& caller) {
+  return StepByFramePointer(memory, state.registers, state.isInterrupted, caller) ||
+         StepByScan(memory, state.registers, caller);
+}
+
+StepResult FindCallerInModule(const WalkMemory& memory, WalkState& state, CallerFrame& caller) {
+  UnwindTables tables;
+  StepResult result = StepResult::kNoTable;
+  if (FindUnwindTables(state.registers.Get(kEip), tables))
+    result = StepByTables(memory, tables, state.registers, state.isInterrupted, caller);
+  if (result == StepResult::kNoTable) {
+    state.isGuessed = true;
+    return FindCallerByGuess(memory, state, caller) ? StepResult::kCaller : StepResult::kLost;
   }
-  state.nextFrame = 0;
-  frame.AddrReturn.Offset = 0;
-  return false;
+  // Assembler code may move the stack without telling: the C library's memcpy does. A return address of 0 is an end.
+  const DWORD counter = caller.registers.Get(kEip);
+  const bool isWrong = result == StepResult::kCaller ? counter != 0 && !IsCode(counter) : state.isGuessed;
+  CallerFrame guessed;
+  if (result == StepResult::kOutermost || !isWrong || !StepByScan(memory, state.registers, guessed)) return result;
+  caller = guessed;
+  state.isGuessed = true;
+  return StepResult::kCaller;
 }
 
-/// The first frame. One that its function has not made yet is placed where it would be.
-bool Start(const Memory& memory, STACKFRAME& frame, WalkState& state) {
-  state.started = 1;
-  const DWORD counter = frame.AddrPC.Offset;
-  const DWORD stack = frame.AddrStack.Offset;
-  const Frame made = IsBadCall(memory, counter, stack) ? Frame::kNone : FrameProgress(memory, counter);
-  if (made == Frame::kWhole) return FollowFrame(memory, frame, state) || FindModuleBase(counter) != 0;
-  const DWORD callersFrame = frame.AddrFrame.Offset;
-  frame.AddrFrame.Offset = made == Frame::kNone ? stack - kWordBytes : stack;
-  if (!FollowFrame(memory, frame, state)) return false;
-  state.nextFrame = callersFrame;
+StepResult FindCallerOutsideModules(const WalkMemory& memory, WalkState& state, CallerFrame& caller) {
+  if (state.isInterrupted && StepFromBadCall(memory, state.registers, caller)) return StepResult::kCaller;
+  if (!state.isInterrupted && !IsCode(state.registers.Get(kEip))) return StepResult::kLost;  // the stack is smashed
+  state.isGuessed = true;
+  return FindCallerByGuess(memory, state, caller) ? StepResult::kCaller : StepResult::kLost;
+}
+
+/// Fills the record with the frame that comes next and prepares its caller's. False when there is no frame.
+bool ShowFrame(const WalkMemory& memory, STACKFRAME& frame, WalkState& state) {
+  const UnwindRegisters& registers = state.registers;
+  const DWORD counter = registers.Get(kEip);
+  const bool isInModule = IsModuleCode(counter);
+  CallerFrame caller;
+  const StepResult result =
+      isInModule ? FindCallerInModule(memory, state, caller) : FindCallerOutsideModules(memory, state, caller);
+  if (state.frames == 0 && result != StepResult::kCaller && FindModuleBase(counter) == 0) return false;
+  const bool hasRisen = !state.mustRise || caller.frameAddress > state.frameAddress;
+  const bool hasCaller = result == StepResult::kCaller && hasRisen;
+  t_lastFrame = {counter, !state.isInterrupted};
+  frame.AddrPC.Offset = counter;
+  frame.AddrStack.Offset = registers.Get(kEsp);
+  frame.AddrFrame.Offset = caller.isFrameAddressKnown ? caller.frameAddress - 2 * kWordBytes : registers.Get(kEbp);
+  frame.AddrReturn.Offset = hasCaller ? caller.registers.Get(kEip) : 0;
+  state.frameAddress = caller.frameAddress;
+  state.isInterrupted = caller.wasInterrupted;
+  state.mustRise = !caller.wasInterrupted;
+  state.registers = caller.registers;
   return true;
 }
 
-/// The caller's frame.
-bool Advance(const Memory& memory, STACKFRAME& frame, WalkState& state) {
-  if (frame.AddrReturn.Offset == 0) return false;
-  frame.AddrPC.Offset = frame.AddrReturn.Offset;
-  frame.AddrStack.Offset = frame.AddrFrame.Offset + 2 * kWordBytes;
-  frame.AddrFrame.Offset = state.nextFrame;
-  FollowFrame(memory, frame, state);
-  return true;
-}
-
-DWORD Walk(const Memory& memory, STACKFRAME& frame) {
-  WalkState state;
-  std::memcpy(&state, frame.Reserved, sizeof state);
-  const bool found = state.started ? Advance(memory, frame, state) : Start(memory, frame, state);
-  if (!found) return ERROR_MOD_NOT_FOUND;
-  std::memcpy(frame.Reserved, &state, sizeof state);
+void FillRest(const WalkMemory& memory, STACKFRAME& frame) {
   for (ADDRESS* address : {&frame.AddrPC, &frame.AddrReturn, &frame.AddrFrame, &frame.AddrStack}) {
     address->Mode = AddrModeFlat;
   }
@@ -127,18 +144,37 @@ DWORD Walk(const Memory& memory, STACKFRAME& frame) {
   frame.FuncTableEntry = nullptr;
   frame.Far = FALSE;
   frame.Virtual = TRUE;
+}
+
+DWORD Walk(const WalkMemory& memory, STACKFRAME& frame, const CONTEXT* context) {
+  WalkState state;
+  if (frame.Reserved[0] == 0) {
+    Start(frame, context, state);
+  } else {
+    std::memcpy(static_cast<void*>(&state), &frame.KdHelp, sizeof state);
+    if (frame.AddrReturn.Offset == 0 || state.frames == kMostFrames) return ERROR_MOD_NOT_FOUND;
+  }
+  if (!ShowFrame(memory, frame, state)) return ERROR_MOD_NOT_FOUND;
+  ++state.frames;
+  std::memcpy(&frame.KdHelp, &state, sizeof state);
+  frame.Reserved[0] = 1;
+  FillRest(memory, frame);
   return ERROR_SUCCESS;
 }
 
 }  // namespace
+
+bool IsReturnAddressOfWalk(DWORD address) { return t_lastFrame.isReturnAddress && t_lastFrame.address == address; }
+
+void RememberFault(const CONTEXT& context) { t_lastFault = RegistersOf(context); }
+
 }  // namespace qel::layer
 
-BOOL WINAPI StackWalk(DWORD machine, HANDLE process, HANDLE, LPSTACKFRAME frame, PVOID,
+BOOL WINAPI StackWalk(DWORD machine, HANDLE process, HANDLE, LPSTACKFRAME frame, PVOID context,
                       PREAD_PROCESS_MEMORY_ROUTINE readMemory, PFUNCTION_TABLE_ACCESS_ROUTINE, PGET_MODULE_BASE_ROUTINE,
                       PTRANSLATE_ADDRESS_ROUTINE) {
-  DWORD error = ERROR_INVALID_PARAMETER;
-  if (machine == IMAGE_FILE_MACHINE_I386) error = qel::layer::Walk(qel::layer::Memory(process, readMemory), *frame);
-  if (error == ERROR_SUCCESS) return TRUE;
-  SetLastError(error);
-  return FALSE;
+  using namespace qel::layer;
+  if (machine != IMAGE_FILE_MACHINE_I386) return ReportResult(ERROR_INVALID_PARAMETER);
+  const WalkMemory memory(process, readMemory ? readMemory : &ReadOwnMemory);
+  return ReportResult(Walk(memory, *frame, static_cast<const CONTEXT*>(context)));
 }

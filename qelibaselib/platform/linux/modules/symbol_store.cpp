@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "qelibaselib/platform/linux/base/descriptor.h"
+#include "qelibaselib/platform/linux/base/page_size.h"
 #include "qelibaselib/platform/linux/modules/symbol_name.h"
 #include "qelibaselib/platform/linux/modules/symbol_table.h"
 
@@ -20,7 +22,7 @@ namespace {
 
 constexpr std::size_t kStoredNameCharacters = 1024;
 
-struct Module {
+struct LoadedModule {
   uint32_t bias = 0;  // what loading added to the addresses in the file
   uint32_t start = 0;
   uint32_t end = 0;
@@ -32,7 +34,7 @@ struct Module {
 };
 
 struct Store {
-  std::vector<Module> modules;  // sorted by start
+  std::vector<LoadedModule> modules;  // sorted by start
   unsigned long long loads = 0;
   unsigned long long unloads = 0;
 };
@@ -60,20 +62,6 @@ Store& TheStore() {
   return store;
 }
 
-class File {
- public:
-  explicit File(const char* path) : descriptor_(open64(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK)) {}
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-  ~File() {
-    if (descriptor_ >= 0) close(descriptor_);
-  }
-  int get() const { return descriptor_; }
-
- private:
-  const int descriptor_;
-};
-
 bool SameBytes(int file, uint32_t offset, const void* loaded, std::size_t bytes) {
   std::array<char, 256> buffer;
   for (std::size_t done = 0; done < bytes;) {
@@ -87,7 +75,7 @@ bool SameBytes(int file, uint32_t offset, const void* loaded, std::size_t bytes)
 
 /// Whether the file is the one that was loaded and not another that has taken its place since: by its program headers
 /// and its notes, where the linker leaves an identification of the contents.
-bool IsLoadedFile(int file, const Module& module) {
+bool IsLoadedFile(int file, const LoadedModule& module) {
   Elf32_Ehdr header;
   if (pread64(file, &header, sizeof header, 0) != sizeof header || header.e_phnum != module.headerCount) return false;
   if (!SameBytes(file, header.e_phoff, module.headers, module.headerCount * sizeof(Elf32_Phdr))) return false;
@@ -98,21 +86,22 @@ bool IsLoadedFile(int file, const Module& module) {
   });
 }
 
-void ReadSymbols(Module& module) {
+void ReadSymbols(LoadedModule& module) {
   module.isRead = true;
   // The program's own file is reached even after it was replaced or removed.
-  const File file(module.path.empty() ? "/proc/self/exe" : module.path.c_str());
+  const Descriptor file(open64(module.path.empty() ? "/proc/self/exe" : module.path.c_str(),
+                               O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
   if (file.get() >= 0 && IsLoadedFile(file.get(), module)) module.symbols = SymbolTable(file.get());
 }
 
-Module Describe(const dl_phdr_info& info) {
-  Module module{
+LoadedModule Describe(const dl_phdr_info& info) {
+  LoadedModule module{
       .bias = info.dlpi_addr, .path = info.dlpi_name, .headers = info.dlpi_phdr, .headerCount = info.dlpi_phnum};
   module.start = UINT32_MAX;
   for (const Elf32_Phdr* segment = info.dlpi_phdr; segment != info.dlpi_phdr + info.dlpi_phnum; ++segment) {
     if (segment->p_type != PT_LOAD) continue;
     const uint32_t first = info.dlpi_addr + segment->p_vaddr;
-    module.start = std::min(module.start, first / 4096 * 4096);
+    module.start = std::min(module.start, first / kPageSize * kPageSize);
     module.end = std::max<uint32_t>(module.end, first + segment->p_memsz);
   }
   return module;
@@ -121,17 +110,17 @@ Module Describe(const dl_phdr_info& info) {
 /// What was read of a module that is still loaded is kept. After an unloading everything is dropped: another file may
 /// have come to the same place.
 void Reload(Store& store, bool keep) {
-  std::vector<Module> now;
+  std::vector<LoadedModule> now;
   dl_iterate_phdr(
       [](dl_phdr_info* info, std::size_t, void* list) {
-        static_cast<std::vector<Module>*>(list)->push_back(Describe(*info));
+        static_cast<std::vector<LoadedModule>*>(list)->push_back(Describe(*info));
         return 0;
       },
       &now);
-  std::sort(now.begin(), now.end(), [](const Module& a, const Module& b) { return a.start < b.start; });
+  std::sort(now.begin(), now.end(), [](const LoadedModule& a, const LoadedModule& b) { return a.start < b.start; });
   if (keep) {
-    for (Module& old : store.modules) {
-      const auto same = std::find_if(now.begin(), now.end(), [&](const Module& module) {
+    for (LoadedModule& old : store.modules) {
+      const auto same = std::find_if(now.begin(), now.end(), [&](const LoadedModule& module) {
         return module.start == old.start && module.end == old.end && module.path == old.path;
       });
       if (same != now.end() && old.isRead) *same = std::move(old);
@@ -140,11 +129,19 @@ void Reload(Store& store, bool keep) {
   store.modules = std::move(now);
 }
 
-Module* FindModule(Store& store, uint32_t address) {
+LoadedModule* FindModule(Store& store, uint32_t address) {
   const auto next = std::upper_bound(store.modules.begin(), store.modules.end(), address,
-                                     [](uint32_t value, const Module& module) { return value < module.start; });
+                                     [](uint32_t value, const LoadedModule& module) { return value < module.start; });
   if (next == store.modules.begin() || address >= (next - 1)->end) return nullptr;
   return &*(next - 1);
+}
+
+/// The first program header that `fits`; null for none.
+template <class Fits>
+const Elf32_Phdr* FindSegment(const LoadedModule& module, Fits fits) {
+  const Elf32_Phdr* end = module.headers + module.headerCount;
+  const Elf32_Phdr* found = std::find_if(module.headers, end, fits);
+  return found == end ? nullptr : found;
 }
 
 }  // namespace
@@ -173,14 +170,35 @@ bool RefreshModules() {
 uint32_t FindModuleBase(uint32_t address) {
   const StoreLock lock;
   if (!lock) return 0;
-  const Module* module = FindModule(TheStore(), address);
+  const LoadedModule* module = FindModule(TheStore(), address);
   return module ? module->start : 0;
+}
+
+bool IsModuleCode(uint32_t address) {
+  const StoreLock lock;
+  const LoadedModule* module = lock ? FindModule(TheStore(), address) : nullptr;
+  return module && FindSegment(*module, [&](const Elf32_Phdr& segment) {
+           return segment.p_type == PT_LOAD && (segment.p_flags & PF_X) != 0 &&
+                  address - module->bias - segment.p_vaddr < segment.p_memsz;
+         });
+}
+
+bool FindUnwindTables(uint32_t address, UnwindTables& tables) {
+  const StoreLock lock;
+  const LoadedModule* module = lock ? FindModule(TheStore(), address) : nullptr;
+  if (!module) return false;
+  const Elf32_Phdr* header =
+      FindSegment(*module, [](const Elf32_Phdr& segment) { return segment.p_type == PT_GNU_EH_FRAME; });
+  if (!header) return false;
+  tables.header = module->bias + header->p_vaddr;
+  tables.headerEnd = tables.header + header->p_memsz;
+  return true;
 }
 
 bool FindFunction(uint32_t address, FoundFunction& found, char* name, std::size_t size) {
   const StoreLock lock;
   if (!lock) return false;
-  Module* module = FindModule(TheStore(), address);
+  LoadedModule* module = FindModule(TheStore(), address);
   if (!module) return false;
   if (!module->isRead) ReadSymbols(*module);
   const SymbolTable::Function* function = module->symbols.Find(address - module->bias);

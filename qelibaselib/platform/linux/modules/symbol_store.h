@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "qelibaselib/platform/linux/modules/unwind_entry.h"
+
 namespace qel::layer {
 
 struct FoundFunction {
@@ -17,6 +19,12 @@ bool RefreshModules();
 
 /// The address of the first byte of the module that the address lies in; 0 for none.
 uint32_t FindModuleBase(uint32_t address);
+
+/// Whether the address lies in an executable part of a module.
+bool IsModuleCode(uint32_t address);
+
+/// The unwind tables of the module that the address lies in; false for none.
+bool FindUnwindTables(uint32_t address, UnwindTables& tables);
 
 /// The function that the address lies in; false for none. `name`, when given, receives its readable name, cut to `size`
 /// characters with the terminator.

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "qelibaselib/platform/linux/base/page_size.h"
 #include "qelibaselib/platform/linux/win32/memoryapi.h"
 
 namespace qel::layer {
@@ -15,7 +16,6 @@ namespace {
 
 constexpr uint32_t kMaximumSymbols = 1u << 20;
 constexpr uint32_t kMaximumSections = 4096;
-constexpr std::size_t kPageBytes = 4096;
 // On the stack of a thread that may have little left.
 constexpr std::size_t kSymbolsPerRead = 64;
 
@@ -68,7 +68,7 @@ Pages::~Pages() {
 }
 
 void Pages::Shrink(std::size_t bytes) {
-  const std::size_t kept = (bytes + kPageBytes - 1) / kPageBytes * kPageBytes;
+  const std::size_t kept = (bytes + kPageSize - 1) / kPageSize * kPageSize;
   if (kept >= size_) return;
   munmap(data_ + kept, size_ - kept);
   size_ = kept;
@@ -126,7 +126,7 @@ class SymbolTableReader {
   bool MapStrings(const Elf32_Shdr& symbols, SymbolTable::Strings& strings) const {
     Elf32_Shdr section;
     if (!ReadSection(symbols.sh_link, section) || section.sh_type != SHT_STRTAB || !IsInside(section)) return false;
-    strings.start = section.sh_offset % kPageBytes;
+    strings.start = section.sh_offset % kPageSize;
     strings.size = section.sh_size;
     const std::size_t bytes = strings.start + strings.size;
     strings.pages = Pages(
@@ -192,7 +192,7 @@ std::size_t SymbolTable::Name(const Function& function, char* text, std::size_t 
   std::size_t length = 0;
   for (; length < limit; ++length) {
     const char* next = name + length;
-    const bool entersPage = length == 0 || reinterpret_cast<uintptr_t>(next) % kPageBytes == 0;
+    const bool entersPage = length == 0 || reinterpret_cast<uintptr_t>(next) % kPageSize == 0;
     if (entersPage && IsBadReadPtr(next, 1)) break;
     if (*next == '\0') break;
     text[length] = *next;

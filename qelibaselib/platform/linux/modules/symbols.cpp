@@ -1,5 +1,6 @@
 #include <atomic>
 
+#include "qelibaselib/platform/linux/modules/frame_walk.h"
 #include "qelibaselib/platform/linux/modules/symbol_store.h"
 #include "qelibaselib/platform/linux/win32/dbghelp.h"
 #include "qelibaselib/platform/linux/win32/libloaderapi.h"
@@ -17,7 +18,9 @@ DWORD FindSymbol(DWORD address, DWORD& displacement, IMAGEHLP_SYMBOL& symbol) {
   if (g_sessions == 0) return ERROR_INVALID_HANDLE;
   if (FindModuleBase(address) == 0) return ERROR_MOD_NOT_FOUND;
   FoundFunction found;
-  if (!FindFunction(address, found, symbol.Name, symbol.MaxNameLength)) return ERROR_INVALID_ADDRESS;
+  // A call that does not return may be the last instruction of its function.
+  const DWORD place = IsReturnAddressOfWalk(address) ? address - 1 : address;
+  if (!FindFunction(place, found, symbol.Name, symbol.MaxNameLength)) return ERROR_INVALID_ADDRESS;
   symbol.Address = found.address;
   symbol.Size = found.size;
   symbol.Flags = 0;

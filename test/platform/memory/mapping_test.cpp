@@ -156,4 +156,45 @@ TEST(Mapping, NamesAreSharedBetweenProcesses) {
   EXPECT_EQ(file.Contents(), "abxxxxxxxx");
 }
 
+// By the descriptors of those who have it open: the maker here, then one who joined.
+TEST(Mapping, NamesLeadToAFileThatWasRenamed) {
+  if (!kLinux) GTEST_SKIP() << "Wine's server has the file open itself";
+  MappedFile file(10);
+  const std::wstring name = UniqueName();
+  Handle mapping(Create(file.handle(), PAGE_READWRITE, 0, name.c_str()));
+  file.Close();
+  std::filesystem::rename(file.Path(), file.Path().string() + "-renamed");
+  WriteWholeFile(file.Path(), std::string(10, 'o'));
+  const View view(mapping, FILE_MAP_WRITE, 0, 0);
+  view[0] = 'a';
+  ChildProcess first("WriteIntoMapping", {Narrow(name)});
+  ASSERT_EQ(first.WaitForLine(), "written");
+  EXPECT_EQ(view[1], 'b');
+  mapping.Close();
+  view[0] = 'r';
+  ChildProcess second("WriteIntoMapping", {Narrow(name)});
+  ASSERT_EQ(second.WaitForLine(), "written");
+  EXPECT_EQ(view[1], 's');
+  EXPECT_EQ(file.Contents(), std::string(10, 'o')) << "the file that has the name now";
+}
+
+// Entries of processes that were killed are used again.
+TEST(Mapping, ManyProcessesWithARenamedFile) {
+  if (!kLinux) GTEST_SKIP() << "Wine's server has the file open itself";
+  MappedFile file(10);
+  const std::wstring name = UniqueName();
+  Handle mapping(Create(file.handle(), PAGE_READWRITE, 0, name.c_str()));
+  file.Close();
+  for (int i = 0; i < 100; ++i) {
+    ChildProcess child("WriteIntoMapping", {Narrow(name)});
+    ASSERT_EQ(child.WaitForLine(), "written");
+    child.Kill();
+  }
+  std::filesystem::rename(file.Path(), file.Path().string() + "-renamed");
+  ChildProcess joined("WriteIntoMapping", {Narrow(name)});
+  ASSERT_EQ(joined.WaitForLine(), "written");
+  mapping.Close();
+  EXPECT_MADE(OpenFileMappingW(FILE_MAP_READ, FALSE, name.c_str()), kUntouched);
+}
+
 }  // namespace

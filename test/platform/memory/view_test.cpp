@@ -88,10 +88,6 @@ TEST(View, OneFileByAllWays) {
   file.Close();
   EXPECT_EQ(view[3], 'y');
   EXPECT_EQ(file.Contents(), "vxwyxxxxxx") << "a view needs no handle";
-  if (!OnWine()) {  // there a mapping counts like a handle; elsewhere only handles share or do not
-    const Handle alone(CreateFileW(file.Path().wstring().c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
-    EXPECT_NE(static_cast<HANDLE>(alone), INVALID_HANDLE_VALUE);
-  }
 }
 
 TEST(View, UnmapByAnyAddressInside) {
@@ -207,39 +203,6 @@ TEST(View, PagesMadeCopyOnWriteKeepTheirChanges) {
   std::string expected(4 * 4096, 'x');
   expected[0] = expected[3 * 4096] = 'f';
   EXPECT_EQ(file.Contents(), expected);
-}
-
-TEST(View, HoldsWhatItShowsOfAFile) {
-  MappedFile file(2 * 65536);
-  const auto open = [&](DWORD access, DWORD disposition) {
-    return CreateFileW(file.Name().c_str(), access, 7, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
-  };
-  const auto cut = [&](LONG size) {
-    const Handle handle(file.Open(GENERIC_WRITE));
-    LARGE_INTEGER end;
-    end.QuadPart = size;
-    return SetFilePointerEx(handle, end, nullptr, FILE_BEGIN) && SetEndOfFile(handle);
-  };
-  std::optional<View> view;
-  {
-    const Handle mapping(Create(file.handle(), PAGE_READWRITE));
-    view.emplace(mapping, FILE_MAP_READ, 0, 65536);
-  }
-  file.Close();
-  EXPECT_CALL(open(GENERIC_WRITE, CREATE_ALWAYS), INVALID_HANDLE_VALUE, ERROR_USER_MAPPED_FILE);
-  EXPECT_CALL(open(GENERIC_WRITE, TRUNCATE_EXISTING), INVALID_HANDLE_VALUE, ERROR_USER_MAPPED_FILE);
-  EXPECT_CALL(cut(65535), FALSE, ERROR_USER_MAPPED_FILE);
-  EXPECT_EQ(file.Size(), 2u * 65536);
-  if (kLinux) {  // Wine holds fewer off
-    const ScratchFolder folder;
-    WriteWholeFile(folder.Path() / "other", "y");
-    EXPECT_CALL(CopyFileW(folder.Wide("other").c_str(), file.Name().c_str(), FALSE), FALSE, ERROR_USER_MAPPED_FILE);
-    EXPECT_CALL(DeleteFileW(file.Name().c_str()), FALSE, ERROR_ACCESS_DENIED);
-    EXPECT_TRUE(cut(65536));
-  }
-  view.reset();
-  EXPECT_TRUE(cut(1));
-  EXPECT_CALL(DeleteFileW(file.Name().c_str()), TRUE, kUntouched);
 }
 
 TEST(View, CountsAsOpen) {

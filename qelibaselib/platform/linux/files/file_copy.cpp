@@ -86,9 +86,13 @@ DWORD CopyFileByPath(const SystemPath& sourcePath, const SystemPath& targetPath,
   request = {{kWriting, kReading}, failIfExists ? CREATE_NEW : CREATE_ALWAYS};
   request.permissions = (source.status().mode & 0777) | S_IWUSR;
   request.source = &source.status();
-  if (const DWORD error = target.Open(targetPath, request))
-    return !failIfExists && SameName(source.status(), targetPath) ? ERROR_SHARING_VIOLATION : error;
-  const DWORD error = CopyInto(source, target);
+  DWORD error = target.Open(targetPath, request);
+  if (error == ERROR_SHARING_VIOLATION) {  // one who writes into the target, or maps it for that, and shares writing
+    request.mode.share |= kWriting;
+    error = target.Open(targetPath, request);
+  }
+  if (error) return !failIfExists && SameName(source.status(), targetPath) ? ERROR_SHARING_VIOLATION : error;
+  error = CopyInto(source, target);
   if (error) unlink(targetPath.text());
   return error;
 }

@@ -14,7 +14,6 @@
 #include "qelibaselib/platform/linux/files/file_copy.h"
 #include "qelibaselib/platform/linux/files/file_sharing.h"
 #include "qelibaselib/platform/linux/files/path.h"
-#include "qelibaselib/platform/linux/memory/view_table.h"
 #include "qelibaselib/platform/linux/win32/fileapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 
@@ -38,10 +37,11 @@ DWORD ActOnName(const SystemPath& path, int file, Act act) {
     if (const DWORD error = gate.Enter(kRemoval)) return error;
   gate.LeaveToClose();
   if (const int error = ReadStatus(AT_FDCWD, path.text(), AT_SYMLINK_NOFOLLOW, named)) return PathError(error, path);
-  return named.SameFile(status) ? act(named) : kAgain;
+  return named.SameFile(status) ? act(named, file) : kAgain;
 }
 
-// Runs `act(status)` on the file that the name leads to. Links, and files that cannot be opened at all, are nobody's.
+// Runs `act(status, descriptor)` on the file that the name leads to. Links, and files that cannot be opened at all, are
+// nobody's; they have no descriptor (-1).
 template <class Act>
 DWORD ActOnFile(const SystemPath& path, Act act) {
   for (int i = 0; i < kTries; ++i) {
@@ -51,7 +51,7 @@ DWORD ActOnFile(const SystemPath& path, Act act) {
       if (openError != EACCES && openError != ELOOP && openError != ENXIO) return PathError(openError, path);
       FileStatus status;
       const int error = ReadStatus(AT_FDCWD, path.text(), AT_SYMLINK_NOFOLLOW, status);
-      return error ? PathError(error, path) : act(status);
+      return error ? PathError(error, path) : act(status, -1);
     }
     const DWORD error = ActOnName(path, file.get(), act);
     if (error != kAgain) return error;
@@ -62,10 +62,10 @@ DWORD ActOnFile(const SystemPath& path, Act act) {
 DWORD Delete(LPCWSTR name) {
   SystemPath path;
   if (const DWORD error = path.Parse(name)) return error;
-  const DWORD error = ActOnFile(path, [&](const FileStatus& status) -> DWORD {
+  const DWORD error = ActOnFile(path, [&](const FileStatus& status, int file) -> DWORD {
     if (status.IsFolder() || status.IsReadOnlyFile()) return ERROR_ACCESS_DENIED;
     if (path.EndsInSeparator()) return ERROR_INVALID_NAME;
-    if (RegionTable().ShowsBehind({status.device, status.node}, 0)) return ERROR_ACCESS_DENIED;
+    if (IsMappedElsewhere(file)) return ERROR_ACCESS_DENIED;
     return unlink(path.text()) == 0 ? ERROR_SUCCESS : PathError(errno, path);
   });
   return error == ERROR_FILE_NOT_FOUND && path.EndsInSeparator() ? path.SeparatorError() : error;
@@ -92,7 +92,7 @@ DWORD Move(LPCWSTR existing, LPCWSTR newName) {
   SystemPath source, target;
   if (const DWORD error = source.Parse(existing)) return error;
   if (const DWORD error = target.Parse(newName)) return error;
-  return ActOnFile(source, [&](const FileStatus& status) -> DWORD {
+  return ActOnFile(source, [&](const FileStatus& status, int) -> DWORD {
     if (!status.IsFolder() && source.EndsInSeparator()) return source.SeparatorError();
     if (!status.IsFolder() && target.EndsInSeparator()) return target.SeparatorError();
     if (std::strcmp(source.text(), target.text()) == 0) return ERROR_SUCCESS;

@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "qelibaselib/platform/linux/base/lock_range.h"
@@ -14,8 +15,10 @@ namespace {
 
 constexpr off_t kFirstByte = kEndOfRanges;
 constexpr int kShareBytes = 64;
-constexpr int kRangesLockedByte = kShareBytes;  // held by those who have locked ranges
-constexpr int kBytes = kShareBytes + 1;
+constexpr int kRangesLockedByte = kShareBytes;      // held by those who have locked ranges
+constexpr int kMappedByte = kRangesLockedByte + 1;  // held by every mapping; alone by one who empties or cuts the file
+constexpr int kMappedForWritingByte = kMappedByte + 1;
+constexpr int kBytes = kMappedForWritingByte + 1;
 
 enum class Answer { kFree, kConflict, kUnsupported };
 
@@ -26,6 +29,12 @@ bool Compatible(ShareMode mode, int byte) {
   return (mode.access & ~share) == 0 && (access & ~mode.share) == 0;
 }
 
+bool StandsBeside(int byte, ShareMode mode) {
+  if (byte == kMappedByte) return true;
+  if (byte == kMappedForWritingByte) return (mode.share & kWriting) != 0;
+  return Compatible(mode, byte);
+}
+
 // Looks at the bytes [from, to) that others hold. The kernel names any one of them, so the rest is looked at on both
 // sides of it.
 Answer Look(int descriptor, ShareMode mode, bool* rangesLocked, int from = 0, int to = kBytes) {
@@ -33,11 +42,12 @@ Answer Look(int descriptor, ShareMode mode, bool* rangesLocked, int from = 0, in
   struct flock range = LockRange(F_WRLCK, kFirstByte + from, to - from);
   if (fcntl(descriptor, F_OFD_GETLK, &range) != 0) return Answer::kUnsupported;
   if (range.l_type == F_UNLCK) return Answer::kFree;
-  const int byte = static_cast<int>(range.l_start - kFirstByte);
-  if (range.l_start < kFirstByte || byte >= to) return Answer::kFree;  // a foreign program locks the whole file
+  if (range.l_start < kFirstByte) return Answer::kFree;  // a foreign program locks the whole file
+  // The kernel joins neighbouring bytes of one holder, so this lock may begin before the part that is looked at.
+  const int byte = std::max(static_cast<int>(range.l_start - kFirstByte), from);
   if (byte == kRangesLockedByte) {
     if (rangesLocked) *rangesLocked = true;
-  } else if (!Compatible(mode, byte)) {
+  } else if (!StandsBeside(byte, mode)) {
     return Answer::kConflict;
   }
   const Answer before = Look(descriptor, mode, rangesLocked, from, byte);
@@ -106,6 +116,58 @@ bool MayShare(int descriptor, ShareMode mode) { return Look(descriptor, mode, nu
 void MarkRangesLocked(int descriptor, bool locked) {
   struct flock mark = LockRange(locked ? F_RDLCK : F_UNLCK, kFirstByte + kRangesLockedByte, 1);
   fcntl(descriptor, F_OFD_SETLK, &mark);
+}
+
+namespace {
+
+bool SetLock(int descriptor, short type, int firstByte, int bytes) {
+  struct flock lock = LockRange(type, kFirstByte + firstByte, bytes);
+  return fcntl(descriptor, F_OFD_SETLK, &lock) == 0;
+}
+
+bool IsHeldByAnother(int error) { return error == EAGAIN || error == EACCES; }
+
+// Calls `attempt` until it answers true; gives up after about a tenth of a second, since whoever is in the way may have
+// been stopped.
+template <class Attempt>
+bool TryForAWhile(Attempt&& attempt) {
+  constexpr int kTries = 500;
+  constexpr timespec kPause{0, 200'000};
+  for (int i = 0; i < kTries; ++i) {
+    if (attempt()) return true;
+    nanosleep(&kPause, nullptr);
+  }
+  return false;
+}
+
+}  // namespace
+
+bool PlaceMappedMark(int descriptor, bool forWriting) {
+  return TryForAWhile(
+      [&] { return SetLock(descriptor, F_RDLCK, kMappedByte, forWriting ? 2 : 1) || !IsHeldByAnother(errno); });
+}
+
+void LiftMappedMark(int descriptor, LiftedMark mark) {
+  const bool all = mark == LiftedMark::kAll;
+  SetLock(descriptor, F_UNLCK, all ? kMappedByte : kMappedForWritingByte, all ? 2 : 1);
+}
+
+bool IsMappedElsewhere(int descriptor) {
+  struct flock mark = LockRange(F_WRLCK, kFirstByte + kMappedByte, 1);
+  return fcntl(descriptor, F_OFD_GETLK, &mark) == 0 && mark.l_type == F_RDLCK && mark.l_start >= kFirstByte;
+}
+
+MappingHoldOff::MappingHoldOff(int descriptor) : descriptor_(descriptor) {
+  TryForAWhile([&] {
+    held_ = SetLock(descriptor, F_WRLCK, kMappedByte, 1);
+    if (held_ || !IsHeldByAnother(errno)) return true;
+    isMapped_ = IsMappedElsewhere(descriptor);
+    return isMapped_;  // if not, another cuts the file at this moment
+  });
+}
+
+MappingHoldOff::~MappingHoldOff() {
+  if (held_) SetLock(descriptor_, F_UNLCK, kMappedByte, 1);
 }
 
 DWORD CheckRange(int descriptor, off_t from, off_t length, bool writing) {

@@ -58,6 +58,33 @@ constexpr off_t kEndOfRanges = 0x7fffffffffffff00;
 /// Places or lifts the mark of an open that has locked ranges, for those that come later.
 void MarkRangesLocked(int descriptor, bool locked);
 
+/// The mark of an open file description that mappings were made of (mapping_marks.h). Every mapping has one; a writable
+/// mapping has a second one, which holds off opens that do not share writing. False while another empties or cuts the
+/// file. True also where the file system has no such locks.
+bool PlaceMappedMark(int descriptor, bool forWriting);
+/// Leaves a mark for reading in place when it was only `forWriting`.
+enum class LiftedMark { kForWriting, kAll };
+void LiftMappedMark(int descriptor, LiftedMark mark);
+
+/// Whether a mapping exists that was made of another open file description.
+bool IsMappedElsewhere(int descriptor);
+
+/// Keeps new mappings of a file away while it is emptied or cut. The descriptor must be one for writing, of whose open
+/// file description no mapping exists.
+class MappingHoldOff {
+ public:
+  explicit MappingHoldOff(int descriptor);
+  MappingHoldOff(const MappingHoldOff&) = delete;
+  MappingHoldOff& operator=(const MappingHoldOff&) = delete;
+  ~MappingHoldOff();
+  /// The file is mapped, and is to be left as it is.
+  bool IsMapped() const { return isMapped_; }
+
+ private:
+  const int descriptor_;
+  bool held_ = false, isMapped_ = false;
+};
+
 /// ERROR_LOCK_VIOLATION when another open file description has locked a part of the range against this use.
 DWORD CheckRange(int descriptor, off_t from, off_t length, bool writing);
 

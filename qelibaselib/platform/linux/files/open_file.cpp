@@ -9,7 +9,6 @@
 #include <utility>
 
 #include "qelibaselib/platform/linux/base/error.h"
-#include "qelibaselib/platform/linux/memory/view_table.h"
 #include "qelibaselib/platform/linux/win32/crt.h"
 #include "qelibaselib/platform/linux/win32/fileapi.h"
 #include "qelibaselib/platform/linux/win32/synchapi.h"
@@ -132,19 +131,13 @@ DWORD OpenedFile::CheckExisting(const OpenRequest& request) const {
 DWORD OpenedFile::SetContentsAndAttributes(const OpenRequest& request) {
   if (existed_ && !Empties(request.disposition)) return ERROR_SUCCESS;
   if (existed_ && status_.size > 0)
-    if (const DWORD error = CutFile(descriptor_, status_, 0)) return error;
+    if (const DWORD error = CutUnmappedFile(descriptor_, 0)) return error;
   if (request.disposition == TRUNCATE_EXISTING) return ERROR_SUCCESS;
   constexpr DWORD kUsual = FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_NORMAL;
   const bool special = (request.attributes & ~kUsual) || (existed_ && (status_.mode & S_ISVTX));
   if (!special || (!existed_ && !(request.attributes & ~kUsual & ~FILE_ATTRIBUTE_READONLY))) return ERROR_SUCCESS;
   const int error = WriteAttributes(descriptor_, status_, request.attributes | FILE_ATTRIBUTE_ARCHIVE);
   return error ? ErrorFromErrno(error) : ERROR_SUCCESS;
-}
-
-DWORD CutFile(int descriptor, const FileStatus& status, off_t size) {
-  if (RegionTable().ShowsBehind({status.device, status.node}, static_cast<uint64_t>(size)))
-    return ERROR_USER_MAPPED_FILE;
-  return ftruncate(descriptor, size) == 0 ? ERROR_SUCCESS : ErrorFromErrno(errno);
 }
 
 DWORD GrowFile(int descriptor, off_t from, off_t to) {

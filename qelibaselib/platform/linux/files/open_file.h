@@ -8,6 +8,7 @@
 
 #include "qelibaselib/platform/linux/files/file_attributes.h"
 #include "qelibaselib/platform/linux/files/file_sharing.h"
+#include "qelibaselib/platform/linux/files/mapping_marks.h"
 #include "qelibaselib/platform/linux/files/path.h"
 #include "qelibaselib/platform/linux/handles/handle_table.h"
 #include "qelibaselib/platform/linux/win32/windef.h"
@@ -92,6 +93,9 @@ class File final : public Object {
   /// The locks of this handle; made at the first use. Null without memory.
   RangeLocks* Ranges();
 
+  /// The marks of the mappings that are made of this file; null without memory.
+  std::shared_ptr<MappingMarks> Marks() const { return ShareMarks(&marks_); }
+
   /// False without memory.
   bool DeleteOnClose(const SystemPath& path);
 
@@ -109,12 +113,10 @@ class File final : public Object {
   mutable std::mutex positionMutex_;
   std::atomic<RangeLocks*> ranges_{nullptr};
   std::unique_ptr<char[]> deletedName_;
+  mutable std::shared_ptr<MappingMarks> marks_;
 };
 
 /// Lengthens a file with all its blocks, so that a full disk is known now and not at a later write into a view.
 DWORD GrowFile(int descriptor, off_t from, off_t to);
-
-/// Shortens a file, of which no view of this process may show what goes: ERROR_USER_MAPPED_FILE.
-DWORD CutFile(int descriptor, const FileStatus& status, off_t size);
 
 }  // namespace qel::layer

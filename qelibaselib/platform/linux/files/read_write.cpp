@@ -179,7 +179,9 @@ DWORD EndFileHere(const File& file) {
   if (const int error = ReadStatus(file.descriptor(), status)) return ErrorFromErrno(error);
   const off_t end = Position(file), size = static_cast<off_t>(status.size);
   if (end > size) return GrowFile(file.descriptor(), size, end);
-  return end == size ? ERROR_SUCCESS : CutFile(file.descriptor(), status, end);
+  if (end == size) return ERROR_SUCCESS;
+  const std::shared_ptr<MappingMarks> marks = file.Marks();
+  return marks ? marks->CutFile(file.descriptor(), end) : ERROR_NOT_ENOUGH_MEMORY;
 }
 
 }  // namespace

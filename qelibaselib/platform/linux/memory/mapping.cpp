@@ -8,8 +8,10 @@
 #include <cerrno>
 #include <new>
 
+#include "qelibaselib/platform/linux/base/descriptor.h"
 #include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/files/open_file.h"
+#include "qelibaselib/platform/linux/memory/file_record.h"
 #include "qelibaselib/platform/linux/memory/named_section.h"
 #include "qelibaselib/platform/linux/memory/regions.h"
 #include "qelibaselib/platform/linux/win32/memoryapi.h"
@@ -17,6 +19,16 @@
 #include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
+
+Mapping::Mapping(Contents contents, Rights rights, StorageReference name)
+    : Object(Kind::kMapping), contents_(std::move(contents)), rights_(rights), name_(std::move(name)) {
+  if (IsNamedFile()) EnterFileHolder(*name_.get(), contents_.descriptor->get());
+}
+
+Mapping::~Mapping() {
+  if (IsNamedFile()) RemoveFileHolder(*name_.get(), contents_.descriptor->get());
+}
+
 namespace {
 
 bool IsKnownProtection(DWORD protection) {
@@ -35,11 +47,12 @@ DWORD CheckCommit(uint64_t bytes) {
 }
 
 DWORD MakePageFile(Mapping::Contents* contents) {
-  const int descriptor = memfd_create("qel-mapping", MFD_CLOEXEC);
-  if (descriptor < 0) return ErrorFromErrno(errno);
-  contents->descriptor = std::make_shared<SharedDescriptor>(descriptor);
+  Descriptor memory(memfd_create("qel-mapping", MFD_CLOEXEC));
+  if (memory.get() < 0) return ErrorFromErrno(errno);
   const auto bytes = static_cast<off_t>(RoundUp(contents->bytes, kPageSize));
-  return ftruncate(descriptor, bytes) == 0 ? ERROR_SUCCESS : ERROR_COMMITMENT_LIMIT;
+  if (ftruncate(memory.get(), bytes) != 0) return ERROR_COMMITMENT_LIMIT;
+  contents->descriptor = std::make_shared<MappedDescriptor>(memory);
+  return ERROR_SUCCESS;
 }
 
 // A file system that fills up half-way may have made the file longer already. A size that it cannot have at all does
@@ -57,7 +70,6 @@ DWORD Extend(int descriptor, off_t size, off_t wanted) {
 DWORD SetSize(int descriptor, uint64_t wanted, Mapping::Contents* contents) {
   struct stat status;
   if (fstat(descriptor, &status) != 0) return ErrorFromErrno(errno);
-  contents->identity = {status.st_dev, status.st_ino};
   const uint64_t size = status.st_size;
   if (wanted == 0 && size == 0) return ERROR_FILE_INVALID;
   contents->bytes = wanted ? wanted : size;
@@ -71,12 +83,13 @@ DWORD UseFile(HANDLE handle, uint64_t wanted, Mapping::Contents* contents) {
   const auto* const file = pin.As<File>(Kind::kFile);
   if (!file) return ERROR_INVALID_HANDLE;
   if (!file->MayRead() || (contents->protection == PAGE_READWRITE && !file->MayWrite())) return ERROR_ACCESS_DENIED;
-  if (const DWORD error = SetSize(file->descriptor(), wanted, contents)) return error;
-  const int descriptor = fcntl(file->descriptor(), F_DUPFD_CLOEXEC, 0);
-  if (descriptor < 0) return ErrorFromErrno(errno);
-  contents->descriptor = std::make_shared<SharedDescriptor>(descriptor);
+  Descriptor duplicate(fcntl(file->descriptor(), F_DUPFD_CLOEXEC, 0));
+  if (duplicate.get() < 0) return ErrorFromErrno(errno);
+  const auto held = std::make_shared<MappedDescriptor>(duplicate);
+  if (const DWORD error = held->HoldFile(file->Marks(), contents->protection == PAGE_READWRITE)) return error;
+  contents->descriptor = held;
   contents->isFile = true;
-  return ERROR_SUCCESS;
+  return SetSize(held->get(), wanted, contents);  // once nobody can cut it any more
 }
 
 Mapping::Rights RightsFor(DWORD protection) { return {true, protection == PAGE_READWRITE}; }
@@ -91,7 +104,7 @@ DWORD Create(HANDLE file, DWORD protection, uint64_t bytes, LPCWSTR name, HANDLE
   if (!IsKnownProtection(protection)) return ERROR_INVALID_PARAMETER;
   const bool isFile = file && file != INVALID_HANDLE_VALUE;
   const bool isNamed = name && name[0];
-  Mapping::Contents contents = {nullptr, 0, bytes, protection, false, {}};
+  Mapping::Contents contents = {nullptr, 0, bytes, protection, false};
   if (!isFile && bytes == 0) return ERROR_INVALID_PARAMETER;
   DWORD error = isFile ? UseFile(file, bytes, &contents) : CheckCommit(bytes);
   if (error == ERROR_SUCCESS && !isFile && !isNamed) error = MakePageFile(&contents);

@@ -17,22 +17,23 @@ class Mapping : public Object {
   };
   /// What stands behind the views. Memory of the page file is a file without a name, or the data of a named object.
   struct Contents {
-    std::shared_ptr<const SharedDescriptor> descriptor;
+    std::shared_ptr<const MappedDescriptor> descriptor;
     uint64_t start;  ///< of the data in the descriptor's file
     uint64_t bytes;
     DWORD protection;  ///< PAGE_READONLY, PAGE_READWRITE or PAGE_WRITECOPY
     bool isFile;
-    FileIdentity identity = {};  ///< of the file, if it is one
   };
 
   /// `name` is empty for a mapping without one. The name lives as long as a handle of it does, here or elsewhere.
-  Mapping(Contents contents, Rights rights, StorageReference name)
-      : Object(Kind::kMapping), contents_(std::move(contents)), rights_(rights), name_(std::move(name)) {}
+  Mapping(Contents contents, Rights rights, StorageReference name);
 
   const Contents& contents() const { return contents_; }
   Rights rights() const { return rights_; }
 
  private:
+  ~Mapping() override;
+  bool IsNamedFile() const { return contents_.isFile && name_; }
+
   const Contents contents_;
   const Rights rights_;
   const StorageReference name_;

@@ -6,7 +6,7 @@
 namespace qel::layer {
 
 /// Gives contents to a name that was just made or joins those that it has: `contents` is taken for a new name only, and
-/// replaced otherwise (ERROR_ALREADY_EXISTS). Contents of a file are reached by its path in other processes; memory of
+/// replaced otherwise (ERROR_ALREADY_EXISTS). Other processes find the contents of a file by file_record.h; memory of
 /// the page file, for which `contents` has no descriptor, is allocated with the name.
 DWORD CreateNamedSection(LPCWSTR name, Mapping::Contents* contents, StorageReference* storage);
 

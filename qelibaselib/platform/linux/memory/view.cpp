@@ -69,7 +69,6 @@ DWORD MapView(HANDLE handle, DWORD access, uint64_t offset, SIZE_T bytes, void**
   region.contents = contents.descriptor;
   region.offset = contents.start + offset;
   region.isFile = contents.isFile;
-  region.identity = contents.identity;
   const size_t pages = region.bytes;
   void* const got =
       MapAnywhere({pages, kind.system, kind.flags, contents.descriptor->get(), static_cast<off_t>(region.offset)});
@@ -101,7 +100,7 @@ DWORD UnmapView(LPCVOID address) {
 // The part of a file that a flush concerns; no file when there is nothing to write back. The descriptor stays open
 // while this lives, whatever becomes of the view.
 struct FlushRange {
-  std::shared_ptr<const SharedDescriptor> file;
+  std::shared_ptr<const MappedDescriptor> file;
   off_t offset, length;
 };
 

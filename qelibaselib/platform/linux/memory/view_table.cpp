@@ -1,9 +1,7 @@
 #include "qelibaselib/platform/linux/memory/view_table.h"
 
 #include <pthread.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -30,8 +28,6 @@ __attribute__((constructor)) void KeepWholeInForkedChildren() {
 
 uint32_t RegionChanges() { return g_changes.load(std::memory_order_relaxed); }
 
-SharedDescriptor::~SharedDescriptor() { close(descriptor_); }
-
 RegionTable::RegionTable() : lock_(g_mutex) {}
 
 RegionTable::Regions::iterator RegionTable::end() { return All().end(); }
@@ -43,13 +39,6 @@ RegionTable::Regions::iterator RegionTable::Find(uint32_t address) {
   if (region == All().begin()) return end();
   --region;
   return address - region->first < region->second.bytes ? region : end();
-}
-
-bool RegionTable::ShowsBehind(const FileIdentity& file, uint64_t size) const {
-  return std::any_of(All().begin(), All().end(), [&](const auto& entry) {
-    const MemoryRegion& region = entry.second;
-    return region.identity == file && region.offset + region.bytes > size;
-  });
 }
 
 bool RegionTable::Insert(uint32_t base, MemoryRegion region) try {

@@ -8,29 +8,11 @@
 #include <mutex>
 #include <optional>
 
+#include "qelibaselib/platform/linux/files/mapping_marks.h"
 #include "qelibaselib/platform/linux/memory/page_set.h"
 #include "qelibaselib/platform/linux/win32/windef.h"
 
 namespace qel::layer {
-
-/// Owns a descriptor that views of a mapping share; it is closed with the last of them.
-class SharedDescriptor {
- public:
-  explicit SharedDescriptor(int descriptor) : descriptor_(descriptor) {}
-  SharedDescriptor(const SharedDescriptor&) = delete;
-  SharedDescriptor& operator=(const SharedDescriptor&) = delete;
-  ~SharedDescriptor();
-  int get() const { return descriptor_; }
-
- private:
-  const int descriptor_;
-};
-
-/// Which file it is, by whatever name; zeros for memory.
-struct FileIdentity {
-  uint64_t device, node;
-  bool operator==(const FileIdentity&) const = default;
-};
 
 struct MemoryRegion {
   enum class Kind : uint8_t { kView, kBlock };
@@ -40,10 +22,9 @@ struct MemoryRegion {
   PageSet reserved = {};  ///< pages of a block that are not committed
   PageSet copied = {};    ///< pages of a view that VirtualProtect has made copy-on-write
   /// What a view shows, from `offset` on.
-  std::shared_ptr<const SharedDescriptor> contents = nullptr;
+  std::shared_ptr<const MappedDescriptor> contents = nullptr;
   uint64_t offset = 0;
-  bool isFile = false;         ///< whether a file stands behind the view
-  FileIdentity identity = {};  ///< of that file
+  bool isFile = false;  ///< whether a file stands behind the view
 };
 
 /// Goes up with every view or block that is given out or back.
@@ -58,8 +39,6 @@ class RegionTable {
   Regions::iterator Find(uint32_t address);  ///< the region that holds the address, or end()
   Regions::iterator After(uint32_t address);
   Regions::iterator end();
-  /// Whether a view shows something of the file behind `size`, which therefore must not be cut there.
-  bool ShowsBehind(const FileIdentity& file, uint64_t size) const;
   /// False without memory.
   bool Insert(uint32_t base, MemoryRegion region);
   MemoryRegion Remove(Regions::iterator region);

@@ -1,0 +1,84 @@
+#include "qelibaselib/platform/linux/files/mapping_marks.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <mutex>
+#include <new>
+#include <utility>
+
+#include "qelibaselib/platform/linux/base/error.h"
+#include "qelibaselib/platform/linux/files/file_sharing.h"
+
+namespace qel::layer {
+namespace {
+
+// One for all files: it is held for a few system calls, and a forked child must find it free.
+constinit std::mutex g_mutex;
+constinit unsigned g_forks = 0;  // on the way from the first process to this one
+
+__attribute__((constructor)) void KeepWholeInForkedChildren() {
+  pthread_atfork([] { g_mutex.lock(); }, [] { g_mutex.unlock(); },
+                 [] {
+                   ++g_forks;
+                   g_mutex.unlock();
+                 });
+}
+
+}  // namespace
+
+MappingMarks::MappingMarks() : forks_(g_forks) {}
+
+DWORD MappingMarks::Add(int descriptor, bool forWriting) {
+  const std::lock_guard lock(g_mutex);
+  if (!PlaceMappedMark(descriptor, forWriting)) return ERROR_USER_MAPPED_FILE;
+  ++mappings_;
+  writable_ += forWriting ? 1 : 0;
+  return ERROR_SUCCESS;
+}
+
+void MappingMarks::Remove(int descriptor, bool forWriting) {
+  const std::lock_guard lock(g_mutex);
+  --mappings_;
+  writable_ -= forWriting ? 1 : 0;
+  if (forks_ != g_forks) return;
+  if (mappings_ == 0)
+    LiftMappedMark(descriptor, LiftedMark::kAll);
+  else if (forWriting && writable_ == 0)
+    LiftMappedMark(descriptor, LiftedMark::kForWriting);
+}
+
+DWORD MappingMarks::CutFile(int descriptor, off_t size) {
+  const std::lock_guard lock(g_mutex);
+  return mappings_ > 0 ? ERROR_USER_MAPPED_FILE : CutUnmappedFile(descriptor, size);
+}
+
+DWORD CutUnmappedFile(int descriptor, off_t size) {
+  const MappingHoldOff others(descriptor);
+  if (others.IsMapped()) return ERROR_USER_MAPPED_FILE;
+  return ftruncate(descriptor, size) == 0 ? ERROR_SUCCESS : ErrorFromErrno(errno);
+}
+
+std::shared_ptr<MappingMarks> ShareMarks(std::shared_ptr<MappingMarks>* marks) try {
+  const std::lock_guard lock(g_mutex);
+  if (!*marks) *marks = std::make_shared<MappingMarks>();
+  return *marks;
+} catch (const std::bad_alloc&) {
+  return nullptr;
+}
+
+MappedDescriptor::~MappedDescriptor() {
+  if (marks_) marks_->Remove(descriptor_, forWriting_);
+  close(descriptor_);
+}
+
+DWORD MappedDescriptor::HoldFile(std::shared_ptr<MappingMarks> marks, bool forWriting) {
+  if (!marks) return ERROR_NOT_ENOUGH_MEMORY;
+  if (const DWORD error = marks->Add(descriptor_, forWriting)) return error;
+  marks_ = std::move(marks);
+  forWriting_ = forWriting;
+  return ERROR_SUCCESS;
+}
+
+}  // namespace qel::layer

@@ -1,13 +1,18 @@
 // What the layer reads from the kernel and from files of the user, and what a host may do under it.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <thread>
 
@@ -176,22 +181,108 @@ TEST(UserName, FollowsTheEffectiveUser) {
             0);
 }
 
-// Blocks can be had, found and freed in a child although threads of the parent were at it.
-TEST(Fork, TheTablesAreFreeInTheChild) {
-  std::atomic<bool> stop{false};
-  std::thread worker([&] {
-    while (!stop) VirtualFree(VirtualAlloc(nullptr, 4096, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE), 0, MEM_RELEASE);
-  });
-  for (int i = 0; i < 30; ++i)
-    EXPECT_EQ(InForkedChild([] {
-                void* const block = VirtualAlloc(nullptr, 4096, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
-                MEMORY_BASIC_INFORMATION region = {};
-                return VirtualQuery(block, &region, sizeof region) != 0 && region.AllocationBase == block &&
-                       VirtualFree(block, 0, MEM_RELEASE);
-              }),
-              0);
-  stop = true;
-  worker.join();
+// The name that a user of this database is shown by; empty where none could be put in place of the system's.
+std::wstring NameIn(const std::string& database, uid_t user) {
+  const ScratchFolder folder;
+  const std::string file = folder.Narrow("passwd");
+  std::ofstream(file) << database;
+  WCHAR name[257] = L"";
+  DWORD size = 257;
+  if (mount(file.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) != 0) return L"";
+  if (seteuid(user) != 0 || !GetUserNameW(name, &size)) name[0] = 0;
+  static_cast<void>(seteuid(0));
+  umount("/etc/passwd");
+  return name;
+}
+
+// Domain accounts hold a backslash, which no name of an object may; and who has much to tell is found all the same.
+TEST(UserName, OfADomainMakesAnObjectsName) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs to be root, to put another user database in place";
+  EXPECT_EQ(InForkedChild([] {
+              if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+                return true;
+              const std::wstring domain = NameIn(
+                  "DOMAIN\\j\xC3\xB6"
+                  "rg:x:50001:1::/:/bin/sh\n",
+                  50001);
+              const std::wstring mapped = NameIn(
+                  "DOMAIN\xEF\x81\x9C"
+                  "j\xC3\xB6"
+                  "rg:x:50002:1::/:/bin/sh\n",
+                  50002);
+              const std::wstring large = NameIn("large:x:50003:1:" + std::string(20'000, 'g') + ":/:/bin/sh\n", 50003);
+              const std::wstring empty = NameIn(":x:50004:1::/:/bin/sh\n", 50004);
+              const HANDLE mutex = CreateMutexW(nullptr, FALSE, (L"Local\\stem_" + domain).c_str());
+              return domain ==
+                         L"DOMAIN\xF05C"
+                         L"j\xF6"
+                         L"rg" &&
+                     mapped ==
+                         L"DOMAIN\xDCEF\xDC81\xDC9C"
+                         L"j\xF6rg" &&
+                     large == L"large" && empty == L"50004" && mutex && CloseHandle(mutex);
+            }),
+            0);
+}
+
+// One use of each part of the layer that has a lock of its own.
+const std::pair<const char*, bool (*)()> kUses[] = {
+    {"blocks",
+     [] {
+       void* const block = VirtualAlloc(nullptr, 4096, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
+       MEMORY_BASIC_INFORMATION region = {};
+       return VirtualQuery(block, &region, sizeof region) != 0 && region.AllocationBase == block &&
+              VirtualLock(block, 4096) && VirtualUnlock(block, 4096) && VirtualFree(block, 0, MEM_RELEASE);
+     }},
+    {"names", [] { return CloseHandle(CreateMutexW(nullptr, FALSE, L"qel-fork-test")) != 0; }},
+    {"inheritance",
+     [] {
+       SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+       return CloseHandle(CreateEventW(&inherit, FALSE, FALSE, nullptr)) != 0;
+     }},
+    {"slots", [] { return TlsFree(TlsAlloc()) != 0; }},
+    {"local time",
+     [] {
+       SYSTEMTIME time = {};
+       GetLocalTime(&time);
+       return time.wYear > 2000;
+     }},
+    {"user name",
+     [] {
+       WCHAR name[257];
+       DWORD size = 257;
+       return GetUserNameW(name, &size) != 0;
+     }},
+    {"signals", [] { return signal(SIGSEGV, SIG_DFL) != SIG_ERR; }},
+    {"symbols", [] { return SymGetModuleBase(GetCurrentProcess(), 0) == 0; }},
+    {"threads", [] { return WaitForSingleObject(GetCurrentThread(), 0) == WAIT_TIMEOUT; }},
+    {"processes", [] { return WaitForSingleObject(GetCurrentProcess(), 0) == WAIT_TIMEOUT; }},
+};
+
+// A child can use what threads of its parent were using when it was forked. A host's thread that asks the C library for
+// the time holds a lock that the layer must not need.
+TEST(Fork, NothingIsHeldInTheChild) {
+  for (const auto& [name, use] : kUses) {
+    std::atomic<bool> stop{false};
+    std::thread worker([&] {
+      while (!stop) use();
+    });
+    std::thread host([&] {
+      tm local;
+      for (time_t utc = 0; !stop; utc += 1000) localtime_r(&utc, &local);
+    });
+    for (int i = 0; i < 40; ++i) {
+      ASSERT_EQ(InForkedChild([use = use] {
+                  alarm(30);
+                  return use();
+                }),
+                0)
+          << name;
+    }
+    stop = true;
+    worker.join();
+    host.join();
+  }
 }
 
 }  // namespace

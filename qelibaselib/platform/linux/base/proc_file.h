@@ -3,26 +3,29 @@
 #pragma once
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <string_view>
 
 namespace qel::layer {
 
-/// Safe for several threads. A descriptor that the host closed, and perhaps opened again for something else, is noticed
-/// by the beginning of the text and replaced.
+/// Safe for several threads, which share one descriptor without a lock. A descriptor that the host closed, and perhaps
+/// opened again for something else, is noticed by the text that it gives and replaced.
 class ProcFile {
  public:
-  /// `beginning`: what the text begins with; empty when a digit does.
+  /// `beginning`: what the text begins with; empty for a line of nothing but numbers.
   constexpr ProcFile(const char* path, std::string_view beginning) : path_(path), beginning_(beginning) {}
   /// The text, cut to the buffer; empty when it cannot be read.
   std::string_view Read(char* buffer, size_t size);
-  /// In a forked child, for a file that is the process's own.
+  /// In a forked child, for a file that is the process's own: the next reading opens it anew.
   void CloseInChild();
 
  private:
-  bool IsOurs(std::string_view text) const;
+  bool IsText(std::string_view text) const;
   const char* const path_;
   const std::string_view beginning_;
-  std::atomic<int> descriptor_{-1};
+  // A descriptor in the lower half and the fingerprint of the file that it was opened for in the upper one, so that
+  // threads never mix the two; 0 for none.
+  std::atomic<uint64_t> kept_{0};
 };
 
 /// The number behind a name such as "MemTotal:" at the beginning of a line; 0 when it is not there. The text is read

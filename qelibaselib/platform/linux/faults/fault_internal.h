@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "qelibaselib/platform/fault/guard_frame.h"
+#include "qelibaselib/platform/linux/base/forked_part.h"
 
 namespace qel::layer {
 
@@ -31,6 +32,8 @@ void UnblockSignals();
 /// What is not ours: to the host's present handler; to the one that we found at the first time.
 void PassToHost(int signal, siginfo_t* info, void* machine);
 void PassToOriginal(int signal, siginfo_t* info, void* machine);
+
+extern const ForkedPart kFaultSignalsAtFork;
 
 /// Fills what Windows would deliver for the signal.
 void FillFault(EXCEPTION_RECORD& record, CONTEXT& context, int signal, const siginfo_t& info,

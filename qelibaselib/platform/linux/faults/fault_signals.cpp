@@ -96,6 +96,9 @@ void Do(struct sigaction& action, int signal, siginfo_t* info, void* machine) {
 void PassToHost(int signal, siginfo_t* info, void* machine) { Do(g_hosts[signal].current, signal, info, machine); }
 void PassToOriginal(int signal, siginfo_t* info, void* machine) { Do(g_hosts[signal].original, signal, info, machine); }
 
+const ForkedPart kFaultSignalsAtFork = {[] { pthread_mutex_lock(&g_mutex); },
+                                        [](bool) { pthread_mutex_unlock(&g_mutex); }};
+
 void ClaimSignals() {
   const Lock lock;
   for (int signal : kSignals) Claim(signal);

@@ -1,6 +1,5 @@
 #include "qelibaselib/platform/linux/files/mapping_marks.h"
 
-#include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,15 +17,13 @@ namespace {
 constinit std::mutex g_mutex;
 constinit unsigned g_forks = 0;  // on the way from the first process to this one
 
-__attribute__((constructor)) void KeepWholeInForkedChildren() {
-  pthread_atfork([] { g_mutex.lock(); }, [] { g_mutex.unlock(); },
-                 [] {
-                   ++g_forks;
-                   g_mutex.unlock();
-                 });
-}
-
 }  // namespace
+
+const ForkedPart kMappingMarksAtFork = {[] { g_mutex.lock(); },
+                                        [](bool inChild) {
+                                          if (inChild) ++g_forks;
+                                          g_mutex.unlock();
+                                        }};
 
 MappingMarks::MappingMarks() : forks_(g_forks) {}
 

@@ -18,6 +18,7 @@
 #include <memory>
 
 #include "qelibaselib/platform/linux/base/descriptor.h"
+#include "qelibaselib/platform/linux/base/forked_part.h"
 #include "qelibaselib/platform/linux/win32/windef.h"
 
 namespace qel::layer {
@@ -65,5 +66,7 @@ class MappedDescriptor {
   bool forWriting_ = false;
   std::shared_ptr<MappingMarks> marks_;
 };
+
+extern const ForkedPart kMappingMarksAtFork;
 
 }  // namespace qel::layer

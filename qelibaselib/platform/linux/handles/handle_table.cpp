@@ -104,8 +104,7 @@ uint32_t OpenCount() {
   return g_openCount.load(std::memory_order_relaxed) + g_handleCount.load(std::memory_order_relaxed);
 }
 
-void LockHandlesForFork() { g_freeMutex.lock(); }
-void UnlockHandlesAfterFork() { g_freeMutex.unlock(); }
+const ForkedPart kHandleTableAtFork = {[] { g_freeMutex.lock(); }, [](bool) { g_freeMutex.unlock(); }};
 
 void Pin::Empty(Slot& slot) {
   uint32_t expected = kClosed;

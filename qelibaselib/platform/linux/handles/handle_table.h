@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <utility>
 
+#include "qelibaselib/platform/linux/base/forked_part.h"
 #include "qelibaselib/platform/linux/win32/windef.h"
 
 namespace qel::layer {
@@ -51,9 +52,7 @@ void CountClosed();
 /// With the handles.
 uint32_t OpenCount();
 
-/// A fork waits for changes of the table that are under way.
-void LockHandlesForFork();
-void UnlockHandlesAfterFork();
+extern const ForkedPart kHandleTableAtFork;
 
 // A handle is (generation, slot) in multiples of four, so that a closed one is recognised for a while after its slot
 // was given out again. The pseudo handles -1 and -2 are no multiples of four.

@@ -9,14 +9,17 @@ namespace qel::layer {
 namespace {
 
 constinit std::mutex g_gate;
+std::vector<HANDLE>* g_inheritable = nullptr;  // made under the gate, and outlives every static destructor
 std::vector<HANDLE>& Inheritable() {
-  static auto* handles = new std::vector<HANDLE>;
-  return *handles;
+  if (!g_inheritable) g_inheritable = new std::vector<HANDLE>;
+  return *g_inheritable;
 }
 
 bool IsClosed(HANDLE handle) { return !Pin(handle).get(); }
 
 }  // namespace
+
+const ForkedPart kInheritanceAtFork = {[] { g_gate.lock(); }, [](bool) { g_gate.unlock(); }};
 
 void AllowInheritance(HANDLE event) {
   const std::lock_guard lock(g_gate);

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "qelibaselib/platform/linux/base/forked_part.h"
 #include "qelibaselib/platform/linux/objects/event.h"
 
 namespace qel::layer {
@@ -29,5 +30,7 @@ InheritedEvents ListInheritance();
 
 /// In the child, before any handle is given out.
 void AdoptInheritance();
+
+extern const ForkedPart kInheritanceAtFork;
 
 }  // namespace qel::layer

@@ -1,7 +1,6 @@
 // The kernel does not say which pages are locked, so the ranges are remembered here; locks do not nest, as on Windows.
 #include "qelibaselib/platform/linux/memory/page_locks.h"
 
-#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -25,15 +24,6 @@ constinit std::atomic<bool> g_anyLocks{false};
 PageSet& LockedPages() {
   static auto* pages = new PageSet;  // outlives every static destructor
   return *pages;
-}
-
-// A forked child inherits no memory locks.
-__attribute__((constructor)) void ForgetInForkedChildren() {
-  pthread_atfork([] { g_mutex.lock(); }, [] { g_mutex.unlock(); },
-                 [] {
-                   LockedPages() = PageSet();
-                   g_mutex.unlock();
-                 });
 }
 
 // Not through the C library: under a sanitizer its calls do nothing.
@@ -84,6 +74,13 @@ DWORD UnlockFromMemory(LPVOID address, SIZE_T size) try {
 }
 
 }  // namespace
+
+// A forked child inherits no memory locks.
+const ForkedPart kPageLocksAtFork = {[] { g_mutex.lock(); },
+                                     [](bool inChild) {
+                                       if (inChild && g_anyLocks.load()) LockedPages() = PageSet();
+                                       g_mutex.unlock();
+                                     }};
 
 void ForgetLocks(uint32_t start, uint64_t bytes) {
   if (!g_anyLocks.load(std::memory_order_relaxed)) return;

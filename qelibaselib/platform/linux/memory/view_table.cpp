@@ -1,7 +1,5 @@
 #include "qelibaselib/platform/linux/memory/view_table.h"
 
-#include <pthread.h>
-
 #include <new>
 #include <utility>
 
@@ -18,13 +16,9 @@ RegionTable::Regions& All() {
   return *regions;
 }
 
-// A child that is forked while another thread holds the table must find it whole and free.
-__attribute__((constructor)) void KeepWholeInForkedChildren() {
-  All();
-  pthread_atfork([] { g_mutex.lock(); }, [] { g_mutex.unlock(); }, [] { g_mutex.unlock(); });
-}
-
 }  // namespace
+
+const ForkedPart kViewTableAtFork = {[] { g_mutex.lock(); }, [](bool) { g_mutex.unlock(); }};
 
 uint32_t RegionChanges() { return g_changes.load(std::memory_order_relaxed); }
 

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <optional>
 
+#include "qelibaselib/platform/linux/base/forked_part.h"
 #include "qelibaselib/platform/linux/files/mapping_marks.h"
 #include "qelibaselib/platform/linux/memory/page_set.h"
 #include "qelibaselib/platform/linux/win32/windef.h"
@@ -46,5 +47,7 @@ class RegionTable {
  private:
   std::lock_guard<std::mutex> lock_;
 };
+
+extern const ForkedPart kViewTableAtFork;
 
 }  // namespace qel::layer

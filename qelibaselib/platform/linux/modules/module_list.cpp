@@ -36,14 +36,13 @@ void NotifyModules(DWORD reason) {
   }
 }
 
-void LockModulesForFork() { Gate().lock(); }
-
-void UnlockModulesAfterFork(bool inChild) {
-  if (inChild)
-    new (&Gate()) std::recursive_mutex;  // it knows its owner by an id that is not the child's
-  else
-    Gate().unlock();
-}
+const ForkedPart kModuleListAtFork = {[] { Gate().lock(); },
+                                      [](bool inChild) {
+                                        if (inChild)
+                                          new (&Gate()) std::recursive_mutex;  // which knows its owner by another id
+                                        else
+                                          Gate().unlock();
+                                      }};
 
 }  // namespace qel::layer
 

@@ -1,6 +1,7 @@
 /// @file
 /// The modules that are told of threads.
 #pragma once
+#include "qelibaselib/platform/linux/base/forked_part.h"
 #include "qelibaselib/platform/linux/win32/windef.h"
 
 namespace qel::layer {
@@ -8,8 +9,6 @@ namespace qel::layer {
 /// Calls every registered module: DLL_THREAD_ATTACH in the order of registration, DLL_THREAD_DETACH against it.
 void NotifyModules(DWORD reason);
 
-/// A fork waits for calls under way; the child starts with nobody inside.
-void LockModulesForFork();
-void UnlockModulesAfterFork(bool inChild);
+extern const ForkedPart kModuleListAtFork;
 
 }  // namespace qel::layer

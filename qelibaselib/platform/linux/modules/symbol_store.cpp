@@ -212,4 +212,13 @@ bool FindFunction(uint32_t address, FoundFunction& found, char* name, std::size_
   return true;
 }
 
+const ForkedPart kSymbolStoreAtFork = {
+    [] { pthread_mutex_lock(&g_lock); },
+    [](bool inChild) {
+      if (inChild)
+        g_lock = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;  // which knows its owner by another id
+      else
+        pthread_mutex_unlock(&g_lock);
+    }};
+
 }  // namespace qel::layer

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "qelibaselib/platform/linux/base/forked_part.h"
 #include "qelibaselib/platform/linux/modules/unwind_entry.h"
 
 namespace qel::layer {
@@ -29,5 +30,7 @@ bool FindUnwindTables(uint32_t address, UnwindTables& tables);
 /// The function that the address lies in; false for none. `name`, when given, receives its readable name, cut to `size`
 /// characters with the terminator.
 bool FindFunction(uint32_t address, FoundFunction& found, char* name, std::size_t size);
+
+extern const ForkedPart kSymbolStoreAtFork;
 
 }  // namespace qel::layer

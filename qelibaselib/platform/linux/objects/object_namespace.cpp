@@ -403,12 +403,11 @@ DWORD OpenStorage(const wchar_t* name, Kind kind, StorageReference* storage) {
   return result == ERROR_ALREADY_EXISTS ? ERROR_SUCCESS : result;
 }
 
-void LockNamespaceForFork() { g_namespace.Lock(); }
-
-void UnlockNamespaceAfterFork(bool inChild) {
-  if (inChild) g_namespace.ForgetInChild();
-  g_namespace.Unlock();
-}
+const ForkedPart kNamespaceAtFork = {[] { g_namespace.Lock(); },
+                                     [](bool inChild) {
+                                       if (inChild) g_namespace.ForgetInChild();
+                                       g_namespace.Unlock();
+                                     }};
 
 void LeaveNamespace() { g_namespace.LeaveAll(); }
 

@@ -134,10 +134,8 @@ DWORD OpenStorage(const wchar_t* name, Kind kind, StorageReference* storage);
 /// kind; the descriptor is left alone then.
 Storage* AdoptInherited(int descriptor, Kind kind);
 
-/// Takes the lock of the name space for the time of a fork; in the child everything named is forgotten, and its files
-/// are left alone.
-void LockNamespaceForFork();
-void UnlockNamespaceAfterFork(bool inChild);
+/// In a forked child everything named is forgotten, and its files are left alone.
+extern const ForkedPart kNamespaceAtFork;
 
 /// At the end of the process: gives up every hold and removes the files that nobody holds, and the folder with the
 /// last of them. Named objects are of this process alone from then on.

@@ -7,8 +7,11 @@
 
 #include <algorithm>
 #include <csignal>
+#include <mutex>
+#include <new>
 #include <vector>
 
+#include "qelibaselib/platform/linux/base/descriptor.h"
 #include "qelibaselib/platform/linux/win32/processthreadsapi.h"
 
 namespace qel::layer {
@@ -18,44 +21,48 @@ constexpr int64_t kPollSliceNs = 5 * kNsPerMs;
 constexpr int64_t kLongestPollNs = 1000 * kNsPerSecond;
 constexpr DWORD kSignalExitCode = 128;  // plus the signal, as a shell tells it
 
-// Children whose last handle was closed before they ended: the kernel keeps an entry of each until it is collected.
-constinit std::mutex g_orphanGate;
-std::vector<pid_t>& Orphans() {
-  static auto* orphans = new std::vector<pid_t>;
-  return *orphans;
-}
+constinit std::mutex g_childrenGate;
+
+// Children whose last handle was closed before they ended. Made under the gate; outlives every static destructor.
+std::vector<pid_t>* g_orphans = nullptr;
 
 bool IsCollected(pid_t child) { return waitpid(child, nullptr, WNOHANG) != 0; }
 
-void AddOrphan(pid_t child) {
-  const std::lock_guard lock(g_orphanGate);
-  std::erase_if(Orphans(), IsCollected);
-  if (!IsCollected(child)) Orphans().push_back(child);
+void AddOrphan(pid_t child) try {
+  if (!g_orphans) g_orphans = new std::vector<pid_t>;
+  std::erase_if(*g_orphans, IsCollected);
+  if (!IsCollected(child)) g_orphans->push_back(child);
+} catch (const std::bad_alloc&) {
+  // The kernel keeps the child's entry until this process ends.
 }
 
-void WaitForEnd(int descriptor, int64_t untilNs) {
-  const int64_t now = MonotonicNs();
-  const int64_t longest = descriptor >= 0 ? kLongestPollNs : kPollSliceNs;
-  const int64_t ns = std::clamp<int64_t>(untilNs == kNever ? longest : untilNs - now, 0, longest);
+// A descriptor that becomes readable with the end of the child, for the length of one wait; -1 where the kernel has
+// none. Not kept: the host may close it and put something else in its place.
+int OpenEndOf(pid_t child) { return static_cast<int>(syscall(SYS_pidfd_open, child, 0)); }
+
+void SleepUntilEnd(const Descriptor& end, int64_t untilNs) {
+  const int64_t longest = end.get() >= 0 ? kLongestPollNs : kPollSliceNs;
+  const int64_t ns = std::clamp<int64_t>(untilNs == kNever ? longest : untilNs - MonotonicNs(), 0, longest);
   const timespec limit = {static_cast<time_t>(ns / kNsPerSecond), static_cast<long>(ns % kNsPerSecond)};
-  pollfd end = {descriptor, POLLIN, 0};
-  ppoll(&end, 1, &limit, nullptr);
+  pollfd ended = {end.get(), POLLIN, 0};
+  ppoll(&ended, 1, &limit, nullptr);
 }
 
 }  // namespace
 
-Process::Process(pid_t child) : Waitable(Kind::kProcess), child_(child) {
-  if (child != 0) descriptor_ = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
-}
+const ForkedPart kChildrenAtFork = {[] { g_childrenGate.lock(); },
+                                    [](bool inChild) {
+                                      if (inChild && g_orphans) g_orphans->clear();
+                                      g_childrenGate.unlock();
+                                    }};
 
 Process::~Process() {
-  if (!Collect()) AddOrphan(child_);
-  if (descriptor_ >= 0) close(descriptor_);
+  const std::lock_guard lock(g_childrenGate);
+  if (!CollectIfEnded()) AddOrphan(child_);
 }
 
-// Whether the child has ended; its exit code is kept then.
-bool Process::Collect() {
-  const std::lock_guard lock(gate_);
+// Whether the child has ended; its exit code is kept then. Under the gate.
+bool Process::CollectIfEnded() {
   if (ended_.load() != 0) return true;
   int status = 0;
   const pid_t result = waitpid(child_, &status, WNOHANG);
@@ -67,38 +74,49 @@ bool Process::Collect() {
   return true;
 }
 
-bool Process::IsReady() { return child_ != 0 && Collect(); }
+bool Process::IsReady() {
+  if (child_ == 0) return false;
+  const std::lock_guard lock(g_childrenGate);
+  return CollectIfEnded();
+}
 
 Taken Process::Wait(int64_t deadlineNs) {
+  const Descriptor end(child_ == 0 ? -1 : OpenEndOf(child_));
   for (;;) {
     if (IsReady()) return Taken::kYes;
     if (deadlineNs != kNever && MonotonicNs() >= deadlineNs) return Taken::kNo;
     if (child_ == 0)
       SleepOn(ended_, 0, Scope::kProcess, deadlineNs);
     else
-      WaitForEnd(descriptor_, deadlineNs);
+      SleepUntilEnd(end, deadlineNs);
   }
 }
 
+// The host may collect the child between our look and the signal, and the number be another process's by then: the
+// signal goes through a descriptor that was opened while the child was there.
 bool Process::Kill(DWORD exitCode) {
   if (child_ == 0) _exit(static_cast<int>(exitCode));
-  if (Collect()) return false;
-  const std::lock_guard lock(gate_);
-  if (ended_.load() != 0) return false;
+  const std::lock_guard lock(g_childrenGate);
+  const Descriptor child(OpenEndOf(child_));
+  if (CollectIfEnded()) return false;
   killed_ = true;
   exitCode_ = exitCode;
+  if (child.get() >= 0) return syscall(SYS_pidfd_send_signal, child.get(), SIGKILL, nullptr, 0) == 0;
   return kill(child_, SIGKILL) == 0;
 }
 
 DWORD Process::ExitCode() {
   if (!IsReady()) return STILL_ACTIVE;
-  const std::lock_guard lock(gate_);
+  const std::lock_guard lock(g_childrenGate);
   return exitCode_;
 }
 
-Process* CurrentProcess() {
-  static auto* process = new Process(0);
-  return process;
-}
+// In memory of its own, made when the layer is loaded: a lock around its making would be one more for a fork.
+namespace {
+alignas(Process) constinit std::byte g_currentProcess[sizeof(Process)] = {};
+__attribute__((constructor)) void MakeCurrentProcess() { new (g_currentProcess) Process(0); }
+}  // namespace
+
+Process* CurrentProcess() { return reinterpret_cast<Process*>(g_currentProcess); }
 
 }  // namespace qel::layer

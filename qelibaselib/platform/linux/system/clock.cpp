@@ -1,8 +1,8 @@
 #include <time.h>
 
-#include <atomic>
 #include <chrono>
 
+#include "qelibaselib/platform/linux/system/time_zone.h"
 #include "qelibaselib/platform/linux/win32/sysinfoapi.h"
 
 namespace {
@@ -17,32 +17,12 @@ timespec Now(clockid_t clock) {
   return now;
 }
 
-constexpr int64_t kSecondsPerQuarter = int64_t{15} * 60;
-// The quarter in the upper bits, the offset plus a bias in the lower 20; 0 is no quarter of this century.
-constexpr int kOffsetBits = 20;
-constexpr int32_t kOffsetBias = 1 << (kOffsetBits - 1);
-constinit std::atomic<uint64_t> g_zoneOffset{0};
-
-// The C library is asked for the time zone only once in a quarter of an hour, at whose start clocks are put on or back:
-// it takes a lock of its own, which a fault inside it would leave held for every later line and report.
-int32_t SecondsEastOfUtc(time_t utc) {
-  const int64_t quarter = utc / kSecondsPerQuarter;
-  const uint64_t known = g_zoneOffset.load(std::memory_order_relaxed);
-  if (static_cast<int64_t>(known >> kOffsetBits) == quarter)
-    return static_cast<int32_t>(known & ((1u << kOffsetBits) - 1)) - kOffsetBias;
-  tm local;
-  const auto seconds = static_cast<int32_t>(localtime_r(&utc, &local) ? local.tm_gmtoff : 0);
-  g_zoneOffset.store(static_cast<uint64_t>(quarter) << kOffsetBits | static_cast<uint32_t>(seconds + kOffsetBias),
-                     std::memory_order_relaxed);
-  return seconds;
-}
-
 }  // namespace
 
 void GetLocalTime(LPSYSTEMTIME time) {
   using namespace std::chrono;
   const timespec now = Now(CLOCK_REALTIME);
-  const sys_seconds local{seconds{now.tv_sec + SecondsEastOfUtc(now.tv_sec)}};
+  const sys_seconds local{seconds{now.tv_sec + qel::layer::FindSecondsEast(now.tv_sec)}};
   const sys_days day = floor<days>(local);
   const year_month_day date{day};
   const hh_mm_ss<seconds> clock{local - day};

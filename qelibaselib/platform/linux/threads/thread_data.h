@@ -1,6 +1,7 @@
 /// @file
 /// What the layer keeps for each thread.
 #pragma once
+#include "qelibaselib/platform/linux/base/forked_part.h"
 #include "qelibaselib/platform/linux/win32/windef.h"
 
 namespace qel::layer {
@@ -32,6 +33,8 @@ void ArmThreadEndSlowly();
 inline void ArmThreadEnd() {
   if (!t_thread.endArmed) ArmThreadEndSlowly();
 }
+
+extern const ForkedPart kThreadSlotsAtFork;
 
 /// Frees the thread's slot values; what they point to is the modules' matter.
 void FreeThreadSlots();

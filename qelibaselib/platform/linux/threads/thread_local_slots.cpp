@@ -30,6 +30,8 @@ BOOL Refuse() {
 
 }  // namespace
 
+const ForkedPart kThreadSlotsAtFork = {[] { g_gate.lock(); }, [](bool) { g_gate.unlock(); }};
+
 void FreeThreadSlots() {
   std::free(std::exchange(t_thread.furtherSlots, nullptr));
   for (ThreadSlot& slot : t_directSlots) slot = {};

@@ -1,0 +1,49 @@
+// Forks of a host whose threads log.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+
+#include "test/log/log_case.h"
+
+namespace {
+
+using namespace qel::test;
+
+TEST_F(LogCase, AForkedChildWritesItsLine) {
+  constexpr int kThreads = 3, kForks = 60;
+  std::atomic<bool> stop{false};
+  std::atomic<int> written{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i)
+    threads.emplace_back([&] {
+      for (; !stop && written < 3000; ++written) Write("parent");
+    });
+  for (int i = 0; i < kForks; ++i) {
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(30);
+      Write("child");
+      const HANDLE file = CreateFileX(1, "s", folder.Wide(std::to_string(i)).c_str(), GENERIC_WRITE, 0, nullptr,
+                                      CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr, 0, 0);
+      _exit(file != INVALID_HANDLE_VALUE && CloseHandle(file) ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+  stop = true;
+  for (std::thread& thread : threads) thread.join();
+  const std::string content = Content();
+  int parents = 0, children = 0;
+  for (size_t start = 0, end; (end = content.find("\r\n", start)) != content.npos; start = end + 2) {
+    LogLine line;
+    ASSERT_TRUE(ParseLine(content.substr(start, end - start), line)) << content.substr(start, end - start);
+    ++(line.message == "child" ? children : parents);
+  }
+  EXPECT_EQ(children, kForks);
+  EXPECT_EQ(parents, written);
+}
+
+}  // namespace

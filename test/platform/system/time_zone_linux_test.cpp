@@ -1,0 +1,136 @@
+// Local time against the C library's, for every zone of the machine and for rules; and when a change is seen.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <thread>
+
+#include "qelibaselib/platform/linux/system/time_zone.h"
+#include "qelibaselib/platform/linux/system/zone_file.h"
+#include "qelibaselib/platform/linux/system/zone_rule.h"
+#include "qelibaselib/platform/win32.h"
+
+using qel::layer::FindPeriodInRule;
+using qel::layer::FindPeriodInZoneFile;
+using qel::layer::FindZonePeriod;
+
+namespace {
+
+// TZ as it was comes back at the end.
+class ZoneScope {
+ public:
+  ZoneScope() : before_(std::getenv("TZ") ? std::optional<std::string>(std::getenv("TZ")) : std::nullopt) {}
+  ~ZoneScope() { Set(before_ ? before_->c_str() : nullptr); }
+  ZoneScope(const ZoneScope&) = delete;
+  ZoneScope& operator=(const ZoneScope&) = delete;
+  static void Set(const char* zone) {
+    zone ? setenv("TZ", zone, 1) : unsetenv("TZ");
+    tzset();
+  }
+
+ private:
+  const std::optional<std::string> before_;
+};
+
+int32_t AskLibrary(time_t utc) {
+  tm local;
+  return localtime_r(&utc, &local) ? static_cast<int32_t>(local.tm_gmtoff) : 0;
+}
+
+// 1902 to 2100, more of them near today.
+std::vector<time_t> SomeInstants() {
+  std::mt19937_64 random(5);
+  std::vector<time_t> instants;
+  for (int i = 0; i < 150; ++i) instants.push_back(-2'145'916'800 + static_cast<time_t>(random() % 6'248'707'200));
+  for (int i = 0; i < 150; ++i) instants.push_back(1'500'000'000 + static_cast<time_t>(random() % 1'000'000'000));
+  return instants;
+}
+
+TEST(TimeZone, EveryZoneOfTheMachine) {
+  const std::filesystem::path folder = "/usr/share/zoneinfo";
+  if (!std::filesystem::exists(folder)) GTEST_SKIP() << "needs the zones' files";
+  const ZoneScope scope;
+  const auto instants = SomeInstants();
+  size_t zones = 0;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+    const std::string name = entry.path().lexically_relative(folder).string();
+    if (!entry.is_regular_file() || name.starts_with("right/")) continue;
+    std::ifstream file(entry.path(), std::ios::binary);
+    const std::string bytes(std::istreambuf_iterator<char>(file), {});
+    if (!bytes.starts_with("TZif")) continue;
+    ZoneScope::Set(name.c_str());
+    ++zones;
+    for (const time_t utc : instants) {
+      const auto period = FindPeriodInZoneFile(bytes, utc);
+      ASSERT_TRUE(period) << name;
+      ASSERT_EQ(period->secondsEast, AskLibrary(utc)) << name << " at " << utc;
+      ASSERT_TRUE(period->from <= utc && utc < period->until) << name << " at " << utc;
+    }
+  }
+  EXPECT_GT(zones, 100u);
+}
+
+TEST(TimeZone, Rules) {
+  const ZoneScope scope;
+  for (const char* const rule :
+       {"UTC0", "CET-1CEST,M3.5.0,M10.5.0/3", "AEST-10AEDT,M10.1.0,M4.1.0/3", "<+0330>-3:30", "EST5EDT",
+        "XXX3YYY4,0/0,J365/23", "IST-2IDT,M3.4.4/26,M10.5.0", "<-02>2<-01>,M3.5.0/-1,M10.5.0/0",
+        "AAA12:34:56BBB,J60/2:03:04,J300", "AAA-14BBB-15,59,300"}) {
+    ZoneScope::Set(rule);
+    for (const time_t utc : SomeInstants()) {
+      if (utc < 31'536'000) continue;  // the C library takes all years up to 1970 for that one
+      const auto period = FindPeriodInRule(rule, utc);
+      ASSERT_TRUE(period) << rule;
+      EXPECT_EQ(period->secondsEast, AskLibrary(utc)) << rule << " at " << utc;
+    }
+  }
+  for (const char* const text :
+       {"", "AB1", "CET", "CET-", "CET-25", "CET-1CEST,", "CET-1CEST,M3.5.0", "CET-1CEST,M13.5.0,J1",
+        "CET-1CEST,M3.6.0,J1", "CET-1CEST,J0,J1", "CET-1CEST,366,1", "CET-1CEST,1,2x", "<CET", "CET-1CEST,1/168,2"})
+    EXPECT_FALSE(FindPeriodInRule(text, 0)) << text;
+}
+
+TEST(TimeZone, WhatNamesNoZoneIsUtc) {
+  for (const char* const zone : {"", ":", "No/Such_Zone", "/no/such/file", "/", "\xFF", "../../etc/passwd"})
+    EXPECT_EQ(FindZonePeriod(zone, 1'700'000'000).secondsEast, 0) << zone;
+  for (const char* const bytes : {"", "TZif", "TZif2", "nonsense"}) EXPECT_FALSE(FindPeriodInZoneFile(bytes, 0));
+  EXPECT_EQ(FindZonePeriod(":CET-1", 0).secondsEast, 3600);
+}
+
+// The local time of a whole hour's distance, as minutes of the day.
+int LocalMinutes() {
+  SYSTEMTIME time = {};
+  GetLocalTime(&time);
+  return time.wHour * 60 + time.wMinute;
+}
+int MinutesBetween(int before, int after) { return (after - before + 24 * 60) % (24 * 60); }
+
+TEST(TimeZone, AChangeOfTheVariableIsSeenAtOnce) {
+  const ZoneScope scope;
+  ZoneScope::Set("AAA0");
+  const int before = LocalMinutes();
+  setenv("TZ", "AAA-5", 1);  // and nobody tells the C library
+  EXPECT_NEAR(MinutesBetween(before, LocalMinutes()), 300, 1);
+  setenv("TZ", "AAA-7", 1);
+  EXPECT_NEAR(MinutesBetween(before, LocalMinutes()), 420, 1);
+}
+
+TEST(TimeZone, SummerTimeBeginsInTheMiddleOfAMinute) {
+  const ZoneScope scope;
+  const time_t change = std::time(nullptr) + 2;
+  tm day;
+  gmtime_r(&change, &day);
+  const int second = day.tm_hour * 3600 + day.tm_min * 60 + day.tm_sec;
+  char zone[100];
+  std::snprintf(zone, sizeof zone, "AAA0BBB-3,%d/%d:%02d:%02d,%d", day.tm_yday, second / 3600, second / 60 % 60,
+                second % 60, (day.tm_yday + 100) % 365);
+  ZoneScope::Set(zone);
+  const int before = LocalMinutes();
+  while (std::time(nullptr) < change) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_NEAR(MinutesBetween(before, LocalMinutes()), 180, 1);
+}
+
+}  // namespace

@@ -95,7 +95,9 @@ TEST(WayToFault, IsShownWithoutFramePointers) {
   };
   for (auto [body, names] : cases) {
     names.insert(names.end(), {"qel::test::CaptureBody", "main", "__libc_start_main", "_start"});
-    EXPECT_EQ(FoundInOrder(WalkOfFault(body), names), "all") << g_walk;
+    const auto frames = WalkOfFault(body);
+    EXPECT_EQ(FoundInOrder(frames, names), "all") << g_walk;
+    for (const Frame& frame : frames) EXPECT_NE(frame.function, "") << "code of a module without a name\n" << g_walk;
   }
 }
 

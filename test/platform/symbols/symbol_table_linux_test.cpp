@@ -9,8 +9,8 @@
 #include <random>
 #include <string>
 
+#include "qelibaselib/platform/linux/modules/loaded_module.h"
 #include "qelibaselib/platform/linux/modules/symbol_name.h"
-#include "qelibaselib/platform/linux/modules/symbol_table.h"
 #include "qelibaselib/platform/win32.h"
 #include "test/support/scratch_folder.h"
 
@@ -18,6 +18,7 @@ namespace qel::test {
 namespace {
 
 using layer::ReadableName;
+using layer::ReadFileSymbols;
 using layer::SymbolTable;
 
 class MemoryFile {
@@ -56,7 +57,7 @@ struct MadeModule {
     symbols[3] = {14, 0x1000, 0x10, ELF32_ST_INFO(STB_WEAK, STT_FUNC), 0, 1};
   }
   std::string Bytes() const { return {reinterpret_cast<const char*>(this), sizeof *this}; }
-  SymbolTable Table() const { return SymbolTable(MemoryFile(Bytes()).get()); }
+  SymbolTable Table() const { return ReadFileSymbols(MemoryFile(Bytes()).get()); }
 };
 
 std::string NameAt(const SymbolTable& table, uint32_t address) {
@@ -98,8 +99,8 @@ TEST(SymbolTable, TakesNothingFromAFileThatLies) {
   EXPECT_TRUE(refused([](auto& m) { m.sections[2].sh_size = 0x40000000; }));
   EXPECT_TRUE(refused([](auto& m) { m.sections[2].sh_offset = 0xFFFFFFFF; }));
   EXPECT_TRUE(refused([](auto& m) { m.symbols[1].st_name = m.symbols[2].st_name = m.symbols[3].st_name = 0xFFFF; }));
-  EXPECT_EQ(SymbolTable(-1).size(), 0u);
-  EXPECT_EQ(SymbolTable(MemoryFile("").get()).size(), 0u);
+  EXPECT_EQ(ReadFileSymbols(-1).size(), 0u);
+  EXPECT_EQ(ReadFileSymbols(MemoryFile("").get()).size(), 0u);
 }
 
 TEST(SymbolTable, EndsNamesWithTheStrings) {
@@ -114,14 +115,14 @@ TEST(SymbolTable, EndsNamesWithTheStrings) {
 
 TEST(SymbolTable, SurvivesAFileThatIsCutLater) {
   const MemoryFile file(MadeModule().Bytes());
-  const SymbolTable table(file.get());
+  const SymbolTable table = ReadFileSymbols(file.get());
   ASSERT_EQ(ftruncate(file.get(), 0), 0);
   EXPECT_EQ(NameAt(table, 0x2000), "");
 }
 
 TEST(SymbolTable, SurvivesAnyFile) {
   const std::string sound = ReadWholeFile("/proc/self/exe");
-  ASSERT_GT(SymbolTable(MemoryFile(sound).get()).size(), 100u);
+  ASSERT_GT(ReadFileSymbols(MemoryFile(sound).get()).size(), 100u);
   std::mt19937 random(7);
   Elf32_Ehdr header;
   std::memcpy(&header, sound.data(), sizeof header);
@@ -138,7 +139,7 @@ TEST(SymbolTable, SurvivesAnyFile) {
       }
     }
     const MemoryFile file(bytes);
-    const SymbolTable table(file.get());
+    const SymbolTable table = ReadFileSymbols(file.get());
     for (int i = 0; i < 50; ++i) NameAt(table, static_cast<uint32_t>(random()));
   }
 }

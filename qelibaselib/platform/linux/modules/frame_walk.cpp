@@ -14,7 +14,6 @@
 #include "qelibaselib/platform/linux/modules/frame_guess.h"
 #include "qelibaselib/platform/linux/modules/symbol_store.h"
 #include "qelibaselib/platform/linux/win32/errhandlingapi.h"
-#include "qelibaselib/platform/linux/win32/memoryapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
@@ -40,17 +39,6 @@ struct LastFrame {
 };
 thread_local constinit LastFrame t_lastFrame{};
 thread_local constinit UnwindRegisters t_lastFault{};
-
-// A walk looks at other functions' frames, the redzones between their variables included: no intrinsic copy, whose
-// arguments a sanitizer checks.
-__attribute__((no_sanitize_address)) BOOL WINAPI ReadOwnMemory(HANDLE, DWORD address, PVOID bytes, DWORD count,
-                                                               PDWORD taken) {
-  if (IsBadReadPtr(reinterpret_cast<const void*>(address), count)) return FALSE;
-  const auto* from = reinterpret_cast<const volatile BYTE*>(address);
-  for (DWORD i = 0; i < count; ++i) static_cast<BYTE*>(bytes)[i] = from[i];
-  *taken = count;
-  return TRUE;
-}
 
 UnwindRegisters RegistersOf(const CONTEXT& context) {
   UnwindRegisters registers;
@@ -175,6 +163,6 @@ BOOL WINAPI StackWalk(DWORD machine, HANDLE process, HANDLE, LPSTACKFRAME frame,
                       PTRANSLATE_ADDRESS_ROUTINE) {
   using namespace qel::layer;
   if (machine != IMAGE_FILE_MACHINE_I386) return ReportResult(ERROR_INVALID_PARAMETER);
-  const WalkMemory memory(process, readMemory ? readMemory : &ReadOwnMemory);
+  const WalkMemory memory = readMemory ? WalkMemory(process, readMemory) : OwnMemory();
   return ReportResult(Walk(memory, *frame, static_cast<const CONTEXT*>(context)));
 }

@@ -8,6 +8,9 @@
 
 #include "qelibaselib/platform/linux/base/utf8.h"
 #include "qelibaselib/platform/linux/memory/regions.h"
+#include "qelibaselib/platform/linux/modules/loaded_headers.h"
+#include "qelibaselib/platform/linux/modules/program_path.h"
+#include "qelibaselib/platform/linux/modules/walk_memory.h"
 #include "qelibaselib/platform/linux/system/version.h"
 #include "qelibaselib/platform/linux/win32/libloaderapi.h"
 #include "qelibaselib/platform/linux/win32/processthreadsapi.h"
@@ -30,37 +33,32 @@ __attribute__((constructor)) void ReadProgramPath() {
 const char g_versionModule = 0;
 HMODULE VersionModule() { return reinterpret_cast<HMODULE>(const_cast<char*>(&g_versionModule)); }
 
-struct Module {
+struct ModuleImage {
   uint32_t base, end, entryPoint;
   const char* path;  // empty for the program; lives as long as the module is loaded
 };
 
-struct Search {
+struct ModuleSearch {
   HMODULE wanted;  // null: the program, which is listed first
-  Module* module;
+  ModuleImage* module;
 };
 
 int Examine(dl_phdr_info* info, size_t, void* context) {
-  auto& search = *static_cast<Search*>(context);
-  Module& module = *search.module;
-  uint64_t base = kAddressSpaceEnd, end = 0;
-  for (const ElfW(Phdr)* segment = info->dlpi_phdr; segment != info->dlpi_phdr + info->dlpi_phnum; ++segment) {
-    if (segment->p_type != PT_LOAD) continue;
-    const uint32_t start = info->dlpi_addr + segment->p_vaddr;
-    base = std::min<uint64_t>(base, PageOf(start));
-    end = std::max(end, RoundUp(uint64_t{start} + segment->p_memsz, kPageSize));
-  }
-  if (end == 0 || (search.wanted && AddressOf(search.wanted) != base)) return 0;
-  module.base = base;
-  module.end = end;
-  const auto* const header = static_cast<const ElfW(Ehdr)*>(PointerTo(base));
-  module.entryPoint = header->e_entry ? info->dlpi_addr + header->e_entry : 0;
+  auto& search = *static_cast<ModuleSearch*>(context);
+  ModuleImage& module = *search.module;
+  const LoadedRange range = FindLoadedRange(*info, LoadedHeaders(*info));
+  if (range.end == 0 || (search.wanted && AddressOf(search.wanted) != range.start)) return 0;
+  module.base = range.start;
+  module.end = static_cast<uint32_t>(RoundUp(uint64_t{range.end}, kPageSize));
+  ElfW(Ehdr) header;
+  const bool isRead = OwnMemory().Read(module.base, &header, sizeof header);
+  module.entryPoint = isRead && header.e_entry ? info->dlpi_addr + header.e_entry : 0;
   module.path = info->dlpi_name;
   return 1;
 }
 
-bool FindModule(HMODULE wanted, Module* module) {
-  Search search = {wanted, module};
+bool FindModule(HMODULE wanted, ModuleImage* module) {
+  ModuleSearch search = {wanted, module};
   return dl_iterate_phdr(Examine, &search) == 1;
 }
 
@@ -68,7 +66,7 @@ bool FindModule(HMODULE wanted, Module* module) {
 const char* PathOf(HMODULE wanted) {
   if (!wanted) return g_programPath;
   if (wanted == VersionModule()) return "ntdll.dll";
-  Module module;
+  ModuleImage module;
   if (!FindModule(wanted, &module)) return nullptr;
   return module.path[0] ? module.path : g_programPath;
 }
@@ -97,7 +95,7 @@ std::string_view FileNameOf(std::string_view path) {
 DWORD Describe(HANDLE process, HMODULE wanted, LPMODULEINFO information, DWORD size) {
   if (process != GetCurrentProcess()) return ERROR_INVALID_HANDLE;
   if (size < sizeof *information) return ERROR_INSUFFICIENT_BUFFER;
-  Module module;
+  ModuleImage module;
   if (wanted == VersionModule() || !FindModule(wanted, &module)) return ERROR_INVALID_HANDLE;
   *information = {PointerTo(module.base), module.end - module.base, PointerTo(module.entryPoint)};
   return ERROR_SUCCESS;
@@ -107,6 +105,9 @@ DWORD Describe(HANDLE process, HMODULE wanted, LPMODULEINFO information, DWORD s
 bool IsText(LPCSTR name) { return AddressOf(name) >= kGranularityBytes; }
 
 }  // namespace
+
+const char* ProgramPath() { return g_programPath; }
+
 }  // namespace qel::layer
 
 HMODULE LoadLibraryA(LPCSTR name) {
@@ -143,7 +144,7 @@ HMODULE GetModuleHandleA(LPCSTR name) {
     SetLastError(ERROR_MOD_NOT_FOUND);
     return nullptr;
   }
-  Module program;
+  ModuleImage program;
   return FindModule(nullptr, &program) ? static_cast<HMODULE>(PointerTo(program.base)) : nullptr;
 }
 

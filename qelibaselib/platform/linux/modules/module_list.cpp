@@ -10,12 +10,12 @@
 namespace qel::layer {
 namespace {
 
-struct Module {
+struct RegisteredModule {
   HINSTANCE instance;
   QelModuleEntry entry;
 };
 constexpr size_t kMostModules = 16;
-constinit Module g_modules[kMostModules] = {};
+constinit RegisteredModule g_modules[kMostModules] = {};
 constinit size_t g_moduleCount = 0;
 
 // Held while an entry runs, so that a module is not unloaded under a call of it. Recursive: an entry may load another.
@@ -57,8 +57,9 @@ BOOL QelRegisterModule(HINSTANCE instance, QelModuleEntry entry) {
 
 void QelUnregisterModule(QelModuleEntry entry) {
   const std::lock_guard lock(Gate());
-  Module* end = g_modules + g_moduleCount;
-  Module* module = std::find_if(g_modules, end, [entry](const Module& m) { return m.entry == entry; });
+  RegisteredModule* end = g_modules + g_moduleCount;
+  RegisteredModule* module =
+      std::find_if(g_modules, end, [entry](const RegisteredModule& m) { return m.entry == entry; });
   if (module == end) return;
   const HINSTANCE instance = module->instance;
   std::move(module + 1, end, module);

@@ -60,12 +60,12 @@ struct Sections {
   }
 };
 
-struct Module {
+struct PeModule {
   Sections sections;
   uint32_t resources = 0;  // relative virtual address, 0: none
 };
 
-std::optional<Module> ReadHeaders(Bytes file) {
+std::optional<PeModule> ReadHeaders(Bytes file) {
   const auto dos = Read<uint16_t>(file, 0);
   const auto newHeader = Read<uint32_t>(file, 0x3C);
   if (!dos || *dos != kDosMagic || !newHeader) return std::nullopt;
@@ -78,7 +78,7 @@ std::optional<Module> ReadHeaders(Bytes file) {
   const uint64_t directoryCount = pe + 24 + (*optionalMagic == kOptional64 ? 108 : 92);
   const uint64_t sectionTable = pe + 24 + *optionalSize;
   if (sectionTable > file.size()) return std::nullopt;
-  Module module{{file, static_cast<uint32_t>(sectionTable), *sectionCount}};
+  PeModule module{{file, static_cast<uint32_t>(sectionTable), *sectionCount}};
   const auto directories = Read<uint32_t>(file, directoryCount);
   const uint64_t entry = directoryCount + 4 + uint64_t{8} * kResourceDirectory;
   if (directories && *directories > kResourceDirectory && entry + 8 <= sectionTable)

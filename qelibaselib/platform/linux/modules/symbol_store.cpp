@@ -1,50 +1,82 @@
+// The store is a sorted array on pages of its own: it is filled and asked while a fault is reported, when the heap may
+// be broken or locked by the very thread that faulted.
 #include "qelibaselib/platform/linux/modules/symbol_store.h"
 
-#include <elf.h>
-#include <fcntl.h>
-#include <link.h>
 #include <pthread.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
+#include <atomic>
 #include <cstring>
-#include <string>
-#include <vector>
+#include <ctime>
+#include <memory>
+#include <new>
+#include <span>
+#include <string_view>
 
-#include "qelibaselib/platform/linux/base/descriptor.h"
-#include "qelibaselib/platform/linux/base/page_size.h"
+#include "qelibaselib/platform/linux/modules/loaded_module.h"
+#include "qelibaselib/platform/linux/modules/program_path.h"
 #include "qelibaselib/platform/linux/modules/symbol_name.h"
-#include "qelibaselib/platform/linux/modules/symbol_table.h"
 
 namespace qel::layer {
 namespace {
 
 constexpr std::size_t kStoredNameCharacters = 1024;
+constexpr time_t kLockSeconds = 2;
 
-struct LoadedModule {
-  uint32_t bias = 0;  // what loading added to the addresses in the file
-  uint32_t start = 0;
-  uint32_t end = 0;
-  std::string path;
-  const Elf32_Phdr* headers = nullptr;
-  uint32_t headerCount = 0;
-  bool isRead = false;
-  SymbolTable symbols{};
+struct ModuleCounts {
+  unsigned long long loads = 0;
+  unsigned long long unloads = 0;
+  bool operator==(const ModuleCounts&) const = default;
+};
+
+class ModuleList {
+ public:
+  constexpr ModuleList() = default;
+  ModuleList(const ModuleList&) = delete;
+  ModuleList& operator=(const ModuleList&) = delete;
+  ~ModuleList() { std::destroy_n(begin(), count_); }
+
+  std::span<LoadedModule> modules() { return {begin(), count_}; }
+  void Reserve(std::size_t modules) { pages_ = MappedPages::Allocate(modules * sizeof(LoadedModule)); }
+  void Add(LoadedModule module) {
+    if ((count_ + 1) * sizeof(LoadedModule) <= pages_.size()) new (begin() + count_++) LoadedModule(std::move(module));
+  }
+  void Swap(ModuleList& other) {
+    std::swap(pages_, other.pages_);
+    std::swap(count_, other.count_);
+  }
+
+ private:
+  LoadedModule* begin() const { return reinterpret_cast<LoadedModule*>(pages_.data()); }
+  MappedPages pages_;
+  std::size_t count_ = 0;
 };
 
 struct Store {
-  std::vector<LoadedModule> modules;  // sorted by start
-  unsigned long long loads = 0;
-  unsigned long long unloads = 0;
+  ModuleList list;  // sorted by start
+  ModuleCounts counts;
 };
 
 // A thread that faults in the store and comes again for its report must fail, not wait for itself.
 pthread_mutex_t g_lock = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
+// Nobody waits a second time for a thread that did not leave.
+std::atomic<bool> g_isStuck = false;
+
+bool LockStore() {
+  if (g_isStuck) return pthread_mutex_trylock(&g_lock) == 0;
+  timespec deadline;
+  clock_gettime(CLOCK_MONOTONIC, &deadline);
+  deadline.tv_sec += kLockSeconds;
+  const int error = pthread_mutex_clocklock(&g_lock, CLOCK_MONOTONIC, &deadline);
+  if (error == ETIMEDOUT) g_isStuck = true;
+  return error == 0;
+}
 
 class StoreLock {
  public:
-  StoreLock() : owns_(pthread_mutex_lock(&g_lock) == 0) {}
+  StoreLock() : owns_(LockStore()) {
+    if (owns_) g_isStuck = false;
+  }
   StoreLock(const StoreLock&) = delete;
   StoreLock& operator=(const StoreLock&) = delete;
   ~StoreLock() {
@@ -58,90 +90,64 @@ class StoreLock {
 
 // Never destroyed: a fault at the end of the process is reported too.
 Store& TheStore() {
-  static Store& store = *new Store;
-  return store;
-}
-
-bool SameBytes(int file, uint32_t offset, const void* loaded, std::size_t bytes) {
-  std::array<char, 256> buffer;
-  for (std::size_t done = 0; done < bytes;) {
-    const std::size_t now = std::min(bytes - done, buffer.size());
-    if (pread64(file, buffer.data(), now, offset + off64_t{done}) != static_cast<ssize_t>(now)) return false;
-    if (std::memcmp(buffer.data(), static_cast<const char*>(loaded) + done, now) != 0) return false;
-    done += now;
-  }
-  return true;
-}
-
-/// Whether the file is the one that was loaded and not another that has taken its place since: by its program headers
-/// and its notes, where the linker leaves an identification of the contents.
-bool IsLoadedFile(int file, const LoadedModule& module) {
-  Elf32_Ehdr header;
-  if (pread64(file, &header, sizeof header, 0) != sizeof header || header.e_phnum != module.headerCount) return false;
-  if (!SameBytes(file, header.e_phoff, module.headers, module.headerCount * sizeof(Elf32_Phdr))) return false;
-  return std::all_of(module.headers, module.headers + module.headerCount, [&](const Elf32_Phdr& segment) {
-    return segment.p_type != PT_NOTE ||
-           SameBytes(file, segment.p_offset, reinterpret_cast<const void*>(module.bias + segment.p_vaddr),
-                     segment.p_filesz);
-  });
-}
-
-void ReadSymbols(LoadedModule& module) {
-  module.isRead = true;
-  // The program's own file is reached even after it was replaced or removed.
-  const Descriptor file(open64(module.path.empty() ? "/proc/self/exe" : module.path.c_str(),
-                               O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
-  if (file.get() >= 0 && IsLoadedFile(file.get(), module)) module.symbols = SymbolTable(file.get());
+  alignas(Store) static constinit std::byte memory[sizeof(Store)] = {};
+  static auto* store = new (memory) Store;
+  return *store;
 }
 
 LoadedModule Describe(const dl_phdr_info& info) {
-  LoadedModule module{
-      .bias = info.dlpi_addr, .path = info.dlpi_name, .headers = info.dlpi_phdr, .headerCount = info.dlpi_phnum};
-  module.start = UINT32_MAX;
-  for (const Elf32_Phdr* segment = info.dlpi_phdr; segment != info.dlpi_phdr + info.dlpi_phnum; ++segment) {
-    if (segment->p_type != PT_LOAD) continue;
-    const uint32_t first = info.dlpi_addr + segment->p_vaddr;
-    module.start = std::min(module.start, first / kPageSize * kPageSize);
-    module.end = std::max<uint32_t>(module.end, first + segment->p_memsz);
-  }
+  LoadedModule module{.bias = info.dlpi_addr, .path = info.dlpi_name, .headers = LoadedHeaders(info)};
+  module.isProgram = !module.path || module.path[0] == '\0';
+  if (module.isProgram) module.path = ProgramPath();
+  const LoadedRange range = FindLoadedRange(info, module.headers);
+  module.start = range.start;
+  module.end = range.end;
   return module;
+}
+
+/// Calls `use(module)` for each loaded module.
+template <class Use>
+void ForEachLoaded(Use use) {
+  dl_iterate_phdr(
+      [](dl_phdr_info* info, std::size_t, void* call) {
+        (*static_cast<Use*>(call))(*info);
+        return 0;
+      },
+      &use);
 }
 
 /// What was read of a module that is still loaded is kept. After an unloading everything is dropped: another file may
 /// have come to the same place.
 void Reload(Store& store, bool keep) {
-  std::vector<LoadedModule> now;
-  dl_iterate_phdr(
-      [](dl_phdr_info* info, std::size_t, void* list) {
-        static_cast<std::vector<LoadedModule>*>(list)->push_back(Describe(*info));
-        return 0;
-      },
-      &now);
-  std::sort(now.begin(), now.end(), [](const LoadedModule& a, const LoadedModule& b) { return a.start < b.start; });
-  if (keep) {
-    for (LoadedModule& old : store.modules) {
-      const auto same = std::find_if(now.begin(), now.end(), [&](const LoadedModule& module) {
-        return module.start == old.start && module.end == old.end && module.path == old.path;
-      });
-      if (same != now.end() && old.isRead) *same = std::move(old);
-    }
+  ModuleList now;
+  std::size_t count = 0;
+  ForEachLoaded([&](const dl_phdr_info&) { ++count; });
+  now.Reserve(count);
+  ForEachLoaded([&](const dl_phdr_info& info) { now.Add(Describe(info)); });
+  const auto modules = now.modules();
+  std::sort(modules.begin(), modules.end(),
+            [](const LoadedModule& a, const LoadedModule& b) { return a.start < b.start; });
+  for (LoadedModule& old : keep ? store.list.modules() : std::span<LoadedModule>()) {
+    const auto same = std::lower_bound(modules.begin(), modules.end(), old.start,
+                                       [](const LoadedModule& module, uint32_t start) { return module.start < start; });
+    if (same != modules.end() && same->start == old.start && same->path == old.path) *same = std::move(old);
   }
-  store.modules = std::move(now);
+  store.list.Swap(now);
 }
 
-LoadedModule* FindModule(Store& store, uint32_t address) {
-  const auto next = std::upper_bound(store.modules.begin(), store.modules.end(), address,
+LoadedModule* FindModule(uint32_t address) {
+  const auto modules = TheStore().list.modules();
+  const auto next = std::upper_bound(modules.begin(), modules.end(), address,
                                      [](uint32_t value, const LoadedModule& module) { return value < module.start; });
-  if (next == store.modules.begin() || address >= (next - 1)->end) return nullptr;
+  if (next == modules.begin() || address >= (next - 1)->end) return nullptr;
   return &*(next - 1);
 }
 
-/// The first program header that `fits`; null for none.
-template <class Fits>
-const Elf32_Phdr* FindSegment(const LoadedModule& module, Fits fits) {
-  const Elf32_Phdr* end = module.headers + module.headerCount;
-  const Elf32_Phdr* found = std::find_if(module.headers, end, fits);
-  return found == end ? nullptr : found;
+void CopyName(std::string_view name, char* text, std::size_t size) {
+  if (size == 0) return;
+  const std::size_t length = std::min(name.size(), size - 1);
+  std::memcpy(text, name.data(), length);
+  text[length] = '\0';
 }
 
 }  // namespace
@@ -150,45 +156,38 @@ bool RefreshModules() {
   const StoreLock lock;
   if (!lock) return false;
   Store& store = TheStore();
-  struct Counts {
-    unsigned long long loads, unloads;
-  } counts{};
+  ModuleCounts counts;
   dl_iterate_phdr(
       [](dl_phdr_info* info, std::size_t, void* result) {
-        *static_cast<Counts*>(result) = {info->dlpi_adds, info->dlpi_subs};
+        *static_cast<ModuleCounts*>(result) = {info->dlpi_adds, info->dlpi_subs};
         return 1;
       },
       &counts);
-  if (store.modules.empty() || counts.loads != store.loads || counts.unloads != store.unloads) {
-    Reload(store, counts.unloads == store.unloads);
-    store.loads = counts.loads;
-    store.unloads = counts.unloads;
+  if (store.list.modules().empty() || !(counts == store.counts)) {
+    Reload(store, counts.unloads == store.counts.unloads);
+    store.counts = counts;
   }
   return true;
 }
 
 uint32_t FindModuleBase(uint32_t address) {
   const StoreLock lock;
-  if (!lock) return 0;
-  const LoadedModule* module = FindModule(TheStore(), address);
+  const LoadedModule* module = lock ? FindModule(address) : nullptr;
   return module ? module->start : 0;
 }
 
 bool IsModuleCode(uint32_t address) {
   const StoreLock lock;
-  const LoadedModule* module = lock ? FindModule(TheStore(), address) : nullptr;
-  return module && FindSegment(*module, [&](const Elf32_Phdr& segment) {
-           return segment.p_type == PT_LOAD && (segment.p_flags & PF_X) != 0 &&
-                  address - module->bias - segment.p_vaddr < segment.p_memsz;
+  const LoadedModule* module = lock ? FindModule(address) : nullptr;
+  return module && FindSegment(*module, PT_LOAD, [&](const Elf32_Phdr& segment) {
+           return (segment.p_flags & PF_X) != 0 && address - module->bias - segment.p_vaddr < segment.p_memsz;
          });
 }
 
 bool FindUnwindTables(uint32_t address, UnwindTables& tables) {
   const StoreLock lock;
-  const LoadedModule* module = lock ? FindModule(TheStore(), address) : nullptr;
-  if (!module) return false;
-  const Elf32_Phdr* header =
-      FindSegment(*module, [](const Elf32_Phdr& segment) { return segment.p_type == PT_GNU_EH_FRAME; });
+  const LoadedModule* module = lock ? FindModule(address) : nullptr;
+  const Elf32_Phdr* header = module ? FindSegment(*module, PT_GNU_EH_FRAME) : nullptr;
   if (!header) return false;
   tables.header = module->bias + header->p_vaddr;
   tables.headerEnd = tables.header + header->p_memsz;
@@ -197,10 +196,12 @@ bool FindUnwindTables(uint32_t address, UnwindTables& tables) {
 
 bool FindFunction(uint32_t address, FoundFunction& found, char* name, std::size_t size) {
   const StoreLock lock;
-  if (!lock) return false;
-  LoadedModule* module = FindModule(TheStore(), address);
+  LoadedModule* module = lock ? FindModule(address) : nullptr;
   if (!module) return false;
-  if (!module->isRead) ReadSymbols(*module);
+  if (!module->isRead) {
+    module->isRead = true;  // before: where reading faults it is not tried again
+    module->symbols = ReadModuleSymbols(*module);
+  }
   const SymbolTable::Function* function = module->symbols.Find(address - module->bias);
   if (!function) return false;
   found = {function->address + module->bias, function->size};
@@ -220,5 +221,15 @@ const ForkedPart kSymbolStoreAtFork = {
       else
         pthread_mutex_unlock(&g_lock);
     }};
+
+bool FindModuleFile(uint32_t address, FoundFunction& found, char* name, std::size_t size) {
+  const StoreLock lock;
+  const LoadedModule* module = lock ? FindModule(address) : nullptr;
+  if (!module) return false;
+  found = {module->start, module->end - module->start};
+  const std::string_view path = module->path;
+  CopyName(path.substr(path.rfind('/') + 1), name, size);
+  return true;
+}
 
 }  // namespace qel::layer

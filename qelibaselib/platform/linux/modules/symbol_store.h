@@ -15,7 +15,8 @@ struct FoundFunction {
 };
 
 /// Looks at the list of loaded modules again when that has changed. A module's symbols are read at the first look-up in
-/// it. False when the thread is inside the store already, which is so when a fault happened in there.
+/// it. False when the store cannot be had: the thread is inside it already, which is so when a fault happened in there,
+/// or another thread that was stopped inside does not leave it within seconds. Nothing here takes memory from the heap.
 bool RefreshModules();
 
 /// The address of the first byte of the module that the address lies in; 0 for none.
@@ -32,5 +33,7 @@ bool FindUnwindTables(uint32_t address, UnwindTables& tables);
 bool FindFunction(uint32_t address, FoundFunction& found, char* name, std::size_t size);
 
 extern const ForkedPart kSymbolStoreAtFork;
+/// The module that the address lies in, named by its file without the folder; false for none.
+bool FindModuleFile(uint32_t address, FoundFunction& found, char* name, std::size_t size);
 
 }  // namespace qel::layer

@@ -20,7 +20,10 @@ DWORD FindSymbol(DWORD address, DWORD& displacement, IMAGEHLP_SYMBOL& symbol) {
   FoundFunction found;
   // A call that does not return may be the last instruction of its function.
   const DWORD place = IsReturnAddressOfWalk(address) ? address - 1 : address;
-  if (!FindFunction(place, found, symbol.Name, symbol.MaxNameLength)) return ERROR_INVALID_ADDRESS;
+  if (!FindFunction(place, found, symbol.Name, symbol.MaxNameLength) &&
+      !FindModuleFile(place, found, symbol.Name, symbol.MaxNameLength)) {
+    return ERROR_INVALID_ADDRESS;
+  }
   symbol.Address = found.address;
   symbol.Size = found.size;
   symbol.Flags = 0;

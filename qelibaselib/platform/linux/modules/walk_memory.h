@@ -24,4 +24,7 @@ class WalkMemory {
   const PREAD_PROCESS_MEMORY_ROUTINE read_;
 };
 
+/// The memory of this process.
+WalkMemory OwnMemory();
+
 }  // namespace qel::layer

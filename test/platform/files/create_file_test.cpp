@@ -20,7 +20,7 @@ TEST_F(CreateFileTest, DispositionDecides) {
   } const rows[] = {
       {0, Failure(87), Failure(87), Failure(87), Failure(87), Failure(87)},
       {6, Failure(87), Failure(87), Failure(87), Failure(87), Failure(87)},
-      {CREATE_NEW, Failure(80), Success(0), Failure(80), Failure(3), Failure(80)},
+      {CREATE_NEW, Failure(80), Success(0), ByTarget(Failure(5), Failure(80)), Failure(3), Failure(80)},
       {CREATE_ALWAYS, Success(183), Success(0), Failure(5), Failure(3), Failure(5)},
       {OPEN_EXISTING, Success(0), Failure(2), Failure(5), Failure(3), Failure(5)},
       {OPEN_ALWAYS, Success(183), Success(0), Failure(5), Failure(3), Failure(5)},
@@ -52,7 +52,8 @@ TEST_F(CreateFileTest, ReadAccessAloneAndTheDispositions) {
   if (PermissionsHold()) {
     EXPECT_EQ(Create(L"ro", kR, kShareAll, CREATE_ALWAYS), Failure(5));
   }
-  EXPECT_EQ(Create(L"ex", kR, kShareAll, TRUNCATE_EXISTING), ByTarget(Failure(87), Success(0)));
+  for (const DWORD access : {kR, DWORD{GENERIC_ALL}, DWORD{FILE_WRITE_DATA}})
+    EXPECT_EQ(Create(L"ex", access, kShareAll, TRUNCATE_EXISTING), ByTarget(Failure(87), Success(0))) << access;
   Write("ex");
   EXPECT_EQ(Create(L"ex", kR, kShareAll, CREATE_ALWAYS), Success(183));
   EXPECT_EQ(Read("ex"), "");
@@ -108,6 +109,7 @@ TEST_F(CreateFileTest, NamesThatAreNone) {
       {L"dir", Failure(5)},
       {L"Q:\\x", ByTarget(Failure(3), Failure(2))},
       {L"\\\\srv\\share\\x", ByTarget(Failure(53), Failure(3))},
+      {L"\\\\.\\NONE", Failure(2)},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name ? row.name : L"NULL");

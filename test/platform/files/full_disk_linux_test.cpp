@@ -36,16 +36,6 @@ TEST_F(FullDiskTest, WriteAndLengthen) {
   EXPECT_EQ(size.QuadPart, 0);
 }
 
-TEST_F(FullDiskTest, FailedCopyLeavesNoTarget) {
-  WriteWholeFile(source_, std::string(100'000, 'x'));
-  WriteWholeFile(disk_.Path() / "old", "old");
-  for (const char* target : {"new", "old"}) {
-    EXPECT_EQ(Ask([&] { return CopyFileW(source_.wstring().c_str(), disk_.Wide(target).c_str(), FALSE); }),
-              Failure(112));
-    EXPECT_FALSE(std::filesystem::exists(disk_.Path() / target));
-  }
-}
-
 TEST_F(FullDiskTest, MoveToAnotherDisk) {
   const struct {
     const char* target;

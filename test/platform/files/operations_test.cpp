@@ -54,6 +54,7 @@ TEST_F(OperationsTest, MoveNeverReplaces) {
       {L"missing", L"new", Failure(2)}, {L"nodir\\x", L"new", Failure(3)}, {L"f", L"nodir\\x", Failure(3)},
       {L"", L"new", Failure(3)},        {L"f", L"", Failure(3)},           {nullptr, L"new", Failure(3)},
       {L"f", L"a?", Failure(123)},      {L"f", L"?:\\???", Failure(123)},  {L"f", L"f", Success()},
+      {L"missing", L"a?", Failure(2)},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(testing::Message() << (row.from ? row.from : L"NULL") << L" to " << row.to);
@@ -134,8 +135,10 @@ TEST_F(OperationsTest, CopyAndTheHoldersOfBothSides) {
     EXPECT_EQ(Copy(L"f", L"other"), Failure(32)) << share;
   }
   EXPECT_EQ(Read("other"), "other");
-  FileHandle reader(At("other"), kR, 3, OPEN_EXISTING);
-  EXPECT_EQ(Copy(L"f", L"other"), Success(0));
+  for (const DWORD access : {kR, kW, kRW}) {
+    FileHandle holder(At("other"), access, 3, OPEN_EXISTING);
+    EXPECT_EQ(Copy(L"f", L"other"), Success(0)) << access;
+  }
 }
 
 TEST_F(OperationsTest, Attributes) {

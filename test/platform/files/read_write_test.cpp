@@ -80,6 +80,8 @@ TEST_F(ReadWriteTest, BadHandlesZeroTheCount) {
 
 TEST_F(ReadWriteTest, BadBuffers) {
   const PageBuffer memory, large(2);
+  PageBuffer broken(3);
+  broken.Protect(1, PAGE_NOACCESS);
   char* const hole = reinterpret_cast<char*>(memory.End());
   FileHandle file(At("six"));
   for (char* bad : {static_cast<char*>(nullptr), hole, hole - 3}) {
@@ -87,7 +89,19 @@ TEST_F(ReadWriteTest, BadBuffers) {
     EXPECT_EQ(WriteFrom(file.get(), bad, 6), (Moved{Failure(1784), 0}));
   }
   EXPECT_EQ(WriteFrom(file.get(), nullptr, 0), (Moved{Success(), 0}));
+  EXPECT_EQ(WriteFrom(file.get(), broken.Begin(), broken.Size()), (Moved{Failure(1784), 0})) << "bad in its middle";
+  EXPECT_EQ(WriteFrom(file.get(), large.Begin(), 0xFFFFFFFF), (Moved{Failure(1784), 0}));
+  LONGLONG at = -1;
+  EXPECT_EQ(MovePointer(file.get(), 0, FILE_CURRENT, &at), Success());
+  EXPECT_EQ(at, 0);
   EXPECT_EQ(Read("six"), "abcdef");
+  for (const LONG position : {3, 6}) {  // fewer bytes are left than would reach the bad page, or none
+    MovePointer(file.get(), position, FILE_BEGIN);
+    for (char* bad : {static_cast<char*>(nullptr), hole - 3})
+      EXPECT_EQ(ReadInto(file.get(), bad, 100), (Moved{Failure(998), 0}));
+    EXPECT_EQ(MovePointer(file.get(), 0, FILE_CURRENT, &at), Success());
+    EXPECT_EQ(at, position);
+  }
   // A short read that happens to end where a page does is the end of the file, which is a success.
   MovePointer(file.get(), 0, FILE_BEGIN);
   EXPECT_EQ(ReadInto(file.get(), hole - 6, 6), (Moved{Success(), 6}));
@@ -96,6 +110,19 @@ TEST_F(ReadWriteTest, BadBuffers) {
   EXPECT_EQ(ReadInto(file.get(), large.Begin() + 0xFFD, 100), (Moved{Success(), 3}));
   EXPECT_EQ(ReadInto(file.get(), buffer_, 100), (Moved{Success(), 0}));
   EXPECT_EQ(ReadInto(file.get(), nullptr, 0), (Moved{Success(), 0}));
+}
+
+TEST_F(ReadWriteTest, FolderIsNeitherReadNorWritten) {
+  MakeFolder("dir");
+  FileHandle folder(At("dir"), kRW, kShareAll, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS);
+  ASSERT_TRUE(folder.IsOpen());
+  EXPECT_EQ(ReadInto(folder.get(), buffer_, 1), (Moved{Failure(1), 0}));
+  EXPECT_EQ(WriteFrom(folder.get(), buffer_, 1), (Moved{Failure(1), 0}));
+}
+
+TEST_F(ReadWriteTest, WrongMethodsAndTargetsAreToldBeforeBadHandles) {
+  EXPECT_EQ(MovePointer(nullptr, 0, 3), ByTarget(Failure(87), Failure(6)));
+  EXPECT_EQ(MovePointer(nullptr, -1, FILE_BEGIN), ByTarget(Failure(131), Failure(6)));
 }
 
 TEST_F(ReadWriteTest, PositionMovesAndGapsReadAsZeros) {
@@ -216,6 +243,10 @@ TEST_F(ReadWriteTest, LockedRangeHoldsAgainstOtherHandles) {
   EXPECT_EQ(Ask([&] { return UnlockFileEx(owner.get(), 0, 1, 0, &at2); }), ByTarget(Failure(158), Failure(33)));
   ASSERT_TRUE(UnlockFileEx(owner.get(), 0, 2, 0, &at2));
   EXPECT_EQ(WriteFrom(other.get(), "D", 1, &at2), (Moved{Success(), 1}));
+
+  EXPECT_TRUE(LockFileEx(other.get(), kNow | kExclusive, 0, 0, 0, &at2)) << "an empty range is in nobody's way";
+  EXPECT_EQ(WriteFrom(owner.get(), "D", 1, &at2), (Moved{Success(), 1}));
+  EXPECT_TRUE(UnlockFileEx(other.get(), 0, 0, 0, &at2));
 
   // Shared locks overlap; what is left of them holds against writing.
   FileHandle reader(At("six"), kR, kShareAll, OPEN_EXISTING);

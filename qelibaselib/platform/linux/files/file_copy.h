@@ -5,7 +5,9 @@
 
 namespace qel::layer {
 
-/// Returns the Win32 error. A copy that fails midway leaves no target.
+/// Copies contents, holes included, and of the properties what the user may set on the target. Both sides must be
+/// ordinary files: devices, pipes and sockets fail with ERROR_NOT_SUPPORTED at once. Returns the Win32 error. A copy
+/// that fails midway leaves no new target; a target that was there before is left empty.
 DWORD CopyFileByPath(const SystemPath& source, const SystemPath& target, bool failIfExists);
 
 }  // namespace qel::layer

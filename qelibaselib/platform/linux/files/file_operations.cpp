@@ -71,29 +71,43 @@ DWORD Delete(LPCWSTR name) {
   return error == ERROR_FILE_NOT_FOUND && path.EndsInSeparator() ? path.SeparatorError() : error;
 }
 
-// Within a file system a name changes at once, and none is replaced. Across file systems a file is copied.
+// Across file systems a file is copied and deleted. As on Windows a copy that succeeded is a success, also when the
+// source cannot be removed. Nothing else can be copied as what it is, so it stays.
+DWORD MoveAcross(const SystemPath& source, const SystemPath& target, const FileStatus& status) {
+  if (!status.IsRegularFile()) return ERROR_NOT_SAME_DEVICE;
+  const DWORD error = CopyFileByPath(source, target, true);
+  if (!error) unlink(source.text());
+  return error == ERROR_FILE_EXISTS ? ERROR_ALREADY_EXISTS : error;
+}
+
+// Within a file system a name changes at once, and none is replaced.
 DWORD Rename(const SystemPath& source, const SystemPath& target, const FileStatus& status) {
   if (renameat2(AT_FDCWD, source.text(), AT_FDCWD, target.text(), RENAME_NOREPLACE) == 0) return ERROR_SUCCESS;
   const int error = errno;
-  if (error == EEXIST) return ERROR_ALREADY_EXISTS;
-  if (error == ENOENT) return ERROR_PATH_NOT_FOUND;  // the source was there a moment ago
   FileStatus unused;
-  if (error == EINVAL && ReadStatus(AT_FDCWD, target.text(), AT_SYMLINK_NOFOLLOW, unused) == 0)
-    return ERROR_ALREADY_EXISTS;
-  if (error == EINVAL)  // a file system that cannot be asked not to replace
-    return rename(source.text(), target.text()) == 0 ? ERROR_SUCCESS : ErrorFromErrno(errno);
-  if (error != EXDEV || status.IsFolder()) return ErrorFromErrno(error);
-  const DWORD copied = CopyFileByPath(source, target, true);
-  if (copied) return copied == ERROR_FILE_EXISTS ? ERROR_ALREADY_EXISTS : copied;
-  return unlink(source.text()) == 0 ? ERROR_SUCCESS : ErrorFromErrno(errno);
+  switch (error) {
+    case EEXIST:
+      return ERROR_ALREADY_EXISTS;
+    case ENOENT:
+      return ERROR_PATH_NOT_FOUND;  // the source was there a moment ago
+    case EXDEV:
+      return MoveAcross(source, target, status);
+    case EINVAL:  // also of a file system that cannot be asked not to replace
+      if (ReadStatus(AT_FDCWD, target.text(), AT_SYMLINK_NOFOLLOW, unused) == 0) return ERROR_ALREADY_EXISTS;
+      return rename(source.text(), target.text()) == 0 ? ERROR_SUCCESS : ErrorFromErrno(errno);
+    default:
+      return ErrorFromErrno(error);
+  }
 }
 
+// What is wrong with the source is told before what is wrong with the target.
 DWORD Move(LPCWSTR existing, LPCWSTR newName) {
   SystemPath source, target;
   if (const DWORD error = source.Parse(existing)) return error;
-  if (const DWORD error = target.Parse(newName)) return error;
+  const DWORD targetError = target.Parse(newName);
   return ActOnFile(source, [&](const FileStatus& status, int) -> DWORD {
     if (!status.IsFolder() && source.EndsInSeparator()) return source.SeparatorError();
+    if (targetError) return targetError;
     if (!status.IsFolder() && target.EndsInSeparator()) return target.SeparatorError();
     if (std::strcmp(source.text(), target.text()) == 0) return ERROR_SUCCESS;
     return Rename(source, target, status);
@@ -133,17 +147,12 @@ DWORD RemoveFolder(LPCWSTR name) {
   return errno == EEXIST ? ERROR_DIR_NOT_EMPTY : PathError(errno, path);
 }
 
-BOOL Finish(DWORD error) {
-  if (error) SetLastError(error);
-  return error == ERROR_SUCCESS;
-}
-
 }  // namespace
 }  // namespace qel::layer
 
 using namespace qel::layer;
 
-BOOL DeleteFileW(LPCWSTR name) { return Finish(Delete(name)); }
-BOOL MoveFileW(LPCWSTR existing, LPCWSTR target) { return Finish(Move(existing, target)); }
-BOOL CreateDirectoryW(LPCWSTR name, LPSECURITY_ATTRIBUTES) { return Finish(MakeFolder(name)); }
-BOOL RemoveDirectoryW(LPCWSTR name) { return Finish(RemoveFolder(name)); }
+BOOL DeleteFileW(LPCWSTR name) { return ReportResult(Delete(name)); }
+BOOL MoveFileW(LPCWSTR existing, LPCWSTR target) { return ReportResult(Move(existing, target)); }
+BOOL CreateDirectoryW(LPCWSTR name, LPSECURITY_ATTRIBUTES) { return ReportResult(MakeFolder(name)); }
+BOOL RemoveDirectoryW(LPCWSTR name) { return ReportResult(RemoveFolder(name)); }

@@ -12,13 +12,14 @@
 
 #include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/base/lock_range.h"
-#include "qelibaselib/platform/linux/files/open_file.h"
+#include "qelibaselib/platform/linux/base/retry_on_interrupt.h"
+#include "qelibaselib/platform/linux/files/file_object.h"
 #include "qelibaselib/platform/linux/win32/fileapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 
-constinit std::atomic<bool> File::g_rangesEverLocked{false};
+constinit std::atomic<bool> FileObject::g_rangesEverLocked{false};
 
 class RangeLocks {
  public:
@@ -36,9 +37,13 @@ class RangeLocks {
   struct Range {
     off_t from, to;
     bool exclusive;
-    bool Overlaps(const Range& other) const { return from < other.to && other.from < to; }
+    bool IsEmpty() const { return from == to; }
+    bool Overlaps(const Range& other) const {
+      return from < other.to && other.from < to && !IsEmpty() && !other.IsEmpty();
+    }
   };
   DWORD Place(const Range& range, bool wait);
+  void Free(const Range& freed);
   int DescriptorFor(const Range& range);
 
   const int descriptor_;
@@ -58,13 +63,12 @@ int RangeLocks::DescriptorFor(const Range& range) {
 }
 
 DWORD RangeLocks::Place(const Range& range, bool wait) {
+  if (range.IsEmpty()) return ERROR_SUCCESS;  // an empty range is in nobody's way; for the kernel it is endless
   const int descriptor = DescriptorFor(range);
   if (descriptor < 0) return ERROR_ACCESS_DENIED;
   struct flock kernel = LockRange(range.exclusive ? F_WRLCK : F_RDLCK, range.from, range.to - range.from);
-  int result;
-  do result = fcntl(descriptor, wait ? F_OFD_SETLKW : F_OFD_SETLK, &kernel);
-  while (result != 0 && errno == EINTR);
-  if (result == 0) return ERROR_SUCCESS;
+  if (RetryOnInterrupt([&] { return fcntl(descriptor, wait ? F_OFD_SETLKW : F_OFD_SETLK, &kernel); }) == 0)
+    return ERROR_SUCCESS;
   return errno == EAGAIN || errno == EACCES ? ERROR_LOCK_VIOLATION : ErrorFromErrno(errno);
 }
 
@@ -89,16 +93,22 @@ DWORD RangeLocks::Unlock(off_t from, off_t to) {
   while (found != held_.end() && (found->from != from || found->to != to)) ++found;
   if (found == held_.end()) return ERROR_NOT_LOCKED;
   const Range freed = *found;
-  struct flock kernel = LockRange(F_UNLCK, freed.from, freed.to - freed.from);
-  fcntl(freed.exclusive ? DescriptorFor(freed) : descriptor_, F_OFD_SETLK, &kernel);
   held_.erase(found);
-  for (const Range& held : held_)  // the rest of shared locks that overlapped it
-    if (held.Overlaps(freed)) Place(held, false);
+  Free(freed);
   if (held_.empty()) MarkRangesLocked(descriptor_, false);
   return ERROR_SUCCESS;
 }
 
-RangeLocks* File::Ranges() {
+// The kernel's lock goes for the whole range, also where shared locks of this handle overlapped it. Those come back.
+void RangeLocks::Free(const Range& freed) {
+  if (freed.IsEmpty()) return;
+  struct flock kernel = LockRange(F_UNLCK, freed.from, freed.to - freed.from);
+  fcntl(freed.exclusive ? DescriptorFor(freed) : descriptor_, F_OFD_SETLK, &kernel);
+  for (const Range& held : held_)
+    if (held.Overlaps(freed)) Place(held, false);
+}
+
+RangeLocks* FileObject::Ranges() {
   RangeLocks* ranges = ranges_.load();
   if (ranges) return ranges;
   auto* fresh = new (std::nothrow) RangeLocks(descriptor());
@@ -108,12 +118,12 @@ RangeLocks* File::Ranges() {
   return ranges;
 }
 
-int File::RangeDescriptor() const {
+int FileObject::RangeDescriptor() const {
   const RangeLocks* ranges = ranges_.load();
   return ranges ? ranges->descriptor() : descriptor();
 }
 
-void File::FreeRangeLocks() { delete ranges_.load(); }
+void FileObject::FreeRangeLocks() { delete ranges_.load(); }
 
 namespace {
 
@@ -126,7 +136,7 @@ Bounds BoundsOf(const OVERLAPPED& overlapped, DWORD low, DWORD high) {
   const ULONGLONG from = static_cast<ULONGLONG>(overlapped.OffsetHigh) << 32 | overlapped.Offset;
   const ULONGLONG length = static_cast<ULONGLONG>(high) << 32 | low;
   constexpr auto kEnd = static_cast<ULONGLONG>(kEndOfRanges);
-  if (from >= kEnd || length == 0) return {0, 0, false};
+  if (from >= kEnd) return {0, 0, false};
   const ULONGLONG to = length > kEnd - from ? kEnd : from + length;
   return {static_cast<off_t>(from), static_cast<off_t>(to), true};
 }
@@ -134,10 +144,10 @@ Bounds BoundsOf(const OVERLAPPED& overlapped, DWORD low, DWORD high) {
 template <class Use>
 BOOL UseRanges(HANDLE handle, const OVERLAPPED* overlapped, DWORD low, DWORD high, Use use) {
   DWORD error = ERROR_INVALID_HANDLE;
-  Reference<File> file;  // the call may wait
+  Reference<FileObject> file;  // the call may wait
   {
     const Pin pin(handle);
-    file = Reference<File>::Share(pin.As<File>(Kind::kFile));
+    file = Reference<FileObject>::Share(pin.As<FileObject>(Kind::kFile));
   }
   if (file) {
     const Bounds bounds = overlapped ? BoundsOf(*overlapped, low, high) : Bounds{0, 0, false};
@@ -148,8 +158,7 @@ BOOL UseRanges(HANDLE handle, const OVERLAPPED* overlapped, DWORD low, DWORD hig
       error = ERROR_NOT_ENOUGH_MEMORY;
     }
   }
-  if (error) SetLastError(error);
-  return error == ERROR_SUCCESS;
+  return ReportResult(error);
 }
 
 }  // namespace
@@ -158,12 +167,9 @@ BOOL UseRanges(HANDLE handle, const OVERLAPPED* overlapped, DWORD low, DWORD hig
 using namespace qel::layer;
 
 BOOL LockFileEx(HANDLE file, DWORD flags, DWORD, DWORD bytesLow, DWORD bytesHigh, LPOVERLAPPED overlapped) {
-  if (flags & ~(LOCKFILE_FAIL_IMMEDIATELY | LOCKFILE_EXCLUSIVE_LOCK)) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return FALSE;
-  }
+  if (flags & ~(LOCKFILE_FAIL_IMMEDIATELY | LOCKFILE_EXCLUSIVE_LOCK)) return ReportResult(ERROR_INVALID_PARAMETER);
   return UseRanges(file, overlapped, bytesLow, bytesHigh, [&](RangeLocks& ranges, const Bounds& bounds) {
-    File::NoteRangeLock();
+    FileObject::NoteRangeLock();
     return ranges.Lock(bounds.from, bounds.to, (flags & LOCKFILE_EXCLUSIVE_LOCK) != 0,
                        (flags & LOCKFILE_FAIL_IMMEDIATELY) == 0);
   });

@@ -4,28 +4,34 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
-#include <new>
 #include <utility>
 
 #include "qelibaselib/platform/linux/base/error.h"
-#include "qelibaselib/platform/linux/win32/crt.h"
+#include "qelibaselib/platform/linux/files/mapping_marks.h"
 #include "qelibaselib/platform/linux/win32/fileapi.h"
-#include "qelibaselib/platform/linux/win32/synchapi.h"
-#include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
 namespace {
 
-constexpr DWORD kAgain = 0xFFFFFFFF;  // the file went away, or came, in the middle
 constexpr int kTries = 100;
 
 bool Empties(DWORD disposition) { return disposition == CREATE_ALWAYS || disposition == TRUNCATE_EXISTING; }
 bool Makes(DWORD disposition) { return disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS; }
 
+// O_NONBLOCK: nothing waits for the other end of a pipe.
 int FlagsFor(const OpenRequest& request) {
   const bool writes = (request.mode.access & kWriting) || Empties(request.disposition);
   return (writes ? O_RDWR : O_RDONLY) | (request.writesThrough ? O_DSYNC : 0) | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+}
+
+bool IsFolder(const SystemPath& path) {
+  FileStatus status;
+  return ReadStatusOfName(path.text(), status) == 0 && status.IsFolder();
+}
+
+// ENXIO: a socket, or a device without a driver.
+DWORD ErrorOfExisting(int number, const SystemPath& path, const OpenRequest& request) {
+  return number == ENXIO && !request.special ? ERROR_NOT_SUPPORTED : PathError(number, path);
 }
 
 }  // namespace
@@ -48,13 +54,15 @@ void OpenedFile::Close() {
 }
 
 DWORD OpenedFile::Open(const SystemPath& path, const OpenRequest& request) {
-  DWORD error = kAgain;
-  for (int i = 0; i < kTries && error == kAgain; ++i) {
-    error = OpenDescriptor(path, request);
-    if (!error) error = Enter(request);
-    if (error) Close();
+  for (int i = 0; i < kTries; ++i) {
+    DWORD error = OpenDescriptor(path, request);
+    OpenResult result = error ? OpenResult::kFailed : OpenResult::kOpened;
+    if (!error) result = Enter(request, error);
+    if (result == OpenResult::kOpened) return ERROR_SUCCESS;
+    Close();
+    if (result == OpenResult::kFailed) return error;
   }
-  return error == kAgain ? ERROR_ACCESS_DENIED : error;
+  return ERROR_ACCESS_DENIED;
 }
 
 // A descriptor for both ways where one is asked for: the sharing lock needs one that reads. What the user may only
@@ -73,12 +81,12 @@ int OpenedFile::OpenExisting(const SystemPath& path, const OpenRequest& request)
 
 DWORD OpenedFile::OpenDescriptor(const SystemPath& path, const OpenRequest& request) {
   existed_ = true;
-  // What is to be emptied is most often not there, and what may stay as it is most often is.
+  // CREATE_ALWAYS usually finds no file and OPEN_ALWAYS usually finds one, so each saves a call that fails.
   const bool makesFirst = request.disposition == CREATE_NEW || request.disposition == CREATE_ALWAYS;
   if (!makesFirst) {
     descriptor_ = OpenExisting(path, request);
     if (descriptor_ >= 0) return ERROR_SUCCESS;
-    if (errno != ENOENT || !Makes(request.disposition)) return PathError(errno, path);
+    if (errno != ENOENT || !Makes(request.disposition)) return ErrorOfExisting(errno, path, request);
   }
   const bool readOnly = (request.attributes & FILE_ATTRIBUTE_READONLY) != 0;
   const mode_t permissions = request.permissions & ~(readOnly ? kWriteBits : 0);
@@ -88,38 +96,44 @@ DWORD OpenedFile::OpenDescriptor(const SystemPath& path, const OpenRequest& requ
     return ERROR_SUCCESS;
   }
   if (errno != EEXIST) return errno == ENOENT ? ERROR_PATH_NOT_FOUND : ErrorFromErrno(errno);
-  if (request.disposition == CREATE_NEW) return ERROR_FILE_EXISTS;
+  if (request.disposition == CREATE_NEW)
+    return !request.source && IsFolder(path) ? ERROR_ACCESS_DENIED : ERROR_FILE_EXISTS;
   if (makesFirst) {
     descriptor_ = OpenExisting(path, request);
     if (descriptor_ >= 0) return ERROR_SUCCESS;
-    if (errno != ENOENT) return PathError(errno, path);
+    if (errno != ENOENT) return ErrorOfExisting(errno, path, request);
   }
-  // Made by another a moment ago, or a link to what does not exist yet.
+  // Another process made or removed it a moment ago, or it is a link to a file that does not exist yet.
   descriptor_ = open(path.text(), FlagsFor(request) | O_CREAT, permissions);
   return descriptor_ >= 0 ? ERROR_SUCCESS : PathError(errno, path);
 }
 
-DWORD OpenedFile::Enter(const OpenRequest& request) {
+// Takes the place among the other opens of the file, then looks at the file, which nobody can take away from then on.
+OpenedFile::OpenResult OpenedFile::Enter(const OpenRequest& request, DWORD& error) {
   mode_ = request.mode;
   if (mode_.access != 0 && request.shared) {
-    if (const DWORD error = EnterSharing(descriptor_, mode_, !existed_, &rangesLocked_)) return error;
+    error = EnterSharing(descriptor_, mode_, !existed_, &rangesLocked_);
+    if (error) return OpenResult::kFailed;
     entered_ = true;
   }
-  // A copy that is deleted before it has contents is one that is deleted afterwards.
-  if (request.source && !existed_) return ERROR_SUCCESS;
-  if (const int error = ReadStatus(descriptor_, status_)) return ErrorFromErrno(error);
-  // Deleted before it was entered, also when it was made here a moment ago: the name is free or another file's.
-  if (status_.links == 0) return kAgain;
-  if (existed_) {
-    if (const DWORD error = CheckExisting(request)) return error;
-    // Only a pipe or a terminal notices that it was opened without waiting.
-    if (!S_ISREG(status_.mode) && !status_.IsFolder() && mode_.access) fcntl(descriptor_, F_SETFL, 0);
+  // If another process deletes the new file before we copy into it, the result is the same as deleting the finished
+  // copy, so no check is needed here.
+  if (request.source && !existed_) return OpenResult::kOpened;
+  if (const int number = ReadStatus(descriptor_, status_)) {
+    error = ErrorFromErrno(number);
+    return OpenResult::kFailed;
   }
-  return SetContentsAndAttributes(request);
+  if (status_.links == 0) return OpenResult::kRaceRetry;
+  if (existed_) error = CheckExisting(request);
+  // Only a pipe or a terminal notices that it was opened without waiting.
+  if (!error && status_.IsSpecial() && mode_.access) fcntl(descriptor_, F_SETFL, 0);
+  if (!error) error = SetContentsAndAttributes(request);
+  return error ? OpenResult::kFailed : OpenResult::kOpened;
 }
 
 DWORD OpenedFile::CheckExisting(const OpenRequest& request) const {
   if (request.source && status_.SameFile(*request.source)) return ERROR_SHARING_VIOLATION;
+  if (status_.IsSpecial() && !request.special) return ERROR_NOT_SUPPORTED;
   if (status_.IsFolder()) return request.folders ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
   const bool changes = (request.mode.access & kWriting) || Empties(request.disposition) || request.deletes;
   if (status_.IsReadOnlyFile() && changes) return ERROR_ACCESS_DENIED;
@@ -132,12 +146,13 @@ DWORD OpenedFile::SetContentsAndAttributes(const OpenRequest& request) {
   if (existed_ && !Empties(request.disposition)) return ERROR_SUCCESS;
   if (existed_ && status_.size > 0)
     if (const DWORD error = CutUnmappedFile(descriptor_, 0)) return error;
-  if (request.disposition == TRUNCATE_EXISTING) return ERROR_SUCCESS;
+  if (request.disposition == TRUNCATE_EXISTING || request.source) return ERROR_SUCCESS;
   constexpr DWORD kUsual = FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_NORMAL;
   const bool special = (request.attributes & ~kUsual) || (existed_ && (status_.mode & S_ISVTX));
   if (!special || (!existed_ && !(request.attributes & ~kUsual & ~FILE_ATTRIBUTE_READONLY))) return ERROR_SUCCESS;
   const int error = WriteAttributes(descriptor_, status_, request.attributes | FILE_ATTRIBUTE_ARCHIVE);
-  return error ? ErrorFromErrno(error) : ERROR_SUCCESS;
+  // Who may write a file of another owner may empty it, and its mode stays.
+  return error == 0 || (existed_ && error == EPERM) ? ERROR_SUCCESS : ErrorFromErrno(error);
 }
 
 DWORD GrowFile(int descriptor, off_t from, off_t to) {
@@ -146,107 +161,4 @@ DWORD GrowFile(int descriptor, off_t from, off_t to) {
   return ErrorFromErrno(errno);
 }
 
-File::File(OpenedFile&& opened, bool overlapped)
-    : Object(Kind::kFile), opened_(std::move(opened)), overlapped_(overlapped), checksRanges_(opened_.rangesLocked()) {}
-
-// Those that come meanwhile find the position still here, and wait.
-void File::MovePosition() const {
-  const std::lock_guard lock(positionMutex_);
-  off_t position = position_.load(std::memory_order_acquire);
-  while (position != kDescriptorsOwn) {
-    lseek(descriptor(), position, SEEK_SET);
-    if (position_.compare_exchange_strong(position, kDescriptorsOwn, std::memory_order_acq_rel)) break;
-  }
-}
-
-bool File::DeleteOnClose(const SystemPath& path) {
-  deletedName_.reset(new (std::nothrow) char[path.length() + 1]);
-  if (deletedName_) std::memcpy(deletedName_.get(), path.text(), path.length() + 1);
-  return deletedName_ != nullptr;
-}
-
-// The name may lead to another file by now.
-File::~File() {
-  FreeRangeLocks();
-  if (!deletedName_) return;
-  const SharingGate gate(descriptor());
-  FileStatus own, named;
-  if (ReadStatus(descriptor(), own) == 0 && ReadStatus(AT_FDCWD, deletedName_.get(), AT_SYMLINK_NOFOLLOW, named) == 0 &&
-      own.SameFile(named))
-    unlink(deletedName_.get());
-}
-
-namespace {
-
-struct Access {
-  DWORD bits;
-  unsigned rights;
-};
-constexpr Access kAccess[] = {
-    {GENERIC_READ, kReading},   {GENERIC_WRITE, kWriting},   {GENERIC_ALL, kAllRights},
-    {FILE_READ_DATA, kReading}, {FILE_WRITE_DATA, kWriting}, {DELETE, kDeleting},
-    {FILE_READ_ATTRIBUTES, 0},  {FILE_WRITE_ATTRIBUTES, 0},  {SYNCHRONIZE, 0},
-};
-constexpr DWORD kFlags = FILE_FLAG_DELETE_ON_CLOSE | FILE_FLAG_SEQUENTIAL_SCAN | FILE_FLAG_RANDOM_ACCESS |
-                         FILE_FLAG_WRITE_THROUGH | FILE_FLAG_OVERLAPPED | FILE_FLAG_BACKUP_SEMANTICS;
-
-DWORD ReadRequest(DWORD access, DWORD share, DWORD disposition, DWORD flags, OpenRequest& request) {
-  if (disposition < CREATE_NEW || disposition > TRUNCATE_EXISTING || (share & ~DWORD{kAllRights}) != 0 ||
-      !AreKnownAttributes(flags & ~kFlags))
-    return ERROR_INVALID_PARAMETER;
-  request = {{0, share}, disposition};
-  for (const Access& known : kAccess) {
-    if (access & known.bits) request.mode.access |= known.rights;
-    access &= ~known.bits;
-  }
-  if (access != 0) return ERROR_INVALID_PARAMETER;
-  if (disposition == TRUNCATE_EXISTING && !(request.mode.access & kWriting)) return ERROR_INVALID_PARAMETER;
-  request.attributes = flags & ~kFlags & ~FILE_ATTRIBUTE_DIRECTORY;
-  request.folders = (flags & FILE_FLAG_BACKUP_SEMANTICS) != 0;
-  request.deletes = (flags & FILE_FLAG_DELETE_ON_CLOSE) != 0;
-  request.writesThrough = (flags & FILE_FLAG_WRITE_THROUGH) != 0;
-  if (request.deletes) request.mode.access |= kDeleting;
-  return ERROR_SUCCESS;
-}
-
-// By these names alone: with a folder or an extension it is the name of a file that may well exist here.
-bool IsNullDevice(LPCWSTR name) { return _wcsnicmp(name, L"NUL", 4) == 0 || _wcsnicmp(name, L"\\\\.\\NUL", 8) == 0; }
-
-DWORD Create(LPCWSTR name, const OpenRequest& request, bool overlapped, HANDLE& handle, bool& existed) {
-  SystemPath path;
-  if (const DWORD error = path.Parse(name)) return error;
-  if (path.EndsInSeparator() && !request.folders) return path.SeparatorError();
-  OpenedFile opened;
-  if (const DWORD error = opened.Open(path, request)) return error;
-  existed = opened.existed();
-  auto* file = new (std::nothrow) File(std::move(opened), overlapped);
-  if (!file) return ERROR_NOT_ENOUGH_MEMORY;
-  if (request.deletes && !file->DeleteOnClose(path)) {
-    file->Release();
-    return ERROR_NOT_ENOUGH_MEMORY;
-  }
-  handle = InsertHandle(file);
-  return handle ? ERROR_SUCCESS : ERROR_TOO_MANY_OPEN_FILES;
-}
-
-}  // namespace
 }  // namespace qel::layer
-
-using namespace qel::layer;
-
-HANDLE CreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES, DWORD disposition,
-                   DWORD flagsAndAttributes, HANDLE) {
-  OpenRequest request;
-  HANDLE handle = nullptr;
-  bool existed = false;
-  DWORD error = ReadRequest(access, share, disposition, flagsAndAttributes, request);
-  if (!error && name && IsNullDevice(name)) {
-    name = L"/dev/null";
-    request.disposition = disposition = OPEN_EXISTING;
-    request.deletes = request.shared = false;
-  }
-  if (!error) error = Create(name, request, (flagsAndAttributes & FILE_FLAG_OVERLAPPED) != 0, handle, existed);
-  const bool opensAnyway = disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS;
-  SetLastError(!error && existed && opensAnyway ? ERROR_ALREADY_EXISTS : error);
-  return error ? INVALID_HANDLE_VALUE : handle;
-}

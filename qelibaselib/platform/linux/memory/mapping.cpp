@@ -10,7 +10,7 @@
 
 #include "qelibaselib/platform/linux/base/descriptor.h"
 #include "qelibaselib/platform/linux/base/error.h"
-#include "qelibaselib/platform/linux/files/open_file.h"
+#include "qelibaselib/platform/linux/files/file_object.h"
 #include "qelibaselib/platform/linux/memory/file_record.h"
 #include "qelibaselib/platform/linux/memory/named_section.h"
 #include "qelibaselib/platform/linux/memory/regions.h"
@@ -80,7 +80,7 @@ DWORD SetSize(int descriptor, uint64_t wanted, Mapping::Contents* contents) {
 
 DWORD UseFile(HANDLE handle, uint64_t wanted, Mapping::Contents* contents) {
   const Pin pin(handle);
-  const auto* const file = pin.As<File>(Kind::kFile);
+  const auto* const file = pin.As<FileObject>(Kind::kFile);
   if (!file) return ERROR_INVALID_HANDLE;
   if (!file->MayRead() || (contents->protection == PAGE_READWRITE && !file->MayWrite())) return ERROR_ACCESS_DENIED;
   Descriptor duplicate(fcntl(file->descriptor(), F_DUPFD_CLOEXEC, 0));

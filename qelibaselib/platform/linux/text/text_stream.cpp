@@ -1,4 +1,9 @@
-// Streams in text mode: a line feed goes out as CR LF and CR LF comes in as a line feed.
+// _wfopen, and streams in text mode: a line feed goes out as CR LF and CR LF comes in as a line feed.
+//
+// The C library has no text mode, so such a stream is one of its cookie streams, whose reading, writing and seeking are
+// the functions below. It counts the characters that the program sees, and a file has more bytes than those. Whoever
+// asks for the position (ftell, or fseek by 0 from here) gets that of the file all the same: Seek adds the line feeds
+// that still wait to be written, or finds out how far into the last block that was read the program has come.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,7 +14,10 @@
 #include <cstring>
 #include <new>
 
+#include "qelibaselib/platform/linux/base/descriptor.h"
 #include "qelibaselib/platform/linux/base/error.h"
+#include "qelibaselib/platform/linux/base/retry_on_interrupt.h"
+#include "qelibaselib/platform/linux/files/file_attributes.h"
 #include "qelibaselib/platform/linux/files/file_sharing.h"
 #include "qelibaselib/platform/linux/files/path.h"
 #include "qelibaselib/platform/linux/win32/crt.h"
@@ -23,13 +31,14 @@ constexpr char kEndOfText = 0x1A;
 struct TextStream {
   int descriptor;
   FILE* file = nullptr;
-  bool ended = false;  // an end-of-text mark was read
+  bool ended = false;     // an end-of-text mark was read
+  size_t bytes = 0;       // of the file, that the last block took
+  size_t characters = 0;  // that the program was given for them
 };
 
 bool WriteAll(int descriptor, const char* data, size_t length) {
   while (length > 0) {
-    const ssize_t written = write(descriptor, data, length);
-    if (written < 0 && errno == EINTR) continue;
+    const ssize_t written = RetryOnInterrupt([&] { return write(descriptor, data, length); });
     if (written < 0) return false;
     data += written;
     length -= static_cast<size_t>(written);
@@ -63,52 +72,90 @@ ssize_t Write(void* cookie, const char* data, size_t length) {
   return WriteAll(stream->descriptor, out, used) ? static_cast<ssize_t>(length) : 0;
 }
 
-// Folds the CR LF of [data, data + length) in place and returns the new length.
-size_t Fold(TextStream& stream, char* data, size_t length) {
+// Folds the CR LF of a block in place and returns the new length. `taken` says how many bytes were looked at: an
+// end-of-text mark or `most` characters end it.
+size_t Fold(char* data, size_t length, size_t most, size_t& taken) {
   size_t kept = 0;
-  for (size_t i = 0; i < length && !stream.ended; ++i) {
-    stream.ended = data[i] == kEndOfText;
-    if (stream.ended || (data[i] == '\r' && i + 1 < length && data[i + 1] == '\n')) continue;
-    data[kept++] = data[i];
+  for (taken = 0; taken < length && kept < most && data[taken] != kEndOfText; ++taken) {
+    if (data[taken] == '\r' && taken + 1 < length && data[taken + 1] == '\n') continue;
+    data[kept++] = data[taken];
   }
   return kept;
+}
+
+// The byte after a block that ends in CR decides whether that is a part of a line end.
+void FoldAtEnd(TextStream& stream, char& last) {
+  char next;
+  if (read(stream.descriptor, &next, 1) != 1) return;
+  if (next == '\n') {
+    last = '\n';
+    ++stream.bytes;
+  } else {
+    lseek(stream.descriptor, -1, SEEK_CUR);
+  }
 }
 
 ssize_t Read(void* cookie, char* data, size_t length) {
   auto& stream = *static_cast<TextStream*>(cookie);
   if (stream.ended) return 0;
-  ssize_t got;
-  do got = read(stream.descriptor, data, length);
-  while (got < 0 && errno == EINTR);
+  const ssize_t got = RetryOnInterrupt([&] { return read(stream.descriptor, data, length); });
   if (got <= 0) return got;
   const bool endsInReturn = data[got - 1] == '\r';
-  const size_t kept = Fold(stream, data, static_cast<size_t>(got));
-  if (endsInReturn && !stream.ended) {  // the byte after the block decides
-    char next;
-    if (read(stream.descriptor, &next, 1) == 1) {
-      if (next == '\n')
-        data[kept - 1] = '\n';
-      else
-        lseek(stream.descriptor, -1, SEEK_CUR);
-    }
-  }
-  return static_cast<ssize_t>(kept);
+  size_t taken;
+  stream.bytes = static_cast<size_t>(got);
+  stream.characters = Fold(data, stream.bytes, stream.bytes, taken);
+  stream.ended = taken < stream.bytes;
+  if (endsInReturn && !stream.ended) FoldAtEnd(stream, data[stream.characters - 1]);
+  return static_cast<ssize_t>(stream.characters);
 }
 
-// ftell counts the bytes of the file: each line feed that still waits in the buffer will be two.
+// Each line feed that waits in the buffer of the stream will be two bytes of the file.
 off64_t WaitingLineFeeds(const FILE* file) {
   return file->_IO_write_ptr > file->_IO_write_base ? std::count(file->_IO_write_base, file->_IO_write_ptr, '\n') : 0;
 }
+size_t UnreadCharacters(const FILE* file) { return static_cast<size_t>(file->_IO_read_end - file->_IO_read_ptr); }
 
+// The bytes behind the program's place in the last block, which is read again: its bytes are not kept.
+off64_t UnreadBytes(const TextStream& stream, size_t unread, off64_t end) {
+  char block[BUFSIZ];
+  size_t wanted = stream.characters - unread;
+  off64_t at = end - static_cast<off64_t>(stream.bytes);
+  while (wanted > 0 && at < end) {
+    const auto part = static_cast<size_t>(std::min<off64_t>(end - at, sizeof block));
+    const ssize_t got = pread(stream.descriptor, block, part, at);
+    if (got <= 0) break;
+    size_t taken;
+    // A CR at the end of this part is the first half of a line end, or a character that is counted with the next part.
+    const bool splits = got > 1 && block[got - 1] == '\r' && at + got < end;
+    wanted -= Fold(block, static_cast<size_t>(got) - splits, wanted, taken);
+    if (taken == 0) break;
+    at += static_cast<off64_t>(taken);
+  }
+  return end - at;
+}
+
+// How much more of the file the program has left unread, or will have written, than the C library counts.
+off64_t Correction(const TextStream& stream, off64_t end) {
+  const size_t unread = UnreadCharacters(stream.file);
+  if (unread == 0 || unread > stream.characters) return WaitingLineFeeds(stream.file);
+  return static_cast<off64_t>(unread) - UnreadBytes(stream, unread, end);
+}
+
+// From the current position the C library asks with 0 for ftell, and for fseek with what the program has not read yet
+// taken off.
 int Seek(void* cookie, off64_t* offset, int whence) {
   auto& stream = *static_cast<TextStream*>(cookie);
-  const off64_t at = lseek64(stream.descriptor, *offset, whence);
-  if (at < 0) return -1;
+  const off64_t end = whence == SEEK_CUR ? lseek64(stream.descriptor, 0, SEEK_CUR) : 0;
+  if (end < 0) return -1;
+  const off64_t correction = whence == SEEK_CUR ? Correction(stream, end) : 0;
   if (whence == SEEK_CUR && *offset == 0) {
-    *offset = at + WaitingLineFeeds(stream.file);
+    *offset = end + correction;
     return 0;
   }
+  const off64_t at = lseek64(stream.descriptor, *offset + correction, whence);
+  if (at < 0) return -1;
   stream.ended = false;
+  stream.bytes = stream.characters = 0;
   *offset = at;
   return 0;
 }
@@ -120,7 +167,7 @@ int Close(void* cookie) {
   return result;
 }
 
-struct Mode {
+struct OpenMode {
   int flags;
   const char* stdio;
   bool text;
@@ -128,7 +175,7 @@ struct Mode {
 };
 
 // What fopen knows: r, w or a, then + and one of t and b in any order. A text stream goes one way only.
-bool ParseMode(const wchar_t* text, Mode& mode) {
+bool ParseMode(const wchar_t* text, OpenMode& mode) {
   constexpr unsigned kShared = kReading | kWriting;
   bool update = false, binary = false, isText = false;
   const wchar_t kind = text ? *text : 0;
@@ -159,38 +206,48 @@ bool ParseMode(const wchar_t* text, Mode& mode) {
   }
 }
 
-// The system's answer for those who may pass over every permission is not the file's.
-DWORD CheckOpened(int descriptor, const Mode& mode) {
+// A file, or a terminal or the null device. Of a pipe nobody may ever read the other end, and the writer of a log
+// must not wait for that. Who may pass over every permission is refused a read-only file here.
+DWORD CheckOpened(int descriptor, const OpenMode& mode) {
   struct stat status;
   if (fstat(descriptor, &status) != 0) return ErrorFromErrno(errno);
-  if (S_ISDIR(status.st_mode)) return ERROR_ACCESS_DENIED;
-  if ((mode.share.access & kWriting) && !(status.st_mode & 0222)) return ERROR_ACCESS_DENIED;
+  if (!S_ISREG(status.st_mode) && !S_ISCHR(status.st_mode)) return ERROR_ACCESS_DENIED;
+  if ((mode.share.access & kWriting) && !(status.st_mode & kWriteBits)) return ERROR_ACCESS_DENIED;
   if (!MayShare(descriptor, mode.share)) return ERROR_SHARING_VIOLATION;
   if (mode.stdio[0] == 'w' && status.st_size > 0 && ftruncate(descriptor, 0) != 0) return ErrorFromErrno(errno);
   return ERROR_SUCCESS;
 }
 
-DWORD OpenDescriptor(const wchar_t* name, const Mode& mode, int& descriptor) {
+// O_NONBLOCK: opening a pipe does not wait for its other end. A file does not know the difference.
+DWORD OpenDescriptor(const wchar_t* name, const OpenMode& mode, int& result) {
   SystemPath path;
   if (const DWORD error = path.ParseFile(name)) return error;
-  descriptor = open(path.text(), mode.flags | O_CLOEXEC | O_NOCTTY, 0666);
-  if (descriptor < 0) return PathError(errno, path);
-  const DWORD error = CheckOpened(descriptor, mode);
-  if (error) close(descriptor);
-  return error;
+  Descriptor descriptor(open(path.text(), mode.flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666));
+  if (descriptor.get() < 0) return errno == ENXIO ? ERROR_ACCESS_DENIED : PathError(errno, path);
+  if (const DWORD error = CheckOpened(descriptor.get(), mode)) return error;
+  result = descriptor.Detach();
+  return ERROR_SUCCESS;
 }
 
-FILE* OpenStream(int descriptor, const Mode& mode) {
-  if (!mode.text) return fdopen(descriptor, mode.stdio);
+FILE* OpenTextStream(int descriptor, const char* mode) {
   auto* stream = new (std::nothrow) TextStream{descriptor};
   if (!stream) return nullptr;
   // The descriptor appends, the stream need not know: it would ask for the end of the file at every ftell.
-  FILE* file = fopencookie(stream, mode.stdio[0] == 'r' ? "r" : "w", {Read, Write, Seek, Close});
+  FILE* file = fopencookie(stream, mode[0] == 'r' ? "r" : "w", {Read, Write, Seek, Close});
   if (file)
     stream->file = file;
   else
     delete stream;
   return file;
+}
+
+DWORD OpenStream(const wchar_t* name, const OpenMode& mode, FILE*& file) {
+  int descriptor = -1;
+  if (const DWORD error = OpenDescriptor(name, mode, descriptor)) return error;
+  file = mode.text ? OpenTextStream(descriptor, mode.stdio) : fdopen(descriptor, mode.stdio);
+  if (file) return ERROR_SUCCESS;
+  close(descriptor);
+  return ERROR_NOT_ENOUGH_MEMORY;
 }
 
 int ErrnoOf(DWORD error) {
@@ -217,22 +274,15 @@ int ErrnoOf(DWORD error) {
 
 FILE* _wfopen(const wchar_t* path, const wchar_t* mode) {
   using namespace qel::layer;
-  Mode parsed;
+  OpenMode parsed;
   if (!ParseMode(mode, parsed)) {
     errno = EINVAL;
     return nullptr;
   }
-  int descriptor = -1;
-  if (const DWORD error = OpenDescriptor(path, parsed, descriptor)) {
+  FILE* file = nullptr;
+  if (const DWORD error = OpenStream(path, parsed, file)) {
     SetLastError(error);
     errno = ErrnoOf(error);
-    return nullptr;
-  }
-  FILE* file = OpenStream(descriptor, parsed);
-  if (!file) {
-    close(descriptor);
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    errno = ENOMEM;
   }
   return file;
 }

@@ -13,7 +13,7 @@
 #include "qelibaselib/file/retrying_calls.h"
 #include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/log/log_channel.h"
-#include "qelibaselib/settings/settings.h"
+#include "qelibaselib/settings/flush_statistics.h"
 
 namespace qel {
 namespace {

@@ -1,73 +1,87 @@
 #include "qelibaselib/log/cut_line.h"
 
-#include "qelibaselib/platform/win32.h"
+#include "qelibaselib/base/scoped_handles.h"
 
 namespace qel {
 namespace {
 
-constexpr LONGLONG kBlockBytes = 512;
+constexpr DWORD kBlockBytes = 512;
 
 class LogFile {
  public:
   explicit LogFile(const wchar_t* path)
       : file_(CreateFileW(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                           OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr)) {}
-  LogFile(const LogFile&) = delete;
-  LogFile& operator=(const LogFile&) = delete;
-  ~LogFile() {
-    if (file_ != INVALID_HANDLE_VALUE) CloseHandle(file_);
-  }
 
-  // -1 when the file cannot be opened or asked.
-  LONGLONG Size() const {
+  /// 0 when the file cannot be opened or asked.
+  ULONGLONG Size() const {
     LARGE_INTEGER size;
-    return file_ != INVALID_HANDLE_VALUE && GetFileSizeEx(file_, &size) ? size.QuadPart : -1;
+    return file_ && GetFileSizeEx(file_.Get(), &size) ? static_cast<ULONGLONG>(size.QuadPart) : 0;
   }
-  DWORD Read(LONGLONG offset, char* bytes, LONGLONG count) const {
+  DWORD Read(ULONGLONG offset, char* bytes, DWORD count) const {
     DWORD read = 0;
-    return MoveTo(offset) && ReadFile(file_, bytes, static_cast<DWORD>(count), &read, nullptr) ? read : 0;
+    return MoveTo(offset) && ReadFile(file_.Get(), bytes, count, &read, nullptr) ? read : 0;
   }
-  void Append(const char* bytes, DWORD count) const {
+  DWORD Append(const char* bytes, DWORD count) const {
     DWORD written = 0;
-    if (MoveTo(Size())) WriteFile(file_, bytes, count, &written, nullptr);
+    return MoveTo(Size()) && WriteFile(file_.Get(), bytes, count, &written, nullptr) ? written : 0;
   }
-  void CutAt(LONGLONG size) const {
-    if (MoveTo(size)) SetEndOfFile(file_);
+  void CutAt(ULONGLONG size) const {
+    if (MoveTo(size)) SetEndOfFile(file_.Get());
   }
 
  private:
-  bool MoveTo(LONGLONG offset) const {
+  bool MoveTo(ULONGLONG offset) const {
     LARGE_INTEGER distance;
-    distance.QuadPart = offset;
-    return SetFilePointerEx(file_, distance, nullptr, FILE_BEGIN) != FALSE;
+    distance.QuadPart = static_cast<LONGLONG>(offset);
+    return SetFilePointerEx(file_.Get(), distance, nullptr, FILE_BEGIN) != FALSE;
   }
-  const HANDLE file_;
+  const ScopedFile file_;
 };
+
+/// A text as it stands in a file of text lines, one byte after the other: each line end has a carriage return in front.
+class LineBytes {
+ public:
+  explicit LineBytes(const char* text) : text_(text) {}
+  /// Whether the next byte of the text is `byte`; nothing is behind its end.
+  bool ContinueWith(char byte) {
+    const bool needsReturn = *text_ == '\n' && !hasReturn_;
+    const char expected = needsReturn ? '\r' : *text_;
+    if (*text_ == '\0' || byte != expected) return false;
+    hasReturn_ = needsReturn;
+    if (!needsReturn) ++text_;
+    return true;
+  }
+
+ private:
+  const char* text_;
+  bool hasReturn_ = false;
+};
+
+/// Whether all bytes from `offset` on are the beginning of `line`.
+bool EndsInPartOf(const LogFile& file, ULONGLONG offset, LineBytes line) {
+  char block[kBlockBytes];
+  while (const DWORD count = file.Read(offset, block, kBlockBytes)) {
+    for (DWORD i = 0; i < count; ++i)
+      if (!line.ContinueWith(block[i])) return false;
+    offset += count;
+  }
+  return offset == file.Size();
+}
 
 }  // namespace
 
-void EndCutLine(const wchar_t* path) {
+ULONGLONG EndCutLine(const wchar_t* path) {
   const LogFile file(path);
-  const LONGLONG size = file.Size();
+  const ULONGLONG size = file.Size();
   char last = '\0';
-  if (size <= 0 || file.Read(size - 1, &last, 1) != 1 || last == '\n') return;
-  if (last == '\r')
-    file.Append("\n", 1);
-  else
-    file.Append("\r\n", 2);
+  if (size == 0 || file.Read(size - 1, &last, 1) != 1 || last == '\n') return 0;
+  return last == '\r' ? file.Append("\n", 1) : file.Append("\r\n", 2);
 }
 
-void RemoveCutLine(const wchar_t* path) {
+void TakeBackPartOfLine(const wchar_t* path, ULONGLONG sizeBefore, const char* text) {
   const LogFile file(path);
-  for (LONGLONG end = file.Size(); end >= 0;) {
-    const LONGLONG begin = end > kBlockBytes ? end - kBlockBytes : 0;
-    char block[kBlockBytes];
-    DWORD count = file.Read(begin, block, end - begin);
-    if (count != static_cast<DWORD>(end - begin)) return;
-    while (count > 0 && block[count - 1] != '\n') --count;
-    if (count > 0 || begin == 0) return file.CutAt(begin + static_cast<LONGLONG>(count));
-    end = begin;
-  }
+  if (file.Size() > sizeBefore && EndsInPartOf(file, sizeBefore, LineBytes(text))) file.CutAt(sizeBefore);
 }
 
 }  // namespace qel

@@ -1,11 +1,12 @@
 #include "qelibaselib/log/log_writer.h"
 
 #include "qelibaselib/base/log_layout.h"
+#include "qelibaselib/base/program_path.h"
 #include "qelibaselib/base/saved_error.h"
 #include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/log/log_channel.h"
 #include "qelibaselib/log/log_line.h"
-#include "qelibaselib/settings/memory_status.h"
+#include "qelibaselib/settings/memory_load.h"
 
 namespace {
 
@@ -16,6 +17,7 @@ bool IsFull(const WIN32_FIND_DATAW& file) {
   return sizeHigh > 0 || (sizeHigh == 0 && file.nFileSizeLow > qel::kChannelLimitBytes);
 }
 
+// The steps are told in log_line.h. The time is that of the call, not that of the moment when the mutex comes.
 void AppendLine(LogLine& held, const wchar_t* mutexStem, const wchar_t* filePath, DWORD timeoutMs, int line,
                 const char* sourceFile, const char* message) {
   SYSTEMTIME now;
@@ -23,14 +25,14 @@ void AppendLine(LogLine& held, const wchar_t* mutexStem, const wchar_t* filePath
   const DWORD memoryLoad = qel::ReadMemoryLoad();
   if (!qel::AcquireLogMutex(held, mutexStem, timeoutMs)) return;
   WIN32_FIND_DATAW found;
-  const bool exists = qel::FindLogFile(held, filePath, found);
-  if (exists && IsFull(found)) return;
+  const qel::LogFileState state = qel::FindLogFile(held, filePath, found);
+  if (state == qel::LogFileState::kFile && IsFull(found)) return;
   const qel::ProgramPath program;
-  if (!qel::OpenForAppending(held, filePath, exists)) return;
+  if (!qel::OpenLogFile(held, filePath, state)) return;
   if (held.text.Format(qel::layout::kChannelLine, now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond,
                        now.wMilliseconds, memoryLoad, program.text, GetCurrentProcessId(), GetCurrentThreadId(),
                        sourceFile, line, message))
-    qel::WriteText(held, filePath);
+    qel::WriteLogText(held, filePath);
 }
 
 const char* EmptyIfNull(const char* message) { return message ? message : ""; }
@@ -42,7 +44,7 @@ void VemoLogOutFile(const wchar_t* mutexStem, const wchar_t* filePath, DWORD tim
   const qel::PreserveLastError preserve;
   LogLine held;
   qel::Swallowed([&] { AppendLine(held, mutexStem, filePath, timeoutMs, line, sourceFile, message); });
-  qel::Swallowed([&] { qel::Release(held); });
+  qel::Swallowed([&] { qel::ReleaseLogLine(held); });
 }
 
 void VemoLogOutAssert(const char* message, int line, const char* sourceFile) {

@@ -1,9 +1,12 @@
 /// @file
 /// The log writer: one line of text appended to one file under one named mutex.
 ///
-/// No function here reports a failure: a line that cannot be written is lost. None throws, whatever the pointers that
-/// it is given, none changes the last error, and any thread of any process of the user may call any of them at any
-/// time. A line is in the system's hands when the call returns.
+/// No function here reports a failure: a line that cannot be written is lost. That is so without a folder or with a
+/// full file, when the mutex is not had in time, when the disk is full, and when the name belongs to a folder, a pipe
+/// or a device. None throws, whatever the pointers that it is given, none changes the last error, and any thread of any
+/// process of the user may call any of them at any time. A line is in the system's hands when the call returns. A
+/// writer that is killed leaves its line whole, not at all, or cut; the next writer that gets the mutex from it ends a
+/// cut one.
 #pragma once
 #include "qelibaselib/base/export.h"
 
@@ -14,13 +17,6 @@ extern "C" {
 /// (INFINITE: without limit). Null texts print as "(null)".
 QEL_API void VemoLogOutFile(const wchar_t* mutexStem, const wchar_t* filePath, DWORD timeoutMs, int line,
                             const char* sourceFile, const char* message);
-
-/// Keeps a month of files, one a day: appends to "<folder>\<fileBase>_<day of the month>.<extension>" a line as above
-/// without the memory load. The first line of a day that finds the file of an earlier month deletes it. A file of more
-/// than 1,048,576 bytes takes no line and is not replaced either.
-QEL_API void VemoLogOutFileDayHis(const wchar_t* mutexStem, const wchar_t* folder, const wchar_t* fileBase,
-                                  const wchar_t* extension, DWORD timeoutMs, int line, const char* sourceFile,
-                                  const char* message);
 
 /// Writes a line to the assertion channel, a file of its own in the log folder (VemoSetLogPath). A null message is an
 /// empty one.

@@ -20,13 +20,11 @@ NamedLogMutex::NamedLogMutex(SourcePosition position, const wchar_t* stem)
     : mutex_(CreateMutexX(position.line, position.sourceFile, nullptr, FALSE, LogMutexName(stem).text)) {}
 
 NamedLogMutex::~NamedLogMutex() {
-  if (!mutex_) return;
-  ReleaseMutex(mutex_);  // also when it was not acquired: that fails without effect
-  CloseHandle(mutex_);
+  if (mutex_) ReleaseMutex(mutex_.Get());  // also when it was not acquired: that fails without effect
 }
 
 bool NamedLogMutex::Acquire(DWORD timeoutMs) {
-  const DWORD result = WaitForSingleObject(mutex_, timeoutMs);
+  const DWORD result = WaitForSingleObject(mutex_.Get(), timeoutMs);
   abandoned_ = result == WAIT_ABANDONED;
   return result == WAIT_OBJECT_0 || abandoned_;
 }

@@ -1,6 +1,7 @@
 /// @file
 /// The named mutex of a channel or report.
 #pragma once
+#include "qelibaselib/base/scoped_handles.h"
 #include "qelibaselib/base/source_position.h"
 #include "qelibaselib/platform/win32.h"
 
@@ -20,14 +21,14 @@ class NamedLogMutex {
   NamedLogMutex(const NamedLogMutex&) = delete;
   NamedLogMutex& operator=(const NamedLogMutex&) = delete;
   ~NamedLogMutex();
-  bool Exists() const { return mutex_ != nullptr; }
+  bool Exists() const { return static_cast<bool>(mutex_); }
   /// TRUE when the mutex is now owned; one whose owner died counts as acquired.
   bool Acquire(DWORD timeoutMs);
   /// The last Acquire took it over from an owner that died.
   bool Abandoned() const { return abandoned_; }
 
  private:
-  HANDLE mutex_;
+  const ScopedObject mutex_;
   bool abandoned_ = false;
 };
 

@@ -10,7 +10,8 @@
 #include "qelibaselib/log/log_channel.h"
 #include "qelibaselib/memory/size_warning.h"
 #include "qelibaselib/memory/source_name.h"
-#include "qelibaselib/settings/settings.h"
+#include "qelibaselib/settings/display.h"
+#include "qelibaselib/settings/memory_status.h"
 #include "qelibaselib/settings/thread_record.h"
 
 namespace qel::memory {

@@ -3,6 +3,7 @@
 #include <omp.h>
 
 #include "qelibaselib/base/log_layout.h"
+#include "qelibaselib/base/program_path.h"
 #include "qelibaselib/modulestatus/exception_sections.h"
 #include "qelibaselib/modulestatus/heap_check.h"
 #include "qelibaselib/modulestatus/lighter_guard.h"
@@ -37,16 +38,14 @@ void WriteSeparators(ReportStream& out) {
 void WriteBanner(ReportStream& out, const wchar_t* title, const char* message) {
   SYSTEMTIME now;
   GetLocalTime(&now);
-  char program[MAX_PATH] = "";
-  GetModuleFileNameA(nullptr, program, MAX_PATH);
-  program[MAX_PATH - 1] = '\0';
+  const ProgramPath program;
   out.Print("\n");
   WriteSeparators(out);
   out.Print(layout::kExceptionTime, now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond,
             now.wMilliseconds);
   // A title or message that cannot be read costs its line.
   GuardedReport(QEL_HERE, "ExceptLogOut", [&] { out.Print(">>>>>>>>>> %ls(%s)\n", title, OrEmpty(message)); });
-  out.Print(">>>>>>>>>> %s\n", program);
+  out.Print(">>>>>>>>>> %s\n", program.text);
   ++g_reportCount;
   out.Print(layout::kExceptionCounters, g_reportCount, GetCurrentProcessId(), GetCurrentThreadId());
   WriteSeparators(out);
@@ -72,8 +71,8 @@ void WriteReportFile(const wchar_t* title, const char* message, const EXCEPTION_
   NamedLogMutex mutex(QEL_HERE, channel::kExceptionReport.mutexStem);
   if (!mutex.Exists()) return WriteAssertion(FixedPosition(kNoMutexLine));
   if (!mutex.Acquire(kLogMutexTimeoutMs)) return WriteAssertion(FixedPosition(kMutexNotOwnedLine));
-  const ReportFile file{ReportPath(channel::kExceptionReport)};
-  if (!file.get()) return;
+  const ScopedStream file = OpenReport(ReportPath(channel::kExceptionReport));
+  if (!file) return;
   const char* fileName = nullptr;
   GuardedReport(QEL_HERE, "VemoExceptLogOut", [&] { fileName = sourceFile ? PathFindFileNameA(sourceFile) : nullptr; });
   ExceptLogOut(file.get(), title, message, record, context, line, fileName, GetCurrentProcess(), GetCurrentProcessId(),

@@ -1,8 +1,7 @@
 /// @file
 /// The files of the two reports.
 #pragma once
-#include <cstdio>
-
+#include "qelibaselib/base/scoped_stream.h"
 #include "qelibaselib/log/log_channel.h"
 #include "qelibaselib/log/named_log_mutex.h"
 #include "qelibaselib/platform/win32.h"
@@ -15,20 +14,7 @@ struct ReportPath {
   wchar_t text[MAX_PATH];
 };
 
-/// A report's file, open for appending text.
-class ReportFile {
- public:
-  explicit ReportFile(const ReportPath& path) : stream_(_wfopen(path.text, L"at")) {}
-  ReportFile(const ReportFile&) = delete;
-  ReportFile& operator=(const ReportFile&) = delete;
-  ~ReportFile() {
-    if (stream_) std::fclose(stream_);
-  }
-  /// Null when it could not be opened.
-  std::FILE* get() const { return stream_; }
-
- private:
-  std::FILE* const stream_;
-};
+/// Opens a report's file for appending text; null when that is not possible.
+ScopedStream OpenReport(const ReportPath& path);
 
 }  // namespace qel::report

@@ -1,6 +1,8 @@
 #include "qelibaselib/modulestatus/status_report.h"
 
 #include "qelibaselib/base/log_layout.h"
+#include "qelibaselib/base/program_path.h"
+#include "qelibaselib/base/scoped_handles.h"
 #include "qelibaselib/modulestatus/address_space.h"
 #include "qelibaselib/modulestatus/heap_check.h"
 #include "qelibaselib/modulestatus/lighter_guard.h"
@@ -26,9 +28,8 @@ constexpr DWORD kReportLimitBytes = layout::kStatusReportLimitBytes;
 
 bool IsOverLimit(const ReportPath& path) {
   WIN32_FIND_DATAW data;
-  const HANDLE find = FindFirstFileW(path.text, &data);
-  if (find == INVALID_HANDLE_VALUE) return false;
-  FindClose(find);
+  const ScopedFind find(FindFirstFileW(path.text, &data));
+  if (!find) return false;
   return data.nFileSizeHigh != 0 || data.nFileSizeLow > kReportLimitBytes;
 }
 
@@ -38,8 +39,8 @@ void WriteReportFile(const wchar_t* title, const char* message) {
   if (!mutex.Acquire(kLogMutexTimeoutMs)) return WriteAssertion(FixedPosition(kMutexNotOwnedLine));
   const ReportPath path(channel::kModuleStatusReport);
   if (IsOverLimit(path)) return;
-  const ReportFile file(path);
-  if (file.get()) ModuleStatusLogOut(file.get(), title, message ? message : "");
+  const ScopedStream file = OpenReport(path);
+  if (file) ModuleStatusLogOut(file.get(), title, message ? message : "");
 }
 
 void WriteTitle(ReportStream& out, const char* program, const wchar_t* title, const char* message) {
@@ -51,9 +52,7 @@ void WriteTitle(ReportStream& out, const char* program, const wchar_t* title, co
 }
 
 void WriteBanner(ReportStream& out, const wchar_t* title, const char* message) {
-  char program[MAX_PATH] = "";
-  GetModuleFileNameA(nullptr, program, MAX_PATH);
-  program[MAX_PATH - 1] = '\0';
+  const ProgramPath program;
   SYSTEMTIME now;
   GetLocalTime(&now);
   SIZE_T minimum = 0;
@@ -66,9 +65,9 @@ void WriteBanner(ReportStream& out, const wchar_t* title, const char* message) {
   out.Print(layout::kStatusTime, now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond,
             now.wMilliseconds);
   // A title or message that cannot be read costs its line.
-  GuardedReport(QEL_HERE, "ModuleStatusLogOut", [&] { WriteTitle(out, program, title, message ? message : ""); });
+  GuardedReport(QEL_HERE, "ModuleStatusLogOut", [&] { WriteTitle(out, program.text, title, message ? message : ""); });
   out.Print("##### ProcessId()=%lu\n", GetCurrentProcessId());
-  out.Print("##### ExePath  : %s\n", program);
+  out.Print("##### ExePath  : %s\n", program.text);
   out.Print("##### LogPath  : %ls\n", VemoGetLogPath());
   out.Print("##### TempPath : %ls\n", VemoGetTmpPath());
   out.Print("##### DataPath : %ls\n", VemoGetDataPath());

@@ -1,4 +1,5 @@
 #include "qelibaselib/base/format.h"
+#include "qelibaselib/base/program_path.h"
 #include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/modulestatus/debugger_command.h"
 #include "qelibaselib/modulestatus/exception_report.h"
@@ -16,7 +17,7 @@ constexpr std::size_t kRemarkCharacters = 1024;
 
 enum DebuggerStatus { kNotTried = -1, kAttached = 0, kNotStarted = 1 };
 
-struct Attempt {
+struct DebuggerAttempt {
   DebuggerStatus status = kNotTried;
   LONG result = EXCEPTION_CONTINUE_SEARCH;
   char command[kCommandCharacters] = "";
@@ -34,7 +35,7 @@ bool Start(char* command) {
   return true;
 }
 
-void TryDebugger(Attempt& attempt) {
+void TryDebugger(DebuggerAttempt& attempt) {
   if (IsDebuggerPresent()) return;
   char registered[kRegisteredCharacters + 1] = "";
   GetProfileStringA("AeDebug", "Debugger", nullptr, registered, kRegisteredCharacters);
@@ -54,13 +55,11 @@ void TryDebugger(Attempt& attempt) {
 }
 
 /// Leaves a text on the stack, where whoever looks into the dump of this process finds it. It goes nowhere else.
-void LeaveRemark(const Attempt& attempt) {
-  char program[MAX_PATH] = "";
-  GetModuleFileNameA(nullptr, program, MAX_PATH);
-  program[MAX_PATH - 1] = '\0';
+void LeaveRemark(const DebuggerAttempt& attempt) {
+  const ProgramPath program;
   char remark[kRemarkCharacters];
   FormatText(remark, sizeof remark,
-             "Error : Exception Occurred\nAeDebuggerUnhandledExceptionFilter()\n%s\n%s\nStatDebugger=%d", program,
+             "Error : Exception Occurred\nAeDebuggerUnhandledExceptionFilter()\n%s\n%s\nStatDebugger=%d", program.text,
              attempt.command, static_cast<int>(attempt.status));
 }
 
@@ -72,7 +71,7 @@ using namespace qel::report;
 LONG AeDebuggerUnhandledExceptionFilter() {
   LONG result = EXCEPTION_CONTINUE_SEARCH;
   GuardedReport(QEL_HERE, "AeDebuggerUnhandledExceptionFilter", [&] {
-    Attempt attempt;
+    DebuggerAttempt attempt;
     qel::Swallowed([&] { TryDebugger(attempt); });
     if (attempt.status == kNotTried) LeaveRemark(attempt);
     result = attempt.result;

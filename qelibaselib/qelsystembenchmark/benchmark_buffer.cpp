@@ -11,9 +11,10 @@ BenchmarkBuffer::BenchmarkBuffer(DWORD bytes) : bytes_(bytes), array_(new DWORD[
 }
 
 BenchmarkBuffer::BenchmarkBuffer(DWORD bytes, const wchar_t* path, DWORD access) : bytes_(bytes), path_(path) {
-  file_ = CreateFileW(path, access, FILE_SHARE_READ, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (file_ != INVALID_HANDLE_VALUE) mapping_ = CreateFileMappingW(file_, nullptr, PAGE_READWRITE, 0, bytes, nullptr);
-  if (mapping_) words_ = static_cast<DWORD*>(MapViewOfFile(mapping_, FILE_MAP_ALL_ACCESS, 0, 0, 0));
+  file_ =
+      ScopedFile(CreateFileW(path, access, FILE_SHARE_READ, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (file_) mapping_ = ScopedMapping(CreateFileMappingW(file_.Get(), nullptr, PAGE_READWRITE, 0, bytes, nullptr));
+  if (mapping_) words_ = static_cast<DWORD*>(MapViewOfFile(mapping_.Get(), FILE_MAP_ALL_ACCESS, 0, 0, 0));
   if (!words_) {
     const DWORD error = GetLastError();
     Release();
@@ -31,9 +32,9 @@ BenchmarkBuffer::~BenchmarkBuffer() {
 void BenchmarkBuffer::Release() {
   if (!path_) return;
   if (words_) UnmapViewOfFile(words_);
-  if (mapping_) CloseHandle(mapping_);
-  if (file_ == INVALID_HANDLE_VALUE) return;
-  CloseHandle(file_);
+  if (mapping_) mapping_.Close();
+  if (!file_) return;
+  file_.Close();
   DeleteFileW(path_);
 }
 

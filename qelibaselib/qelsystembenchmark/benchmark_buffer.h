@@ -3,6 +3,7 @@
 #pragma once
 #include <memory>
 
+#include "qelibaselib/base/scoped_handles.h"
 #include "qelibaselib/qelsystembenchmark/qelsystembenchmark.h"
 
 namespace qel {
@@ -29,8 +30,8 @@ class BenchmarkBuffer {
   DWORD bytes_;
   std::unique_ptr<DWORD[]> array_;
   const wchar_t* path_ = nullptr;
-  HANDLE file_ = INVALID_HANDLE_VALUE;
-  HANDLE mapping_ = nullptr;
+  ScopedFile file_;
+  ScopedMapping mapping_;
   DWORD* words_ = nullptr;
 };
 

@@ -1,9 +1,9 @@
 // The report of the benchmark's figures.
 #include <cstdio>
-#include <memory>
 
 #include "qelibaselib/base/format.h"
 #include "qelibaselib/base/log_layout.h"
+#include "qelibaselib/base/scoped_stream.h"
 #include "qelibaselib/base/string_converter.h"
 #include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/log/log_channel.h"
@@ -12,10 +12,6 @@
 #include "qelibaselib/qelsystembenchmark/qelsystembenchmark.h"
 
 namespace {
-
-struct CloseStream {
-  void operator()(std::FILE* stream) const { std::fclose(stream); }
-};
 
 void PrintTime(std::FILE* stream, const SYSTEMTIME& time) {
   qel::FormatToStream(stream, qel::layout::kBenchmarkTime, time.wYear, time.wMonth, time.wDay, time.wHour, time.wMinute,
@@ -60,7 +56,7 @@ void CQelSystemBenchmark::LogOutResult(const char* message, const wchar_t* title
     WIN32_FIND_DATAW found;
     DWORD findError;
     if (GetFileSizeX(path, &found, &findError) > qel::kChannelLimitBytes) return;
-    const std::unique_ptr<std::FILE, CloseStream> stream(_wfopen(path, L"at"));
+    const qel::ScopedStream stream(_wfopen(path, L"at"));
     if (!stream) return;
 
     SYSTEMTIME now{};

@@ -1,14 +1,16 @@
+#include "qelibaselib/settings/display.h"
+
 #include <memory>
 
 #include "qelibaselib/base/formatted_text.h"
 #include "qelibaselib/base/locale_scope.h"
+#include "qelibaselib/base/program_path.h"
+#include "qelibaselib/base/scoped_handles.h"
 #include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/guard/structured_exception_translator.h"
 #include "qelibaselib/log/log_channel.h"
-#include "qelibaselib/log/log_line.h"
 #include "qelibaselib/platform/mfc/thread.h"
 #include "qelibaselib/settings/processor.h"
-#include "qelibaselib/settings/settings.h"
 #include "qelibaselib/winapiwrap/winapiwrap.h"
 
 namespace {
@@ -22,20 +24,6 @@ struct FreeText {
   void operator()(char* text) const { free(text); }
 };
 using OwnText = std::unique_ptr<char, FreeText>;
-
-class Event {
- public:
-  explicit Event(HANDLE event) : event_(event) {}
-  Event(const Event&) = delete;
-  Event& operator=(const Event&) = delete;
-  ~Event() {
-    if (event_) CloseHandle(event_);
-  }
-  HANDLE get() const { return event_; }
-
- private:
-  const HANDLE event_;
-};
 
 std::unique_ptr<CWinThread> BeginSuspended(AFX_THREADPROC procedure, void* argument, BOOL autoDelete) {
   std::unique_ptr<CWinThread> thread(
@@ -71,12 +59,12 @@ void FormatNotification(const char* message) {
 
 void Display(OwnText text) {
   VemoOMPSetNumThreads(0);
-  const Event ended(CreateEventX(QEL_HERE.line, QEL_HERE.sourceFile, nullptr, FALSE, FALSE, nullptr));
-  const std::unique_ptr<CWinThread> beeper = BeginSuspended(&BeepUntilSignalled, ended.get(), FALSE);
+  const qel::ScopedObject ended(CreateEventX(QEL_HERE.line, QEL_HERE.sourceFile, nullptr, FALSE, FALSE, nullptr));
+  const std::unique_ptr<CWinThread> beeper = BeginSuspended(&BeepUntilSignalled, ended.Get(), FALSE);
   if (beeper) beeper->ResumeThread();
   FormatNotification(text.get());
   text.reset();
-  SetEvent(ended.get());
+  SetEvent(ended.Get());
   if (beeper) WaitForEnd(*beeper, kBeeperEndMs, QEL_HERE);
 }
 

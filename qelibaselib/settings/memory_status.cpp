@@ -2,13 +2,10 @@
 
 #include "qelibaselib/base/delta_time.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/memory/checked_memory.h"
-#include "qelibaselib/settings/settings.h"
+#include "qelibaselib/settings/memory_load.h"
 
-namespace qel {
 namespace {
 
-constexpr SourcePosition kClearing{915, "modulestatus.cpp"};
 constexpr DWORD kWalkEnd = 0x80000000;
 
 void SumFreeRegions(DWORD& largest, DWORD& sum) {
@@ -24,20 +21,6 @@ void SumFreeRegions(DWORD& largest, DWORD& sum) {
 
 }  // namespace
 
-void ReadMemoryStatus(MEMORYSTATUSEX& status) {
-  _MemSet(&status, 0, sizeof(status), kClearing.line, kClearing.sourceFile);
-  status.dwLength = sizeof(status);
-  GlobalMemoryStatusEx(&status);
-}
-
-DWORD ReadMemoryLoad() {
-  MEMORYSTATUSEX status;
-  ReadMemoryStatus(status);
-  return status.dwMemoryLoad;
-}
-
-}  // namespace qel
-
 void VemoGetMemoryStatus(DWORD* largestFree, DWORD* freeSum, MEMORYSTATUSEX* status, double* seconds) {
   constexpr double kSecondsOfMicrosecond = 0.000001;
   qel::Guarded(QEL_HERE, [&] {
@@ -46,7 +29,7 @@ void VemoGetMemoryStatus(DWORD* largestFree, DWORD* freeSum, MEMORYSTATUSEX* sta
     if (largestFree || freeSum) {
       DWORD largest = 0;
       DWORD sum = 0;
-      qel::SumFreeRegions(largest, sum);
+      SumFreeRegions(largest, sum);
       if (largestFree) *largestFree = largest;
       if (freeSum) *freeSum = sum;
     }

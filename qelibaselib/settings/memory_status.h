@@ -1,13 +1,13 @@
 /// @file
-/// The memory load for the log lines, without a guard and without a walk.
+/// The state of memory, for hosts, reports and the lines of failed allocations.
 #pragma once
-#include "qelibaselib/platform/win32.h"
+#include "qelibaselib/base/export.h"
 
-namespace qel {
+extern "C" {
 
-/// Clears the record, sets its length and fills it.
-void ReadMemoryStatus(MEMORYSTATUSEX& status);
-/// The physical memory in use, in percent.
-DWORD ReadMemoryLoad();
+/// The state of memory at this moment. Every pointer may be null. `status` is filled as by GlobalMemoryStatusEx, its
+/// length set here. `largestFree` and `freeSum` take the bytes of the largest and of all free regions below 2 GiB,
+/// which costs a walk over the address space; `seconds` takes the time that the call needed.
+QEL_API void VemoGetMemoryStatus(DWORD* largestFree, DWORD* freeSum, MEMORYSTATUSEX* status, double* seconds);
 
-}  // namespace qel
+}  // extern "C"

@@ -1,19 +1,10 @@
 /// @file
-/// The values that a host sets once at its start and every part of the library reads, and what a thread keeps.
+/// The values that a host sets once at its start and every part of the library reads.
 ///
 /// Folders are safe to set from several threads, of which exactly one wins; a reader that races with the winner may see
 /// a part of the path, so hosts set them before other threads use the library. The other values are plain words.
 #pragma once
 #include "qelibaselib/base/export.h"
-
-/// What a thread's calls of FlushViewOfFileX have added up to.
-struct T_FVOF_INFORMATION {
-  ULONGLONG totalBytes;
-  ULONGLONG callCount;
-  double totalMs;
-  double longestMs;
-};
-static_assert(sizeof(T_FVOF_INFORMATION) == 32);
 
 extern "C" {
 
@@ -51,19 +42,5 @@ QEL_API DWORD VemoGetDebugMode();
 QEL_API DWORD VemoSetNoCacheFlushLimit(DWORD size, DWORD second);
 /// Returns the size (33,554,432 at first) and stores the second value (50 at first).
 QEL_API DWORD VemoGetNoCacheFlushLimit(DWORD* second);
-
-/// Zeroes the calling thread's flush statistics.
-QEL_API void VemoClearFVOFInf();
-/// The calling thread's flush statistics, until the thread ends; null when they could not be made.
-QEL_API T_FVOF_INFORMATION* VemoGetFVOFInf();
-
-/// The state of memory at this moment. Every pointer may be null. `status` is filled as by GlobalMemoryStatusEx, its
-/// length set here. `largestFree` and `freeSum` take the bytes of the largest and of all free regions below 2 GiB,
-/// which costs a walk over the address space; `seconds` takes the time that the call needed.
-QEL_API void VemoGetMemoryStatus(DWORD* largestFree, DWORD* freeSum, MEMORYSTATUSEX* status, double* seconds);
-
-/// Puts `text` on display: nothing is shown, a short beep may be heard. Returns at once, or with `waitForEnd` non-zero
-/// when the display has ended. `text` is copied.
-QEL_API void VemoDispInf(const char* text, int waitForEnd);
 
 }  // extern "C"

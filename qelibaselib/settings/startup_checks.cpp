@@ -1,11 +1,12 @@
 #include "qelibaselib/settings/startup_checks.h"
 
 #include "qelibaselib/base/formatted_text.h"
+#include "qelibaselib/base/program_path.h"
+#include "qelibaselib/base/scoped_handles.h"
 #include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/log/log_channel.h"
-#include "qelibaselib/log/log_line.h"
 #include "qelibaselib/log/named_log_mutex.h"
-#include "qelibaselib/settings/settings.h"
+#include "qelibaselib/settings/display.h"
 #include "qelibaselib/settings/version_reader.h"
 #include "qelibaselib/winapiwrap/winapiwrap.h"
 
@@ -13,20 +14,22 @@ namespace {
 
 constexpr DWORD kRetryIntervalMs = 1000;
 
-enum class Attempt { kFirst, kAlreadyRunning, kFailed };
+enum class StartAttempt { kFirst, kAlreadyRunning, kFailed };
 
-// The handle of the first instance stays open: the mark goes with the process. A mark that another instance has made is
-// held until `caller` is warned of that.
-Attempt TryToBeFirst(const wchar_t* stem, qel::SourcePosition caller, DWORD& error) {
-  const HANDLE mark = CreateEventX(QEL_HERE.line, QEL_HERE.sourceFile, nullptr, TRUE, FALSE,
-                                   qel::LogMutexName(stem).text);  // named as the log's mutexes are
+// The mark is a named event. The first instance never closes its handle, so the system removes the event when that
+// process ends, however it ends. Another instance closes the handle once `caller` is warned.
+StartAttempt TryToBeFirst(const wchar_t* stem, qel::SourcePosition caller, DWORD& error) {
+  qel::ScopedObject mark(CreateEventX(QEL_HERE.line, QEL_HERE.sourceFile, nullptr, TRUE, FALSE,
+                                      qel::LogMutexName(stem).text));  // named as the log's mutexes are
   error = GetLastError();
-  if (!mark) return Attempt::kFailed;
-  if (error != ERROR_ALREADY_EXISTS) return Attempt::kFirst;
+  if (!mark) return StartAttempt::kFailed;
+  if (error != ERROR_ALREADY_EXISTS) {
+    mark.Release();
+    return StartAttempt::kFirst;
+  }
   const qel::ProgramPath program;
   qel::WriteLineF(qel::channel::kMisc, caller, "Warning : Multi Start Up, %s, lc=0x%lx", program.text, error);
-  CloseHandle(mark);
-  return Attempt::kAlreadyRunning;
+  return StartAttempt::kAlreadyRunning;
 }
 
 void ReportRunningInstance(qel::SourcePosition caller, DWORD error, bool show) {
@@ -53,12 +56,12 @@ int VemoChkMultiStartUp(int line, const char* sourceFile, const wchar_t* stem, i
     const DWORD start = GetTickCount();
     DWORD error = ERROR_SUCCESS;
     do {
-      const Attempt attempt = TryToBeFirst(stem, caller, error);
-      if (attempt == Attempt::kFirst) {
+      const StartAttempt attempt = TryToBeFirst(stem, caller, error);
+      if (attempt == StartAttempt::kFirst) {
         result = 0;
         return;
       }
-      if (attempt == Attempt::kFailed) break;
+      if (attempt == StartAttempt::kFailed) break;
       Sleep(kRetryIntervalMs);
     } while (GetTickCount() - start < timeoutMs);
     ReportRunningInstance(caller, error, showError != 0);

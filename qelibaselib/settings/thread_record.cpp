@@ -3,7 +3,6 @@
 #include <cstddef>
 
 #include "qelibaselib/base/saved_error.h"
-#include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/log/log_channel.h"
 #include "qelibaselib/memory/checked_memory.h"
 #include "qelibaselib/platform/fault/may_fault.h"
@@ -112,17 +111,3 @@ void GetRegisteredSourcePosition(SourcePosition& position) {
 }
 
 }  // namespace qel
-
-void VemoClearFVOFInf() {
-  qel::Guarded(QEL_HERE, [] {
-    if (qel::ThreadRecord* record = qel::GetThreadRecord()) record->flushStatistics = {};
-  });
-}
-
-T_FVOF_INFORMATION* VemoGetFVOFInf() {
-  T_FVOF_INFORMATION* statistics = nullptr;
-  qel::Guarded(QEL_HERE, [&] {
-    if (qel::ThreadRecord* record = qel::GetThreadRecord()) statistics = &record->flushStatistics;
-  });
-  return statistics;
-}

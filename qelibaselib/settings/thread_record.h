@@ -2,7 +2,7 @@
 /// What the library keeps for each thread that calls it.
 #pragma once
 #include "qelibaselib/base/source_position.h"
-#include "qelibaselib/settings/settings.h"
+#include "qelibaselib/settings/flush_statistics.h"
 
 namespace qel {
 

@@ -11,14 +11,14 @@ constexpr int kVersionRead = 2;
 // A whole record. The number is the same where wide characters, and so the record, are longer.
 constexpr DWORD kRecordBytes = 284;
 
-class Library {
+class LoadedLibrary {
  public:
-  explicit Library(const char* name) : module_(LoadLibraryA(name)) {
+  explicit LoadedLibrary(const char* name) : module_(LoadLibraryA(name)) {
     if (!module_) throw std::runtime_error(name);
   }
-  Library(const Library&) = delete;
-  Library& operator=(const Library&) = delete;
-  ~Library() { FreeLibrary(module_); }
+  LoadedLibrary(const LoadedLibrary&) = delete;
+  LoadedLibrary& operator=(const LoadedLibrary&) = delete;
+  ~LoadedLibrary() { FreeLibrary(module_); }
   FARPROC Function(const char* name) const {
     const FARPROC function = GetProcAddress(module_, name);
     if (!function) throw std::runtime_error(name);
@@ -37,7 +37,7 @@ int ReadSystemVersion(OSVERSIONINFOEXW& version) {
   version.dwOSVersionInfoSize = kRecordBytes;
   LONG status = -1;
   const bool read = Swallowed([&] {
-    const Library system("ntdll.dll");
+    const LoadedLibrary system("ntdll.dll");
     status = reinterpret_cast<ReadVersion>(reinterpret_cast<void*>(system.Function("RtlGetVersion")))(&version);
   });
   return read && status == 0 ? kVersionRead : 0;

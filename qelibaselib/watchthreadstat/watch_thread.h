@@ -9,26 +9,6 @@ namespace qel::watch {
 /// How long a destructor waits for the watcher thread.
 inline constexpr DWORD kThreadEndTimeoutMs = 30000;
 
-/// Owns a handle until it is handed on.
-class ScopedHandle {
- public:
-  explicit ScopedHandle(HANDLE handle) : handle_(handle) {}
-  ScopedHandle(const ScopedHandle&) = delete;
-  ScopedHandle& operator=(const ScopedHandle&) = delete;
-  ~ScopedHandle() {
-    if (handle_) CloseHandle(handle_);
-  }
-  HANDLE get() const { return handle_; }
-  HANDLE release() {
-    HANDLE handle = handle_;
-    handle_ = nullptr;
-    return handle;
-  }
-
- private:
-  HANDLE handle_;
-};
-
 /// A real handle of the calling thread, to be closed; null with the last error.
 HANDLE DuplicateCurrentThread();
 

@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "qelibaselib/base/scoped_handles.h"
 #include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/watchthreadstat/lockmtx.h"
 #include "qelibaselib/watchthreadstat/watch_record.h"
@@ -79,27 +80,27 @@ CWatchThreadStat2::~CWatchThreadStat2() {
 void* CWatchThreadStat2::Start(long firstDelayMs, long intervalMs, Callback callback, void* arg) {
   void* handle = nullptr;
   qel::Guarded(QEL_HERE, [&] {
-    ScopedHandle thread(DuplicateCurrentThread());
-    if (!thread.get()) return;
+    qel::ScopedObject thread(DuplicateCurrentThread());
+    if (!thread) return;
     const CLockMtx lock(m_param.m_hListMutex, kLockTimeoutMs, __LINE__, __FILE__);
     WatchRecordOwner record(static_cast<WatchRecord*>(std::malloc(sizeof(WatchRecord))));
     if (!record) return;
     firstDelayMs = std::max(firstDelayMs, 0l);
     intervalMs = std::max(intervalMs, 0l);
     const DWORD startTick = GetTickCount();
-    ScopedHandle mutex(CreateMutexX(__LINE__, __FILE__, nullptr, FALSE, nullptr));
+    qel::ScopedObject mutex(CreateMutexX(__LINE__, __FILE__, nullptr, FALSE, nullptr));
     handle = record.get();
-    if (!mutex.get()) {
-      thread.release();  // stays open, and the caller gets the address of the freed record: both as they must be
+    if (!mutex) {
+      thread.Release();  // stays open, and the caller gets the address of the freed record: both as they must be
       return;
     }
-    *record = {startTick,  mutex.get(),  firstDelayMs,         intervalMs, firstDelayMs,
-               intervalMs, thread.get(), GetCurrentThreadId(), callback,   arg};
+    *record = {startTick,  mutex.Get(),  firstDelayMs,         intervalMs, firstDelayMs,
+               intervalMs, thread.Get(), GetCurrentThreadId(), callback,   arg};
     handle = nullptr;
     m_param.m_watchList.AddTail(record.get());
     handle = record.release();
-    mutex.release();
-    thread.release();
+    mutex.Release();
+    thread.Release();
     if (m_param.m_watchList.GetCount() == 1 && m_pWatchThread)
       m_pWatchThread->SetThreadPriority(THREAD_PRIORITY_TIME_CRITICAL);
   });
@@ -116,8 +117,8 @@ BOOL CWatchThreadStat2::End(void* handle) {
       if (list.IsEmpty() && m_pWatchThread) m_pWatchThread->SetThreadPriority(THREAD_PRIORITY_LOWEST);
     }
     WatchRecordOwner record(static_cast<WatchRecord*>(handle));
-    const ScopedHandle mutex(record->mutex);
-    const CLockMtx lock(mutex.get(), kLockTimeoutMs, __LINE__, __FILE__);
+    const qel::ScopedObject mutex(record->mutex);
+    const CLockMtx lock(mutex.Get(), kLockTimeoutMs, __LINE__, __FILE__);
     CloseHandle(record->thread);
     record.reset();
   });

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "qelibaselib/platform/win32.h"
+#include "test/support/page_buffer.h"
 
 namespace {
 
@@ -51,6 +52,41 @@ TEST(Format, Numbers) {
   EXPECT_EQ(Text("%f %5.2f %.0f %e %g %+f", 1.5, 2.0 / 3, 2.0, 12345.678, 0.0001, 1.0),
             "1.500000  0.67 2 1.234568e+04 0.0001 +1.000000");
   EXPECT_EQ(Text("%f %f", std::numeric_limits<double>::infinity(), std::nan("")), "inf nan");
+}
+
+// As the C run time of Windows prints them.
+TEST(Format, FlagsOfWindows) {
+  EXPECT_EQ(Text("%#o|%#o|%#.0o|%#.5o|%#05o|%.0o", 8, 0, 0, 8, 8, 0), "010|0|0|00010|00010|");
+  EXPECT_EQ(Text("%04s|%-04s|%04c|%04ls|%03.1s", "ab", "ab", 'x', L"ab", "xyz"), "00ab|ab  |000x|00ab|00x");
+  EXPECT_EQ(Text("%#p|%#12p|%#p", reinterpret_cast<void*>(0xAB), reinterpret_cast<void*>(0xAB), nullptr),
+            "0X000000AB|  0X000000AB|00000000");
+}
+
+TEST(Format, LargeWidthsAndPrecisionsAreCut) {
+  constexpr size_t kMost = 1 << 20;
+  constexpr int kLargest = std::numeric_limits<int>::max();
+  constexpr int kSmallest = std::numeric_limits<int>::min();
+  const auto length = [](auto... arguments) { return qel::FormatText(nullptr, 0, arguments...); };
+  EXPECT_EQ(length("%99999999999999999999d", 1), kMost);
+  EXPECT_EQ(length("%.99999999999999999999d", 1), kMost);
+  EXPECT_EQ(length("%*d%*s", kLargest, 1, kSmallest, "x"), 2 * kMost);
+  EXPECT_EQ(length("%.*d", kSmallest, 7), 1u);
+  EXPECT_EQ(length("%*.*f", kLargest, kLargest, 1.5), 162u);
+  const std::string text(kMost + 1, 'x');
+  EXPECT_EQ(length("%.99999999999999999999s", text.c_str()), text.size());
+}
+
+// The narrow form of this character has one byte or more, by the code page.
+TEST(Format, WideTextEndsAtItsPrecision) {
+  const qel::test::PageBuffer page;
+  auto* const unterminated = reinterpret_cast<wchar_t*>(page.End()) - 2;
+  unterminated[0] = L'\u00E9';
+  unterminated[1] = L'b';
+  const std::string one = Text("%lc", L'\u00E9');
+  const int bytes = static_cast<int>(one.size());
+  EXPECT_EQ(Text("%.*ls|%4.*ls", bytes + 1, unterminated, bytes, unterminated),
+            one + "b|" + std::string(4 - one.size(), ' ') + one);
+  for (int fits = 0; fits < bytes; ++fits) EXPECT_EQ(Text("%.*ls", fits, unterminated), "");
 }
 
 TEST(Format, CutsAndTellsTheWholeLength) {

@@ -1,4 +1,4 @@
-#include "qelibaselib/settings/settings.h"
+#include "qelibaselib/settings/flush_statistics.h"
 #include "test/file/file_test.h"
 #include "test/support/open_handles.h"
 

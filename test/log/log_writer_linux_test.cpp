@@ -2,8 +2,11 @@
 #include <signal.h>
 #include <sys/resource.h>
 
+#include <fstream>
+
 #include "test/log/log_case.h"
 #include "test/support/child_process.h"
+#include "test/support/replace_call.h"
 
 namespace {
 
@@ -31,6 +34,51 @@ CHILD_ROLE(WriteOnFullDisk) {
   limit(RLIM_INFINITY);
   write("second");
   return 0;
+}
+
+// What was in the file stays, whether it ends in a line end or not.
+CHILD_ROLE(WriteBehindForeignText) {
+  signal(SIGXFSZ, SIG_IGN);
+  const std::wstring path(arguments[0].begin(), arguments[0].end());
+  const rlim_t size = std::filesystem::file_size(arguments[0]);
+  for (const rlim_t fits : {0, 1, 2, 60}) {
+    rlimit limits;
+    getrlimit(RLIMIT_FSIZE, &limits);
+    limits.rlim_cur = size + fits;
+    setrlimit(RLIMIT_FSIZE, &limits);
+    VemoLogOutFile(L"qel_test_foreign", path.c_str(), 60000, 1, "s", "two\nlines");
+    if (std::filesystem::file_size(arguments[0]) != size) return 1;
+  }
+  return 0;
+}
+
+TEST_F(LogCase, FullDiskTakesNothingOfOthersAway) {
+  for (const char* content : {"foreign text without an end", "\n\n2", "line\r\nrest", "2"}) {
+    SetContent(content);
+    EXPECT_EQ(ChildProcess("WriteBehindForeignText", {folder.Narrow("log.txt")}).Wait(), 0) << content;
+    EXPECT_EQ(Content(), content);
+  }
+}
+
+// Another program that does not know the mutex writes before ours fails: its text stays too.
+CHILD_ROLE(WriteWhileAnotherWrites) {
+  signal(SIGXFSZ, SIG_IGN);
+  const std::wstring path(arguments[0].begin(), arguments[0].end());
+  auto find = STAND_IN(FindFirstFileW, [&](int, LPCWSTR pattern, LPWIN32_FIND_DATAW data) {
+    const HANDLE search = FindFirstFileW(pattern, data);
+    std::ofstream(arguments[0], std::ios::app) << "foreign";
+    const rlimit limits{std::filesystem::file_size(arguments[0]) + 3, RLIM_INFINITY};
+    setrlimit(RLIMIT_FSIZE, &limits);
+    return search;
+  });
+  VemoLogOutFile(L"qel_test_foreign", path.c_str(), 60000, 1, "s", "lost");
+  return 0;
+}
+
+TEST_F(LogCase, FullDiskLeavesTextThatCameMeanwhile) {
+  SetContent("first\r\n");
+  EXPECT_EQ(ChildProcess("WriteWhileAnotherWrites", {folder.Narrow("log.txt")}).Wait(), 0);
+  EXPECT_TRUE(Content().starts_with("first\r\nforeign")) << Content();
 }
 
 TEST_F(LogCase, FullDiskLeavesNoPartOfALine) {

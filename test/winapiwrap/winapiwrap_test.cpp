@@ -105,6 +105,33 @@ TEST(WinApiWrap, MutexFailureReentersTheWriterUntilOneSucceeds) {
   EXPECT_EQ(lines[0].line, 555);
 }
 
+void ExpectFaultInGuard(const Creation& creation) {
+  TakeLines(qel::channel::kAssert);
+  EXPECT_EQ(creation.create(reinterpret_cast<const wchar_t*>(16)), nullptr);
+  const auto messages = TakeMessages(qel::channel::kAssert);
+  ASSERT_FALSE(messages.empty());
+  EXPECT_TRUE(messages[0].ends_with("_CATCH_AE")) << messages[0];
+  EXPECT_NE(messages[0].find("winapiwrap.cpp"), std::string::npos) << messages[0];
+}
+
+// The system does not look at the name here; the wrapper does when it writes its line.
+TEST(WinApiWrap, NameThatOnlyTheLineReadsFaultsInTheGuard) {
+  TakeLines(qel::channel::kWinApiWrap);
+  {
+    auto create = FAIL_CALL(CreateEventW, 1, 8, nullptr);
+    ExpectFaultInGuard(kCreations[0]);
+  }
+  {
+    auto create = FAIL_CALL(CreateMutexW, 1, 8, nullptr);
+    ExpectFaultInGuard(kCreations[1]);
+  }
+  {
+    auto create = FAIL_CALL(CreateSemaphoreW, 1, 8, nullptr);
+    ExpectFaultInGuard(kCreations[2]);
+  }
+  EXPECT_TRUE(TakeLines(qel::channel::kWinApiWrap).empty());
+}
+
 TEST(WinApiWrap, WorksWithABadSourceFile) {
   EXPECT_EQ(CreateEventX(7, reinterpret_cast<const char*>(16), nullptr, TRUE, FALSE, L"bogus\\name"), nullptr);
   EXPECT_EQ(GetLastError(), 3u);

@@ -20,13 +20,13 @@ class CPtrList {
   void* GetHead() const { return head_->value; }
   /// Returns the element and moves `position` on; null behind the last.
   void* GetNext(POSITION& position) const {
-    const Node* node = AsNode(position);
+    const ListNode* node = AsNode(position);
     position = AsPosition(node->next);
     return node->value;
   }
   /// Throws std::bad_alloc without memory.
   POSITION AddTail(void* value) {
-    Node* node = new Node{nullptr, tail_, value};
+    ListNode* node = new ListNode{nullptr, tail_, value};
     (tail_ ? tail_->next : head_) = node;
     tail_ = node;
     ++count_;
@@ -38,7 +38,7 @@ class CPtrList {
     return value;
   }
   void RemoveAt(POSITION position) {
-    Node* node = AsNode(position);
+    ListNode* node = AsNode(position);
     (node->previous ? node->previous->next : head_) = node->next;
     (node->next ? node->next->previous : tail_) = node->previous;
     delete node;
@@ -48,20 +48,20 @@ class CPtrList {
     while (head_) RemoveHead();
   }
   POSITION Find(void* value) const {
-    for (Node* node = head_; node; node = node->next)
+    for (ListNode* node = head_; node; node = node->next)
       if (node->value == value) return AsPosition(node);
     return nullptr;
   }
 
  private:
-  struct Node {
-    Node* next;
-    Node* previous;
+  struct ListNode {
+    ListNode* next;
+    ListNode* previous;
     void* value;
   };
-  static POSITION AsPosition(Node* node) { return reinterpret_cast<POSITION>(node); }
-  static Node* AsNode(POSITION position) { return reinterpret_cast<Node*>(position); }
-  Node* head_ = nullptr;
-  Node* tail_ = nullptr;
+  static POSITION AsPosition(ListNode* node) { return reinterpret_cast<POSITION>(node); }
+  static ListNode* AsNode(POSITION position) { return reinterpret_cast<ListNode*>(position); }
+  ListNode* head_ = nullptr;
+  ListNode* tail_ = nullptr;
   INT_PTR count_ = 0;
 };

@@ -5,14 +5,14 @@
 
 namespace {
 
-struct Start {
+struct ThreadStart {
   AFX_THREADPROC procedure;
   LPVOID argument;
   CWinThread* thread;
 };
 
-DWORD WINAPI Run(LPVOID argument) {
-  const std::unique_ptr<Start> start(static_cast<Start*>(argument));
+DWORD WINAPI RunThread(LPVOID argument) {
+  const std::unique_ptr<ThreadStart> start(static_cast<ThreadStart*>(argument));
   // Asked now: an object that does not delete itself is its owner's, who may delete it before the thread ends.
   const std::unique_ptr<CWinThread> own(start->thread->m_bAutoDelete ? start->thread : nullptr);
   return start->procedure(start->argument);
@@ -23,13 +23,13 @@ DWORD WINAPI Run(LPVOID argument) {
 CWinThread* AfxBeginThread(AFX_THREADPROC procedure, LPVOID argument, int priority, UINT stackSize, DWORD flags,
                            LPSECURITY_ATTRIBUTES security) {
   std::unique_ptr<CWinThread> thread(new (std::nothrow) CWinThread);
-  std::unique_ptr<Start> start(new (std::nothrow) Start{procedure, argument, thread.get()});
+  std::unique_ptr<ThreadStart> start(new (std::nothrow) ThreadStart{procedure, argument, thread.get()});
   if (!thread || !start) {
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return nullptr;
   }
   thread->m_hThread =
-      CreateThread(security, stackSize, &Run, start.get(), flags | CREATE_SUSPENDED, &thread->m_nThreadID);
+      CreateThread(security, stackSize, &RunThread, start.get(), flags | CREATE_SUSPENDED, &thread->m_nThreadID);
   if (!thread->m_hThread) {
     const DWORD error = GetLastError();
     start.reset();

@@ -25,8 +25,10 @@ QEL_LAYER char* __cdecl _strdup(const char* text);
 
 #define _ENABLE_PER_THREAD_LOCALE 1
 #define _DISABLE_PER_THREAD_LOCALE 2
-/// While enabled, a thread's setlocale calls through this layer (below) are its own.
-QEL_LAYER int __cdecl _configthreadlocale(int mode);
+/// Whether ThreadSetLocale (qelibaselib/platform/thread_locale.h) of this thread concerns the thread alone. Returns the
+/// setting so far, which is "disabled" at a thread's start, and sets another one unless `setting` is 0; -1 for a value
+/// that is neither.
+QEL_LAYER int __cdecl _configthreadlocale(int setting);
 }
 
 #define _EM_INEXACT 0x00000001u

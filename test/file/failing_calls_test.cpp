@@ -1,6 +1,6 @@
 #include "test/file/failing_calls_test.h"
 
-#include "qelibaselib/settings/settings.h"
+#include "qelibaselib/settings/flush_statistics.h"
 
 namespace qel::test {
 namespace {

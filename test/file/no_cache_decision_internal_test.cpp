@@ -4,6 +4,7 @@
 #include "qelibaselib/base/scoped_handles.h"
 #include "qelibaselib/file/file.h"
 #include "qelibaselib/file/no_cache_decision.h"
+#include "qelibaselib/settings/flush_statistics.h"
 #include "qelibaselib/settings/settings.h"
 #include "test/support/log_folder.h"
 #include "test/support/scratch_folder.h"

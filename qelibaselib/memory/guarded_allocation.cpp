@@ -108,6 +108,34 @@ void* AllocateFromHeap(DWORD size) {
   }
 }
 
+// A thread's time in MemAllocHandler. What is allocated meanwhile, for the line, fails at once: the heap would
+// otherwise call the handler for that too, without end. The threads stand in a table, as a variable of each thread's
+// own may take memory at its first use.
+class HandlerTurn {
+ public:
+  HandlerTurn() {
+    const DWORD self = GetCurrentThreadId();
+    for (const auto& thread : g_threads)
+      if (thread.load(std::memory_order_relaxed) == self) throw std::bad_alloc();
+    for (auto& thread : g_threads) {
+      DWORD none = 0;
+      if (!place_ && thread.compare_exchange_strong(none, self)) place_ = &thread;
+    }
+  }
+  HandlerTurn(const HandlerTurn&) = delete;
+  HandlerTurn& operator=(const HandlerTurn&) = delete;
+  ~HandlerTurn() {
+    if (place_) place_->store(0);
+  }
+  // False while the table is full; such a thread must not allocate.
+  bool HasPlace() const { return place_ != nullptr; }
+
+ private:
+  static constinit std::atomic<DWORD> g_threads[64];
+  std::atomic<DWORD>* place_ = nullptr;
+};
+constinit std::atomic<DWORD> HandlerTurn::g_threads[64] = {};
+
 void* AllocatePages(DWORD size) { return VirtualAlloc(nullptr, size, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE); }
 
 }  // namespace
@@ -156,10 +184,13 @@ BOOL _VMemFree(const char* sourceFile, int line, void* base) {
 }
 
 int MemAllocHandler(std::size_t size) {
+  const HandlerTurn turn;
   qel::Guarded(QEL_HERE, [&] {
     qel::SourcePosition caller = qel::kNoSourcePosition;
-    qel::GetRegisteredSourcePosition(caller);
-    ReportFailure(size, caller);
+    if (turn.HasPlace()) {
+      qel::GetRegisteredSourcePosition(caller);
+      ReportFailure(size, caller);
+    }
     WaitAfterFailure();
   });
   return 1;

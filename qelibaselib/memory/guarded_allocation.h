@@ -27,6 +27,8 @@ QEL_API void* _VMemAlloc(const char* sourceFile, int line, DWORD size, DWORD tim
 QEL_API BOOL _VMemFree(const char* sourceFile, int line, void* base);
 
 /// For a host's slot of a failing allocator: logs the state of memory with the position of the _MemAlloc under way on
-/// this thread, waits, and returns 1, "try again". `size` is what the allocator was asked for.
+/// this thread, waits, and returns 1, "try again". `size` is what the allocator was asked for. Where the heap has
+/// nothing left for the line either, the line is lost; the allocations for it call the handler once more and are given
+/// std::bad_alloc.
 QEL_API int MemAllocHandler(std::size_t size);
 }

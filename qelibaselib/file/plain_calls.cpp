@@ -45,23 +45,27 @@ void LogTempFileName(qel::SourcePosition caller, DWORD error, const char* functi
 BOOL ReadFileX(int line, const char* sourceFile, HANDLE file, void* buffer, DWORD bytesToRead, DWORD* bytesRead,
                OVERLAPPED* overlapped) {
   BOOL done = FALSE;
-  const auto finish = [&](BOOL result) {
-    done = result;
+  qel::Guarded(QEL_HERE, [&] {
+    done = ReadFile(file, buffer, bytesToRead, bytesRead, overlapped);
     if (done) return;
     const DWORD error = GetLastError();
-    if (IsPending(error, overlapped)) return;
-    LogTransfer({line, sourceFile}, error, "ReadFileX", file, buffer, bytesToRead, bytesRead, overlapped);
+    if (!IsPending(error, overlapped))
+      LogTransfer({line, sourceFile}, error, "ReadFileX", file, buffer, bytesToRead, bytesRead, overlapped);
     qel::RestoreError(error);
-  };
-  qel::GuardedCall(QEL_HERE, finish, &ReadFile, file, buffer, bytesToRead, bytesRead, overlapped);
+  });
   return done;
 }
 
 BOOL WriteFileX(int line, const char* sourceFile, HANDLE file, const void* buffer, DWORD bytesToWrite,
                 DWORD* bytesWritten, OVERLAPPED* overlapped) {
   BOOL done = FALSE;
-  const auto finish = [&](BOOL result) {
-    done = result;
+  qel::Guarded(QEL_HERE, [&] {
+    if (!overlapped && qel::no_cache::enabled && qel::no_cache::DecideForWrite(file, bytesToWrite)) {
+      done = WriteFileMMF(line, sourceFile, file, buffer, bytesToWrite, bytesWritten, nullptr,
+                          kWriteShortageThresholdPercent);
+      return;
+    }
+    done = WriteFile(file, buffer, bytesToWrite, bytesWritten, overlapped);
     if (done && (overlapped || *bytesWritten == bytesToWrite)) return;
     const DWORD error = GetLastError();
     if (done)
@@ -69,17 +73,6 @@ BOOL WriteFileX(int line, const char* sourceFile, HANDLE file, const void* buffe
     else if (!IsPending(error, overlapped))
       LogTransfer({line, sourceFile}, error, "WriteFileX", file, buffer, bytesToWrite, bytesWritten, overlapped);
     qel::RestoreError(error);
-  };
-  if (overlapped || !qel::no_cache::enabled) {
-    qel::GuardedCall(QEL_HERE, finish, &WriteFile, file, buffer, bytesToWrite, bytesWritten, overlapped);
-    return done;
-  }
-  qel::Guarded(QEL_HERE, [&] {
-    if (qel::no_cache::DecideForWrite(file, bytesToWrite))
-      done = WriteFileMMF(line, sourceFile, file, buffer, bytesToWrite, bytesWritten, nullptr,
-                          kWriteShortageThresholdPercent);
-    else
-      finish(WriteFile(file, buffer, bytesToWrite, bytesWritten, nullptr));
   });
   return done;
 }

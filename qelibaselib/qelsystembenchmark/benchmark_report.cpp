@@ -5,11 +5,12 @@
 #include "qelibaselib/base/log_layout.h"
 #include "qelibaselib/base/scoped_stream.h"
 #include "qelibaselib/base/string_converter.h"
+#include "qelibaselib/file/plain_calls.h"
 #include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/log/log_channel.h"
 #include "qelibaselib/log/named_log_mutex.h"
-#include "qelibaselib/qelibaselib.h"
 #include "qelibaselib/qelsystembenchmark/qelsystembenchmark.h"
+#include "qelibaselib/settings/settings.h"
 
 namespace {
 

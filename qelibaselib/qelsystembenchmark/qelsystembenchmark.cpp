@@ -9,10 +9,11 @@
 
 #include "qelibaselib/base/delta_time.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/qelibaselib.h"
 #include "qelibaselib/qelsystembenchmark/benchmark_buffer.h"
 #include "qelibaselib/qelsystembenchmark/pixel_loop.h"
 #include "qelibaselib/qelsystembenchmark/thread_priority_scope.h"
+#include "qelibaselib/settings/processor.h"
+#include "qelibaselib/settings/settings.h"
 
 namespace {
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -138,16 +139,24 @@ TEST_F(Guard, ClauseSurvivesWhatItCalls) {
 }
 
 TEST_F(Guard, FloatingPointTrapsAreMaskedInTheReportAndOnlyThere) {
-  unsigned int x87 = 0, sse2 = 0;
-  Guarded(kPlace, [&] {
-    __control87_2(0, _EM_ZERODIVIDE, &x87, &sse2);
-    Fault();
-  });
-  EXPECT_EQ(g_recorded.masksInReport, _MCW_EM);
-  __control87_2(0, 0, &x87, &sse2);
-  EXPECT_EQ(x87, _MCW_EM & ~_EM_ZERODIVIDE);
-  EXPECT_EQ(sse2, _MCW_EM & ~_EM_ZERODIVIDE);
-  __control87_2(_MCW_EM, _MCW_EM, &x87, &sse2);
+  const std::pair<const char*, std::function<void()>> leavings[] = {
+      {"_CATCH_SE", &Fault}, {"_CATCH_CE", [] { throw new TestException; }}, {"_CATCH_AE", [] { throw 1; }}};
+  const CSEREG translator;
+  for (const auto& [clause, leave] : leavings) {
+    g_recorded = {};
+    unsigned int x87 = 0, sse2 = 0;
+    Guarded(kPlace, [&, leave = &leave] {
+      __control87_2(0, _EM_ZERODIVIDE, &x87, &sse2);
+      (*leave)();
+    });
+    ASSERT_FALSE(g_recorded.steps.empty());
+    EXPECT_NE(g_recorded.steps[0].find(clause), std::string::npos) << g_recorded.steps[0];
+    EXPECT_EQ(g_recorded.masksInReport, _MCW_EM) << clause;
+    __control87_2(0, 0, &x87, &sse2);
+    EXPECT_EQ(x87, _MCW_EM & ~_EM_ZERODIVIDE) << clause;
+    EXPECT_EQ(sse2, _MCW_EM & ~_EM_ZERODIVIDE) << clause;
+    __control87_2(_MCW_EM, _MCW_EM, &x87, &sse2);
+  }
 }
 
 TEST_F(Guard, SwallowedIsSilentAndDeletes) {

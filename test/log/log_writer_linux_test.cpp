@@ -1,6 +1,7 @@
 // What only this target can provoke: a disk that takes a part of a line.
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <fstream>
 
@@ -73,6 +74,20 @@ CHILD_ROLE(WriteWhileAnotherWrites) {
   });
   VemoLogOutFile(L"qel_test_foreign", path.c_str(), 60000, 1, "s", "lost");
   return 0;
+}
+
+// A reader or writer that opens a pipe waits for the other side; the log writer never opens one.
+TEST_F(LogCase, PipeUnderTheFilesNameCostsTheLine) {
+  ASSERT_EQ(mkfifo(folder.Narrow("log.txt").c_str(), 0600), 0);
+  Write("lost");
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  const std::string day = "day_" + std::to_string(now.wDay / 10) + std::to_string(now.wDay % 10) + ".txt";
+  ASSERT_EQ(mkfifo(folder.Narrow(day).c_str(), 0600), 0);
+  VemoLogOutFileDayHis(stem.c_str(), folder.Wide().c_str(), L"day", L"txt", 60000, 1, "source", "lost");
+  std::filesystem::remove(folder.Path() / "log.txt");
+  Write("written", 0);
+  EXPECT_NE(Content(), "");
 }
 
 TEST_F(LogCase, FullDiskLeavesTextThatCameMeanwhile) {

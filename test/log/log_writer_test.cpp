@@ -1,5 +1,8 @@
+#include <thread>
+
 #include "test/log/log_case.h"
 #include "test/support/child_process.h"
+#include "test/support/open_handles.h"
 #include "test/support/replace_call.h"
 
 namespace {
@@ -169,6 +172,28 @@ TEST_F(LogCase, FailedWaitDropsTheLineAndClosesTheMutex) {
   Write("dropped");
   EXPECT_EQ(Content(), "");
   EXPECT_EQ(close.Calls(), 1);
+}
+
+TEST_F(LogCase, GivesBackWhatALineTook) {
+  Write("first");
+  const auto before = OpenHandleCount();
+  const HANDLE mutex = CreateMutexW(nullptr, FALSE, MutexName(stem).c_str());
+  const auto writeDay = [&](const wchar_t* base) {
+    VemoLogOutFileDayHis(stem.c_str(), folder.Wide().c_str(), base, L"txt", 0, 1, "source", "message");
+  };
+  for (int i = 0; i < 2; ++i) {
+    Write("line");
+    writeDay(L"day");
+    writeDay(L"missing\\day");
+  }
+  SetContent(std::string(kLimit + 1, '-'));
+  Write("dropped");
+  EXPECT_EQ(OpenHandleCount(), before + 1);
+  std::thread([&] {
+    EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
+    ReleaseMutex(mutex);
+  }).join();
+  CloseHandle(mutex);
 }
 
 TEST_F(LogCase, SurvivesEveryBadString) {

@@ -5,6 +5,7 @@
 
 #include "qelibaselib/qelibaselib.h"
 #include "test/support/log_folder.h"
+#include "test/support/open_handles.h"
 #include "test/support/replace_call.h"
 
 namespace {
@@ -56,6 +57,18 @@ TEST(Display, EndsBeforeItReturnsWhenAsked) {
   VemoDispInf("", 1);
   EXPECT_EQ(threads.Started(), 4);
   EXPECT_TRUE(TakeLines(qel::channel::kAssert).empty());
+}
+
+TEST(Display, LeavesNoHandleBehind) {
+  auto beep = STAND_IN(Beep, [](int, DWORD, DWORD) { return TRUE; });
+  const auto display = [](int waitForEnd) {
+    Threads threads;
+    VemoDispInf("text", waitForEnd);
+  };
+  display(1);
+  const auto before = OpenHandleCount();
+  for (const int waitForEnd : {1, 0, 1}) display(waitForEnd);
+  EXPECT_EQ(OpenHandleCount(), before);
 }
 
 TEST(Display, GoesOnAloneOtherwise) {

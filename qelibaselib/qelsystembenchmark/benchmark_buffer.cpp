@@ -5,8 +5,21 @@
 
 namespace qel {
 
-BenchmarkBuffer::BenchmarkBuffer(DWORD bytes) : bytes_(bytes), array_(new DWORD[bytes / sizeof(DWORD)]) {
-  words_ = array_.get();
+namespace {
+
+DWORD* AllocateWords(DWORD count) {
+  try {
+    return new DWORD[count];
+  } catch (const std::bad_alloc&) {
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    throw;
+  }
+}
+
+}  // namespace
+
+BenchmarkBuffer::BenchmarkBuffer(DWORD bytes)
+    : bytes_(bytes), array_(AllocateWords(bytes / sizeof(DWORD))), words_(array_.get()) {
   VirtualLock(words_, bytes_);
 }
 

@@ -11,7 +11,7 @@ namespace qel {
 /// Words in memory or in a mapped temporary file, locked into physical memory where the system allows it.
 class BenchmarkBuffer {
  public:
-  /// An array of words.
+  /// An array of words. Where a buffer cannot be had, std::bad_alloc is thrown with the last error of the step.
   explicit BenchmarkBuffer(DWORD bytes);
   /// A view of a new file, which is deleted again with the buffer.
   BenchmarkBuffer(DWORD bytes, const wchar_t* path, DWORD access);

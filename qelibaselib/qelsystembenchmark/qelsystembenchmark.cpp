@@ -8,10 +8,14 @@
 #include <optional>
 
 #include "qelibaselib/base/delta_time.h"
+#include "qelibaselib/base/format.h"
 #include "qelibaselib/guard/exception_guard.h"
+#include "qelibaselib/log/log_channel.h"
 #include "qelibaselib/qelsystembenchmark/benchmark_buffer.h"
+#include "qelibaselib/qelsystembenchmark/failed_step.h"
 #include "qelibaselib/qelsystembenchmark/pixel_loop.h"
 #include "qelibaselib/qelsystembenchmark/thread_priority_scope.h"
+#include "qelibaselib/qelsystembenchmark/thread_supply.h"
 #include "qelibaselib/settings/processor.h"
 #include "qelibaselib/settings/settings.h"
 
@@ -99,12 +103,14 @@ void CQelSystemBenchmark::RememberError(int line, unsigned long error) {
 double CQelSystemBenchmark::GetMemTransferRate(E_BENCH_ACCESSTYPE access, E_BENCH_READWRITE readWrite,
                                                int useMappedFile) {
   double rate = 0;
+  DWORD error = ERROR_SUCCESS;
   const bool measured = qel::Guarded(QEL_HERE, [&] {
     const qel::TimeCriticalScope priority;
     wchar_t secondFile[MAX_PATH + std::size(kSecondSuffix)];
     std::wcscpy(secondFile, m_temporaryFile);
     std::wcscat(secondFile, kSecondSuffix);
     std::optional<qel::BenchmarkBuffer> first, second;
+    const qel::FailedStepError noteError(error);
     const auto prepare = [&](std::optional<qel::BenchmarkBuffer>& buffer, const wchar_t* file) {
       if (useMappedFile)
         buffer.emplace(m_bufferBytes, file, AccessFor(readWrite));
@@ -125,11 +131,12 @@ double CQelSystemBenchmark::GetMemTransferRate(E_BENCH_ACCESSTYPE access, E_BENC
     }
     if (m_iterations > 0) rate = sum / m_iterations * kMiBOfByte;
   });
-  if (!measured) RememberError(__LINE__, GetLastError());
+  if (!measured) RememberError(__LINE__, error);
   return rate;
 }
 
 void CQelSystemBenchmark::CheckOmpPerformanceRate() {
+  DWORD error = ERROR_SUCCESS;
   const bool measured = qel::Guarded(QEL_HERE, [&] {
     const qel::TimeCriticalScope priority;
     const ImageBuffer source = AllocateImage(), destination = AllocateImage();
@@ -138,15 +145,17 @@ void CQelSystemBenchmark::CheckOmpPerformanceRate() {
     m_threadRateCount = 0;
     const long count = (m_maximumThreads > 0 ? m_maximumThreads : 0) + 1;
     m_threadRates = new (std::nothrow) double[static_cast<size_t>(count)]();
-    if (!source || !destination || !m_threadRates) return;
+    if (!source || !destination || !m_threadRates) return RememberError(__LINE__, ERROR_NOT_ENOUGH_MEMORY);
+    const qel::FailedStepError noteError(error);
     m_threadRateCount = count;
     MeasureThreads(source.get(), destination.get());
   });
-  if (!measured) RememberError(__LINE__, GetLastError());
+  if (!measured) RememberError(__LINE__, error);
 }
 
 void CQelSystemBenchmark::MeasureThreads(unsigned char* source, unsigned char* destination) {
   for (long threads = 1; threads < m_threadRateCount; ++threads) {
+    if (threads > 1 && !qel::CanStartThreads()) return RefuseThreads(threads, GetLastError());
     double& rate = m_threadRates[threads];
     qel::RunPixelLoop(source, destination, 1);  // warms caches and clock, not timed
     for (unsigned long run = 0; run < m_iterations; ++run) {
@@ -157,6 +166,13 @@ void CQelSystemBenchmark::MeasureThreads(unsigned char* source, unsigned char* d
     }
     if (m_iterations != 0) rate /= m_iterations;
   }
+}
+
+void CQelSystemBenchmark::RefuseThreads(long threads, unsigned long error) {
+  RememberError(__LINE__, error);
+  char text[64];
+  qel::FormatText(text, sizeof text, "threads=%ld/%ld, lec=%lu", threads, m_threadRateCount - 1, error);
+  qel::WriteAssertion(QEL_HERE, text);
 }
 
 T_RESULT CQelSystemBenchmark::OverAll() {

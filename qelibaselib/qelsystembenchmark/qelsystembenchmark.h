@@ -38,7 +38,8 @@ class QEL_CLASS CQelSystemBenchmark {
   /// had; a mapped file that is only read, or only written, is refused by the system so, since its mapping is for both.
   double GetMemTransferRate(E_BENCH_ACCESSTYPE access, E_BENCH_READWRITE readWrite, int useMappedFile);
 
-  /// Times the pixel loop with 1 to m_maximumThreads threads into m_threadRates.
+  /// Times the pixel loop with 1 to m_maximumThreads threads into m_threadRates. Ends before the first count that the
+  /// system cannot start, with a line in the assertion channel; the figures from there on are 0.
   void CheckOmpPerformanceRate();
 
   /// Measures memory and mapped file, sequential read and write, then the pixel loop. The other figures stay as they
@@ -59,6 +60,7 @@ class QEL_CLASS CQelSystemBenchmark {
 
  private:
   void MeasureThreads(unsigned char* source, unsigned char* destination);
+  void RefuseThreads(long threads, unsigned long error);
   void RememberError(int line, unsigned long error);
 
   long m_threadRateCount;

@@ -20,7 +20,7 @@ CWinThread* StartWatchThread(AFX_THREADPROC procedure, void* param, int priority
 
 void StopWatchThread(CWinThread* thread, HANDLE stopEvent) {
   SetEvent(stopEvent);
-  WaitForSingleObject(thread->m_hThread, kThreadEndTimeoutMs);
+  if (WaitForSingleObject(thread->m_hThread, kThreadEndTimeoutMs) == WAIT_TIMEOUT) AbandonWatcher(thread->m_nThreadID);
   delete thread;
 }
 

@@ -2,6 +2,7 @@
 
 #include "qelibaselib/base/scoped_handles.h"
 #include "qelibaselib/guard/exception_guard.h"
+#include "qelibaselib/log/log_channel.h"
 #include "qelibaselib/watchthreadstat/lockmtx.h"
 #include "qelibaselib/watchthreadstat/watch_record.h"
 #include "qelibaselib/watchthreadstat/watch_thread.h"
@@ -29,6 +30,7 @@ class DueRecords {
     WaitForSingleObject(record->mutex, kLockTimeoutMs);
   }
 
+  /// Ends early when the watchdog is gone, and with it the records.
   void CallAll() {
     while (!records_.IsEmpty()) {
       const WatchRecord* record = TakeFirst();
@@ -37,6 +39,7 @@ class DueRecords {
         record->callback(record->startTick, record->thread, record->threadId, record->argument);
       });
       ReleaseMutex(mutex);
+      if (IsAbandoned()) records_.RemoveAll();
     }
   }
 
@@ -113,7 +116,9 @@ BOOL CWatchThreadStat2::End(void* handle) {
     {
       const CLockMtx lock(m_param.m_hListMutex, kLockTimeoutMs, __LINE__, __FILE__);
       CPtrList& list = m_param.m_watchList;
-      if (POSITION position = list.Find(handle)) list.RemoveAt(position);
+      const POSITION position = list.Find(handle);
+      if (!position) return qel::WriteAssertion(QEL_HERE);  // never given, or ended already: nothing of ours is there
+      list.RemoveAt(position);
       if (list.IsEmpty() && m_pWatchThread) m_pWatchThread->SetThreadPriority(THREAD_PRIORITY_LOWEST);
     }
     WatchRecordOwner record(static_cast<WatchRecord*>(handle));

@@ -19,7 +19,8 @@ class QEL_CLASS CWatchThreadStat {
   CWatchThreadStat(unsigned long firstDelayMs, long periodMs, Callback callback, void* arg);
   CWatchThreadStat(const CWatchThreadStat&) = default;
   CWatchThreadStat& operator=(const CWatchThreadStat&) = default;
-  /// A callback that is running delays the end by up to 30 s.
+  /// A callback that is running delays the end by up to 30 s. One that runs longer finds its `hThread` closed; it is
+  /// the last.
   virtual ~CWatchThreadStat();
 
   /// The watcher thread's procedure; `param` is the object's block from m_hThread on.
@@ -63,19 +64,20 @@ class QEL_CLASS CWatchThreadStat2 {
   CWatchThreadStat2();
   CWatchThreadStat2(const CWatchThreadStat2&) = delete;
   CWatchThreadStat2& operator=(const CWatchThreadStat2&) = delete;
-  /// Waits up to 30 s for a callback that is running. Registrations that were not ended are freed, their thread handles
-  /// stay open.
+  /// Waits up to 30 s for a callback that is running; one that runs longer is the last. Registrations that were not
+  /// ended are freed, their thread handles stay open.
   virtual ~CWatchThreadStat2();
 
   /// Registers the calling thread: the first call at the tick that brings `firstDelayMs` to 0 or below, further ones
   /// every `intervalMs` (0: none). A first delay of 0 is already spent: the first call comes after an interval.
   /// Negative times are taken as 0.
   /// @return the registration for End. Null without memory or without a handle of the thread. Without a mutex the
-  ///         address of nothing is returned, which must not be given to End; the caller cannot tell.
+  ///         address of nothing is returned, which the caller cannot tell; End writes a line about it.
   void* Start(long firstDelayMs, long intervalMs, Callback callback, void* arg);
 
   /// Ends a registration; waits for its callback if that is running, so none runs after the return. A callback must not
-  /// end its own registration. 1, or 0 for null.
+  /// end its own registration. An address that is no registration, or no longer one, gets a line in the assertion
+  /// channel and nothing else. 1, or 0 for null.
   BOOL End(void* handle);
 
   /// The watcher thread's procedure; `param` is the object's T_WatchThreadParam.

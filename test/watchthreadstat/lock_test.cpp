@@ -180,19 +180,41 @@ TEST_F(Lock, FailedReleaseIsLogged) {
   EXPECT_EQ(TakeMessages(channel::kAssert), Messages{"ASSERT : lockmtx.h(175)"});
 }
 
+// Each function's clauses name two lines of their own, which lie in the order of the functions.
 TEST_F(Lock, ExceptionsStayInside) {
-  auto wait = STAND_IN_PROGRAM(WaitForSingleObject, [](int nth, HANDLE, DWORD) -> DWORD {
+  const auto misbehave = [](int nth) {
     if (nth == 1) throw new CException;
     throw std::string("other");
-  });
+  };
   CLockMtx lock(mutex_, 0, kLine, kSource);
-  EXPECT_EQ(lock._Lock(FALSE, 0), 0);
+  TakeLines(channel::kAssert);
+  const auto wait = STAND_IN_PROGRAM(WaitForSingleObject, [&](int nth, HANDLE, DWORD) -> DWORD {
+    misbehave(nth);
+    return 0;
+  });
+  const auto release = STAND_IN_PROGRAM(ReleaseMutex, [&](int nth, HANDLE) -> BOOL {
+    misbehave(nth);
+    return 0;
+  });
+  EXPECT_EQ(lock._Unlock(TRUE), 0);
+  EXPECT_EQ(lock._Unlock(TRUE), 0);
+  CLockMtx waiting(mutex_, 0, kLine, kSource);
+  EXPECT_EQ(waiting._Lock(FALSE, 0), 0);
+  std::vector<int> lines;
   std::string clauses;
-  for (const auto& message : TakeMessages(channel::kAssert)) {
-    const auto comma = message.rfind(", _CATCH");
-    if (comma != std::string::npos) clauses += message.substr(comma);
+  for (const auto& line : TakeLines(channel::kAssert)) {
+    const auto comma = line.message.rfind(", _CATCH");
+    if (comma == std::string::npos) continue;
+    EXPECT_EQ(line.message.substr(0, comma), "ASSERT : lockmtx.h(" + std::to_string(line.line) + ")");
+    EXPECT_EQ(line.sourceFile, "lockmtx.h");
+    clauses += line.message.substr(comma);
+    lines.push_back(line.line);
   }
-  EXPECT_EQ(clauses, ", _CATCH_CE, _CATCH_AE");
+  EXPECT_EQ(clauses, ", _CATCH_CE, _CATCH_AE, _CATCH_CE, _CATCH_AE");
+  ASSERT_EQ(lines.size(), 4u);
+  EXPECT_EQ(lines[1], lines[0] + 1);
+  EXPECT_EQ(lines[3], lines[2] + 1);
+  EXPECT_LT(lines[3], lines[0]) << "_Lock stands before _Unlock";
 }
 
 }  // namespace

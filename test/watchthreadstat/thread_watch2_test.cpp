@@ -182,6 +182,48 @@ TEST_F(ThreadWatch2, WhatACallbackThrowsEndsInTheGuard) {
   EXPECT_EQ(caught, 3);
 }
 
+void __stdcall StayLong(unsigned long, void*, unsigned long, void* call) { static_cast<LongCall*>(call)->Stay(); }
+
+TEST(ThreadWatch2Lifecycle, AWatcherThatIsNotWaitedForEndsWithItsCallback) {
+  LogFolder();
+  LongCall call;
+  int calls = 0;
+  HANDLE watcher, timer = nullptr;
+  {
+    auto create = STAND_IN(CreateWaitableTimerA, [&](int, auto...) {
+      timer = CreateEventW(nullptr, FALSE, FALSE, nullptr);  // ticks when the test says so
+      return DuplicateOf(timer);
+    });
+    const StillTimer still;
+    const NoPatience impatient;
+    ManualWatch watch;
+    watch.Start(1, 1, &StayLong, &call);
+    watch.Start(1, 1, &Count, &calls);
+    SetEvent(timer);
+    ASSERT_EQ(WaitForSingleObject(call.entered, 30000), WAIT_OBJECT_0);
+    watcher = DuplicateOf(watch.Thread()->m_hThread);
+  }
+  SetEvent(call.leave);
+  EXPECT_EQ(WaitForSingleObject(watcher, 20000), WAIT_OBJECT_0);
+  EXPECT_EQ(calls, 0) << "the other registration was freed meanwhile";
+  CloseHandle(watcher);
+  CloseHandle(timer);
+}
+
+TEST_F(ThreadWatch2, EndOfWhatWasNeverGivenIsALine) {
+  int calls = 0;
+  void* registration = watch_.Start(1, 1, &Count, &calls);
+  TakeLines(channel::kAssert);
+  int nothing[10] = {};
+  EXPECT_EQ(watch_.End(nothing), 1);
+  EXPECT_EQ(watch_.End(reinterpret_cast<void*>(0x10)), 1);
+  EXPECT_EQ(TakeLines(channel::kAssert).size(), 2u);
+  EXPECT_EQ(watch_.End(registration), 1);
+  EXPECT_EQ(TakeLines(channel::kAssert).size(), 0u);
+  EXPECT_EQ(watch_.End(registration), 1);
+  EXPECT_EQ(TakeLines(channel::kAssert).size(), 1u) << "ended already";
+}
+
 TEST(ThreadWatch2Priority, FollowsTheFirstAndTheLastRegistration) {
   StillTimer timer;
   std::vector<int> priorities;

@@ -100,6 +100,22 @@ TEST(ThreadWatch, WaitsAgainAfterAnythingButStopAndTimer) {
   delete watch;
 }
 
+void __stdcall StayLong(void*, unsigned long, void* call) { static_cast<LongCall*>(call)->Stay(); }
+
+TEST(ThreadWatch, AWatcherThatIsNotWaitedForEndsWithItsCallback) {
+  LongCall call;
+  HANDLE watcher;
+  {
+    const NoPatience impatient;
+    OpenWatch watch(0, 1, &StayLong, &call);
+    ASSERT_EQ(WaitForSingleObject(call.entered, 30000), WAIT_OBJECT_0);
+    watcher = DuplicateOf(watch.Thread()->m_hThread);
+  }
+  SetEvent(call.leave);
+  EXPECT_EQ(WaitForSingleObject(watcher, 20000), WAIT_OBJECT_0);
+  CloseHandle(watcher);
+}
+
 TEST(ThreadWatch, AFailedStartNeverCalls) {
   LogFolder();
   Seen seen;

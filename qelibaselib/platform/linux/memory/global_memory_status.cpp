@@ -1,5 +1,5 @@
-// The memory status stands in every log line, so it is one reading of a file that is kept open. What the page cache
-// holds counts as available: otherwise any busy file server would look full.
+// The memory status stands in every log line, so it is one reading of a file that is kept open, cut to what a container
+// leaves. What the page cache holds counts as available: otherwise any busy file server would look full.
 #include <pthread.h>
 #include <sys/sysinfo.h>
 #include <time.h>
@@ -8,6 +8,7 @@
 #include <atomic>
 
 #include "qelibaselib/platform/linux/base/proc_file.h"
+#include "qelibaselib/platform/linux/memory/container_memory.h"
 #include "qelibaselib/platform/linux/memory/regions.h"
 #include "qelibaselib/platform/linux/memory/view_table.h"
 #include "qelibaselib/platform/linux/win32/sysinfoapi.h"
@@ -97,11 +98,13 @@ BOOL GlobalMemoryStatusEx(LPMEMORYSTATUSEX status) {
     return FALSE;
   }
   const Machine machine = AskMachine();
-  const DWORDLONG available = std::min(machine.available, machine.total);
-  status->dwMemoryLoad = machine.total ? (machine.total - available) * 100 / machine.total : 0;
-  status->ullTotalPhys = machine.total;
+  const ContainerMemory container = AskContainerMemory();
+  const DWORDLONG total = std::min<DWORDLONG>(machine.total, container.total);
+  const DWORDLONG available = std::min({machine.available, DWORDLONG{container.available}, total});
+  status->dwMemoryLoad = total ? (total - available) * 100 / total : 0;
+  status->ullTotalPhys = total;
   status->ullAvailPhys = available;
-  status->ullTotalPageFile = machine.total + machine.totalSwap;
+  status->ullTotalPageFile = total + machine.totalSwap;
   status->ullAvailPageFile = available + machine.freeSwap;
   status->ullTotalVirtual = kTotalVirtualBytes;
   status->ullAvailVirtual = AvailableVirtualBytes();

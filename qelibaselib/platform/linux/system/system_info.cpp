@@ -63,13 +63,17 @@ void GetSystemInfo(LPSYSTEM_INFO information) {
   *information = system;
 }
 
-// The two limits that the system has for it: what may be locked in memory and what may be resident at all.
+// The minimum is what may be locked in memory, the maximum what may be resident at all: neither is more than the
+// physical memory that the machine or the container leaves to its processes.
 BOOL GetProcessWorkingSetSize(HANDLE process, PSIZE_T minimum, PSIZE_T maximum) {
   if (process != GetCurrentProcess()) {
     SetLastError(ERROR_INVALID_HANDLE);
     return FALSE;
   }
-  *maximum = qel::layer::LimitOf(RLIMIT_RSS);
+  MEMORYSTATUSEX memory = {};
+  memory.dwLength = sizeof memory;
+  GlobalMemoryStatusEx(&memory);
+  *maximum = std::min<DWORDLONG>(qel::layer::LimitOf(RLIMIT_RSS), memory.ullTotalPhys);
   *minimum = std::min(qel::layer::LimitOf(RLIMIT_MEMLOCK), *maximum);
   return TRUE;
 }

@@ -1,6 +1,8 @@
 #include "qelibaselib/modulestatus/status_sections.h"
 
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include "qelibaselib/base/log_layout.h"
 #include "qelibaselib/memory/memory.h"
@@ -23,9 +25,34 @@ constexpr int kClearMemoryStatusLine = 518;
 constexpr int kMemoryHeapCheckAtExit = 532;
 constexpr int kDiskHeapCheckAtEntry = 656;
 constexpr int kDiskHeapCheckAtExit = 714;
-constexpr DWORD kDriveListCharacters = 4096;
+constexpr DWORD kUsualDriveListCharacters = 4096;
 
 unsigned int AddressBits(const void* address) { return reinterpret_cast<ULONG_PTR>(address); }
+
+// The roots of all drives, one after the other; an empty one ends them. None when they cannot be read.
+class DriveList {
+ public:
+  DriveList() {
+    const DWORD length = Read(usual_, kUsualDriveListCharacters);
+    if (length < kUsualDriveListCharacters) return;
+    larger_.reset(new (std::nothrow) char[length]);
+    if (larger_) Read(larger_.get(), length);
+  }
+  const char* roots() const { return roots_; }
+
+ private:
+  // Returns the length that is needed when the room is too small.
+  DWORD Read(char* room, DWORD size) {
+    room[0] = '\0';
+    const DWORD length = GetLogicalDriveStringsA(size, room);
+    roots_ = length < size ? room : "";
+    return length;
+  }
+
+  char usual_[kUsualDriveListCharacters];
+  std::unique_ptr<char[]> larger_;
+  const char* roots_;
+};
 
 void WriteDrive(ReportStream& out, const char* root) {
   const UINT type = GetDriveTypeA(root);
@@ -121,11 +148,8 @@ int WriteDiskFreeSpace(std::FILE* stream) {
     CheckHeap(kDiskHeapCheckAtEntry);
     out.Print("\n");
     out.Print(layout::kDiskHeading);
-    char roots[kDriveListCharacters];
-    const DWORD length = GetLogicalDriveStringsA(sizeof roots, roots);
-    if (length > 0 && length < sizeof roots) {
-      for (const char* root = roots; *root; root += std::strlen(root) + 1) WriteDrive(out, root);
-    }
+    const DriveList drives;
+    for (const char* root = drives.roots(); *root; root += std::strlen(root) + 1) WriteDrive(out, root);
     CheckHeap(kDiskHeapCheckAtExit);
   });
   return out.written();

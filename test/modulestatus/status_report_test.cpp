@@ -144,6 +144,26 @@ TEST(StatusReport, NamesTheModules) {
   EXPECT_NE(StatusText().find(line + fs::path(program).filename().string() + "\n"), std::string::npos) << line;
 }
 
+// More roots than fit into the usual room: the length is asked for and given.
+TEST(StatusReport, AnyNumberOfDrives) {
+  constexpr int kDrives = 1000;
+  std::string roots;
+  for (int i = 0; i < kDrives; ++i) roots += "/mounted/drive" + std::to_string(i) + '/' + '\0';
+  const auto list = STAND_IN(GetLogicalDriveStringsA, [&](int, DWORD size, char* room) -> DWORD {
+    if (size <= roots.size()) return static_cast<DWORD>(roots.size() + 1);
+    std::memcpy(room, roots.c_str(), roots.size() + 1);
+    return static_cast<DWORD>(roots.size());
+  });
+  const auto type = STAND_IN(GetDriveTypeA, [](int, const char*) -> UINT { return DRIVE_FIXED; });
+  const auto space = STAND_IN(GetDiskFreeSpaceExA, [](int, const char*, auto...) {
+    SetLastError(ERROR_NOT_READY);
+    return FALSE;
+  });
+  const std::string report = StatusText();
+  for (const int i : {0, kDrives - 1})
+    EXPECT_NE(report.find("/mounted/drive" + std::to_string(i) + "/(3) : Drive not ready(0x15)"), std::string::npos);
+}
+
 TEST(StatusReport, TellsDrivesApart) {
   const auto list = STAND_IN(GetLogicalDriveStringsA, [](int, DWORD size, char* roots) -> DWORD {
     EXPECT_EQ(size, 4096u);

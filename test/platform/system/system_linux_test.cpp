@@ -21,7 +21,7 @@
 #include "qelibaselib/platform/win32.h"
 #include "test/support/scratch_folder.h"
 
-using qel::layer::DisksOf;
+using qel::layer::ListDisks;
 using qel::layer::ProfileValue;
 using qel::test::ScratchFolder;
 
@@ -42,33 +42,49 @@ DWORDLONG AvailableVirtual() {
   return GlobalMemoryStatusEx(&status) && status.ullTotalPhys > 0 ? status.ullAvailVirtual : 0;
 }
 
+bool IsNoFile(const qel::layer::Disk& disk) { return !disk.root.starts_with("/file"); }
+
 TEST(MountTable, DisksEachOnce) {
-  const auto disks = DisksOf(
+  const auto disks = ListDisks(
+      "21 22 254:0 /etc/hosts /file/first rw - ext4 /dev/vda rw\n"
+      "21 22 254:0 /volumes /volumes rw - ext4 /dev/vda rw\n"
       "22 1 254:0 / / rw,relatime shared:1 - ext4 /dev/vda rw\n"
       "23 22 0:21 / /proc rw - proc proc rw\n"
       "24 22 0:22 / /dev rw - devtmpfs /dev/null rw\n"
       "25 22 254:16 / /data\\040one\\134x rw master:1 shared:2 - xfs /dev/vdb rw\n"
       "26 22 254:16 /sub /bind rw - xfs /dev/vdb rw\n"
+      "26 22 254:32 /etc/hostname /file/only rw - xfs /dev/vdc rw\n"
+      "26 22 254:48 /part /part rw - fuseblk /dev/vdd rw\n"
+      "26 22 254:64 / /over rw - xfs /dev/vde rw\n"
+      "26 22 254:80 / /over rw - iso9660 /dev/vdf rw\n"
       "27 22 0:50 / /net rw - nfs4 server:/export rw\n"
       "28 22 11:0 / /cd ro - iso9660 /dev/sr0 ro\n"
       "29 22 0:60 / /pool rw - zfs tank rw\n"
-      "30 22 0:61 / /tmp rw - tmpfs tmpfs rw\n");
-  ASSERT_EQ(disks.size(), 5u);
-  EXPECT_EQ(disks[0].root, "/");
-  EXPECT_EQ(disks[0].type, DRIVE_FIXED);
-  EXPECT_EQ(disks[1].root, "/data one\\x/");
-  EXPECT_EQ(disks[1].device, "254:16");
-  EXPECT_EQ(disks[2].type, DRIVE_REMOTE);
-  EXPECT_EQ(disks[3].type, DRIVE_CDROM);
-  EXPECT_EQ(disks[4].root, "/pool/");
+      "30 22 0:61 / /tmp rw - tmpfs tmpfs rw\n",
+      &IsNoFile);
+  const struct {
+    const char *root, *device;
+    UINT type;
+    bool mayHang;
+  } expected[] = {{"/", "254:0", DRIVE_FIXED, false},      {"/data one\\x/", "254:16", DRIVE_FIXED, false},
+                  {"/part/", "254:48", DRIVE_FIXED, true}, {"/over/", "254:80", DRIVE_CDROM, false},
+                  {"/net/", "0:50", DRIVE_REMOTE, true},   {"/cd/", "11:0", DRIVE_CDROM, false},
+                  {"/pool/", "0:60", DRIVE_FIXED, false}};
+  ASSERT_EQ(disks.size(), std::size(expected));
+  for (size_t i = 0; i < disks.size(); ++i) {
+    EXPECT_EQ(disks[i].root, expected[i].root);
+    EXPECT_EQ(disks[i].device, expected[i].device);
+    EXPECT_EQ(disks[i].type, expected[i].type);
+    EXPECT_EQ(disks[i].mayHang, expected[i].mayHang);
+  }
 }
 
 TEST(MountTable, BrokenText) {
   for (const char* const text : {"", "\n", "\n\n", "22", "22 1 254:0 / / rw", "22 1 254:0 / / rw - ext4 /dev/vda rw",
                                  "22 1 254:0\n", "22 1 254:0 / x rw - ext4 /dev/vda rw\n", "     \n",
                                  "22 1 254:0 / /a\\04 rw shared:1\n", "22 1 254:0 / /a\\ rw -\n"})
-    EXPECT_TRUE(DisksOf(text).empty()) << text;
-  EXPECT_EQ(DisksOf("22 1 254:0 / /a\\09\\04 rw - ext4 /dev/vda rw\n")[0].root, "/a\\09\\04/");
+    EXPECT_TRUE(ListDisks(text, &IsNoFile).empty()) << text;
+  EXPECT_EQ(ListDisks("22 1 254:0 / /a\\09\\04 rw - ext4 /dev/vda rw\n", &IsNoFile)[0].root, "/a\\09\\04/");
 }
 
 TEST(ProfileText, SectionsAndKeys) {

@@ -1,12 +1,12 @@
 // Disks: a root is the folder where a file system lies, since there are no drive letters.
-#include <sys/statvfs.h>
+#include <sys/stat.h>
 
-#include <cerrno>
 #include <cstring>
 #include <new>
 
 #include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/base/small_file.h"
+#include "qelibaselib/platform/linux/system/disk_question.h"
 #include "qelibaselib/platform/linux/system/mount_table.h"
 #include "qelibaselib/platform/linux/win32/sysinfoapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
@@ -21,16 +21,17 @@ bool IsRemovable(const Disk& disk) {
   return false;
 }
 
-std::vector<Disk> ListDisks() {
-  std::vector<Disk> disks = DisksOf(ReadSystemFile("/proc/self/mountinfo"));
-  for (Disk& disk : disks)
-    if (disk.type == DRIVE_FIXED && IsRemovable(disk)) disk.type = DRIVE_REMOVABLE;
-  return disks;
+// One that may never answer is not asked: a folder is what is mounted most often.
+bool IsFolder(const Disk& disk) {
+  struct stat status;
+  return disk.mayHang || (stat(disk.root.c_str(), &status) == 0 && S_ISDIR(status.st_mode));
 }
+
+std::string ReadMountInfo() { return ReadSystemFile("/proc/self/mountinfo"); }
 
 DWORD CopyRoots(DWORD size, LPSTR roots, DWORD* result) try {
   std::string list;
-  for (const Disk& disk : ListDisks()) list.append(disk.root).push_back('\0');
+  for (const Disk& disk : ListDisks(ReadMountInfo(), &IsFolder)) list.append(disk.root).push_back('\0');
   *result = list.size();
   if (size <= list.size() || !roots)
     *result = list.size() + 1;
@@ -45,23 +46,16 @@ DWORD CopyRoots(DWORD size, LPSTR roots, DWORD* result) try {
 UINT TypeOf(LPCSTR root) try {
   std::string wanted = root ? root : "/";
   if (wanted.empty() || wanted.back() != '/') wanted += '/';
-  for (const Disk& disk : ListDisks())
-    if (disk.root == wanted) return disk.type;
-  return DRIVE_NO_ROOT_DIR;
+  const std::optional<Disk> disk = FindDisk(ReadMountInfo(), wanted);
+  if (!disk || !IsFolder(*disk)) return DRIVE_NO_ROOT_DIR;
+  return disk->type == DRIVE_FIXED && IsRemovable(*disk) ? DRIVE_REMOVABLE : disk->type;
 } catch (const std::bad_alloc&) {
   return DRIVE_UNKNOWN;
 }
 
 DWORD FreeSpace(LPCSTR folder, PULARGE_INTEGER available, PULARGE_INTEGER total, PULARGE_INTEGER free) {
   struct statvfs figures;
-  int result;
-  do {
-    result = statvfs(folder ? folder : ".", &figures);
-  } while (result != 0 && errno == EINTR);
-  if (result != 0) {
-    if (errno == ENOENT) return ERROR_PATH_NOT_FOUND;
-    return errno == ENXIO || errno == ENODEV ? ERROR_NOT_READY : ErrorFromErrno(errno);
-  }
+  if (const DWORD error = AskDisk(folder ? folder : ".", &figures)) return error;
   const ULONGLONG unit = figures.f_frsize;
   if (available) available->QuadPart = figures.f_bavail * unit;
   if (total) total->QuadPart = figures.f_blocks * unit;
@@ -82,7 +76,5 @@ DWORD GetLogicalDriveStringsA(DWORD size, LPSTR roots) {
 UINT GetDriveTypeA(LPCSTR root) { return qel::layer::TypeOf(root); }
 
 BOOL GetDiskFreeSpaceExA(LPCSTR folder, PULARGE_INTEGER available, PULARGE_INTEGER total, PULARGE_INTEGER free) {
-  const DWORD error = qel::layer::FreeSpace(folder, available, total, free);
-  if (error != ERROR_SUCCESS) SetLastError(error);
-  return error == ERROR_SUCCESS;
+  return qel::layer::ReportResult(qel::layer::FreeSpace(folder, available, total, free));
 }

@@ -2,7 +2,8 @@
 
 #include <algorithm>
 #include <iterator>
-#include <optional>
+#include <map>
+#include <utility>
 
 #include "qelibaselib/platform/linux/memory/regions.h"
 #include "qelibaselib/platform/linux/win32/sysinfoapi.h"
@@ -45,11 +46,10 @@ std::string_view TakeWord(std::string_view* line) {
 }
 
 // "id parent major:minor root mount-point options [optional fields] - kind source options"
-std::optional<Disk> DiskOf(std::string_view line) {
+std::optional<Disk> ParseDisk(std::string_view line) {
   TakeWord(&line);
   TakeWord(&line);
-  const std::string_view device = TakeWord(&line);
-  TakeWord(&line);
+  const std::string_view device = TakeWord(&line), shown = TakeWord(&line);
   std::string root = Unescape(TakeWord(&line));
   if (root.empty() || root[0] != '/') return std::nullopt;
   while (!line.empty() && TakeWord(&line) != "-") {
@@ -61,21 +61,53 @@ std::optional<Disk> DiskOf(std::string_view line) {
   const bool onDisk = (source.starts_with("/dev/") && kind != "devtmpfs") || kind == "zfs" || root == "/";
   if (type == DRIVE_FIXED && !onDisk) return std::nullopt;
   if (root.back() != '/') root += '/';
-  return Disk{std::move(root), std::string(device), type};
+  return Disk{std::move(root), std::string(device), type, shown != "/",
+              type == DRIVE_REMOTE || kind.starts_with("fuse")};
+}
+
+// In the order of the text, each root once.
+std::vector<Disk> ParseDisks(std::string_view mountInfo) {
+  std::vector<Disk> disks;
+  std::map<std::string, size_t> places;
+  LineCutter cutter(mountInfo);
+  for (std::string_view line; cutter.Next(&line);) {
+    std::optional<Disk> disk = ParseDisk(line);
+    if (!disk) continue;
+    const auto [place, isNew] = places.emplace(disk->root, disks.size());
+    if (isNew)
+      disks.push_back(std::move(*disk));
+    else
+      disks[place->second] = std::move(*disk);
+  }
+  return disks;
 }
 
 }  // namespace
 
-std::vector<Disk> DisksOf(std::string_view mountInfo) {
-  std::vector<Disk> disks;
-  LineCutter cutter(mountInfo);
-  for (std::string_view line; cutter.Next(&line);) {
-    std::optional<Disk> disk = DiskOf(line);
-    if (!disk) continue;
-    const auto same = [&](const Disk& other) { return other.device == disk->device || other.root == disk->root; };
-    if (std::none_of(disks.begin(), disks.end(), same)) disks.push_back(std::move(*disk));
+std::vector<Disk> ListDisks(std::string_view mountInfo, bool (*isFolder)(const Disk&)) {
+  std::vector<Disk> listed;
+  std::map<std::string, size_t> places;  // by the device
+  for (Disk& disk : ParseDisks(mountInfo)) {
+    const auto place = places.find(disk.device);
+    const bool isNew = place == places.end();
+    const bool isBetter = !isNew && listed[place->second].showsPart && !disk.showsPart;
+    if (!(isNew || isBetter) || !isFolder(disk)) continue;
+    if (isBetter) {
+      listed[place->second] = std::move(disk);
+    } else {
+      places.emplace(disk.device, listed.size());
+      listed.push_back(std::move(disk));
+    }
   }
-  return disks;
+  return listed;
+}
+
+std::optional<Disk> FindDisk(std::string_view mountInfo, std::string_view root) {
+  std::optional<Disk> found;
+  LineCutter cutter(mountInfo);
+  for (std::string_view line; cutter.Next(&line);)
+    if (std::optional<Disk> disk = ParseDisk(line); disk && disk->root == root) found = std::move(disk);
+  return found;
 }
 
 }  // namespace qel::layer

@@ -1,41 +1,19 @@
 // Files as a Linux machine has them: of other owners, with several names, with holes; links, pipes, devices, sockets.
 #include <fcntl.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
-
 #include "test/platform/files/file_calls.h"
+#include "test/platform/files/forked_child.h"
 #include "test/support/small_disk.h"
 
 using namespace qel::test;
 
 namespace {
 
-constexpr uid_t kOtherUser = 65534;
-
-// Runs `body` in a child, and what it returns is the child's exit code. An end by a signal is minus its number.
-template <class Body>
-int RunInChild(Body body) {
-  const pid_t child = fork();
-  if (child == 0) _exit(body());
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
-}
-template <class Body>
-int RunAsOtherUser(Body body) {
-  return RunInChild([&] {
-    return setresgid(kOtherUser, kOtherUser, kOtherUser) == 0 && setresuid(kOtherUser, kOtherUser, kOtherUser) == 0
-               ? static_cast<int>(body())
-               : 255;
-  });
-}
 DWORD ErrorOf(BOOL succeeded) { return succeeded ? 0 : GetLastError(); }
 DWORD Copy(const wchar_t* from, const wchar_t* to) { return ErrorOf(CopyFileW(from, to, FALSE)); }
 DWORD Move(const std::wstring& from, const std::wstring& to) { return ErrorOf(MoveFileW(from.c_str(), to.c_str())); }

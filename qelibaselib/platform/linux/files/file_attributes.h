@@ -21,6 +21,7 @@
 
 #include <cerrno>
 
+#include "qelibaselib/platform/linux/files/sharing_board.h"
 #include "qelibaselib/platform/linux/win32/fileapi.h"
 #include "qelibaselib/platform/linux/win32/windef.h"
 
@@ -45,6 +46,7 @@ struct FileStatus {
   bool IsSpecial() const { return !S_ISREG(mode) && !S_ISDIR(mode) && !S_ISLNK(mode); }
   bool HasHoles() const { return allocated < size; }
   bool IsReadOnlyFile() const { return !S_ISDIR(mode) && (mode & kWriteBits) == 0; }
+  FileKey Key() const { return {device, node}; }
   bool SameFile(const FileStatus& other) const { return device == other.device && node == other.node; }
 };
 

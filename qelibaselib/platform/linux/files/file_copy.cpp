@@ -13,6 +13,7 @@
 #include "qelibaselib/platform/linux/base/retry_on_interrupt.h"
 #include "qelibaselib/platform/linux/files/mapping_marks.h"
 #include "qelibaselib/platform/linux/files/open_file.h"
+#include "qelibaselib/platform/linux/files/sharing_gate.h"
 #include "qelibaselib/platform/linux/win32/fileapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 
@@ -126,7 +127,7 @@ void TakeBack(const SystemPath& path, const OpenedFile& target) {
     CutUnmappedFile(target.descriptor(), 0);
     return;
   }
-  const SharingGate gate(target.descriptor());
+  const SharingGate gate(KeyOf(target.descriptor()));
   FileStatus made, named;
   if (ReadStatus(target.descriptor(), made) == 0 &&
       ReadStatus(AT_FDCWD, path.text(), AT_SYMLINK_NOFOLLOW, named) == 0 && named.SameFile(made))

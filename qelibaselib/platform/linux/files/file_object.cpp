@@ -1,10 +1,7 @@
 #include "qelibaselib/platform/linux/files/file_object.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
-#include <cstring>
-#include <new>
 #include <utility>
 
 namespace qel::layer {
@@ -22,21 +19,6 @@ void FileObject::MovePosition() const {
   }
 }
 
-bool FileObject::DeleteOnClose(const SystemPath& path) {
-  deletedName_.reset(new (std::nothrow) char[path.length() + 1]);
-  if (deletedName_) std::memcpy(deletedName_.get(), path.text(), path.length() + 1);
-  return deletedName_ != nullptr;
-}
-
-// The name may lead to another file by now.
-FileObject::~FileObject() {
-  FreeRangeLocks();
-  if (!deletedName_) return;
-  const SharingGate gate(descriptor());
-  FileStatus own, named;
-  if (ReadStatus(descriptor(), own) == 0 && ReadStatus(AT_FDCWD, deletedName_.get(), AT_SYMLINK_NOFOLLOW, named) == 0 &&
-      own.SameFile(named))
-    unlink(deletedName_.get());
-}
+FileObject::~FileObject() { FreeRangeLocks(); }
 
 }  // namespace qel::layer

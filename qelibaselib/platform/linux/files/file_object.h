@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 
+#include "qelibaselib/platform/linux/files/delete_on_close.h"
 #include "qelibaselib/platform/linux/files/mapping_marks.h"
 #include "qelibaselib/platform/linux/files/open_file.h"
 #include "qelibaselib/platform/linux/handles/handle_table.h"
@@ -47,8 +48,8 @@ class FileObject final : public Object {
   /// The marks of the mappings that are made of this file; null without memory.
   std::shared_ptr<MappingMarks> Marks() const { return ShareMarks(&marks_); }
 
-  /// False without memory.
-  bool DeleteOnClose(const SystemPath& path);
+  /// Deletes the file with the last handle; false without memory.
+  bool DeleteLater(const SystemPath& path) { return deletion_.Intend(descriptor(), path); }
 
  private:
   ~FileObject() override;
@@ -63,7 +64,7 @@ class FileObject final : public Object {
   mutable std::atomic<off_t> position_{kDescriptorsOwn};
   mutable std::mutex positionMutex_;
   std::atomic<RangeLocks*> ranges_{nullptr};
-  std::unique_ptr<char[]> deletedName_;
+  DeleteOnClose deletion_;  // ends before the file is closed
   mutable std::shared_ptr<MappingMarks> marks_;
 };
 

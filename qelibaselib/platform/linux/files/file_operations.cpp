@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <cwchar>
+#include <optional>
 
 #include "qelibaselib/platform/linux/base/descriptor.h"
 #include "qelibaselib/platform/linux/base/error.h"
@@ -14,6 +15,7 @@
 #include "qelibaselib/platform/linux/files/file_copy.h"
 #include "qelibaselib/platform/linux/files/file_sharing.h"
 #include "qelibaselib/platform/linux/files/path.h"
+#include "qelibaselib/platform/linux/files/sharing_gate.h"
 #include "qelibaselib/platform/linux/win32/fileapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 
@@ -23,21 +25,35 @@ namespace {
 constexpr ShareMode kRemoval{kDeleting, kAllRights};
 
 constexpr int kOpenForRemoval = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
-constexpr DWORD kAgain = 0xFFFFFFFF;  // the name leads to another file by now
 constexpr int kTries = 100;
 
-// Enters as one who deletes or renames, and acts with the gate held: no other takes the name away or gives it to
-// another file in between.
+enum class NameResult {
+  kDone,
+  kNameMoved,  // the name leads to another file by now, so start over
+};
+
+// Takes the place of one who deletes or renames, and acts at the gate: nobody else takes the name away or gives it to
+// another file in between. Closing the descriptor gives up the place.
 template <class Act>
-DWORD ActOnName(const SystemPath& path, int file, Act act) {
+NameResult ActOnName(const SystemPath& path, int file, Act act, DWORD& error) {
   FileStatus status, named;
-  if (const int error = ReadStatus(file, status)) return ErrorFromErrno(error);
-  SharingGate gate(file);
-  if (!status.IsFolder())
-    if (const DWORD error = gate.Enter(kRemoval)) return error;
-  gate.LeaveToClose();
-  if (const int error = ReadStatus(AT_FDCWD, path.text(), AT_SYMLINK_NOFOLLOW, named)) return PathError(error, path);
-  return named.SameFile(status) ? act(named, file) : kAgain;
+  error = ERROR_SUCCESS;
+  if (const int number = ReadStatus(file, status)) error = ErrorFromErrno(number);
+  SharePlace place;
+  std::optional<SharingGate> gate(status.Key());
+  if (!error && !status.IsFolder() && place.TakeAtGate(file, kRemoval) == SharePlace::Found::kConflict) {
+    gate.reset();
+    error = place.Take(file, kRemoval);
+    gate.emplace(status.Key());
+  }
+  if (error) return NameResult::kDone;
+  if (const int number = ReadStatus(AT_FDCWD, path.text(), AT_SYMLINK_NOFOLLOW, named)) {
+    error = PathError(number, path);
+    return NameResult::kDone;
+  }
+  if (!named.SameFile(status)) return NameResult::kNameMoved;
+  error = act(named, file);
+  return NameResult::kDone;
 }
 
 // Runs `act(status, descriptor)` on the file that the name leads to. Links, and files that cannot be opened at all, are
@@ -47,14 +63,15 @@ DWORD ActOnFile(const SystemPath& path, Act act) {
   for (int i = 0; i < kTries; ++i) {
     const Descriptor file(open(path.text(), kOpenForRemoval));
     const int openError = errno;
-    if (file.get() < 0) {
-      if (openError != EACCES && openError != ELOOP && openError != ENXIO) return PathError(openError, path);
-      FileStatus status;
-      const int error = ReadStatus(AT_FDCWD, path.text(), AT_SYMLINK_NOFOLLOW, status);
-      return error ? PathError(error, path) : act(status, -1);
+    DWORD error;
+    if (file.get() >= 0) {
+      if (ActOnName(path, file.get(), act, error) == NameResult::kDone) return error;
+      continue;
     }
-    const DWORD error = ActOnName(path, file.get(), act);
-    if (error != kAgain) return error;
+    if (openError != EACCES && openError != ELOOP && openError != ENXIO) return PathError(openError, path);
+    FileStatus status;
+    const int number = ReadStatus(AT_FDCWD, path.text(), AT_SYMLINK_NOFOLLOW, status);
+    return number ? PathError(number, path) : act(status, -1);
   }
   return ERROR_ACCESS_DENIED;
 }

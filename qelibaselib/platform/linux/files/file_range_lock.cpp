@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "qelibaselib/platform/linux/base/error.h"
+#include "qelibaselib/platform/linux/base/fork_count.h"
 #include "qelibaselib/platform/linux/base/lock_range.h"
 #include "qelibaselib/platform/linux/base/retry_on_interrupt.h"
 #include "qelibaselib/platform/linux/files/file_object.h"
@@ -24,9 +25,8 @@ constinit std::atomic<bool> FileObject::g_rangesEverLocked{false};
 class RangeLocks {
  public:
   explicit RangeLocks(int descriptor) : descriptor_(descriptor) {}
-  ~RangeLocks() {
-    if (writable_ >= 0) close(writable_);
-  }
+  /// Frees what is still locked, since a view keeps the open file description.
+  ~RangeLocks();
 
   /// The descriptor that the own locks are not in the way of.
   int descriptor() const { return writable_ >= 0 ? writable_.load() : descriptor_; }
@@ -47,6 +47,7 @@ class RangeLocks {
   int DescriptorFor(const Range& range);
 
   const int descriptor_;
+  const unsigned forks_ = g_forkCount;
   std::atomic<int> writable_{-1};  // an exclusive lock needs a descriptor that writes
   std::mutex mutex_;
   std::vector<Range> held_;
@@ -106,6 +107,15 @@ void RangeLocks::Free(const Range& freed) {
   fcntl(freed.exclusive ? DescriptorFor(freed) : descriptor_, F_OFD_SETLK, &kernel);
   for (const Range& held : held_)
     if (held.Overlaps(freed)) Place(held, false);
+}
+
+RangeLocks::~RangeLocks() {
+  if (!held_.empty() && forks_ == g_forkCount) {
+    struct flock all = LockRange(F_UNLCK, 0, kEndOfRanges);
+    fcntl(descriptor_, F_OFD_SETLK, &all);
+    MarkRangesLocked(descriptor_, false);
+  }
+  if (writable_ >= 0) close(writable_);
 }
 
 RangeLocks* FileObject::Ranges() {

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "qelibaselib/platform/linux/base/error.h"
+#include "qelibaselib/platform/linux/base/fork_count.h"
 #include "qelibaselib/platform/linux/files/file_sharing.h"
 
 namespace qel::layer {
@@ -15,17 +16,12 @@ namespace {
 
 // One for all files: it is held for a few system calls, and a forked child must find it free.
 constinit std::mutex g_mutex;
-constinit unsigned g_forks = 0;  // on the way from the first process to this one
 
 }  // namespace
 
-const ForkedPart kMappingMarksAtFork = {[] { g_mutex.lock(); },
-                                        [](bool inChild) {
-                                          if (inChild) ++g_forks;
-                                          g_mutex.unlock();
-                                        }};
+const ForkedPart kMappingMarksAtFork = {[] { g_mutex.lock(); }, [](bool) { g_mutex.unlock(); }};
 
-MappingMarks::MappingMarks() : forks_(g_forks) {}
+MappingMarks::MappingMarks() : forks_(g_forkCount) {}
 
 DWORD MappingMarks::Add(int descriptor, bool forWriting) {
   const std::lock_guard lock(g_mutex);
@@ -39,7 +35,7 @@ void MappingMarks::Remove(int descriptor, bool forWriting) {
   const std::lock_guard lock(g_mutex);
   --mappings_;
   writable_ -= forWriting ? 1 : 0;
-  if (forks_ != g_forks) return;
+  if (forks_ != g_forkCount) return;
   if (mappings_ == 0)
     LiftMappedMark(descriptor, LiftedMark::kAll);
   else if (forWriting && writable_ == 0)

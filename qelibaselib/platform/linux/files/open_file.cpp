@@ -38,19 +38,18 @@ DWORD ErrorOfExisting(int number, const SystemPath& path, const OpenRequest& req
 
 OpenedFile::OpenedFile(OpenedFile&& other) noexcept
     : descriptor_(std::exchange(other.descriptor_, -1)),
-      entered_(other.entered_),
       existed_(other.existed_),
       rangesLocked_(other.rangesLocked_),
-      mode_(other.mode_),
+      access_(other.access_),
+      place_(std::move(other.place_)),
       status_(other.status_) {}
 
 OpenedFile::~OpenedFile() { Close(); }
 
 void OpenedFile::Close() {
   if (descriptor_ < 0) return;
-  if (entered_) LeaveSharing(descriptor_, mode_);
+  place_.Leave(descriptor_);
   close(std::exchange(descriptor_, -1));
-  entered_ = false;
 }
 
 DWORD OpenedFile::Open(const SystemPath& path, const OpenRequest& request) {
@@ -110,11 +109,10 @@ DWORD OpenedFile::OpenDescriptor(const SystemPath& path, const OpenRequest& requ
 
 // Takes the place among the other opens of the file, then looks at the file, which nobody can take away from then on.
 OpenedFile::OpenResult OpenedFile::Enter(const OpenRequest& request, DWORD& error) {
-  mode_ = request.mode;
-  if (mode_.access != 0 && request.shared) {
-    error = EnterSharing(descriptor_, mode_, !existed_, &rangesLocked_);
+  access_ = request.mode.access;
+  if (access_ != 0 && request.shared) {
+    error = place_.Take(descriptor_, request.mode, !existed_, &rangesLocked_);
     if (error) return OpenResult::kFailed;
-    entered_ = true;
   }
   // If another process deletes the new file before we copy into it, the result is the same as deleting the finished
   // copy, so no check is needed here.
@@ -126,7 +124,7 @@ OpenedFile::OpenResult OpenedFile::Enter(const OpenRequest& request, DWORD& erro
   if (status_.links == 0) return OpenResult::kRaceRetry;
   if (existed_) error = CheckExisting(request);
   // Only a pipe or a terminal notices that it was opened without waiting.
-  if (!error && status_.IsSpecial() && mode_.access) fcntl(descriptor_, F_SETFL, 0);
+  if (!error && status_.IsSpecial() && access_) fcntl(descriptor_, F_SETFL, 0);
   if (!error) error = SetContentsAndAttributes(request);
   return error ? OpenResult::kFailed : OpenResult::kOpened;
 }

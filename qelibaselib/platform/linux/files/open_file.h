@@ -37,7 +37,7 @@ class OpenedFile {
   int descriptor() const { return descriptor_; }
   bool existed() const { return existed_; }
   bool rangesLocked() const { return rangesLocked_; }
-  unsigned access() const { return mode_.access; }
+  unsigned access() const { return access_; }
   /// Of a file that existed: before it was emptied. Unset for the new target of a copy.
   const FileStatus& status() const { return status_; }
 
@@ -55,8 +55,9 @@ class OpenedFile {
   void Close();
 
   int descriptor_ = -1;
-  bool entered_ = false, existed_ = false, rangesLocked_ = false;
-  ShareMode mode_ = {};
+  bool existed_ = false, rangesLocked_ = false;
+  unsigned access_ = 0;
+  SharePlace place_;
   FileStatus status_ = {};
 };
 

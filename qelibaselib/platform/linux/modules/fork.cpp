@@ -17,7 +17,9 @@
 
 #include <iterator>
 
+#include "qelibaselib/platform/linux/base/fork_count.h"
 #include "qelibaselib/platform/linux/faults/fault_internal.h"
+#include "qelibaselib/platform/linux/files/delete_on_close.h"
 #include "qelibaselib/platform/linux/files/mapping_marks.h"
 #include "qelibaselib/platform/linux/handles/handle_table.h"
 #include "qelibaselib/platform/linux/handles/inheritance.h"
@@ -38,8 +40,8 @@ const ForkedPart* const kParts[] = {
     &kModuleListAtFork,   // held while a module is told of a thread; the module may use everything below
     &kSymbolStoreAtFork,  // reads files of modules
     &kInheritanceAtFork,  // looks up handles and drops events
-    &kChildrenAtFork,    &kMappingMarksAtFork, &kViewTableAtFork,   &kPageLocksAtFork,
-    &kNamespaceAtFork,   &kHandleTableAtFork,  &kThreadSlotsAtFork, &kFaultSignalsAtFork,
+    &kChildrenAtFork,    &kDeleteOnCloseAtFork, &kMappingMarksAtFork, &kViewTableAtFork,    &kPageLocksAtFork,
+    &kNamespaceAtFork,   &kHandleTableAtFork,   &kThreadSlotsAtFork,  &kFaultSignalsAtFork,
 };
 
 void LockBeforeFork() {
@@ -55,6 +57,7 @@ void UnlockInParent() { UnlockAfterFork(false); }
 
 // The child goes on as a thread with a number of its own that owns nothing.
 void StartChild() {
+  ++g_forkCount;
   UnlockAfterFork(true);
   ForgetProcessId();
   ForgetMutexes();

@@ -1,4 +1,6 @@
 // What happens when the layer is loaded and unloaded.
+#include "qelibaselib/platform/linux/files/delete_on_close.h"
+#include "qelibaselib/platform/linux/files/sharing_board.h"
 #include "qelibaselib/platform/linux/handles/inheritance.h"
 #include "qelibaselib/platform/linux/modules/fork.h"
 #include "qelibaselib/platform/linux/objects/object_namespace.h"
@@ -11,7 +13,11 @@ __attribute__((constructor)) void Load() {
   AdoptInheritance();
 }
 
-__attribute__((destructor)) void Unload() { LeaveNamespace(); }
+__attribute__((destructor)) void Unload() {
+  DeleteOpenFiles();
+  LeaveSharingBoard();
+  LeaveNamespace();
+}
 
 }  // namespace
 }  // namespace qel::layer

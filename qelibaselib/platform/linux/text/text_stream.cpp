@@ -213,7 +213,7 @@ DWORD CheckOpened(int descriptor, const OpenMode& mode) {
   if (fstat(descriptor, &status) != 0) return ErrorFromErrno(errno);
   if (!S_ISREG(status.st_mode) && !S_ISCHR(status.st_mode)) return ERROR_ACCESS_DENIED;
   if ((mode.share.access & kWriting) && !(status.st_mode & kWriteBits)) return ERROR_ACCESS_DENIED;
-  if (!MayShare(descriptor, mode.share)) return ERROR_SHARING_VIOLATION;
+  if (!SharePlace::IsFree(descriptor, mode.share)) return ERROR_SHARING_VIOLATION;
   if (mode.stdio[0] == 'w' && status.st_size > 0 && ftruncate(descriptor, 0) != 0) return ErrorFromErrno(errno);
   return ERROR_SUCCESS;
 }

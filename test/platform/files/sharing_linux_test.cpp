@@ -1,0 +1,187 @@
+// Share modes beside foreign programs' locks, forked children and the ends of processes.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include "test/platform/files/file_calls.h"
+#include "test/platform/files/forked_child.h"
+#include "test/support/child_process.h"
+
+using namespace qel::test;
+
+namespace {
+
+enum class ForeignLock {
+  kSharedOfProcess,
+  kExclusiveOfProcess,
+  kSharedOfOpenFile,
+  kExclusiveOfOpenFile,
+  kShared,
+  kExclusive
+};
+constexpr ForeignLock kForeignLocks[] = {ForeignLock::kSharedOfProcess,  ForeignLock::kExclusiveOfProcess,
+                                         ForeignLock::kSharedOfOpenFile, ForeignLock::kExclusiveOfOpenFile,
+                                         ForeignLock::kShared,           ForeignLock::kExclusive};
+
+bool LockAsAForeignProgramDoes(int file, ForeignLock lock) {
+  struct flock range = {};  // the whole file
+  const bool shared = lock == ForeignLock::kSharedOfProcess || lock == ForeignLock::kSharedOfOpenFile;
+  range.l_type = shared ? F_RDLCK : F_WRLCK;
+  switch (lock) {
+    case ForeignLock::kSharedOfProcess:
+    case ForeignLock::kExclusiveOfProcess:
+      return fcntl(file, F_SETLK, &range) == 0;
+    case ForeignLock::kSharedOfOpenFile:
+    case ForeignLock::kExclusiveOfOpenFile:
+      return fcntl(file, F_OFD_SETLK, &range) == 0;
+    default:
+      return flock(file, (lock == ForeignLock::kShared ? LOCK_SH : LOCK_EX) | LOCK_NB) == 0;
+  }
+}
+
+}  // namespace
+
+CHILD_ROLE(HoldForeignLock) {
+  const int file = open(arguments[0].c_str(), O_RDWR);
+  const bool locked = LockAsAForeignProgramDoes(file, static_cast<ForeignLock>(std::stoi(arguments[1])));
+  Say(locked ? "locked" : "refused");
+  Hear();
+  return 0;
+}
+
+CHILD_ROLE(DeleteOnClose) {
+  const std::wstring name(arguments[0].begin(), arguments[0].end());
+  const HANDLE file =
+      CreateFileW(name.c_str(), kRW | DELETE, kShareAll, nullptr, CREATE_NEW, FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+  Say(file != INVALID_HANDLE_VALUE ? "open" : "refused");
+  Hear();
+  return 0;
+}
+
+class LinuxSharingTest : public FileTest {
+ protected:
+  LinuxSharingTest() { Write("f"); }
+  ChildProcess LockForeign(ForeignLock lock, const char* expected = "locked") {
+    ChildProcess child("HoldForeignLock", {scratch.Narrow("f"), std::to_string(static_cast<int>(lock))});
+    EXPECT_EQ(child.WaitForLine(), expected);
+    return child;
+  }
+  ChildProcess Hold(DWORD access, DWORD share) {
+    ChildProcess child("HoldOpen", {scratch.Narrow("f"), std::to_string(access), std::to_string(share)});
+    EXPECT_EQ(child.WaitForLine(), "open");
+    return child;
+  }
+  void ExpectHeld(bool held) {
+    const Outcome refused = Failure(32);
+    EXPECT_EQ(Create(At("f"), kR, kShareAll, OPEN_EXISTING), held ? refused : Success(0));
+    EXPECT_EQ(Create(At("f"), kRW, 0, CREATE_ALWAYS), held ? refused : Success(183));
+    EXPECT_EQ(Ask([&] { return CopyFileW(L"source", L"f", FALSE); }), held ? refused : Success(0));
+    FILE* stream = _wfopen(L"f", L"at");
+    EXPECT_EQ(stream == nullptr, held);
+    if (stream) std::fclose(stream);
+    if (held) {
+      EXPECT_EQ(Delete(L"f"), refused);
+    }
+  }
+};
+
+TEST_F(LinuxSharingTest, HoldsWhateverForeignLocksAreThere) {
+  Write("source");
+  for (const ForeignLock lock : kForeignLocks) {
+    SCOPED_TRACE(testing::Message() << "lock " << static_cast<int>(lock));
+    auto foreign = LockForeign(lock);
+    auto holder = Hold(kRW, 0);
+    ExpectHeld(true);
+    foreign.Kill();
+    ExpectHeld(true);  // who came under the lock is still seen
+    holder.Kill();
+    ExpectHeld(false);
+    auto again = LockForeign(lock);
+    ExpectHeld(false);
+    const FileHandle reader(At("f"), kR, 1, OPEN_EXISTING);
+    EXPECT_EQ(Create(At("f"), kR, 1, OPEN_EXISTING), Success(0)) << "several may stand beside each other";
+    EXPECT_EQ(Create(At("f"), kR, 2, OPEN_EXISTING), Failure(32));
+  }
+}
+
+TEST_F(LinuxSharingTest, AForeignLockThatComesLaterHidesNobody) {
+  Write("source");
+  for (const ForeignLock lock :
+       {ForeignLock::kSharedOfProcess, ForeignLock::kSharedOfOpenFile, ForeignLock::kShared, ForeignLock::kExclusive}) {
+    auto holder = Hold(kRW, 0);
+    auto foreign = LockForeign(lock);
+    ExpectHeld(true);
+    holder.Kill();
+    ExpectHeld(false);
+  }
+  const FileHandle reader(At("f"), kR, 3, OPEN_EXISTING);
+  const Handle mapping = CreateFileMappingW(reader.get(), nullptr, PAGE_READONLY, 0, 0, nullptr);
+  auto foreign = LockForeign(ForeignLock::kSharedOfProcess);
+  EXPECT_EQ(Create(At("f"), kW, 3, CREATE_ALWAYS), Failure(1224)) << "nor a mapping";
+}
+
+TEST_F(LinuxSharingTest, ForeignLocksHoldNobodyOff) {
+  const FileHandle user(At("f")), other(At("f"));
+  OVERLAPPED at0 = {}, at9 = {};
+  at9.Offset = 9;
+  ASSERT_TRUE(LockFileEx(user.get(), 0, 0, 1, 0, &at9));
+  ASSERT_TRUE(UnlockFileEx(user.get(), 0, 1, 0, &at9));
+  auto foreign = LockForeign(ForeignLock::kSharedOfProcess);
+  DWORD bytes = 0;
+  EXPECT_TRUE(WriteFile(other.get(), "x", 1, &bytes, &at0));
+  EXPECT_EQ(Create(At("f"), kW, 1, CREATE_ALWAYS), Failure(32));
+  EXPECT_EQ(Create(At("f"), kW, kShareAll, CREATE_ALWAYS), Success(183));
+  EXPECT_EQ(Read("f"), "");
+}
+
+TEST_F(LinuxSharingTest, AForkedChildTakesNothingFromItsParent) {
+  FileHandle file(At("held"), kRW | DELETE, 0, CREATE_NEW, FILE_FLAG_DELETE_ON_CLOSE);
+  ASSERT_TRUE(file.IsOpen());
+  const auto expectUntouched = [&] {
+    EXPECT_EQ(Create(At("held"), kR, kShareAll, OPEN_EXISTING), Failure(32));
+    EXPECT_TRUE(Exists("held"));
+  };
+  EXPECT_EQ(RunInChild([&] { return CloseHandle(file.get()) ? 0 : 1; }), 0);
+  expectUntouched();
+  EXPECT_EQ(RunInChild([] { return 0; }), 0);
+  expectUntouched();
+  EXPECT_EQ(RunInChild([&] {
+              // The child can open files of its own.
+              FileHandle own(At("own"), kRW | DELETE, 0, CREATE_NEW, FILE_FLAG_DELETE_ON_CLOSE);
+              return Create(At("own"), kR, kShareAll, OPEN_EXISTING) == Failure(32) ? 0 : 1;
+            }),
+            0);
+  EXPECT_FALSE(Exists("own"));
+  file.Close();
+  EXPECT_FALSE(Exists("held"));
+}
+
+TEST_F(LinuxSharingTest, DeleteOnCloseAndTheEndsOfAProcess) {
+  for (const bool killed : {false, true}) {
+    ChildProcess child("DeleteOnClose", {scratch.Narrow("left")});
+    EXPECT_EQ(child.WaitForLine(), "open");
+    EXPECT_TRUE(Exists("left"));
+    if (killed)
+      child.Kill();
+    else
+      child.Tell("end");
+    child.Wait();
+    EXPECT_EQ(Exists("left"), killed);
+    if (!killed) continue;
+    EXPECT_EQ(Delete(At("left")), Success());
+  }
+}
+
+TEST_F(LinuxSharingTest, RangeLocksEndWithTheHandleAlsoUnderAView) {
+  FileHandle owner(At("f")), other(At("f"));
+  OVERLAPPED at0 = {};
+  ASSERT_TRUE(LockFileEx(owner.get(), LOCKFILE_EXCLUSIVE_LOCK, 0, 4, 0, &at0));
+  Handle mapping = CreateFileMappingW(owner.get(), nullptr, PAGE_READONLY, 0, 0, nullptr);
+  const void* view = MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, 0);
+  ASSERT_TRUE(view);
+  DWORD bytes = 0;
+  EXPECT_EQ(Ask([&] { return WriteFile(other.get(), "x", 1, &bytes, &at0); }), Failure(33));
+  owner.Close();
+  EXPECT_TRUE(WriteFile(other.get(), "x", 1, &bytes, &at0));
+  EXPECT_TRUE(UnmapViewOfFile(view));
+}

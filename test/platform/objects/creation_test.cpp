@@ -110,6 +110,8 @@ TEST(ObjectNames, OpeningFindsOnlyWhatExistsAndFits) {
   const Handle mutex = CreateMutexW(nullptr, FALSE, name.c_str());
   EXPECT_CALL(OpenEventW(EVENT_ALL_ACCESS, FALSE, name.c_str()), nullptr, ERROR_INVALID_HANDLE);
   EXPECT_MADE(OpenMutexW(MUTEX_ALL_ACCESS, FALSE, name.c_str()), kUntouched);
+  EXPECT_CALL(OpenEventW(EVENT_ALL_ACCESS, FALSE, L""), nullptr, ERROR_INVALID_HANDLE);
+  EXPECT_CALL(OpenMutexW(MUTEX_ALL_ACCESS, FALSE, nullptr), nullptr, ERROR_INVALID_PARAMETER);
 }
 
 // What an existing object is asked for counts for nothing.

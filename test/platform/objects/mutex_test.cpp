@@ -108,6 +108,23 @@ TEST(Mutexes, ClosingTheLastHandleWhileOwning) {
   ReleaseMutex(mutex);
 }
 
+// The object is gone with its last handle, owned or not; its owner's thread goes on and ends as if nothing were.
+TEST(Mutexes, ANameEndsWithItsLastHandleAlsoWhileOwned) {
+  const std::wstring name = UniqueName();
+  Worker owner([&]() -> DWORD {
+    for (DWORD i = 1; i < 4; ++i) {
+      Handle(CreateMutexW(nullptr, TRUE, name.c_str())).Close();
+      if (OpenMutexW(MUTEX_ALL_ACCESS, FALSE, name.c_str()) || GetLastError() != ERROR_FILE_NOT_FOUND) return i;
+      const Handle again = CreateMutexW(nullptr, FALSE, name.c_str());
+      if (!again || GetLastError() != ERROR_SUCCESS || ReleaseMutex(again)) return 10 + i;
+      if (TakenByAnotherThread(again) != WAIT_OBJECT_0) return 20 + i;
+    }
+    return 0;
+  });
+  EXPECT_EQ(owner.Join(), 0u);
+  EXPECT_MADE(CreateEventW(nullptr, FALSE, FALSE, name.c_str()), 0);
+}
+
 TEST(Mutexes, ExcludeEachOther) {
   constexpr int kThreads = 4, kTurns = 2000;
   const std::wstring name = UniqueName();
@@ -169,6 +186,37 @@ TEST(MutexesOfProcesses, DieWithTheOnlyProcessThatHasThem) {
   EXPECT_EQ(GetLastError(), 0u);
   EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
   ReleaseMutex(mutex);
+}
+
+CHILD_ROLE(HoldMutex) {
+  const HANDLE mutex = OpenMutexW(MUTEX_ALL_ACCESS, FALSE, Widen(arguments[0]).c_str());
+  Say(mutex ? "opened" : "none");
+  Hear();
+  CloseHandle(mutex);
+  const HANDLE again = CreateMutexW(nullptr, FALSE, Widen(arguments[0]).c_str());
+  Say(again && GetLastError() == ERROR_SUCCESS ? "new" : "old");
+  Hear();
+  return 0;
+}
+
+// While another process has it open the object stays, and its owner finds it again; afterwards it is made anew, though
+// the thread still is the owner of the former one.
+TEST(MutexesOfProcesses, OutliveTheOwnersHandleOnlyInOtherProcesses) {
+  const std::wstring name = UniqueName();
+  Handle mutex = CreateMutexW(nullptr, TRUE, name.c_str());
+  ChildProcess child("HoldMutex", {Narrow(name)});
+  ASSERT_EQ(child.WaitForLine(), "opened");
+  mutex.Close();
+  mutex = CreateMutexW(nullptr, FALSE, name.c_str());
+  EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+  EXPECT_CALL(ReleaseMutex(mutex), TRUE, kUntouched);
+  EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
+  mutex.Close();
+  child.Tell("close");
+  EXPECT_EQ(child.WaitForLine(), "new");
+  mutex = CreateMutexW(nullptr, FALSE, name.c_str());
+  EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+  EXPECT_CALL(ReleaseMutex(mutex), FALSE, ERROR_NOT_OWNER);
 }
 
 CHILD_ROLE(SignalEvent) {

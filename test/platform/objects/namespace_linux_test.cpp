@@ -1,5 +1,6 @@
 // Where named objects live. Each scenario is played by a process with shared memory of its own; it ends with 0, with
 // the line of what went wrong, or with kSkipped where the system does not let it have that.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -233,11 +234,120 @@ CHILD_ROLE(NoHeap) {
   return 0;
 }
 
+// Folder and files have their rights whatever the umask takes, so that the next process finds them.
+CHILD_ROLE(Umask) {
+  if (!UsePrivateSharedMemory()) return kSkipped;
+  if (geteuid() == 0) REQUIRE(setresgid(kOther, kOther, kOther) == 0 && setresuid(kOther, kOther, kOther) == 0);
+  for (const mode_t mask : {0777, 0177, 0277, 0}) {
+    umask(mask);
+    const Handle event = CreateEventW(nullptr, FALSE, FALSE, (kName + std::to_wstring(mask)).c_str());
+    REQUIRE(event);
+    REQUIRE(WorksAsMutex());
+    const Handle mutex = CreateMutexW(nullptr, FALSE, kName);
+    REQUIRE(ChildProcess("OpenParked").Wait() == 1);
+  }
+  for (const auto& entry : fs::recursive_directory_iterator("/dev/shm"))
+    REQUIRE(entry.status().permissions() == (entry.is_directory() ? fs::perms::owner_all : fs::perms(0600)));
+  // A folder whose maker was killed before it could give it its rights is used, not left beside another one.
+  REQUIRE(ChildProcess("EndOrderly").Wait() == 0);
+  REQUIRE(std::distance(fs::directory_iterator("/dev/shm"), {}) == 1);
+  REQUIRE(chmod(fs::directory_iterator("/dev/shm")->path().c_str(), 0) == 0);
+  REQUIRE(ChildProcess("EndOrderly").Wait() == 0);
+  REQUIRE(std::distance(fs::directory_iterator("/dev/shm"), {}) == 1);
+  return 0;
+}
+
+// What the host does not open is not opened in its place.
+CHILD_ROLE(NoStandardDescriptors) {
+  if (!UsePrivateSharedMemory()) return kSkipped;
+  for (int i = 0; i < 3; ++i) close(i);
+  SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+  const Handle inheritable = CreateEventW(&inherit, FALSE, FALSE, nullptr);
+  const Handle section = CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, 8192, L"section");
+  MEMORYSTATUSEX status{};
+  status.dwLength = sizeof status;
+  REQUIRE(GlobalMemoryStatusEx(&status) && inheritable && section && WorksAsMutex());
+  for (int i = 0; i < 3; ++i) REQUIRE(fcntl(i, F_GETFD) < 0);
+  return 0;
+}
+
+// A daemon closes every descriptor and opens files of its own under the same numbers.
+CHILD_ROLE(AllDescriptorsClosed) {
+  if (!UsePrivateSharedMemory()) return kSkipped;
+  Handle event = CreateEventW(nullptr, FALSE, FALSE, L"event");
+  for (int i = 0; i < 3; ++i) Handle(CreateMutexW(nullptr, FALSE, (kName + std::to_wstring(i)).c_str())).Close();
+  Handle(CreateMutexW(nullptr, FALSE, kName)).Close();
+  closefrom(3);
+  std::vector<int> files;
+  for (int i = 0; i < 40; ++i) {
+    files.push_back(open("/dev/shm/daemon", O_RDWR | O_CREAT | O_APPEND, 0600));
+    struct flock lock = {};
+    lock.l_type = F_RDLCK;
+    REQUIRE(fcntl(files.back(), F_OFD_SETLK, &lock) == 0);
+  }
+  Sleep(50);  // what is kept is not looked at more often than every few milliseconds
+  event.Close();
+  for (int i = 0; i < 3; ++i) REQUIRE(WorksAsMutex());
+  const Handle mutex = CreateMutexW(nullptr, FALSE, kName);
+  REQUIRE(ChildProcess("OpenParked").Wait() == 1);
+  for (int i = 0; i < 20; ++i) Handle(CreateMutexW(nullptr, FALSE, (kName + std::to_wstring(i)).c_str())).Close();
+  for (const int file : files) {
+    REQUIRE(fcntl(file, F_GETFD) >= 0);
+    if (file != files[0]) close(file);
+  }
+  const int another = open("/dev/shm/daemon", O_RDWR);
+  struct flock lock = {};
+  lock.l_type = F_WRLCK;
+  REQUIRE(fcntl(another, F_OFD_GETLK, &lock) == 0 && lock.l_type == F_RDLCK);  // the first one's lock is there still
+  REQUIRE(fs::file_size("/dev/shm/daemon") == 0);
+  return 0;
+}
+
+// More processes than one machine word, or a thousand, has room for.
+CHILD_ROLE(ManyProcesses) {
+  if (!UsePrivateSharedMemory()) return kSkipped;
+  const int count = arguments.empty() ? 1100 : std::stoi(arguments[0]);
+  const Handle mutex = CreateMutexW(nullptr, TRUE, kName);
+  int results[2], end[2];
+  REQUIRE(pipe(results) == 0 && pipe(end) == 0);
+  for (int i = 0; i < count; ++i) {
+    const pid_t child = fork();
+    REQUIRE(child >= 0);
+    if (child != 0) continue;
+    close(end[1]);
+    const HANDLE joined = CreateMutexW(nullptr, TRUE, kName);
+    const bool good = GetLastError() == ERROR_ALREADY_EXISTS && WaitForSingleObject(joined, 0) == WAIT_TIMEOUT;
+    char byte = good ? '+' : '-';
+    _exit(write(results[1], &byte, 1) == 1 && read(end[0], &byte, 1) == 0 ? 0 : 1);
+  }
+  close(results[1]);
+  for (int i = 0; i < count; ++i) {
+    char byte = 0;
+    REQUIRE(read(results[0], &byte, 1) == 1);
+    REQUIRE(byte == '+');
+  }
+  REQUIRE(ReleaseMutex(mutex));
+  close(end[1]);
+  int status = 0;
+  while (wait(&status) > 0) REQUIRE(status == 0);
+  return 0;
+}
+
+// Growing a file beyond the limit would raise a signal that ends the host.
+CHILD_ROLE(FileSizeLimit) {
+  if (!UsePrivateSharedMemory()) return kSkipped;
+  rlimit limit = {100, RLIM_INFINITY};
+  REQUIRE(setrlimit(RLIMIT_FSIZE, &limit) == 0);
+  REQUIRE(FallBack() == 0);
+  return 0;
+}
+
 // What a forked child closes and ends with is not its parent's.
 CHILD_ROLE(Fork) {
   if (!UsePrivateSharedMemory()) return kSkipped;
   const Handle event = CreateEventW(nullptr, TRUE, FALSE, kName);
   const Handle mutex = CreateMutexW(nullptr, TRUE, L"forked");
+  Handle(CreateMutexW(nullptr, TRUE, L"closed while owned")).Close();
   const pid_t child = fork();
   if (child == 0) {
     if (!CloseHandle(event) || !CloseHandle(mutex)) _exit(1);
@@ -263,7 +373,8 @@ TEST_P(Scenario, EndsWell) {
 INSTANTIATE_TEST_SUITE_P(Namespace, Scenario,
                          testing::Values("RefuseFolders", "TakeSmallest", "LeaveNothing", "LoseFolder", "Park",
                                          "ParkBeside", "FullMemory", "ReadOnlyMemory", "NoMemory", "NoDescriptors",
-                                         "NoHeap", "Fork"),
+                                         "NoHeap", "Umask", "NoStandardDescriptors", "AllDescriptorsClosed",
+                                         "ManyProcesses", "FileSizeLimit", "Fork"),
                          [](const auto& info) { return std::string(info.param); });
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <thread>
 
 #include "test/platform/objects/handles.h"
@@ -88,6 +89,20 @@ TEST(Processes, ReadTheirCommandLineByTheQuotingRules) {
 
 TEST(Processes, AProgramThatIsMissing) {
   EXPECT_CALL(Start("no-such-program-qel arguments").id, 0u, ERROR_FILE_NOT_FOUND);
+  char commandLine[] = "no-such-program-qel";
+  for (const auto& [program, error] :
+       {std::pair{"", ERROR_PATH_NOT_FOUND}, {"no-such-program-qel", ERROR_FILE_NOT_FOUND}}) {
+    STARTUPINFOA startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION information;
+    std::memset(&information, 0xEE, sizeof information);
+    EXPECT_CALL(
+        CreateProcessA(program, commandLine, nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &information),
+        FALSE, error);
+    EXPECT_EQ(information.hProcess, nullptr);
+    EXPECT_EQ(information.hThread, nullptr);
+    EXPECT_EQ(information.dwProcessId | information.dwThreadId, 0u);
+  }
 }
 
 // How a debugger is handed the event that tells of its being attached: the handle is written into its command line.

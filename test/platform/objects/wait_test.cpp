@@ -147,6 +147,8 @@ TEST(WaitForMultipleObjects, BadArguments) {
   EXPECT_CALL(WaitForMultipleObjects(2, handles.data(), FALSE, 0), WAIT_FAILED, ERROR_INVALID_HANDLE);
   handles[1] = event;
   if (!OnWine()) EXPECT_CALL(WaitForMultipleObjects(2, handles.data(), TRUE, 0), WAIT_FAILED, ERROR_INVALID_PARAMETER);
+  handles[2] = nullptr;  // told before the two that are one
+  EXPECT_CALL(WaitForMultipleObjects(3, handles.data(), TRUE, 0), WAIT_FAILED, ERROR_INVALID_HANDLE);
 }
 
 // A closed handle stays invalid though its place was given out again.

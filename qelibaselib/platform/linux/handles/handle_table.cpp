@@ -2,12 +2,6 @@
 
 #include <mutex>
 
-#include "qelibaselib/platform/linux/processes/process_object.h"
-#include "qelibaselib/platform/linux/threads/thread_object.h"
-#include "qelibaselib/platform/linux/win32/handleapi.h"
-#include "qelibaselib/platform/linux/win32/processthreadsapi.h"
-#include "qelibaselib/platform/linux/win32/winerror.h"
-
 namespace qel::layer {
 
 constinit Slot g_slots[kSlots];
@@ -16,7 +10,7 @@ namespace {
 
 constexpr uint32_t kGenerations = 1u << 12;
 
-constinit std::atomic<uint32_t> g_openCount{0};    // what is no handle
+constinit std::atomic<uint32_t> g_openCount{0};    // views and blocks, which are counted but have no handle
 constinit std::atomic<uint32_t> g_handleCount{0};  // changed under the mutex alone
 constinit std::mutex g_freeMutex;
 constinit uint32_t g_firstFree = 0;  // 0 ends the list: slot 0 is never given out, its first handle would be null
@@ -56,14 +50,18 @@ bool TakeSlotAt(uint32_t slot) {
   return true;
 }
 
-struct Parts {
+struct HandleParts {
   uint32_t slot, generation;
   bool valid;
 };
-Parts Split(HANDLE handle) {
+HandleParts SplitHandle(HANDLE handle) {
   const auto value = reinterpret_cast<uintptr_t>(handle);
   const uint32_t slot = (value >> 2) & (kSlots - 1);
   return {slot, static_cast<uint32_t>(value >> (2 + kSlotBits)), (value & 3) == 0 && slot != 0};
+}
+
+HANDLE MakeHandle(uint32_t slot, uint32_t generation) {
+  return reinterpret_cast<HANDLE>(((generation << kSlotBits) | slot) << 2);
 }
 
 HANDLE OpenSlot(uint32_t slot, uint32_t generation, Object* object) {
@@ -71,7 +69,7 @@ HANDLE OpenSlot(uint32_t slot, uint32_t generation, Object* object) {
   s.generation = generation;
   s.object = object;
   s.state.fetch_add(kUser - kClosed - kEmpty, std::memory_order_release);
-  return reinterpret_cast<HANDLE>(((generation << kSlotBits) | slot) << 2);
+  return MakeHandle(slot, generation);
 }
 
 }  // namespace
@@ -84,7 +82,7 @@ HANDLE InsertHandle(Object* object) {
 }
 
 bool InsertHandleAt(HANDLE handle, Object* object) {
-  const Parts parts = Split(handle);
+  const HandleParts parts = SplitHandle(handle);
   if (parts.valid && parts.generation < kGenerations && TakeSlotAt(parts.slot)) {
     OpenSlot(parts.slot, parts.generation, object);
     return true;
@@ -96,6 +94,18 @@ bool InsertHandleAt(HANDLE handle, Object* object) {
 bool RemoveHandle(HANDLE handle) {
   Pin pin(handle);
   return pin.get() && pin.Close();
+}
+
+void VisitHandles(const std::function<void(HANDLE, Object*)>& visit) {
+  uint32_t end;
+  {
+    const std::lock_guard lock(g_freeMutex);
+    end = g_unused;
+  }
+  for (uint32_t slot = 1; slot < end; ++slot) {
+    const Pin pin(g_slots[slot]);
+    if (pin.get()) visit(MakeHandle(slot, g_slots[slot].generation), pin.get());
+  }
 }
 
 void CountOpened() { g_openCount.fetch_add(1, std::memory_order_relaxed); }
@@ -135,63 +145,4 @@ bool Pin::Close() {
   return true;
 }
 
-namespace {
-
-bool IsPseudo(HANDLE handle) { return handle == GetCurrentProcess() || handle == GetCurrentThread(); }
-
-// A new reference of what a handle or pseudo handle stands for.
-Reference<Object> Resolve(HANDLE handle) {
-  if (handle == GetCurrentProcess()) return Reference<Object>::Share(CurrentProcess());
-  if (handle == GetCurrentThread()) return Reference<Object>::Share(CurrentThread());
-  const Pin pin(handle);
-  return Reference<Object>::Share(pin.get());
-}
-
-DWORD Duplicate(HANDLE source, BOOL inherit, DWORD options, HANDLE* target) {
-  if (options != DUPLICATE_SAME_ACCESS && options != (DUPLICATE_SAME_ACCESS | DUPLICATE_CLOSE_SOURCE))
-    return ERROR_INVALID_PARAMETER;
-  if (inherit) return ERROR_INVALID_PARAMETER;
-  Reference<Object> object = Resolve(source);
-  if (!object) return ERROR_INVALID_HANDLE;
-  *target = InsertHandle(object.Detach());
-  if (!*target) return ERROR_TOO_MANY_OPEN_FILES;
-  if ((options & DUPLICATE_CLOSE_SOURCE) != 0 && !IsPseudo(source)) RemoveHandle(source);
-  return ERROR_SUCCESS;
-}
-
-bool CloseAny(HANDLE handle) {
-  if (IsPseudo(handle)) return true;
-  Pin pin(handle);
-  // A search is closed by FindClose alone.
-  return pin.get() && pin.get()->kind() != Kind::kFind && pin.Close();
-}
-
-}  // namespace
 }  // namespace qel::layer
-
-using namespace qel::layer;
-
-BOOL CloseHandle(HANDLE handle) {
-  if (CloseAny(handle)) return TRUE;
-  SetLastError(ERROR_INVALID_HANDLE);
-  return FALSE;
-}
-
-BOOL DuplicateHandle(HANDLE sourceProcess, HANDLE source, HANDLE targetProcess, LPHANDLE target, DWORD, BOOL inherit,
-                     DWORD options) {
-  HANDLE result = nullptr;
-  const bool own = sourceProcess == GetCurrentProcess() && targetProcess == GetCurrentProcess();
-  const DWORD error = own ? Duplicate(source, inherit, options, &result) : ERROR_INVALID_HANDLE;
-  if (target) *target = result;
-  if (error != ERROR_SUCCESS) SetLastError(error);
-  return error == ERROR_SUCCESS;
-}
-
-BOOL GetProcessHandleCount(HANDLE process, PDWORD count) {
-  if (process != GetCurrentProcess()) {
-    SetLastError(ERROR_INVALID_HANDLE);
-    return FALSE;
-  }
-  *count = OpenCount();
-  return TRUE;
-}

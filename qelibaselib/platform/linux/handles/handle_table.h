@@ -1,8 +1,23 @@
 /// @file
 /// What stands behind a handle. An Object lives while a handle, a Pin or a Reference of it does.
+///
+/// The room handles/ holds the table of handles and the calls that concern every handle. It uses base/ alone.
+///
+/// The problem: every call looks up its handle, also those that cost little else, while other threads may close it; and
+/// a handle that was closed must not come to stand for the next object.
+///
+/// The idea: a handle is the number of a slot and a generation, which counts how often the slot was given out. A slot
+/// has one word that counts its users, of which the open handle is one. A call makes itself a user with one atomic
+/// addition, looks whether the slot is open and of its generation, and takes itself out afterwards; closing takes the
+/// handle's own share out and marks the slot as closed.
+///
+/// The invariant: a slot is emptied and given out again only when it is closed and has no users, and exactly one thread
+/// sees that moment: the one whose change made the word "closed, no users" and that moves it on to "empty". So what a
+/// user has found stays as it is, and the object is released once.
 #pragma once
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <utility>
 
 #include "qelibaselib/platform/linux/base/forked_part.h"
@@ -46,6 +61,9 @@ bool InsertHandleAt(HANDLE handle, Object* object);
 /// Closes a handle. FALSE when it is none; the last error is the caller's to set.
 bool RemoveHandle(HANDLE handle);
 
+/// Calls `visit` for every open handle, whose object stays for that long.
+void VisitHandles(const std::function<void(HANDLE, Object*)>& visit);
+
 /// Counts what a process can leak besides handles: views and blocks.
 void CountOpened();
 void CountClosed();
@@ -59,9 +77,14 @@ extern const ForkedPart kHandleTableAtFork;
 constexpr uint32_t kSlotBits = 16;
 constexpr uint32_t kSlots = 1u << kSlotBits;
 
-// A slot's state: its users, of which an open handle is one, in units of kUser, and how far it is on its way from an
-// open handle to the free slots. Users come to every slot that a handle's value points to and look at the rest then.
-// Whoever finds the slot closed without users, which happens once, takes it to empty and releases the object.
+// A slot's word: its users, of which an open handle is one, in units of kUser, and the two marks. Users come to every
+// slot that a handle's value points to, also to an empty one, and look at the marks then.
+//
+//   | slot   | marks            | next                                                        |
+//   |--------|------------------|-------------------------------------------------------------|
+//   | empty  | kClosed | kEmpty | open: InsertHandle                                          |
+//   | open   | none             | closed: CloseHandle, while other users are there; or empty  |
+//   | closed | kClosed          | empty: the last user leaves                                 |
 constexpr uint32_t kClosed = 1;
 constexpr uint32_t kEmpty = 2;
 constexpr uint32_t kUser = 4;
@@ -87,6 +110,11 @@ class Pin {
     const uint32_t before = slot_->state.fetch_add(kUser, std::memory_order_acq_rel);
     // A user of an open slot keeps it from becoming empty, so that the rest of it stands still.
     if ((before & kClosed) == 0 && slot_->generation == value >> (2 + kSlotBits)) object_ = slot_->object;
+    if (!object_) Unpin();
+  }
+  /// Of whatever is open in the slot.
+  explicit Pin(Slot& slot) : slot_(&slot) {
+    if ((slot_->state.fetch_add(kUser, std::memory_order_acq_rel) & kClosed) == 0) object_ = slot_->object;
     if (!object_) Unpin();
   }
   Pin(const Pin&) = delete;

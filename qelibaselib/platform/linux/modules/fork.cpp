@@ -22,7 +22,6 @@
 #include "qelibaselib/platform/linux/files/delete_on_close.h"
 #include "qelibaselib/platform/linux/files/mapping_marks.h"
 #include "qelibaselib/platform/linux/handles/handle_table.h"
-#include "qelibaselib/platform/linux/handles/inheritance.h"
 #include "qelibaselib/platform/linux/memory/page_locks.h"
 #include "qelibaselib/platform/linux/memory/view_table.h"
 #include "qelibaselib/platform/linux/modules/module_list.h"
@@ -37,11 +36,17 @@ namespace qel::layer {
 namespace {
 
 const ForkedPart* const kParts[] = {
-    &kModuleListAtFork,   // held while a module is told of a thread; the module may use everything below
-    &kSymbolStoreAtFork,  // reads files of modules
-    &kInheritanceAtFork,  // looks up handles and drops events
-    &kChildrenAtFork,    &kDeleteOnCloseAtFork, &kMappingMarksAtFork, &kViewTableAtFork,    &kPageLocksAtFork,
-    &kNamespaceAtFork,   &kHandleTableAtFork,   &kThreadSlotsAtFork,  &kFaultSignalsAtFork,
+    &kModuleListAtFork,     // held while a module is told of a thread; the module may use everything below
+    &kSymbolStoreAtFork,    // reads the files of modules
+    &kChildrenAtFork,       //
+    &kViewTableAtFork,      //
+    &kPageLocksAtFork,      //
+    &kDeleteOnCloseAtFork,  //
+    &kMappingMarksAtFork,   // given up with a view
+    &kNamespaceAtFork,      //
+    &kHandleTableAtFork,    //
+    &kThreadSlotsAtFork,    //
+    &kFaultSignalsAtFork,
 };
 
 void LockBeforeFork() {
@@ -58,9 +63,9 @@ void UnlockInParent() { UnlockAfterFork(false); }
 // The child goes on as a thread with a number of its own that owns nothing.
 void StartChild() {
   ++g_forkCount;
+  ForgetMutexes();  // first: the storages of some of them are freed with their names
   UnlockAfterFork(true);
   ForgetProcessId();
-  ForgetMutexes();
   t_thread.id = 0;
   t_thread.object = nullptr;
 }

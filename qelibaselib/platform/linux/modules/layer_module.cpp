@@ -1,16 +1,16 @@
 // What happens when the layer is loaded and unloaded.
 #include "qelibaselib/platform/linux/files/delete_on_close.h"
 #include "qelibaselib/platform/linux/files/sharing_board.h"
-#include "qelibaselib/platform/linux/handles/inheritance.h"
 #include "qelibaselib/platform/linux/modules/fork.h"
 #include "qelibaselib/platform/linux/objects/object_namespace.h"
+#include "qelibaselib/platform/linux/processes/inherited_events.h"
 
 namespace qel::layer {
 namespace {
 
 __attribute__((constructor)) void Load() {
   InstallForkHandlers();
-  AdoptInheritance();
+  AdoptInheritedEvents();
 }
 
 __attribute__((destructor)) void Unload() {

@@ -18,25 +18,25 @@ class BlockReserve {
   /// Null when the places are used up as well.
   void* Allocate() {
     if (void* block = std::malloc(kBytes)) return block;
-    for (Place& place : places_)
-      if (!place.used.exchange(true, std::memory_order_acquire)) return place.bytes;
+    for (ReservedBlock& reserved : reserved_)
+      if (!reserved.used.exchange(true, std::memory_order_acquire)) return reserved.bytes;
     return nullptr;
   }
   void Free(void* block) {
-    for (Place& place : places_) {
-      if (place.bytes != block) continue;
-      place.used.store(false, std::memory_order_release);
+    for (ReservedBlock& reserved : reserved_) {
+      if (reserved.bytes != block) continue;
+      reserved.used.store(false, std::memory_order_release);
       return;
     }
     std::free(block);
   }
 
  private:
-  struct Place {
+  struct ReservedBlock {
     std::atomic<bool> used{false};
     alignas(std::max_align_t) std::byte bytes[kBytes]{};
   };
-  Place places_[kPlaces];
+  ReservedBlock reserved_[kPlaces];
 };
 
 }  // namespace qel::layer

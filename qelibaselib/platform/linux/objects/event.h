@@ -5,11 +5,11 @@
 
 namespace qel::layer {
 
-/// The word: bit 0 is set while the event is signalled, and every change adds one, so that setting and resetting it is
-/// seen by whoever is about to sleep.
-class Event final : public StoredObject {
+/// The word: bit 0 is set while the event is signalled, and every change adds one, so that whoever is about to sleep
+/// sees also that it was set and reset meanwhile.
+class EventObject final : public StoredObject {
  public:
-  explicit Event(StorageReference storage) : StoredObject(Kind::kEvent, std::move(storage)) {}
+  explicit EventObject(StorageReference storage) : StoredObject(Kind::kEvent, std::move(storage)) {}
   Taken TryTake() override;
   bool IsReady() override { return (word().load() & 1) != 0; }
   void PutBack(Taken) override { Set(); }
@@ -17,7 +17,7 @@ class Event final : public StoredObject {
   void Reset();
 
  private:
-  bool Toggle(bool signalled);
+  bool ChangeFrom(bool signalled);
 };
 
 }  // namespace qel::layer

@@ -1,35 +1,32 @@
 /// @file
 /// Mutexes: robust, nested by their thread, given up when it ends.
+///
+/// Behind a mutex is a robust mutex of the C library in memory that all its processes share, so the kernel itself tells
+/// the next owner when a process died as the owner. The end of a thread alone it does not tell; a thread that ends
+/// therefore marks its mutexes as orphaned and releases them. How often the owner has taken a mutex is counted in this
+/// process, since only one thread of one process can own it.
 #pragma once
-#include <pthread.h>
-
 #include "qelibaselib/platform/linux/objects/waitable.h"
 
 namespace qel::layer {
 
-/// Makes a mutex in memory that no thread has locked; `owned` by the calling thread at once.
-void InitialiseMutex(pthread_mutex_t& mutex, bool owned);
-
-/// For one that a try did not get: tries for a moment more, then sleeps. Returns what pthread_mutex_clocklock does.
-int LockUntil(pthread_mutex_t& mutex, int64_t deadlineNs);
-
-class Mutex final : public StoredObject {
+class MutexObject final : public StoredObject {
  public:
   static void* operator new(size_t bytes, const std::nothrow_t&) noexcept;
   static void operator delete(void* block) noexcept;
-  explicit Mutex(StorageReference storage) : StoredObject(Kind::kMutex, std::move(storage)) {}
+  explicit MutexObject(StorageReference storage) : StoredObject(Kind::kMutex, std::move(storage)) {}
   Taken TryTake() override;
   bool IsReady() override;
   void PutBack(Taken taken) override;
   bool ChangesFromOutside() override { return true; }
   Taken Wait(int64_t deadlineNs) override;
   /// Notes that the calling thread owns the mutex from its making on.
-  void TookAtCreation();
+  void RecordInitialOwner();
   /// False when the calling thread does not own it.
-  bool Release();
+  bool ReleaseOnce();
 
  private:
-  Taken Locked(int result);
+  Taken RecordLock(int lockResult);
 };
 
 /// Gives up every mutex that the ending thread owns; the next owner is told.

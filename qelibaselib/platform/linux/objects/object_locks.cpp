@@ -4,10 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-
 #include "qelibaselib/platform/linux/base/folder_entries.h"
 #include "qelibaselib/platform/linux/base/lock_range.h"
+#include "qelibaselib/platform/linux/base/retry_on_interrupt.h"
 
 namespace qel::layer {
 namespace {
@@ -15,13 +14,9 @@ namespace {
 // The first byte is that of the file, the others are those of its processes.
 constexpr off_t kFirstNumberByte = 1;
 
-bool Lock(int file, short type, off_t start = 0, off_t length = 1) {
+bool SetLock(int file, short type, off_t start = 0, off_t length = 1) {
   struct flock lock = LockRange(type, start, length);
-  int result;
-  do {
-    result = fcntl(file, F_OFD_SETLK, &lock);
-  } while (result != 0 && errno == EINTR);
-  return result == 0;
+  return RetryOnInterrupt([&] { return fcntl(file, F_OFD_SETLK, &lock); }) == 0;
 }
 
 // The kind of a lock that others have on the byte.
@@ -39,10 +34,10 @@ void RemoveIfUnheld(int folder, int file, const char* fileName) {
 
 }  // namespace
 
-bool TryHoldExclusive(int file) { return Lock(file, F_WRLCK); }
-bool TryHoldShared(int file) { return Lock(file, F_RDLCK); }
-void DropHolds(int file) { Lock(file, F_UNLCK, 0, 0); }
-bool TryHoldNumber(int file, uint32_t number) { return Lock(file, F_WRLCK, kFirstNumberByte + number); }
+bool TryHoldExclusive(int file) { return SetLock(file, F_WRLCK); }
+bool TryHoldShared(int file) { return SetLock(file, F_RDLCK); }
+void DropHolds(int file) { SetLock(file, F_UNLCK, 0, 0); }
+bool TryHoldNumber(int file, uint32_t number) { return SetLock(file, F_WRLCK, kFirstNumberByte + number); }
 bool IsNumberHeld(int file, uint32_t number) { return LockOfOthers(file, kFirstNumberByte + number) != F_UNLCK; }
 
 FileHolder HolderOf(int file) {

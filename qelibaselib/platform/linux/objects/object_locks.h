@@ -1,5 +1,8 @@
 /// @file
 /// Locks on the file of a named object: they alone say who is there.
+///
+/// The locks belong to the open file description (OFD locks), so that a thread that opens and closes the same file does
+/// not drop them, and the kernel lifts them when the last process that shares the description ends.
 #pragma once
 #include <cstdint>
 
@@ -11,7 +14,8 @@ enum class FileHolder { kNone, kMaker, kUser };
 bool TryHoldExclusive(int file);
 /// Becomes a user of the file, from maker or from nothing. False while a maker is at work.
 bool TryHoldShared(int file);
-/// Takes the number of a process; false when another has it. It goes with the process.
+/// Takes the number of a process; false when another has it. The kernel lifts the lock when the process ends, also
+/// after SIGKILL.
 bool TryHoldNumber(int file, uint32_t number);
 /// Whether another process has the number.
 bool IsNumberHeld(int file, uint32_t number);

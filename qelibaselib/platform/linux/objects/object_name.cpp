@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "qelibaselib/platform/linux/base/descriptor.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {
@@ -33,12 +34,9 @@ uint32_t LoginSession() {
   static constinit std::atomic<uint64_t> known{0};  // the number plus one
   if (const uint64_t session = known.load(std::memory_order_relaxed)) return static_cast<uint32_t>(session - 1);
   char text[16] = "4294967295";
-  const int file = open("/proc/self/sessionid", O_RDONLY | O_CLOEXEC);
-  if (file >= 0) {
-    const ssize_t length = read(file, text, sizeof text - 1);
-    if (length > 0) text[length] = '\0';
-    close(file);
-  }
+  const Descriptor file(open("/proc/self/sessionid", O_RDONLY | O_CLOEXEC));
+  const ssize_t length = file.get() >= 0 ? read(file.get(), text, sizeof text - 1) : 0;
+  if (length > 0) text[length] = '\0';
   const auto session = static_cast<uint32_t>(std::strtoul(text, nullptr, 10));
   known.store(session + uint64_t{1}, std::memory_order_relaxed);
   return session;

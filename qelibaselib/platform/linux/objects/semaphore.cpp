@@ -1,3 +1,4 @@
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/objects/waitable.h"
 #include "qelibaselib/platform/linux/win32/synchapi.h"
 
@@ -5,9 +6,9 @@ namespace qel::layer {
 namespace {
 
 // The word is the count.
-class Semaphore final : public StoredObject {
+class SemaphoreObject final : public StoredObject {
  public:
-  explicit Semaphore(StorageReference storage) : StoredObject(Kind::kSemaphore, std::move(storage)) {}
+  explicit SemaphoreObject(StorageReference storage) : StoredObject(Kind::kSemaphore, std::move(storage)) {}
 
   Taken TryTake() override {
     uint32_t count = word().load();
@@ -24,7 +25,7 @@ class Semaphore final : public StoredObject {
     do {
       if (added > state().parameter - count) return false;
     } while (!word().compare_exchange_weak(count, count + added));
-    Changed(word(), scope());
+    WakeWaitsFor(word(), scope());
     if (previous) *previous = static_cast<LONG>(count);
     return true;
   }
@@ -40,21 +41,16 @@ HANDLE CreateSemaphoreW(LPSECURITY_ATTRIBUTES, LONG initialCount, LONG maximumCo
     SetLastError(ERROR_INVALID_PARAMETER);
     return nullptr;
   }
-  return CreateStored<Semaphore>(name, {.kind = Kind::kSemaphore,
-                                        .word = static_cast<uint32_t>(initialCount),
-                                        .parameter = static_cast<uint32_t>(maximumCount)});
+  return CreateStored<SemaphoreObject>(name, {.kind = Kind::kSemaphore,
+                                              .word = static_cast<uint32_t>(initialCount),
+                                              .parameter = static_cast<uint32_t>(maximumCount)});
 }
 
 BOOL ReleaseSemaphore(HANDLE handle, LONG releaseCount, LPLONG previousCount) {
   const Pin pin(handle);
-  auto* semaphore = pin.As<Semaphore>(Kind::kSemaphore);
-  DWORD error = ERROR_SUCCESS;
-  if (!semaphore)
-    error = ERROR_INVALID_HANDLE;
-  else if (releaseCount <= 0)
-    error = ERROR_INVALID_PARAMETER;
-  else if (!semaphore->Add(static_cast<uint32_t>(releaseCount), previousCount))
-    error = ERROR_TOO_MANY_POSTS;
-  if (error != ERROR_SUCCESS) SetLastError(error);
-  return error == ERROR_SUCCESS;
+  auto* semaphore = pin.As<SemaphoreObject>(Kind::kSemaphore);
+  if (!semaphore) return ReportResult(ERROR_INVALID_HANDLE);
+  if (releaseCount <= 0) return ReportResult(ERROR_INVALID_PARAMETER);
+  const bool added = semaphore->Add(static_cast<uint32_t>(releaseCount), previousCount);
+  return ReportResult(added ? ERROR_SUCCESS : ERROR_TOO_MANY_POSTS);
 }

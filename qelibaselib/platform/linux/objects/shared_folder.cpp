@@ -10,43 +10,49 @@
 #include <cstdio>
 #include <cstring>
 
-#include "qelibaselib/platform/linux/base/descriptor.h"
 #include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/base/folder_entries.h"
-#include "qelibaselib/platform/linux/win32/winerror.h"
+#include "qelibaselib/platform/linux/objects/object_locks.h"
+#include "qelibaselib/platform/linux/objects/own_mode.h"
 
 namespace qel::layer {
 namespace {
 
 constexpr char kSharedMemory[] = "/dev/shm";
-constexpr mode_t kPermissions = 0777;
 constexpr mode_t kOwnerOnly = 0700;
 constexpr int kGateTries = 50;
 constexpr useconds_t kGatePauseUs = 1000;
 
-enum class Found { kFolder, kNone, kUnknown };
+enum class Lookup { kFound, kNone, kUnknown };
 
-// -1 for one that is not the user's alone. `known` is false when that could not be found out.
-int OpenFolder(int parent, const char* name, uid_t user, bool* known) {
+// A lack of descriptors or memory says nothing about the folder.
+bool IsLackOfMeans(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM; }
+
+// Opens a folder that is the user's alone. kNone: it is not, or it is no folder.
+Lookup OpenOwnFolder(int parent, const char* name, uid_t user, int* descriptor) {
+  errno = 0;
+  if (!RestoreOwnMode(parent, name, user, S_IFDIR, kOwnerOnly))
+    return IsLackOfMeans(errno) ? Lookup::kUnknown : Lookup::kNone;
   Descriptor folder(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (folder.get() < 0) return IsLackOfMeans(errno) ? Lookup::kUnknown : Lookup::kNone;
   struct stat status;
-  *known = folder.get() >= 0 || (errno != EMFILE && errno != ENFILE && errno != ENOMEM);
-  if (folder.get() < 0 || fstat(folder.get(), &status) != 0) return -1;
-  if (status.st_uid != user || (status.st_mode & kPermissions) != kOwnerOnly) return -1;
-  return folder.Detach();
+  if (fstat(folder.get(), &status) != 0 || status.st_uid != user || (status.st_mode & 0777) != kOwnerOnly)
+    return Lookup::kNone;
+  *descriptor = folder.Detach();
+  return Lookup::kFound;
 }
 
 // The descriptor of the smallest-named valid folder, and its name. Not being able to look is no proof that there is
 // none: whoever made one then would make another with every try.
 template <size_t kSize>
-Found FindFolder(int parent, const char* prefix, uid_t user, char (&name)[kSize], int* descriptor) {
+Lookup FindFolder(int parent, const char* prefix, uid_t user, char (&name)[kSize], int* descriptor) {
   int found = -1;
   const bool read = ForEachEntry(parent, [&](const char* entry) {
     if (std::strncmp(entry, prefix, std::strlen(prefix)) != 0 || std::strlen(entry) >= kSize) return true;
     if (found >= 0 && std::strcmp(entry, name) > 0) return true;
-    bool known = true;
-    const int folder = OpenFolder(parent, entry, user, &known);
-    if (folder < 0) return known;
+    int folder = -1;
+    const Lookup lookup = OpenOwnFolder(parent, entry, user, &folder);
+    if (lookup != Lookup::kFound) return lookup == Lookup::kNone;
     if (found >= 0) close(found);
     found = folder;
     std::strcpy(name, entry);
@@ -54,13 +60,12 @@ Found FindFolder(int parent, const char* prefix, uid_t user, char (&name)[kSize]
   });
   if (!read && found >= 0) close(found);
   *descriptor = read ? found : -1;
-  if (!read) return Found::kUnknown;
-  return found >= 0 ? Found::kFolder : Found::kNone;
+  if (!read) return Lookup::kUnknown;
+  return found >= 0 ? Lookup::kFound : Lookup::kNone;
 }
 
-// One maker at a time, or two processes that start together could settle on two folders. Bounded, since any user can
-// keep this lock: then only that small chance comes back.
-void EnterGate(int parent) {
+// Bounded, since any user can keep this lock: two processes could then settle on two folders.
+void WaitForOtherMakers(int parent) {
   for (int i = 0; i < kGateTries && flock(parent, LOCK_EX | LOCK_NB) != 0; ++i) usleep(kGatePauseUs);
 }
 
@@ -76,7 +81,7 @@ bool MakeFolder(int parent, const char* prefix) {
 }  // namespace
 
 int SharedFolder::Open(uid_t user, DWORD* error) {
-  if (descriptor_ >= 0 && user_ == user) return descriptor_;
+  if (user_ == user && folder_.IsOurs()) return folder_.get();
   Forget();
   const Descriptor parent(open(kSharedMemory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (parent.get() < 0) {
@@ -85,35 +90,38 @@ int SharedFolder::Open(uid_t user, DWORD* error) {
   }
   char prefix[20];
   std::snprintf(prefix, sizeof prefix, "qel-%u-", static_cast<unsigned>(user));
-  Found found = FindFolder(parent.get(), prefix, user, name_, &descriptor_);
-  if (found == Found::kNone) {
-    EnterGate(parent.get());
-    found = FindFolder(parent.get(), prefix, user, name_, &descriptor_);
-    if (found == Found::kNone && MakeFolder(parent.get(), prefix))
-      FindFolder(parent.get(), prefix, user, name_, &descriptor_);
+  int found = -1;
+  Lookup lookup = FindFolder(parent.get(), prefix, user, name_, &found);
+  if (lookup == Lookup::kNone) {
+    WaitForOtherMakers(parent.get());
+    lookup = FindFolder(parent.get(), prefix, user, name_, &found);
+    if (lookup == Lookup::kNone && MakeFolder(parent.get(), prefix))
+      FindFolder(parent.get(), prefix, user, name_, &found);
     flock(parent.get(), LOCK_UN);
   }
-  if (descriptor_ < 0) *error = found == Found::kUnknown ? ERROR_NO_SYSTEM_RESOURCES : ERROR_ACCESS_DENIED;
+  folder_.Take(found);
+  if (folder_.get() < 0) *error = lookup == Lookup::kUnknown ? ERROR_NO_SYSTEM_RESOURCES : ERROR_ACCESS_DENIED;
   user_ = user;
-  return descriptor_;
+  return folder_.get();
 }
 
 bool SharedFolder::ForgetIfRemoved() {
   struct stat status;
-  if (descriptor_ >= 0 && fstat(descriptor_, &status) == 0 && status.st_nlink != 0) return false;
+  if (folder_.IsOurs(&status) && status.st_nlink != 0) return false;
   Forget();
   return true;
 }
 
-void SharedFolder::Forget() {
-  if (descriptor_ >= 0) close(descriptor_);
-  descriptor_ = -1;
-}
-
 void SharedFolder::RemoveIfEmpty() {
-  if (descriptor_ < 0) return;
+  if (!folder_.IsOurs()) return;
   const Descriptor parent(open(kSharedMemory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (parent.get() >= 0) unlinkat(parent.get(), name_, AT_REMOVEDIR);
+}
+
+void SharedFolder::RemoveUnheldFilesAndFolder() {
+  if (folder_.IsOurs()) RemoveUnheldFiles(folder_.get());
+  RemoveIfEmpty();
+  Forget();
 }
 
 }  // namespace qel::layer

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <ctime>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/objects/waitable.h"
 #include "qelibaselib/platform/linux/win32/synchapi.h"
 
@@ -24,9 +25,9 @@ int64_t DueTimeNs(int64_t units) {
 }
 
 // Whether it is signalled is worked out from the clock: it is from its due time on, until the due time is moved.
-class Timer final : public StoredObject {
+class TimerObject final : public StoredObject {
  public:
-  explicit Timer(StorageReference storage) : StoredObject(Kind::kTimer, std::move(storage)) {}
+  explicit TimerObject(StorageReference storage) : StoredObject(Kind::kTimer, std::move(storage)) {}
 
   Taken TryTake() override {
     int64_t due = state().dueNs.load();
@@ -52,7 +53,7 @@ class Timer final : public StoredObject {
     state().periodNs.store(periodNs);
     state().dueNs.store(dueNs);
     word().fetch_add(1);
-    Changed(word(), scope());
+    WakeWaitsFor(word(), scope());
   }
   // A timer that is signalled stays so.
   void Cancel() {
@@ -61,14 +62,9 @@ class Timer final : public StoredObject {
     while (due != kNever && due > MonotonicNs())
       if (state().dueNs.compare_exchange_weak(due, kNever)) break;
     word().fetch_add(1);
-    Changed(word(), scope());
+    WakeWaitsFor(word(), scope());
   }
 };
-
-BOOL Answer(DWORD error) {
-  if (error != ERROR_SUCCESS) SetLastError(error);
-  return error == ERROR_SUCCESS;
-}
 
 }  // namespace
 }  // namespace qel::layer
@@ -77,11 +73,11 @@ using namespace qel::layer;
 
 HANDLE CreateWaitableTimerA(LPSECURITY_ATTRIBUTES, BOOL manualReset, LPCSTR name) {
   const StorageRequest request = {.kind = Kind::kTimer, .parameter = manualReset != FALSE};
-  if (!name) return CreateStored<Timer>(nullptr, request);
+  if (!name) return CreateStored<TimerObject>(nullptr, request);
   wchar_t wide[MAX_PATH];
   for (size_t i = 0; i < MAX_PATH; ++i) {
     wide[i] = static_cast<unsigned char>(name[i]);
-    if (!name[i]) return CreateStored<Timer>(wide, request);
+    if (!name[i]) return CreateStored<TimerObject>(wide, request);
   }
   SetLastError(ERROR_FILENAME_EXCED_RANGE);
   return nullptr;
@@ -90,17 +86,17 @@ HANDLE CreateWaitableTimerA(LPSECURITY_ATTRIBUTES, BOOL manualReset, LPCSTR name
 BOOL SetWaitableTimer(HANDLE handle, const LARGE_INTEGER* dueTime, LONG periodMs, PTIMERAPCROUTINE completion, LPVOID,
                       BOOL resume) {
   const Pin pin(handle);
-  auto* timer = pin.As<Timer>(Kind::kTimer);
-  if (!timer) return Answer(ERROR_INVALID_HANDLE);
-  if (periodMs < 0 || !dueTime) return Answer(ERROR_INVALID_PARAMETER);
-  if (completion || resume) return Answer(ERROR_NOT_SUPPORTED);
+  auto* timer = pin.As<TimerObject>(Kind::kTimer);
+  if (!timer) return ReportResult(ERROR_INVALID_HANDLE);
+  if (periodMs < 0 || !dueTime) return ReportResult(ERROR_INVALID_PARAMETER);
+  if (completion || resume) return ReportResult(ERROR_NOT_SUPPORTED);
   timer->MoveTo(DueTimeNs(dueTime->QuadPart), periodMs * kNsPerMs);
   return TRUE;
 }
 
 BOOL CancelWaitableTimer(HANDLE handle) {
   const Pin pin(handle);
-  auto* timer = pin.As<Timer>(Kind::kTimer);
+  auto* timer = pin.As<TimerObject>(Kind::kTimer);
   if (timer) timer->Cancel();
-  return Answer(timer ? ERROR_SUCCESS : ERROR_INVALID_HANDLE);
+  return ReportResult(timer ? ERROR_SUCCESS : ERROR_INVALID_HANDLE);
 }

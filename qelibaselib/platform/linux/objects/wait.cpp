@@ -2,10 +2,8 @@
 #include <array>
 #include <optional>
 
+#include "qelibaselib/platform/linux/handles/pseudo_handle.h"
 #include "qelibaselib/platform/linux/objects/waitable.h"
-#include "qelibaselib/platform/linux/processes/process_object.h"
-#include "qelibaselib/platform/linux/threads/thread_object.h"
-#include "qelibaselib/platform/linux/win32/processthreadsapi.h"
 #include "qelibaselib/platform/linux/win32/synchapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 
@@ -91,16 +89,14 @@ DWORD WaitSeveral(Waitable* const* objects, DWORD count, Take take, int64_t dead
 }
 
 // What a wait keeps alive: the object behind a handle, the current process or the current thread.
-class Target {
+class WaitTarget {
  public:
-  explicit Target(HANDLE handle) : pin_(handle) {
+  explicit WaitTarget(HANDLE handle) : pin_(handle) {
     const Object* object = pin_.get();
     if (object && IsWaitable(object->kind()))
       object_ = static_cast<Waitable*>(pin_.get());
-    else if (handle == GetCurrentProcess())
-      object_ = CurrentProcess();
-    else if (handle == GetCurrentThread())
-      object_ = CurrentThread();
+    else if (!object)
+      object_ = static_cast<Waitable*>(FindPseudoObject(handle));  // processes and threads can be waited for
   }
   Waitable* get() const { return object_; }
 
@@ -109,19 +105,25 @@ class Target {
   Waitable* object_ = nullptr;
 };
 
-DWORD Fail(DWORD error) {
+bool HoldsOneTwice(Waitable* const* objects, DWORD count) {
+  for (DWORD i = 1; i < count; ++i)
+    if (std::find(objects, objects + i, objects[i]) != objects + i) return true;
+  return false;
+}
+
+DWORD FailWait(DWORD error) {
   SetLastError(error);
   return WAIT_FAILED;
 }
 
 }  // namespace
 
-void MutexChangedAmongSeveral() {
+void WakeSeveralWaitsForMutexes() {
   if (g_severalWaitsWithMutex.load() != 0) WakeSeveral();
 }
 
 // Everybody is woken: a wait for several objects that is woken for one of them may take another.
-void Changed(Word& word, Scope scope) {
+void WakeWaitsFor(Word& word, Scope scope) {
   WakeAll(word, scope);
   if (g_severalWaits.load() != 0) WakeSeveral();
 }
@@ -140,23 +142,22 @@ Taken Waitable::Wait(int64_t deadlineNs) {
 using namespace qel::layer;
 
 DWORD WaitForSingleObject(HANDLE handle, DWORD timeoutMs) {
-  const Target target(handle);
-  if (!target.get()) return Fail(ERROR_INVALID_HANDLE);
+  const WaitTarget target(handle);
+  if (!target.get()) return FailWait(ERROR_INVALID_HANDLE);
   Taken taken = target.get()->TryTake();
   if (taken == Taken::kNo && timeoutMs != 0) taken = target.get()->Wait(DeadlineNs(timeoutMs));
   return taken == Taken::kNo ? WAIT_TIMEOUT : ResultOf(taken, 0);
 }
 
 DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL all, DWORD timeoutMs) {
-  if (count == 0 || count > MAXIMUM_WAIT_OBJECTS) return Fail(ERROR_INVALID_PARAMETER);
-  std::array<std::optional<Target>, MAXIMUM_WAIT_OBJECTS> targets;
+  if (count == 0 || count > MAXIMUM_WAIT_OBJECTS) return FailWait(ERROR_INVALID_PARAMETER);
+  std::array<std::optional<WaitTarget>, MAXIMUM_WAIT_OBJECTS> targets;
   std::array<Waitable*, MAXIMUM_WAIT_OBJECTS> objects;
   for (DWORD i = 0; i < count; ++i) {
     objects[i] = targets[i].emplace(handles[i]).get();
-    if (!objects[i]) return Fail(ERROR_INVALID_HANDLE);
-    if (all && std::find(objects.begin(), objects.begin() + i, objects[i]) != objects.begin() + i)
-      return Fail(ERROR_INVALID_PARAMETER);
+    if (!objects[i]) return FailWait(ERROR_INVALID_HANDLE);
   }
+  if (all && HoldsOneTwice(objects.data(), count)) return FailWait(ERROR_INVALID_PARAMETER);
   const Take take = all ? TakeAll : TakeAny;
   if (timeoutMs == 0) return take(objects.data(), count);
   return WaitSeveral(objects.data(), count, take, DeadlineNs(timeoutMs));

@@ -12,8 +12,8 @@ namespace qel::layer {
 
 enum class Taken { kNo, kYes, kAbandoned };
 
-/// An object that can be waited for. Whatever could let TryTake begin to succeed changes the word and calls Changed;
-/// the passing of time is told by DueNs.
+/// An object that can be waited for. Whatever could let TryTake begin to succeed changes the word and calls
+/// WakeWaitsFor; the passing of time is told by DueNs.
 class Waitable : public Object {
  public:
   /// Takes the object if that needs no waiting.
@@ -38,9 +38,9 @@ class Waitable : public Object {
 constexpr bool IsWaitable(Kind kind) { return kind <= Kind::kProcess; }
 
 /// Wakes the waits that an object's change concerns; its word has been changed already.
-void Changed(Word& word, Scope scope);
+void WakeWaitsFor(Word& word, Scope scope);
 /// The same for a mutex, which has a sleep of its own: wakes the waits for several objects that include one.
-void MutexChangedAmongSeveral();
+void WakeSeveralWaitsForMutexes();
 
 /// An object with storage, which may be shared by name.
 class StoredObject : public Waitable {
@@ -63,8 +63,8 @@ HANDLE CreateStored(const wchar_t* name, const StorageRequest& request) {
   HANDLE handle = nullptr;
   if (storage) {
     T* object = new (std::nothrow) T(std::move(storage));
-    if constexpr (requires { object->TookAtCreation(); })
-      if (object && request.owned && result == ERROR_SUCCESS) object->TookAtCreation();
+    if constexpr (requires { object->RecordInitialOwner(); })
+      if (object && request.owned && result == ERROR_SUCCESS) object->RecordInitialOwner();
     handle = object ? InsertHandle(object) : nullptr;
     if (!handle) result = ERROR_NO_SYSTEM_RESOURCES;
   }

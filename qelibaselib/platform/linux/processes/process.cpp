@@ -1,16 +1,19 @@
-#include <sched.h>
+#include <fcntl.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
-#include <cstdlib>
+#include <bit>
+#include <cerrno>
 #include <cstring>
 
+#include "qelibaselib/platform/linux/base/descriptor.h"
 #include "qelibaselib/platform/linux/base/error.h"
-#include "qelibaselib/platform/linux/handles/inheritance.h"
+#include "qelibaselib/platform/linux/base/proc_file.h"
 #include "qelibaselib/platform/linux/processes/command_line.h"
+#include "qelibaselib/platform/linux/processes/inherited_events.h"
 #include "qelibaselib/platform/linux/processes/process_object.h"
 #include "qelibaselib/platform/linux/win32/processthreadsapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
@@ -22,23 +25,19 @@ constexpr int kMaskBits = 32;
 
 constinit std::atomic<DWORD> g_processId{0};  // stands in every log line
 
-BOOL Answer(DWORD error) {
-  if (error != ERROR_SUCCESS) SetLastError(error);
-  return error == ERROR_SUCCESS;
-}
-
 class ProcessTarget {
  public:
   explicit ProcessTarget(HANDLE handle)
-      : pin_(handle), process_(handle == GetCurrentProcess() ? CurrentProcess() : pin_.As<Process>(Kind::kProcess)) {
+      : pin_(handle),
+        process_(handle == GetCurrentProcess() ? CurrentProcess() : pin_.As<ProcessObject>(Kind::kProcess)) {
     if (!process_) SetLastError(ERROR_INVALID_HANDLE);
   }
   explicit operator bool() const { return process_ != nullptr; }
-  Process* operator->() const { return process_; }
+  ProcessObject* operator->() const { return process_; }
 
  private:
   const Pin pin_;
-  Process* const process_;
+  ProcessObject* const process_;
 };
 
 // The variables of a child: the own ones, with the list of what it inherits.
@@ -67,7 +66,7 @@ DWORD Spawn(std::string program, std::vector<std::string> arguments, bool inheri
   pointers.reserve(arguments.size() + 1);
   for (std::string& argument : arguments) pointers.push_back(argument.data());
   pointers.push_back(nullptr);
-  const InheritedEvents inherited = inherit ? ListInheritance() : InheritedEvents{};
+  const InheritedEvents inherited = inherit ? ListInheritedEvents() : InheritedEvents{};
   ChildEnvironment environment(inherited);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
@@ -79,7 +78,8 @@ DWORD Spawn(std::string program, std::vector<std::string> arguments, bool inheri
   return result == 0 ? ERROR_SUCCESS : ErrorFromErrno(result);
 }
 
-DWORD StartProcess(LPCSTR application, LPSTR commandLine, bool inherit, Reference<Process>* process) {
+DWORD StartProcess(LPCSTR application, LPSTR commandLine, bool inherit, Reference<ProcessObject>* process) {
+  if (application && !*application) return ERROR_PATH_NOT_FOUND;
   std::vector<std::string> arguments;
   if (commandLine) arguments = SplitCommandLine(commandLine);
   if (arguments.empty() && application) arguments.emplace_back(application);
@@ -87,7 +87,22 @@ DWORD StartProcess(LPCSTR application, LPSTR commandLine, bool inherit, Referenc
   std::string program = application ? application : arguments[0];
   pid_t child = 0;
   if (const DWORD error = Spawn(std::move(program), std::move(arguments), inherit, &child)) return error;
-  *process = Reference<Process>::Adopt(new Process(child));
+  *process = Reference<ProcessObject>::Adopt(new ProcessObject(child));
+  return ERROR_SUCCESS;
+}
+
+// The processors of a process by their numbers below 32. One that may run on others alone is told of as many of the
+// lowest, since a mask without a bit would mean that it cannot run at all.
+DWORD ReadAffinityMask(pid_t process, DWORD* mask) {
+  constexpr size_t kMostProcessors = 8192;
+  constexpr size_t kWordBits = 8 * sizeof(unsigned long);
+  unsigned long words[kMostProcessors / kWordBits] = {};
+  const long bytes = syscall(SYS_sched_getaffinity, process, sizeof words, words);
+  if (bytes <= 0) return ErrorFromErrno(errno);
+  int count = 0;
+  for (const unsigned long word : words) count += std::popcount(word);
+  *mask = static_cast<DWORD>(words[0]);
+  if (*mask == 0) *mask = static_cast<DWORD>((uint64_t{1} << std::clamp(count, 1, kMaskBits)) - 1);
   return ERROR_SUCCESS;
 }
 
@@ -115,13 +130,10 @@ DWORD GetCurrentProcessId() {
 BOOL GetProcessAffinityMask(HANDLE handle, PDWORD_PTR processMask, PDWORD_PTR systemMask) {
   const ProcessTarget process(handle);
   if (!process) return FALSE;
-  if (!processMask || !systemMask) return Answer(ERROR_INVALID_PARAMETER);
-  cpu_set_t set;
+  if (!processMask || !systemMask) return ReportResult(ERROR_INVALID_PARAMETER);
   const pid_t id = process->child() != 0 ? process->child() : getpid();  // its first thread: 0 would be the caller
-  if (sched_getaffinity(id, sizeof set, &set) != 0) return Answer(ErrorFromErrno(errno));
   DWORD mask = 0;
-  for (int i = 0; i < kMaskBits; ++i)
-    if (CPU_ISSET(i, &set)) mask |= 1ul << i;
+  if (const DWORD error = ReadAffinityMask(id, &mask)) return ReportResult(error);
   *processMask = mask;
   *systemMask = OnlineProcessorMask() | mask;
   return TRUE;
@@ -130,14 +142,20 @@ BOOL GetProcessAffinityMask(HANDLE handle, PDWORD_PTR processMask, PDWORD_PTR sy
 BOOL CreateProcessA(LPCSTR application, LPSTR commandLine, LPSECURITY_ATTRIBUTES, LPSECURITY_ATTRIBUTES,
                     BOOL inheritHandles, DWORD flags, LPVOID environment, LPCSTR folder, LPSTARTUPINFOA startup,
                     LPPROCESS_INFORMATION information) {
+  if (information) *information = {};
   const bool supported = flags == 0 && !environment && !folder && startup && information && startup->dwFlags == 0;
-  if (!supported) return Answer(ERROR_INVALID_PARAMETER);
-  Reference<Process> process;
+  if (!supported) return ReportResult(ERROR_INVALID_PARAMETER);
+  Reference<ProcessObject> process;
   const DWORD error = StartProcess(application, commandLine, inheritHandles != FALSE, &process);
-  if (error != ERROR_SUCCESS) return Answer(error);
+  if (error != ERROR_SUCCESS) return ReportResult(error);
+  const HANDLE handle = InsertHandle(Reference<ProcessObject>::Share(process.get()).Detach());
+  const HANDLE thread = InsertHandle(Reference<ProcessObject>::Share(process.get()).Detach());
+  if (!handle || !thread) {
+    if (handle) RemoveHandle(handle);
+    process->Kill(1);
+    return ReportResult(ERROR_TOO_MANY_OPEN_FILES);
+  }
   const auto id = static_cast<DWORD>(process->child());
-  const HANDLE handle = InsertHandle(Reference<Process>::Share(process.get()).Detach());
-  const HANDLE thread = InsertHandle(Reference<Process>::Share(process.get()).Detach());
   *information = {handle, thread, id, id};
   return TRUE;
 }
@@ -145,7 +163,7 @@ BOOL CreateProcessA(LPCSTR application, LPSTR commandLine, LPSECURITY_ATTRIBUTES
 BOOL TerminateProcess(HANDLE handle, UINT exitCode) {
   const ProcessTarget process(handle);
   if (!process) return FALSE;
-  return Answer(process->Kill(exitCode) ? ERROR_SUCCESS : ERROR_ACCESS_DENIED);
+  return ReportResult(process->Kill(exitCode) ? ERROR_SUCCESS : ERROR_ACCESS_DENIED);
 }
 
 BOOL GetExitCodeProcess(HANDLE handle, LPDWORD exitCode) {
@@ -156,13 +174,8 @@ BOOL GetExitCodeProcess(HANDLE handle, LPDWORD exitCode) {
 }
 
 BOOL IsDebuggerPresent() {
-  constexpr char kLine[] = "TracerPid:";
-  FILE* status = std::fopen("/proc/self/status", "re");
-  if (!status) return FALSE;
-  char line[256];
-  long tracer = 0;
-  while (std::fgets(line, sizeof line, status))
-    if (std::strncmp(line, kLine, sizeof kLine - 1) == 0) tracer = std::strtol(line + sizeof kLine - 1, nullptr, 10);
-  std::fclose(status);
-  return tracer != 0;
+  char text[4096];
+  const Descriptor status(open("/proc/self/status", O_RDONLY | O_CLOEXEC));
+  const ssize_t length = status.get() >= 0 ? read(status.get(), text, sizeof text) : 0;
+  return length > 0 && FieldReader({text, static_cast<size_t>(length)}).Find("TracerPid:") != 0;
 }

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "qelibaselib/platform/linux/base/descriptor.h"
-#include "qelibaselib/platform/linux/win32/processthreadsapi.h"
+#include "qelibaselib/platform/linux/handles/pseudo_handle.h"
 
 namespace qel::layer {
 namespace {
@@ -56,13 +56,13 @@ const ForkedPart kChildrenAtFork = {[] { g_childrenGate.lock(); },
                                       g_childrenGate.unlock();
                                     }};
 
-Process::~Process() {
+ProcessObject::~ProcessObject() {
   const std::lock_guard lock(g_childrenGate);
   if (!CollectIfEnded()) AddOrphan(child_);
 }
 
 // Whether the child has ended; its exit code is kept then. Under the gate.
-bool Process::CollectIfEnded() {
+bool ProcessObject::CollectIfEnded() {
   if (ended_.load() != 0) return true;
   int status = 0;
   const pid_t result = waitpid(child_, &status, WNOHANG);
@@ -74,13 +74,13 @@ bool Process::CollectIfEnded() {
   return true;
 }
 
-bool Process::IsReady() {
+bool ProcessObject::IsReady() {
   if (child_ == 0) return false;
   const std::lock_guard lock(g_childrenGate);
   return CollectIfEnded();
 }
 
-Taken Process::Wait(int64_t deadlineNs) {
+Taken ProcessObject::Wait(int64_t deadlineNs) {
   const Descriptor end(child_ == 0 ? -1 : OpenEndOf(child_));
   for (;;) {
     if (IsReady()) return Taken::kYes;
@@ -94,7 +94,7 @@ Taken Process::Wait(int64_t deadlineNs) {
 
 // The host may collect the child between our look and the signal, and the number be another process's by then: the
 // signal goes through a descriptor that was opened while the child was there.
-bool Process::Kill(DWORD exitCode) {
+bool ProcessObject::Kill(DWORD exitCode) {
   if (child_ == 0) _exit(static_cast<int>(exitCode));
   const std::lock_guard lock(g_childrenGate);
   const Descriptor child(OpenEndOf(child_));
@@ -105,7 +105,7 @@ bool Process::Kill(DWORD exitCode) {
   return kill(child_, SIGKILL) == 0;
 }
 
-DWORD Process::ExitCode() {
+DWORD ProcessObject::ExitCode() {
   if (!IsReady()) return STILL_ACTIVE;
   const std::lock_guard lock(g_childrenGate);
   return exitCode_;
@@ -113,10 +113,11 @@ DWORD Process::ExitCode() {
 
 // In memory of its own, made when the layer is loaded: a lock around its making would be one more for a fork.
 namespace {
-alignas(Process) constinit std::byte g_currentProcess[sizeof(Process)] = {};
-__attribute__((constructor)) void MakeCurrentProcess() { new (g_currentProcess) Process(0); }
+alignas(ProcessObject) constinit std::byte g_currentProcess[sizeof(ProcessObject)] = {};
+__attribute__((constructor)) void MakeCurrentProcess() { new (g_currentProcess) ProcessObject(0); }
 }  // namespace
 
-Process* CurrentProcess() { return reinterpret_cast<Process*>(g_currentProcess); }
+Object* CurrentProcessObject() { return CurrentProcess(); }
+ProcessObject* CurrentProcess() { return reinterpret_cast<ProcessObject*>(g_currentProcess); }
 
 }  // namespace qel::layer

@@ -11,10 +11,10 @@ namespace qel::layer {
 /// A child stays in the kernel's table until its exit code is collected; its number is the child's only until then. So
 /// one lock of the process stands around every collecting and every signal to a child. A child whose last handle is
 /// closed before it ends is collected when the next one is.
-class Process final : public Waitable {
+class ProcessObject final : public Waitable {
  public:
   /// 0: the own process.
-  explicit Process(pid_t child) : Waitable(Kind::kProcess), child_(child) {}
+  explicit ProcessObject(pid_t child) : Waitable(Kind::kProcess), child_(child) {}
   Taken TryTake() override { return IsReady() ? Taken::kYes : Taken::kNo; }
   bool IsReady() override;
   void PutBack(Taken) override {}
@@ -27,7 +27,7 @@ class Process final : public Waitable {
   pid_t child() const { return child_; }
 
  private:
-  ~Process() override;
+  ~ProcessObject() override;
   bool CollectIfEnded();
 
   const pid_t child_;
@@ -37,7 +37,7 @@ class Process final : public Waitable {
 };
 
 /// Lives for ever.
-Process* CurrentProcess();
+ProcessObject* CurrentProcess();
 
 /// In a forked child.
 void ForgetProcessId();

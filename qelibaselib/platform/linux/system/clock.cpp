@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "qelibaselib/platform/linux/base/coarse_clock.h"
 #include "qelibaselib/platform/linux/system/time_zone.h"
 #include "qelibaselib/platform/linux/win32/sysinfoapi.h"
 
@@ -33,10 +34,7 @@ void GetLocalTime(LPSYSTEMTIME time) {
 }
 
 // In steps of the system's timer, as on Windows: costs a quarter of the exact time.
-DWORD GetTickCount() {
-  const timespec now = Now(CLOCK_MONOTONIC_COARSE);
-  return static_cast<DWORD>(now.tv_sec * 1000ull + now.tv_nsec / kNanosecondsPerMs);
-}
+DWORD GetTickCount() { return static_cast<DWORD>(qel::layer::CoarseNs() / kNanosecondsPerMs); }
 
 BOOL QueryPerformanceCounter(PLARGE_INTEGER count) {
   const timespec now = Now(CLOCK_MONOTONIC);

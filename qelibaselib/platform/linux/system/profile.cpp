@@ -1,13 +1,13 @@
 // What a profile says is run as a command, so a file counts only when nobody but its user or root can have written it.
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <new>
 #include <string>
 
+#include "qelibaselib/platform/linux/base/descriptor.h"
 #include "qelibaselib/platform/linux/base/small_file.h"
 #include "qelibaselib/platform/linux/system/profile_text.h"
 #include "qelibaselib/platform/linux/win32/sysinfoapi.h"
@@ -25,10 +25,9 @@ bool IsTrusted(int descriptor) {
 std::string ReadTrusted(const std::string& path) {
   constexpr size_t kLimitBytes = 256 << 10;
   std::string text;
-  const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-  if (descriptor < 0) return text;
-  if (!IsTrusted(descriptor) || !ReadWhole(descriptor, kLimitBytes, &text)) text.clear();
-  close(descriptor);
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  if (file.get() < 0) return text;
+  if (!IsTrusted(file.get()) || !ReadWhole(file.get(), kLimitBytes, &text)) text.clear();
   return text;
 }
 
@@ -50,7 +49,7 @@ DWORD CopyValue(std::string_view value, LPSTR text, DWORD size) {
   return length;
 }
 
-DWORD Find(LPCSTR section, LPCSTR key, LPCSTR fallback, LPSTR text, DWORD size) {
+DWORD CopyProfileValue(LPCSTR section, LPCSTR key, LPCSTR fallback, LPSTR text, DWORD size) {
   for (const std::string& path : {OwnProfilePath(), std::string("/etc/qelibaselib/win.ini")}) {
     const std::string profile = ReadTrusted(path);
     if (const auto value = ProfileValue(profile, section, key)) return CopyValue(*value, text, size);
@@ -67,7 +66,7 @@ DWORD GetProfileStringA(LPCSTR section, LPCSTR key, LPCSTR fallback, LPSTR text,
     SetLastError(ERROR_INVALID_PARAMETER);
     return 0;
   }
-  const DWORD length = qel::layer::Find(section, key, fallback, text, size);
+  const DWORD length = qel::layer::CopyProfileValue(section, key, fallback, text, size);
   SetLastError(ERROR_SUCCESS);
   return length;
 } catch (const std::bad_alloc&) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/memory/regions.h"
 #include "qelibaselib/platform/linux/win32/processthreadsapi.h"
 #include "qelibaselib/platform/linux/win32/sysinfoapi.h"
@@ -57,19 +58,19 @@ SIZE_T LimitOf(__rlimit_resource resource) {
 }  // namespace
 }  // namespace qel::layer
 
-// Asked once: the chunk sizes of every transfer come from here.
-void GetSystemInfo(LPSYSTEM_INFO information) {
-  static const SYSTEM_INFO system = qel::layer::AskSystem();
-  *information = system;
-}
+// Asked when the layer is loaded: the chunk sizes of every transfer come from here, and a lock around the first
+// question would be one more for a fork.
+namespace {
+SYSTEM_INFO g_system;
+__attribute__((constructor)) void LearnSystem() { g_system = qel::layer::AskSystem(); }
+}  // namespace
+
+void GetSystemInfo(LPSYSTEM_INFO information) { *information = g_system; }
 
 // The minimum is what may be locked in memory, the maximum what may be resident at all: neither is more than the
 // physical memory that the machine or the container leaves to its processes.
 BOOL GetProcessWorkingSetSize(HANDLE process, PSIZE_T minimum, PSIZE_T maximum) {
-  if (process != GetCurrentProcess()) {
-    SetLastError(ERROR_INVALID_HANDLE);
-    return FALSE;
-  }
+  if (process != GetCurrentProcess()) return qel::layer::ReportResult(ERROR_INVALID_HANDLE);
   MEMORYSTATUSEX memory = {};
   memory.dwLength = sizeof memory;
   GlobalMemoryStatusEx(&memory);

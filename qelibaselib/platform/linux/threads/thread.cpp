@@ -1,5 +1,7 @@
 #include <cxxabi.h>
+#include <dlfcn.h>
 #include <limits.h>
+#include <link.h>
 #include <pthread.h>
 #include <sched.h>
 #include <unistd.h>
@@ -10,6 +12,7 @@
 #include <ctime>
 #include <memory>
 
+#include "qelibaselib/platform/linux/handles/pseudo_handle.h"
 #include "qelibaselib/platform/linux/modules/module_list.h"
 #include "qelibaselib/platform/linux/objects/mutex.h"
 #include "qelibaselib/platform/linux/threads/thread_data.h"
@@ -30,6 +33,21 @@ constexpr SIZE_T kLeastStackBytes = 256 * 1024;
 constexpr SIZE_T kStackUnitBytes = 64 * 1024;
 constexpr int kDetachRounds = 4;  // a detach may fill a slot again
 
+// A module that starts a thread may be unloaded while that thread runs its code. So each thread of CreateThread holds a
+// reference to the module of its routine until everything that its end calls is done. The layer itself is never
+// unloaded. Null for the program's own code, which stays anyway, and without memory.
+void* HoldModuleOf(LPTHREAD_START_ROUTINE routine) {
+  Dl_info info;
+  void* found = nullptr;
+  if (dladdr1(reinterpret_cast<void*>(routine), &info, &found, RTLD_DL_LINKMAP) == 0 || !found) return nullptr;
+  const char* const name = static_cast<const link_map*>(found)->l_name;
+  return name[0] ? dlopen(name, RTLD_LAZY | RTLD_NOLOAD) : nullptr;
+}
+
+void ReleaseModule(void* module) {
+  if (module) dlclose(module);
+}
+
 // In this order: the modules may still log and lock while they detach; who waits for the thread finds all of it done.
 void EndThread(void*) {
   ThreadData& thread = t_thread;
@@ -39,13 +57,14 @@ void EndThread(void*) {
   FreeSnapshot();
   FreeThreadLocale();
   AbandonMutexes();
-  if (Thread* object = std::exchange(thread.object, nullptr)) {
+  if (ThreadObject* object = std::exchange(thread.object, nullptr)) {
     object->SignalEnd();
     object->Release();
   }
   // A destructor of the host's that runs after this one and calls the library arms the thread's end once more.
   thread.endArmed = false;
   thread.attached = false;
+  ReleaseModule(std::exchange(thread.module, nullptr));
 }
 
 // For a thread that is armed while there is no memory: the C library would end the process. The first keys of a process
@@ -61,21 +80,23 @@ bool HeapIsUsedUp() {
   return !memory;
 }
 
-struct Start {
-  Reference<Thread> thread;
+struct ThreadStart {
+  Reference<ThreadObject> thread;
   LPTHREAD_START_ROUTINE routine;
   LPVOID argument;
+  void* module;
 };
 
 void* RunThread(void* memory) {
-  Thread* object;
+  ThreadObject* object;
   LPTHREAD_START_ROUTINE routine;
   LPVOID argument;
   {
-    const std::unique_ptr<Start> start(static_cast<Start*>(memory));
+    const std::unique_ptr<ThreadStart> start(static_cast<ThreadStart*>(memory));
     object = start->thread.Detach();
     routine = start->routine;
     argument = start->argument;
+    t_thread.module = start->module;
   }
   t_thread.object = object;
   t_thread.attached = true;
@@ -88,7 +109,7 @@ void* RunThread(void* memory) {
   return nullptr;
 }
 
-bool StartThread(std::unique_ptr<Start> start, SIZE_T stackBytes) {
+bool StartThread(std::unique_ptr<ThreadStart> start, SIZE_T stackBytes) {
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
@@ -100,7 +121,10 @@ bool StartThread(std::unique_ptr<Start> start, SIZE_T stackBytes) {
   }
   pthread_t ignored;
   started = started && pthread_create(&ignored, &attributes, RunThread, start.get()) == 0;
-  if (started) static_cast<void>(start.release());
+  if (started)
+    static_cast<void>(start.release());
+  else
+    ReleaseModule(start->module);
   pthread_attr_destroy(&attributes);
   return started;
 }
@@ -109,15 +133,15 @@ bool StartThread(std::unique_ptr<Start> start, SIZE_T stackBytes) {
 class ThreadTarget {
  public:
   explicit ThreadTarget(HANDLE handle)
-      : pin_(handle), thread_(handle == GetCurrentThread() ? CurrentThread() : pin_.As<Thread>(Kind::kThread)) {
+      : pin_(handle), thread_(handle == GetCurrentThread() ? CurrentThread() : pin_.As<ThreadObject>(Kind::kThread)) {
     if (!thread_) SetLastError(ERROR_INVALID_HANDLE);
   }
   explicit operator bool() const { return thread_ != nullptr; }
-  Thread* operator->() const { return thread_; }
+  ThreadObject* operator->() const { return thread_; }
 
  private:
   const Pin pin_;
-  Thread* const thread_;
+  ThreadObject* const thread_;
 };
 
 bool IsPriority(int priority) {
@@ -137,16 +161,16 @@ void ArmThreadEndSlowly() {
   __cxxabiv1::__cxa_thread_atexit(&EndThread, nullptr, &__dso_handle);
 }
 
-void Thread::SignalEnd() {
+void ThreadObject::SignalEnd() {
   DWORD active = STILL_ACTIVE;
   exitCode.compare_exchange_strong(active, 0);  // of a thread that the layer did not start
   ended_.store(1);
-  Changed(ended_, Scope::kProcess);
+  WakeWaitsFor(ended_, Scope::kProcess);
 }
 
-Thread* CurrentThread() {
+ThreadObject* CurrentThread() {
   if (!t_thread.object) {
-    auto* object = new (std::nothrow) Thread;
+    auto* object = new (std::nothrow) ThreadObject;
     if (!object) return nullptr;
     object->id.store(GetCurrentThreadId());
     t_thread.object = object;
@@ -154,6 +178,8 @@ Thread* CurrentThread() {
   }
   return t_thread.object;
 }
+
+Object* CurrentThreadObject() { return CurrentThread(); }
 
 }  // namespace qel::layer
 
@@ -165,13 +191,13 @@ HANDLE CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T stackSize, LPTHREAD_START_ROUT
     SetLastError(ERROR_INVALID_PARAMETER);
     return nullptr;
   }
-  auto thread = Reference<Thread>::Adopt(new (std::nothrow) Thread);
-  std::unique_ptr<Start> start(thread ? new (std::nothrow) Start : nullptr);
+  auto thread = Reference<ThreadObject>::Adopt(new (std::nothrow) ThreadObject);
+  std::unique_ptr<ThreadStart> start(thread ? new (std::nothrow) ThreadStart : nullptr);
   HANDLE handle = nullptr;
   if (start) {
     thread->suspended.store(flags == CREATE_SUSPENDED);
-    *start = {Reference<Thread>::Share(thread.get()), routine, argument};
-    handle = InsertHandle(Reference<Thread>::Share(thread.get()).Detach());
+    *start = {Reference<ThreadObject>::Share(thread.get()), routine, argument, HoldModuleOf(routine)};
+    handle = InsertHandle(Reference<ThreadObject>::Share(thread.get()).Detach());
   }
   if (!handle || !StartThread(std::move(start), stackSize)) {
     if (handle) RemoveHandle(handle);

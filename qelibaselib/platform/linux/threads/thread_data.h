@@ -7,7 +7,7 @@
 namespace qel::layer {
 
 class Storage;
-class Thread;
+class ThreadObject;
 
 struct ThreadSlot {
   LPVOID value;
@@ -20,9 +20,10 @@ struct ThreadData {
   DWORD id;                  ///< 0 until it is asked for
   bool endArmed;             ///< EndThread will run
   bool attached;             ///< the modules are owed a detach
-  Thread* object;            ///< a reference of the thread's own; null until it is asked for
+  ThreadObject* object;      ///< a reference of the thread's own; null until it is asked for
   Storage* owned;            ///< mutexes that the thread owns
   ThreadSlot* furtherSlots;  ///< made when the first of them is set
+  void* module;              ///< keeps the code of a thread of CreateThread loaded, see thread.cpp
 };
 // In every thread's fixed block: each wait and release looks here, and a few words fit even when loaded late.
 extern thread_local constinit ThreadData t_thread;

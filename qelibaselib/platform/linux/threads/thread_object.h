@@ -6,9 +6,9 @@
 
 namespace qel::layer {
 
-class Thread final : public Waitable {
+class ThreadObject final : public Waitable {
  public:
-  Thread() : Waitable(Kind::kThread) {}
+  ThreadObject() : Waitable(Kind::kThread) {}
   Taken TryTake() override { return IsReady() ? Taken::kYes : Taken::kNo; }
   bool IsReady() override { return ended_.load() != 0; }
   void PutBack(Taken) override {}
@@ -26,6 +26,6 @@ class Thread final : public Waitable {
 };
 
 /// The calling thread's object, which the thread itself keeps alive. Null when memory is out.
-Thread* CurrentThread();
+ThreadObject* CurrentThread();
 
 }  // namespace qel::layer

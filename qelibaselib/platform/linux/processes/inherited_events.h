@@ -1,6 +1,6 @@
 /// @file
-/// Handles that a started process has, too. Of all objects only unnamed events can be inherited: a debugger is handed
-/// one to signal when it is attached.
+/// Handles that a process which is started by this one has, too. Of all objects only unnamed events can be inherited: a
+/// debugger is handed one to signal when it is attached.
 ///
 /// The event's memory is behind a descriptor that the child gets under the same number. The variable
 /// QEL_INHERITED_EVENTS tells it which handle that is: "<handle>:<descriptor>" in hexadecimal and decimal, with ";"
@@ -10,27 +10,21 @@
 #include <string>
 #include <vector>
 
-#include "qelibaselib/platform/linux/base/forked_part.h"
 #include "qelibaselib/platform/linux/objects/event.h"
 
 namespace qel::layer {
 
 inline constexpr char kInheritedEventsVariable[] = "QEL_INHERITED_EVENTS";
 
-/// Marks the handle of an event that was made with inheritable storage.
-void AllowInheritance(HANDLE event);
-
 struct InheritedEvents {
-  std::string value;                      ///< of the variable; empty when there are none
-  std::vector<int> descriptors;           ///< to be left open in the child
-  std::vector<Reference<Event>> objects;  ///< keeps the descriptors valid
+  std::string value;                            ///< of the variable; empty when there are none
+  std::vector<int> descriptors;                 ///< to be left open in the child
+  std::vector<Reference<EventObject>> objects;  ///< keeps the descriptors valid
 };
 /// The events that a process started now inherits.
-InheritedEvents ListInheritance();
+InheritedEvents ListInheritedEvents();
 
 /// In the child, before any handle is given out.
-void AdoptInheritance();
-
-extern const ForkedPart kInheritanceAtFork;
+void AdoptInheritedEvents();
 
 }  // namespace qel::layer

@@ -168,6 +168,12 @@ TEST(PageSet, AgreesWithSinglePages) {
     uint32_t change = probe;
     while (change < 64 && pages[change] == pages[probe]) ++change;
     ASSERT_EQ(set.ChangeAfter(probe * kPageSize, 64 * kPageSize), change * kPageSize) << i;
+    std::vector<bool> within(64);
+    set.Within(start * kPageSize, end * kPageSize).ForEach([&](uint32_t first, uint64_t last) {
+      for (uint64_t page = first / kPageSize; page < last / kPageSize; ++page) within[page] = true;
+    });
+    for (uint32_t page = 0; page < 64; ++page)
+      ASSERT_EQ(within[page], pages[page] && page >= start && page < end) << i << ' ' << page;
   }
 }
 

@@ -93,6 +93,12 @@ TEST(Shortage, EndsInAnErrorOrNeedsNothing) {
     EXPECT_EQ(ChildProcess(role).Wait(), 0) << role;
 }
 
+std::string LockedKilobytes() {
+  const std::string status = ReadWholeFile("/proc/self/status");
+  const size_t start = status.find_first_of("0123456789", status.find("VmLck:"));
+  return status.substr(start, status.find('\n', start) - start);
+}
+
 TEST(Shortage, MoreThanMayBeLocked) {
   if (geteuid() != 0) GTEST_SKIP() << "needs to be root, to give the right up";
   const pid_t child = fork();  // without the right to lock more than the limit
@@ -100,8 +106,9 @@ TEST(Shortage, MoreThanMayBeLocked) {
     const rlimit limit = {64 << 10, 64 << 10};
     const bool ready = setrlimit(RLIMIT_MEMLOCK, &limit) == 0 && setuid(65534) == 0;
     void* const block = VirtualAlloc(nullptr, 1 << 20, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
+    const bool locked = VirtualLock(block, 4096);
     const bool refused = !VirtualLock(block, 1 << 20) && GetLastError() == ERROR_WORKING_SET_QUOTA;
-    _exit(ready && refused && VirtualLock(block, 4096) ? 0 : 1);
+    _exit(ready && locked && refused && LockedKilobytes() == "4 kB" ? 0 : 1);  // what was locked before stays so
   }
   int status = -1;
   waitpid(child, &status, 0);

@@ -22,14 +22,14 @@ constexpr DWORDLONG kTotalVirtualBytes = 0x7FFE0000;
 constinit ProcFile g_machine("/proc/meminfo", "MemTotal:");
 constinit ProcFile g_process("/proc/self/statm", "");
 
-// How many pages this process has mapped, from the last few milliseconds: one reading costs a fifth of the whole
-// status. The pages, and under which circumstances they were counted, are one word, so that threads never mix two
+// Reading how many pages this process has mapped costs a fifth of the whole status, so the last answer is kept for a
+// few milliseconds. It stands in one word with the key that it was counted under, so that threads never mix two
 // answers.
-constexpr uint32_t kPageCountBits = 24, kCircumstanceBits = 40;
+constexpr uint32_t kPageCountBits = 24, kCacheKeyBits = 40;
 constexpr uint64_t kUnknown = ~uint64_t{0};
 constinit std::atomic<uint64_t> g_mapped{kUnknown};
 
-// The second file goes on telling of the parent.
+// In a forked child the second file, where it is still open, goes on telling of the parent.
 __attribute__((constructor)) void ReopenInForkedChildren() {
   pthread_atfork(nullptr, nullptr, [] {
     g_process.CloseInChild();
@@ -37,31 +37,31 @@ __attribute__((constructor)) void ReopenInForkedChildren() {
   });
 }
 
-// A time of about 10 ms and the views and blocks that were given out or back.
-uint64_t Circumstances() {
+// Differs after about 10 ms, and after a view or block was given out or back.
+uint64_t CurrentCacheKey() {
   constexpr int64_t kPeriodMs = 10;
   timespec now;
   clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
   const uint64_t period = (now.tv_sec * 1000ll + now.tv_nsec / 1'000'000) / kPeriodMs;
-  return (period << 20 | (RegionChanges() & 0xFFFFF)) & ((uint64_t{1} << kCircumstanceBits) - 1);
+  return (period << 20 | (RegionChanges() & 0xFFFFF)) & ((uint64_t{1} << kCacheKeyBits) - 1);
 }
 
-uint32_t MappedPages() {
-  const uint64_t circumstances = Circumstances();
+uint32_t CountMappedPages() {
+  const uint64_t key = CurrentCacheKey();
   const uint64_t known = g_mapped.load(std::memory_order_relaxed);
-  if (known != kUnknown && known >> kPageCountBits == circumstances) return known & ((1u << kPageCountBits) - 1);
+  if (known != kUnknown && known >> kPageCountBits == key) return known & ((1u << kPageCountBits) - 1);
   char buffer[128];
   const uint32_t pages = LeadingNumber(g_process.Read(buffer, sizeof buffer));
-  g_mapped.store(circumstances << kPageCountBits | pages, std::memory_order_relaxed);
+  g_mapped.store(key << kPageCountBits | pages, std::memory_order_relaxed);
   return pages;
 }
 
-struct Machine {
+struct MachineMemory {
   DWORDLONG total, available, totalSwap, freeSwap;
 };
 
 // Where /proc is not mounted; the page cache counts as used then.
-Machine AskKernel() {
+MachineMemory AskWithoutFiles() {
   struct sysinfo info = {};
   sysinfo(&info);
   const DWORDLONG unit = info.mem_unit;
@@ -69,14 +69,14 @@ Machine AskKernel() {
           info.freeswap * unit};
 }
 
-Machine AskMachine() {
+MachineMemory AskMachine() {
   constexpr DWORDLONG kBytesPerKilobyte = 1024;
   char buffer[2048];  // the fields asked for stand in the first few hundred bytes
   const std::string_view text = g_machine.Read(buffer, sizeof buffer);
   FieldReader fields(text);
-  Machine machine = {fields.Find("MemTotal:"), fields.Find("MemAvailable:"), fields.Find("SwapTotal:"),
-                     fields.Find("SwapFree:")};
-  if (machine.total == 0) return AskKernel();
+  MachineMemory machine = {fields.Find("MemTotal:"), fields.Find("MemAvailable:"), fields.Find("SwapTotal:"),
+                           fields.Find("SwapFree:")};
+  if (machine.total == 0) return AskWithoutFiles();
   for (DWORDLONG* field : {&machine.total, &machine.available, &machine.totalSwap, &machine.freeSwap})
     *field *= kBytesPerKilobyte;
   return machine;
@@ -84,7 +84,7 @@ Machine AskMachine() {
 
 // The address space less what this process has mapped anywhere, as it may also have mapped above 2 GiB.
 DWORDLONG AvailableVirtualBytes() {
-  const DWORDLONG mapped = DWORDLONG{MappedPages()} * kPageSize;
+  const DWORDLONG mapped = DWORDLONG{CountMappedPages()} * kPageSize;
   return kTotalVirtualBytes - std::min(mapped, kTotalVirtualBytes);
 }
 
@@ -97,7 +97,7 @@ BOOL GlobalMemoryStatusEx(LPMEMORYSTATUSEX status) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return FALSE;
   }
-  const Machine machine = AskMachine();
+  const MachineMemory machine = AskMachine();
   const ContainerMemory container = AskContainerMemory();
   const DWORDLONG total = std::min<DWORDLONG>(machine.total, container.total);
   const DWORDLONG available = std::min({machine.available, DWORDLONG{container.available}, total});

@@ -46,7 +46,7 @@ DWORD CheckCommit(uint64_t bytes) {
   return bytes > status.ullAvailPageFile ? ERROR_COMMITMENT_LIMIT : ERROR_SUCCESS;
 }
 
-DWORD MakePageFile(Mapping::Contents* contents) {
+DWORD MakeMemory(Mapping::Contents* contents) {
   Descriptor memory(memfd_create("qel-mapping", MFD_CLOEXEC));
   if (memory.get() < 0) return ErrorFromErrno(errno);
   const auto bytes = static_cast<off_t>(RoundUp(contents->bytes, kPageSize));
@@ -55,9 +55,9 @@ DWORD MakePageFile(Mapping::Contents* contents) {
   return ERROR_SUCCESS;
 }
 
-// A file system that fills up half-way may have made the file longer already. A size that it cannot have at all does
-// not fit either.
-DWORD Extend(int descriptor, off_t size, off_t wanted) {
+// A file system that fills up half-way may have made the file longer already, so the old size is put back. A size that
+// the file system cannot have at all counts as one that does not fit.
+DWORD GrowWholly(int descriptor, off_t size, off_t wanted) {
   const DWORD error = GrowFile(descriptor, size, wanted);
   struct stat status;
   if (error != ERROR_SUCCESS && fstat(descriptor, &status) == 0 && status.st_size > size && status.st_size < wanted) {
@@ -67,7 +67,7 @@ DWORD Extend(int descriptor, off_t size, off_t wanted) {
 }
 
 // The size of the mapping, for which the file grows where that is allowed.
-DWORD SetSize(int descriptor, uint64_t wanted, Mapping::Contents* contents) {
+DWORD DecideSize(int descriptor, uint64_t wanted, Mapping::Contents* contents) {
   struct stat status;
   if (fstat(descriptor, &status) != 0) return ErrorFromErrno(errno);
   const uint64_t size = status.st_size;
@@ -75,10 +75,10 @@ DWORD SetSize(int descriptor, uint64_t wanted, Mapping::Contents* contents) {
   contents->bytes = wanted ? wanted : size;
   if (wanted <= size) return ERROR_SUCCESS;
   if (contents->protection != PAGE_READWRITE) return ERROR_NOT_ENOUGH_MEMORY;
-  return wanted > INT64_MAX ? ERROR_DISK_FULL : Extend(descriptor, status.st_size, static_cast<off_t>(wanted));
+  return wanted > INT64_MAX ? ERROR_DISK_FULL : GrowWholly(descriptor, status.st_size, static_cast<off_t>(wanted));
 }
 
-DWORD UseFile(HANDLE handle, uint64_t wanted, Mapping::Contents* contents) {
+DWORD HoldFileOf(HANDLE handle, uint64_t wanted, Mapping::Contents* contents) {
   const Pin pin(handle);
   const auto* const file = pin.As<FileObject>(Kind::kFile);
   if (!file) return ERROR_INVALID_HANDLE;
@@ -89,7 +89,7 @@ DWORD UseFile(HANDLE handle, uint64_t wanted, Mapping::Contents* contents) {
   if (const DWORD error = held->HoldFile(file->Marks(), contents->protection == PAGE_READWRITE)) return error;
   contents->descriptor = held;
   contents->isFile = true;
-  return SetSize(held->get(), wanted, contents);  // once nobody can cut it any more
+  return DecideSize(held->get(), wanted, contents);  // once nobody can cut it any more
 }
 
 Mapping::Rights RightsFor(DWORD protection) { return {true, protection == PAGE_READWRITE}; }
@@ -100,14 +100,14 @@ DWORD MakeHandle(Mapping::Contents&& contents, Mapping::Rights rights, StorageRe
 }
 
 // ERROR_ALREADY_EXISTS comes with a handle.
-DWORD Create(HANDLE file, DWORD protection, uint64_t bytes, LPCWSTR name, HANDLE* handle) try {
+DWORD CreateMapping(HANDLE file, DWORD protection, uint64_t bytes, LPCWSTR name, HANDLE* handle) try {
   if (!IsKnownProtection(protection)) return ERROR_INVALID_PARAMETER;
   const bool isFile = file && file != INVALID_HANDLE_VALUE;
   const bool isNamed = name && name[0];
   Mapping::Contents contents = {nullptr, 0, bytes, protection, false};
   if (!isFile && bytes == 0) return ERROR_INVALID_PARAMETER;
-  DWORD error = isFile ? UseFile(file, bytes, &contents) : CheckCommit(bytes);
-  if (error == ERROR_SUCCESS && !isFile && !isNamed) error = MakePageFile(&contents);
+  DWORD error = isFile ? HoldFileOf(file, bytes, &contents) : CheckCommit(bytes);
+  if (error == ERROR_SUCCESS && !isFile && !isNamed) error = MakeMemory(&contents);
   if (error != ERROR_SUCCESS) return error;
   StorageReference storage;
   if (isNamed) error = CreateNamedSection(name, &contents, &storage);
@@ -118,7 +118,7 @@ DWORD Create(HANDLE file, DWORD protection, uint64_t bytes, LPCWSTR name, HANDLE
   return ERROR_NOT_ENOUGH_MEMORY;
 }
 
-DWORD Open(DWORD access, LPCWSTR name, HANDLE* handle) try {
+DWORD OpenMapping(DWORD access, LPCWSTR name, HANDLE* handle) try {
   if (!name || (access & ~FILE_MAP_ALL_ACCESS) != 0) return ERROR_INVALID_PARAMETER;
   if (!name[0]) return ERROR_INVALID_HANDLE;
   Mapping::Contents contents = {};
@@ -138,13 +138,13 @@ DWORD Open(DWORD access, LPCWSTR name, HANDLE* handle) try {
 HANDLE CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES, DWORD protection, DWORD sizeHigh, DWORD sizeLow,
                           LPCWSTR name) {
   HANDLE handle = nullptr;
-  SetLastError(qel::layer::Create(file, protection, uint64_t{sizeHigh} << 32 | sizeLow, name, &handle));
+  SetLastError(qel::layer::CreateMapping(file, protection, uint64_t{sizeHigh} << 32 | sizeLow, name, &handle));
   return handle;
 }
 
 HANDLE OpenFileMappingW(DWORD access, BOOL, LPCWSTR name) {
   HANDLE handle = nullptr;
-  const DWORD error = qel::layer::Open(access, name, &handle);
+  const DWORD error = qel::layer::OpenMapping(access, name, &handle);
   if (error != ERROR_SUCCESS) SetLastError(error);
   return handle;
 }

@@ -1,4 +1,5 @@
-// The kernel does not say which pages are locked, so the ranges are remembered here; locks do not nest, as on Windows.
+// The kernel locks pages in memory, but does not say which are locked. VirtualUnlock must refuse pages that are not, so
+// the locked ranges are remembered here. Locks do not nest, as on Windows: one unlock undoes any number of locks.
 #include "qelibaselib/platform/linux/memory/page_locks.h"
 
 #include <sys/syscall.h>
@@ -40,25 +41,29 @@ bool AreAllAccessible(const PageRange& pages) {
          }) == ERROR_SUCCESS;
 }
 
-DWORD LockInMemory(LPVOID address, SIZE_T size) {
+// A lock that failed may have locked a part. Those pages of it that were locked before stay so.
+void UndoLock(const PageRange& pages) {
+  UnlockPages(pages.start, pages.end);
+  const std::lock_guard lock(g_mutex);
+  LockedPages().Within(pages.start, pages.end).ForEach([](uint32_t start, uint64_t end) { LockPages(start, end); });
+}
+
+DWORD LockInMemory(LPVOID address, SIZE_T size) try {
   const PageRange pages = PagesHolding(address, size);
   if (!IsValid(size, pages)) return ERROR_INVALID_PARAMETER;
   if (!LockPages(pages.start, pages.end)) {
     // One error number for pages that are not there, for those that cannot be read and for the limit.
     const int error = errno;
-    UnlockPages(pages.start, pages.end);
+    UndoLock(pages);
     if (!AreAllAccessible(pages)) return ERROR_NOACCESS;
     return error == ENOMEM || error == EPERM ? ERROR_WORKING_SET_QUOTA : ErrorFromErrno(error);
   }
-  try {
-    const std::lock_guard lock(g_mutex);
-    LockedPages().Add(pages.start, pages.end);
-    g_anyLocks.store(true, std::memory_order_relaxed);
-  } catch (const std::bad_alloc&) {
-    UnlockPages(pages.start, pages.end);
-    return ERROR_NOT_ENOUGH_MEMORY;
-  }
+  const std::lock_guard lock(g_mutex);
+  LockedPages().Add(pages.start, pages.end);
+  g_anyLocks.store(true, std::memory_order_relaxed);
   return ERROR_SUCCESS;
+} catch (const std::bad_alloc&) {  // the pages may stay locked, which the end of their block undoes
+  return ERROR_NOT_ENOUGH_MEMORY;
 }
 
 DWORD UnlockFromMemory(LPVOID address, SIZE_T size) try {

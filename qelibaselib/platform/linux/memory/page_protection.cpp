@@ -117,7 +117,7 @@ DWORD ProtectOtherMemory(const PageRange& pages, DWORD type, DWORD protection) {
   return copies && type != MEM_IMAGE ? ERROR_INVALID_PARAMETER : SetProtection(pages, protection);
 }
 
-DWORD Protect(LPVOID address, SIZE_T size, DWORD protection, PDWORD previous) {
+DWORD ProtectPages(LPVOID address, SIZE_T size, DWORD protection, PDWORD previous) {
   const PageRange pages = PagesHolding(address, size);
   if (SystemProtection(protection) < 0 || size == 0) return ERROR_INVALID_PARAMETER;
   if (!previous) return ERROR_NOACCESS;
@@ -140,7 +140,7 @@ DWORD Protect(LPVOID address, SIZE_T size, DWORD protection, PDWORD previous) {
 }  // namespace qel::layer
 
 BOOL VirtualProtect(LPVOID address, SIZE_T size, DWORD protection, PDWORD previous) {
-  const DWORD error = qel::layer::Protect(address, size, protection, previous);
+  const DWORD error = qel::layer::ProtectPages(address, size, protection, previous);
   qel::layer::ForgetSnapshot();
   return qel::layer::ReportResult(error);
 }

@@ -47,6 +47,17 @@ bool PageSet::Touches(uint32_t start, uint64_t end) const {
   return (next != ranges_.end() && next->first < end) || Holding(start) != ranges_.end();
 }
 
+PageSet PageSet::Within(uint32_t start, uint64_t end) const {
+  PageSet part;
+  for (uint64_t at = start; at < end;) {
+    const auto address = static_cast<uint32_t>(at);
+    const uint64_t change = ChangeAfter(address, end);
+    if (Holding(at) != ranges_.end()) part.Add(address, change);
+    at = change;
+  }
+  return part;
+}
+
 uint64_t PageSet::ChangeAfter(uint32_t address, uint64_t limit) const {
   if (const auto range = Holding(address); range != ranges_.end()) return std::min(range->second, limit);
   const auto next = ranges_.upper_bound(address);

@@ -18,6 +18,13 @@ class PageSet {
   bool empty() const { return ranges_.empty(); }
   /// Where the answer for this address changes, at most `limit`.
   uint64_t ChangeAfter(uint32_t address, uint64_t limit) const;
+  /// What of the range is in the set.
+  PageSet Within(uint32_t start, uint64_t end) const;
+  /// Calls `take(start, end)` for each range, in rising order.
+  template <class Take>
+  void ForEach(Take&& take) const {
+    for (const auto& [start, end] : ranges_) take(static_cast<uint32_t>(start), end);
+  }
 
  private:
   using Ranges = std::map<uint64_t, uint64_t>;  // start to end; they neither overlap nor touch

@@ -12,11 +12,11 @@ namespace qel::layer {
 namespace {
 
 constexpr uint32_t kLowEnd = 0x80000000;
-// The first place to try; what lies below is left for the end: a null pointer with an offset should hit nothing.
+// The lower places are used last, so that a null pointer with an offset hits nothing.
 constexpr uint32_t kFirstPlace = 0x10010000;
 constexpr uint32_t kLowestPlace = 0x00100000;
 
-constinit std::atomic<uint32_t> g_nextPlace{0};  // 0: nothing was placed yet
+constinit std::atomic<uint32_t> g_nextPlace{0};  // 0 until something is placed
 
 bool IsFullyLow(uint64_t base, size_t bytes) { return base + bytes <= kLowEnd; }
 
@@ -47,7 +47,8 @@ void* MapInGap(uint32_t from, const MappingRequest& request) {
   return nullptr;
 }
 
-// Room for the alignment is reserved along with the region and given back around it.
+// The kernel chooses the place of a larger room, in which the region is put at a multiple of 64 KiB; the rest of the
+// room is given back.
 void* MapHigh(const MappingRequest& request) {
   const size_t whole = RoundUp(request.bytes, kPageSize);
   const size_t room = whole + kGranularityBytes - kPageSize;
@@ -70,7 +71,7 @@ void* MapHigh(const MappingRequest& request) {
 
 }  // namespace
 
-// Kernels before 4.17 do not know the flag and take the address as a hint.
+// Kernels before 4.17 do not know MAP_FIXED_NOREPLACE and take the address as a hint, so the answer is compared.
 void* MapAt(uint32_t base, const MappingRequest& request) {
   void* const wanted = PointerTo(base);
   void* const got = mmap(wanted, request.bytes, request.protection, request.flags | MAP_FIXED_NOREPLACE,
@@ -84,9 +85,9 @@ void* MapAt(uint32_t base, const MappingRequest& request) {
 
 namespace {
 
-// An unused neighbour before the first place keeps the processor's tables for the places behind it alive. They would
-// go with the last region there, and the next one would take half as long again.
-uint32_t NextPlace() {
+// The first call also maps an unused neighbour for good. Without it the kernel would free the page
+// tables of this area whenever its last region goes, and the next region would take half as long again.
+uint32_t FindNextPlace() {
   const uint32_t next = g_nextPlace.load(std::memory_order_relaxed);
   if (next != 0) return next;
   MapAt(kFirstPlace - kGranularityBytes,
@@ -98,7 +99,7 @@ uint32_t NextPlace() {
 }  // namespace
 
 void* MapAnywhere(const MappingRequest& request) {
-  const uint32_t place = NextPlace();
+  const uint32_t place = FindNextPlace();
   if (IsFullyLow(place, request.bytes)) {
     if (void* const got = MapAt(place, request)) {
       g_nextPlace.store(RoundUp(place + request.bytes, kGranularityBytes), std::memory_order_relaxed);

@@ -1,5 +1,12 @@
 /// @file
-/// Where new blocks and views go: multiples of 64 KiB, below 2 GiB first.
+/// Where new blocks and views go.
+///
+/// The problem: the kernel places mappings high, at any page. Callers of Win32 count on multiples of 64 KiB, and walk
+/// the address space below 2 GiB only. The idea: one word remembers the place behind the last region, or that of one
+/// that was given back, and the next region is put there with a call that fails when something is there already; this
+/// costs no more than a plain mmap. Only when it fails is the memory map read for the lowest gap, and when there is
+/// none below 2 GiB, the kernel chooses. The word is a hint: threads may overwrite each other's, and the kernel alone
+/// decides who gets a place.
 #pragma once
 #include <sys/types.h>
 

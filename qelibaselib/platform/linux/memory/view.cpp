@@ -1,5 +1,5 @@
-// Views of mappings. A flush waits until the file's pages are with the disk, as on Windows: it starts the writing and
-// sees its errors, but does not flush the disk's own cache (FlushFileBuffers does).
+// Views of mappings. FlushViewOfFile waits until the disk has taken the pages and tells of errors, as on Windows; the
+// disk's own cache is flushed by FlushFileBuffers alone.
 #include <fcntl.h>
 #include <sys/mman.h>
 
@@ -25,7 +25,7 @@ struct ViewKind {
   int system, flags;
 };
 
-// Writing includes reading; a private copy is written by its owner alone.
+// Writing includes reading. A view that copies is mapped privately, so that its changes reach nobody.
 ViewKind KindFor(DWORD access) {
   if (access & FILE_MAP_WRITE) return {PAGE_READWRITE, PROT_READ | PROT_WRITE, MAP_SHARED};
   if (access & FILE_MAP_COPY) return {PAGE_WRITECOPY, PROT_READ | PROT_WRITE, MAP_PRIVATE};

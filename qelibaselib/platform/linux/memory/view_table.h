@@ -1,5 +1,11 @@
 /// @file
 /// The views and blocks that this process was given, found by any address inside them.
+///
+/// The kernel joins neighbours that look alike and splits what has several protections, so it cannot say where an
+/// allocation begins and ends, what it was asked for with, or which pages are only reserved. This table can. An entry
+/// is made after the memory is mapped and removed before it is unmapped, so that an address in the table is always
+/// ours; in the moment between, a query sees memory of an unknown owner. The table is the process's own and ends with
+/// it; a forked child has a copy, as it has of the memory.
 #pragma once
 #include <atomic>
 #include <cstdint>

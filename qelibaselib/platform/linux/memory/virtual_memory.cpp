@@ -22,7 +22,7 @@ constexpr SIZE_T kLargestBytes = 0x7FFE0000;  // what lies between the first and
 constexpr int kBlockFlags = MAP_PRIVATE | MAP_ANONYMOUS;
 
 // Memory that is only reserved costs the system nothing: what can be reserved but not had is a lack of memory.
-DWORD ShortageOf(size_t bytes) {
+DWORD FindReasonOfShortage(size_t bytes) {
   void* const reserved = mmap(nullptr, bytes, PROT_NONE, kBlockFlags | MAP_NORESERVE, -1, 0);
   if (reserved == MAP_FAILED) return ERROR_NOT_ENOUGH_MEMORY;
   munmap(reserved, bytes);
@@ -45,7 +45,7 @@ DWORD ReserveBlock(void* wanted, SIZE_T size, DWORD type, DWORD protection, void
     got = MapAnywhere(request);
   }
   if (!got && wanted) return ERROR_INVALID_ADDRESS;
-  if (!got) return ShortageOf(bytes);
+  if (!got) return FindReasonOfShortage(bytes);
 
   MemoryRegion region = {Kind::kBlock, static_cast<uint32_t>(bytes), protection};
   bool kept = true;
@@ -62,6 +62,25 @@ DWORD ReserveBlock(void* wanted, SIZE_T size, DWORD type, DWORD protection, void
   return ERROR_SUCCESS;
 }
 
+// Which pages of a range are reserved, to be put back when the system refuses the change. Only this part of the set is
+// copied: committing a large block page by page would otherwise cost the square of its pages.
+class ReservedBefore {
+ public:
+  ReservedBefore(PageSet* reserved, const PageRange& pages)
+      : reserved_(reserved), pages_(pages), before_(reserved->Within(pages.start, pages.end)) {}
+  void PutBack() try {
+    reserved_->Remove(pages_.start, pages_.end);
+    before_.ForEach([this](uint32_t start, uint64_t end) { reserved_->Add(start, end); });
+  } catch (const std::bad_alloc&) {
+    // These pages are told of wrongly from now on; none is lost.
+  }
+
+ private:
+  PageSet* const reserved_;
+  const PageRange pages_;
+  const PageSet before_;
+};
+
 DWORD CommitPages(void* address, SIZE_T size, DWORD protection, void** block) try {
   const PageRange pages = PagesHolding(address, size);
   RegionTable table;
@@ -69,18 +88,20 @@ DWORD CommitPages(void* address, SIZE_T size, DWORD protection, void** block) tr
   if (region == table.end() || region->second.kind != Kind::kBlock ||
       pages.end > uint64_t{region->first} + region->second.bytes)
     return ERROR_INVALID_ADDRESS;
-  PageSet reserved = region->second.reserved;
-  reserved.Remove(pages.start, pages.end);
-  if (mprotect(PointerTo(pages.start), pages.bytes(), PrivateProtection(protection)) != 0)
-    return errno == ENOMEM ? ERROR_COMMITMENT_LIMIT : ErrorFromErrno(errno);
-  region->second.reserved = std::move(reserved);
+  ReservedBefore before(&region->second.reserved, pages);
+  region->second.reserved.Remove(pages.start, pages.end);
+  if (mprotect(PointerTo(pages.start), pages.bytes(), PrivateProtection(protection)) != 0) {
+    const int error = errno;
+    before.PutBack();
+    return error == ENOMEM ? ERROR_COMMITMENT_LIMIT : ErrorFromErrno(error);
+  }
   *block = PointerTo(pages.start);
   return ERROR_SUCCESS;
 } catch (const std::bad_alloc&) {
   return ERROR_NOT_ENOUGH_MEMORY;
 }
 
-DWORD Allocate(LPVOID address, SIZE_T size, DWORD type, DWORD protection, void** block) {
+DWORD AllocatePages(LPVOID address, SIZE_T size, DWORD type, DWORD protection, void** block) {
   if (size == 0 || size > kLargestBytes || (type & (MEM_COMMIT | MEM_RESERVE)) == 0 ||
       (type & ~(MEM_COMMIT | MEM_RESERVE)) != 0 || PrivateProtection(protection) < 0)
     return ERROR_INVALID_PARAMETER;
@@ -88,7 +109,7 @@ DWORD Allocate(LPVOID address, SIZE_T size, DWORD type, DWORD protection, void**
   return ReserveBlock(address, size, type, protection, block);
 }
 
-DWORD Release(LPVOID address) {
+DWORD ReleaseBlock(LPVOID address) {
   MemoryRegion removed;
   uint32_t base;
   {
@@ -107,7 +128,7 @@ DWORD Release(LPVOID address) {
 }
 
 // Size 0 means the whole block. The pages are mapped anew: what was in them is gone, as it must be.
-DWORD Decommit(LPVOID address, SIZE_T size) try {
+DWORD DecommitPages(LPVOID address, SIZE_T size) try {
   PageRange pages = PagesHolding(address, size);
   RegionTable table;
   const auto region = table.Find(pages.start);
@@ -117,22 +138,24 @@ DWORD Decommit(LPVOID address, SIZE_T size) try {
   if (size == 0 && pages.start == region->first) pages.end = end;
   if (size == 0 && pages.start != region->first) return ERROR_INVALID_ADDRESS;
   if (pages.end > end) return ERROR_INVALID_ADDRESS;
-  PageSet reserved = region->second.reserved;
-  reserved.Add(pages.start, pages.end);
+  ReservedBefore before(&region->second.reserved, pages);
+  region->second.reserved.Add(pages.start, pages.end);
   if (mmap(PointerTo(pages.start), pages.bytes(), PROT_NONE, kBlockFlags | MAP_NORESERVE | MAP_FIXED, -1, 0) ==
-      MAP_FAILED)
-    return ErrorFromErrno(errno);
-  region->second.reserved = std::move(reserved);
+      MAP_FAILED) {
+    const int error = errno;
+    before.PutBack();
+    return ErrorFromErrno(error);
+  }
   ForgetLocks(pages.start, pages.bytes());
   return ERROR_SUCCESS;
 } catch (const std::bad_alloc&) {
   return ERROR_NOT_ENOUGH_MEMORY;
 }
 
-DWORD Free(LPVOID address, SIZE_T size, DWORD type) {
-  if (type == MEM_DECOMMIT) return Decommit(address, size);
+DWORD FreePages(LPVOID address, SIZE_T size, DWORD type) {
+  if (type == MEM_DECOMMIT) return DecommitPages(address, size);
   if (type != MEM_RELEASE || size != 0) return ERROR_INVALID_PARAMETER;
-  return Release(address);
+  return ReleaseBlock(address);
 }
 
 BOOL ReportChange(DWORD error) {
@@ -145,9 +168,9 @@ BOOL ReportChange(DWORD error) {
 
 LPVOID VirtualAlloc(LPVOID address, SIZE_T size, DWORD type, DWORD protection) {
   void* block = nullptr;
-  return qel::layer::ReportChange(qel::layer::Allocate(address, size, type, protection, &block)) ? block : nullptr;
+  return qel::layer::ReportChange(qel::layer::AllocatePages(address, size, type, protection, &block)) ? block : nullptr;
 }
 
 BOOL VirtualFree(LPVOID address, SIZE_T size, DWORD type) {
-  return qel::layer::ReportChange(qel::layer::Free(address, size, type));
+  return qel::layer::ReportChange(qel::layer::FreePages(address, size, type));
 }

@@ -1,10 +1,13 @@
 // Files as a Linux machine has them: of other owners, with several names, with holes; links, pipes, devices, sockets.
 #include <fcntl.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
+
+#include <csignal>
 
 #include "test/platform/files/file_calls.h"
 #include "test/platform/files/forked_child.h"
@@ -183,6 +186,39 @@ TEST_F(SpecialFilesTest, MoveToAnotherDisk) {
   EXPECT_EQ(RunAsOtherUser([&] { return Move(L"kept/f", disk.Wide("f")); }), 0);
   EXPECT_EQ(Read("kept/f"), "contents") << "a source that cannot be removed stays";
   EXPECT_EQ(ReadWholeFile(disk.Path() / "f"), "contents");
+}
+
+TEST_F(SpecialFilesTest, FileSizeLimitFailsTheWriteAndSparesTheHost) {
+  Write("long", std::string(20'000, 'x'));
+  const auto limit = [] {
+    signal(SIGXFSZ, SIG_DFL);
+    const rlimit limit{8192, RLIM_INFINITY};
+    return setrlimit(RLIMIT_FSIZE, &limit) == 0;
+  };
+  EXPECT_EQ(RunInChild([&] {
+              if (!limit()) return 1;
+              const std::string data(20'000, 'x');
+              FileHandle file(At("f"));
+              DWORD written = 0;
+              if (WriteFile(file.get(), data.data(), 20'000, &written, nullptr) || GetLastError() != 223) return 2;
+              LARGE_INTEGER end;
+              end.QuadPart = 100'000;
+              if (!SetFilePointerEx(file.get(), end, nullptr, FILE_BEGIN) || SetEndOfFile(file.get())) return 3;
+              if (Copy(L"long", L"copy") != 223 || IsThere("copy")) return 4;
+              if (CreateFileMappingW(file.get(), nullptr, PAGE_READWRITE, 0, 100'000, nullptr)) return 5;
+              if (CreateFileMappingW(nullptr, nullptr, PAGE_READWRITE, 0, 100'000, nullptr)) return 6;
+              FILE* stream = _wfopen(L"stream", L"at");
+              const bool failed = std::fputs(data.c_str(), stream) < 0 || std::fflush(stream) != 0;
+              std::fclose(stream);
+              return failed ? 0 : 7;
+            }),
+            0);
+  EXPECT_EQ(RunInChild([&] {
+              const int file = limit() ? open("own", O_RDWR | O_CREAT, 0666) : -1;
+              return pwrite(file, "x", 1, 8192) < 0 ? 1 : 0;
+            }),
+            -SIGXFSZ)
+      << "the host's own writes do as they did";
 }
 
 TEST_F(SpecialFilesTest, FailedCopyRemovesOnlyWhatItMade) {

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "qelibaselib/platform/linux/base/file_size_limit.h"
 #include "qelibaselib/platform/linux/faults/fault_internal.h"
 
 extern "C" int __sigaction(int signal, const struct sigaction* action, struct sigaction* former) noexcept;
@@ -115,6 +116,7 @@ void UnblockSignals() {
 
 extern "C" QEL_LAYER int sigaction(int signal, const struct sigaction* action, struct sigaction* former) noexcept {
   using namespace qel::layer;
+  if (signal == SIGXFSZ) return ChangeFileSizeAction(action, former);
   if (std::find(std::begin(kSignals), std::end(kSignals), signal) == std::end(kSignals) || !g_hosts[signal].known)
     return __sigaction(signal, action, former);
   const Lock lock;

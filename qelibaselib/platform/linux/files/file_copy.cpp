@@ -10,6 +10,7 @@
 #include <new>
 
 #include "qelibaselib/platform/linux/base/error.h"
+#include "qelibaselib/platform/linux/base/file_size_limit.h"
 #include "qelibaselib/platform/linux/base/retry_on_interrupt.h"
 #include "qelibaselib/platform/linux/files/mapping_marks.h"
 #include "qelibaselib/platform/linux/files/open_file.h"
@@ -78,6 +79,7 @@ DWORD CopyAroundHoles(int from, int to, off_t size) {
 
 // Files of the kernel have a size of 0 and contents all the same, of which copying in the kernel finds nothing.
 DWORD CopyContents(const OpenedFile& source, const OpenedFile& target) {
+  const FileGrowth growth;
   const int from = source.descriptor(), to = target.descriptor();
   const FileStatus& status = source.status();
   if (status.size == 0) return CopyThroughBuffer(from, to, ULLONG_MAX);

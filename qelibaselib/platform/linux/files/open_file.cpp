@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "qelibaselib/platform/linux/base/error.h"
+#include "qelibaselib/platform/linux/base/file_size_limit.h"
 #include "qelibaselib/platform/linux/files/mapping_marks.h"
 #include "qelibaselib/platform/linux/win32/fileapi.h"
 
@@ -154,6 +155,7 @@ DWORD OpenedFile::SetContentsAndAttributes(const OpenRequest& request) {
 }
 
 DWORD GrowFile(int descriptor, off_t from, off_t to) {
+  const FileGrowth growth;
   if (fallocate(descriptor, 0, from, to - from) == 0) return ERROR_SUCCESS;
   if ((errno == EOPNOTSUPP || errno == ENOSYS) && ftruncate(descriptor, to) == 0) return ERROR_SUCCESS;
   return ErrorFromErrno(errno);

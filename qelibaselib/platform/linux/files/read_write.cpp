@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "qelibaselib/platform/linux/base/error.h"
+#include "qelibaselib/platform/linux/base/file_size_limit.h"
 #include "qelibaselib/platform/linux/base/page_size.h"
 #include "qelibaselib/platform/linux/faults/fault_internal.h"
 #include "qelibaselib/platform/linux/faults/fault_probe.h"
@@ -29,6 +30,7 @@ ssize_t ReadOnce(int descriptor, char* buffer, size_t length, off_t at) {
   return at == kHere ? read(descriptor, buffer, length) : pread(descriptor, buffer, length, at);
 }
 ssize_t WriteOnce(int descriptor, const char* buffer, size_t length, off_t at) {
+  const FileGrowth growth;
   return at == kHere ? write(descriptor, buffer, length) : pwrite(descriptor, buffer, length, at);
 }
 

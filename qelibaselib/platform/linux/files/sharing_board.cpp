@@ -11,6 +11,7 @@
 #include <new>
 
 #include "qelibaselib/platform/linux/base/descriptor.h"
+#include "qelibaselib/platform/linux/base/file_size_limit.h"
 #include "qelibaselib/platform/linux/base/fork_count.h"
 #include "qelibaselib/platform/linux/base/page_size.h"
 #include "qelibaselib/platform/linux/objects/object_locks.h"
@@ -55,6 +56,7 @@ enum class Joining { kJoined, kAgain, kFailed };
 
 // Nobody else uses the file, so whatever stands in it is over.
 Joining MakeBoard(int file, SharingBoard** board) {
+  const FileGrowth growth;
   if (fallocate(file, 0, 0, kPageSize) != 0 || (*board = MapBoard(file)) == nullptr) return Joining::kFailed;
   (*board)->isReady.store(0);
   (*board)->hasStandIns.store(0);

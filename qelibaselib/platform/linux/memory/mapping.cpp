@@ -10,6 +10,7 @@
 
 #include "qelibaselib/platform/linux/base/descriptor.h"
 #include "qelibaselib/platform/linux/base/error.h"
+#include "qelibaselib/platform/linux/base/file_size_limit.h"
 #include "qelibaselib/platform/linux/files/file_object.h"
 #include "qelibaselib/platform/linux/memory/file_record.h"
 #include "qelibaselib/platform/linux/memory/named_section.h"
@@ -50,6 +51,7 @@ DWORD MakeMemory(Mapping::Contents* contents) {
   Descriptor memory(memfd_create("qel-mapping", MFD_CLOEXEC));
   if (memory.get() < 0) return ErrorFromErrno(errno);
   const auto bytes = static_cast<off_t>(RoundUp(contents->bytes, kPageSize));
+  const FileGrowth growth;
   if (ftruncate(memory.get(), bytes) != 0) return ERROR_COMMITMENT_LIMIT;
   contents->descriptor = std::make_shared<MappedDescriptor>(memory);
   return ERROR_SUCCESS;

@@ -1,4 +1,5 @@
 // What happens when the layer is loaded and unloaded.
+#include "qelibaselib/platform/linux/base/file_size_limit.h"
 #include "qelibaselib/platform/linux/files/delete_on_close.h"
 #include "qelibaselib/platform/linux/files/sharing_board.h"
 #include "qelibaselib/platform/linux/modules/fork.h"
@@ -9,6 +10,7 @@ namespace qel::layer {
 namespace {
 
 __attribute__((constructor)) void Load() {
+  GuardFileSizeLimit();
   InstallForkHandlers();
   AdoptInheritedEvents();
 }

@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "qelibaselib/platform/linux/base/error.h"
+#include "qelibaselib/platform/linux/base/file_size_limit.h"
 #include "qelibaselib/platform/linux/base/retry_on_interrupt.h"
 #include "qelibaselib/platform/linux/objects/robust_mutex.h"
 
@@ -44,6 +45,7 @@ DWORD ReserveStateAndSection(int file, uint64_t sectionSize) {
   const auto bytes = static_cast<off_t>(kSharedPageBytes + sectionSize);
   if (bytes < 0) return ERROR_COMMITMENT_LIMIT;
   if (!IsWithinFileSizeLimit(bytes)) return sectionSize != 0 ? ERROR_COMMITMENT_LIMIT : ERROR_DISK_FULL;
+  const FileGrowth growth;
   if (RetryOnInterrupt([&] { return fallocate(file, 0, 0, bytes); }) == 0) return ERROR_SUCCESS;
   return sectionSize != 0 ? ERROR_COMMITMENT_LIMIT : ErrorFromErrno(errno);
 }

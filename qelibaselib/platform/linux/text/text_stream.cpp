@@ -16,6 +16,7 @@
 
 #include "qelibaselib/platform/linux/base/descriptor.h"
 #include "qelibaselib/platform/linux/base/error.h"
+#include "qelibaselib/platform/linux/base/file_size_limit.h"
 #include "qelibaselib/platform/linux/base/retry_on_interrupt.h"
 #include "qelibaselib/platform/linux/files/file_attributes.h"
 #include "qelibaselib/platform/linux/files/file_sharing.h"
@@ -37,6 +38,7 @@ struct TextStream {
 };
 
 bool WriteAll(int descriptor, const char* data, size_t length) {
+  const FileGrowth growth;
   while (length > 0) {
     const ssize_t written = RetryOnInterrupt([&] { return write(descriptor, data, length); });
     if (written < 0) return false;

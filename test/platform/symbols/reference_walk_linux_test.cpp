@@ -1,5 +1,6 @@
 // The walk against the compiler's own unwinder, at each instruction of a program that steps through itself.
 #include <gtest/gtest.h>
+#include <link.h>
 #include <ucontext.h>
 #include <unwind.h>
 
@@ -39,6 +40,17 @@ struct Reference {
   Places places;
 };
 
+bool IsCode(DWORD address) {
+  const auto examine = [](dl_phdr_info* module, size_t, void* wanted) {
+    for (const auto* segment = module->dlpi_phdr; segment != module->dlpi_phdr + module->dlpi_phnum; ++segment) {
+      const DWORD offset = *static_cast<DWORD*>(wanted) - module->dlpi_addr - segment->p_vaddr;
+      if (segment->p_type == PT_LOAD && (segment->p_flags & PF_X) != 0 && offset < segment->p_memsz) return 1;
+    }
+    return 0;
+  };
+  return dl_iterate_phdr(examine, &address) == 1;
+}
+
 _Unwind_Reason_Code AddReference(_Unwind_Context* context, void* argument) {
   auto& reference = *static_cast<Reference*>(argument);
   int isInterrupted = 0;
@@ -49,7 +61,7 @@ _Unwind_Reason_Code AddReference(_Unwind_Context* context, void* argument) {
     reference.places.isComplete = true;
   } else {
     reference.places.Add({counter, static_cast<DWORD>(_Unwind_GetCFA(context))});
-    if (SymGetModuleBase(GetCurrentProcess(), counter) == 0) reference.isSound = false;
+    if (!IsCode(counter)) reference.isSound = false;
   }
   return _URC_NO_REASON;
 }

@@ -1,7 +1,9 @@
 // Modules that somebody has tampered with: nothing is read outside them. On Windows the parser is the system's.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <cstring>
+#include <filesystem>
 #include <random>
 
 #include "qelibaselib/qelibaselib.h"
@@ -52,6 +54,26 @@ TEST(HostileModule, DamagedBytesAndCutFilesNeverFault) {
     ReadAll(file, bytes, path);
   }
   EXPECT_TRUE(qel::test::TakeLines(qel::channel::kAssert).empty()) << "a fault was caught by the guard";
+}
+
+TEST(HugeModule, IsNotReadWhole) {
+  qel::test::LogFolder();
+  const qel::test::ScratchFolder folder;
+  const auto path = folder.Path() / "huge.dll";
+  const ByteVector module = qel::test::BuildModule(
+      qel::test::BuildVersionResource({{{"040904e4", {{"CompanyName", u"ACME"}}}}, {{0x0409, 0x04E4}}}));
+  qel::test::WriteWholeFile(path, {module.begin(), module.end()});
+  std::filesystem::resize_file(path, 1'900'000'000);
+  rusage before, after;
+  getrusage(RUSAGE_SELF, &before);
+  void* version = CreateCFileVersion(folder.Wide("huge.dll").c_str());
+  getrusage(RUSAGE_SELF, &after);
+  ASSERT_NE(version, nullptr);
+  char** strings = GetVerCFileVersion(version);
+  ASSERT_NE(strings, nullptr);
+  EXPECT_STREQ(strings[1], "ACME");
+  EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 32 * 1024) << "in KiB";
+  ReleaseCFileVersion(version);
 }
 
 }  // namespace

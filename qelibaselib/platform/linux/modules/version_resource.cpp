@@ -6,16 +6,18 @@
 #include <string>
 #include <vector>
 
+#include "qelibaselib/platform/fault/fault.h"
 #include "qelibaselib/platform/linux/win32/fileapi.h"
 #include "qelibaselib/platform/linux/win32/handleapi.h"
 #include "qelibaselib/platform/linux/win32/libloaderapi.h"
+#include "qelibaselib/platform/linux/win32/memoryapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 #include "qelibaselib/platform/linux/win32/winver.h"
 
 namespace qel::layer {
 namespace {
 
-struct Node {
+struct VersionNode {
   Bytes key;  // UTF-16 without the terminator
   Bytes value;
   Bytes children;
@@ -32,10 +34,10 @@ uint16_t Word(Bytes bytes, size_t offset) {
 }
 
 /// The node at the start of `bytes`, which start on a 4-byte boundary of the resource; none when it does not fit.
-std::optional<Node> ParseNode(Bytes bytes) {
+std::optional<VersionNode> ParseNode(Bytes bytes) {
   constexpr size_t kHeader = 6;
   if (bytes.size() < kHeader + 2) return std::nullopt;
-  Node node;
+  VersionNode node;
   node.size = Word(bytes, 0);
   if (node.size < kHeader + 2 || node.size > bytes.size()) return std::nullopt;
   bytes = bytes.first(node.size);
@@ -64,7 +66,7 @@ bool SameKey(Bytes key, std::string_view name) {
   return true;
 }
 
-std::optional<Node> FindChild(Bytes children, std::string_view name) {
+std::optional<VersionNode> FindChild(Bytes children, std::string_view name) {
   while (auto node = ParseNode(children)) {
     if (SameKey(node->key, name)) return node;
     const size_t next = Align4(node->size);
@@ -105,43 +107,78 @@ size_t UsableResource(size_t resourceSize, size_t blockSize) {
   return resourceSize;
 }
 
-struct FileHandle {
-  HANDLE handle;
-  explicit FileHandle(LPCWSTR name)
-      : handle(CreateFileW(name, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                           OPEN_EXISTING, 0, nullptr)) {}
-  FileHandle(const FileHandle&) = delete;
-  FileHandle& operator=(const FileHandle&) = delete;
-  ~FileHandle() {
-    if (handle != INVALID_HANDLE_VALUE) CloseHandle(handle);
+class OwnedHandle {
+ public:
+  explicit OwnedHandle(HANDLE handle) : handle_(handle) {}
+  OwnedHandle(const OwnedHandle&) = delete;
+  OwnedHandle& operator=(const OwnedHandle&) = delete;
+  ~OwnedHandle() {
+    if (IsOpen()) CloseHandle(handle_);
   }
+  bool IsOpen() const { return handle_ && handle_ != INVALID_HANDLE_VALUE; }
+  HANDLE get() const { return handle_; }
+
+ private:
+  const HANDLE handle_;
 };
 
-/// The version resource of a file, cut to what its root node says; an error otherwise.
+class OwnedView {
+ public:
+  OwnedView(HANDLE mapping, size_t bytes)
+      : start_(static_cast<const uint8_t*>(MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, 0))), bytes_(bytes) {}
+  OwnedView(const OwnedView&) = delete;
+  OwnedView& operator=(const OwnedView&) = delete;
+  ~OwnedView() {
+    if (start_) UnmapViewOfFile(start_);
+  }
+  bool IsMapped() const { return start_ != nullptr; }
+  Bytes bytes() const { return {start_, bytes_}; }
+
+ private:
+  const uint8_t* const start_;
+  const size_t bytes_;
+};
+
+/// Copies the version resource of a module, cut to what its root node says.
+DWORD CopyResource(Bytes file, std::vector<uint8_t>& resource) {
+  DWORD error = ERROR_SUCCESS;
+  Bytes found = FindVersionResource(file, error);
+  if (error != ERROR_SUCCESS) return error;
+  if (found.size() < sizeof(uint16_t)) return ERROR_RESOURCE_DATA_NOT_FOUND;
+  found = found.first(std::min<size_t>(found.size(), Word(found, 0)));
+  if (found.size() < sizeof(uint16_t)) return ERROR_RESOURCE_DATA_NOT_FOUND;
+  resource.assign(found.begin(), found.end());
+  return ERROR_SUCCESS;
+}
+
+/// The same; the pages of a file that is cut meanwhile fault.
+DWORD CopyResourceOfView(Bytes file, std::vector<uint8_t>& resource) {
+  DWORD error = ERROR_RESOURCE_DATA_NOT_FOUND;
+  try {
+    fault::Run([&] { error = CopyResource(file, resource); });
+  } catch (const std::bad_alloc&) {
+    return ERROR_NOT_ENOUGH_MEMORY;
+  } catch (...) {
+    return ERROR_RESOURCE_DATA_NOT_FOUND;
+  }
+  return error;
+}
+
+/// The version resource of a file; an error otherwise. The file is mapped, so that only the pages on the way to the
+/// resource are read, whatever its size.
 DWORD LoadVersionResource(LPCWSTR name, std::vector<uint8_t>& resource) {
   if (!name) return ERROR_INVALID_PARAMETER;
   if (!*name) return ERROR_BAD_PATHNAME;
-  const FileHandle file(name);
-  if (file.handle == INVALID_HANDLE_VALUE) return GetLastError();
+  const OwnedHandle file(CreateFileW(name, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                     nullptr, OPEN_EXISTING, 0, nullptr));
+  if (!file.IsOpen()) return GetLastError();
   LARGE_INTEGER size{};
-  if (!GetFileSizeEx(file.handle, &size)) return GetLastError();
-  if (size.QuadPart > 0x7FFFFFFF) return ERROR_RESOURCE_DATA_NOT_FOUND;
-  try {
-    std::vector<uint8_t> bytes(static_cast<size_t>(size.QuadPart));
-    DWORD read = 0;
-    if (!bytes.empty() && !ReadFile(file.handle, bytes.data(), static_cast<DWORD>(bytes.size()), &read, nullptr))
-      return GetLastError();
-    DWORD error = ERROR_SUCCESS;
-    Bytes found = FindVersionResource(Bytes(bytes.data(), read), error);
-    if (error != ERROR_SUCCESS) return error;
-    if (found.size() < sizeof(uint16_t)) return ERROR_RESOURCE_DATA_NOT_FOUND;
-    found = found.first(std::min<size_t>(found.size(), Word(found, 0)));
-    if (found.size() < sizeof(uint16_t)) return ERROR_RESOURCE_DATA_NOT_FOUND;
-    resource.assign(found.begin(), found.end());
-    return ERROR_SUCCESS;
-  } catch (const std::bad_alloc&) {
-    return ERROR_NOT_ENOUGH_MEMORY;
-  }
+  if (!GetFileSizeEx(file.get(), &size)) return GetLastError();
+  if (size.QuadPart == 0 || size.QuadPart > 0x7FFFFFFF) return ERROR_RESOURCE_DATA_NOT_FOUND;
+  const OwnedHandle mapping(CreateFileMappingW(file.get(), nullptr, PAGE_READONLY, 0, 0, nullptr));
+  if (!mapping.IsOpen()) return GetLastError();
+  const OwnedView view(mapping.get(), static_cast<size_t>(size.QuadPart));
+  return view.IsMapped() ? CopyResourceOfView(view.bytes(), resource) : GetLastError();
 }
 
 /// UTF-16 up to its terminator or end as UTF-8, into room for three bytes a unit and one more. The length with the NUL.

@@ -267,6 +267,8 @@ CHILD_ROLE(NoStandardDescriptors) {
   MEMORYSTATUSEX status{};
   status.dwLength = sizeof status;
   REQUIRE(GlobalMemoryStatusEx(&status) && inheritable && section && WorksAsMutex());
+  const Handle file = CreateFileW(L"/dev/shm/file", GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+  REQUIRE(file != INVALID_HANDLE_VALUE);
   for (int i = 0; i < 3; ++i) REQUIRE(fcntl(i, F_GETFD) < 0);
   return 0;
 }

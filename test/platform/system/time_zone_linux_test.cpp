@@ -97,6 +97,10 @@ TEST(TimeZone, WhatNamesNoZoneIsUtc) {
   for (const char* const zone : {"", ":", "No/Such_Zone", "/no/such/file", "/", "\xFF", "../../etc/passwd"})
     EXPECT_EQ(FindZonePeriod(zone, 1'700'000'000).secondsEast, 0) << zone;
   for (const char* const bytes : {"", "TZif", "TZif2", "nonsense"}) EXPECT_FALSE(FindPeriodInZoneFile(bytes, 0));
+  // Counts whose product with the size of an entry is small again in 32 bits.
+  std::string huge = "TZif" + std::string(40, '\0') + std::string(200, '\0');
+  huge.replace(32, 8, "\x33\x33\x33\x34\x00\x00\x00\x01", 8);
+  EXPECT_FALSE(FindPeriodInZoneFile(huge, 0));
   EXPECT_EQ(FindZonePeriod(":CET-1", 0).secondsEast, 3600);
 }
 

@@ -10,6 +10,7 @@
 #include <new>
 #include <vector>
 
+#include "qelibaselib/platform/linux/base/descriptor.h"
 #include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/base/fork_count.h"
 #include "qelibaselib/platform/linux/base/lock_range.h"
@@ -58,7 +59,7 @@ int RangeLocks::DescriptorFor(const Range& range) {
   if (writable_ < 0) {
     char name[32];
     std::snprintf(name, sizeof name, "/proc/self/fd/%d", descriptor_);
-    writable_ = open(name, O_RDWR | O_CLOEXEC);
+    writable_ = MoveBehindStandard(open(name, O_RDWR | O_CLOEXEC));
   }
   return writable_;
 }

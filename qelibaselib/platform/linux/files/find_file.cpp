@@ -15,6 +15,7 @@
 #include <string_view>
 #include <vector>
 
+#include "qelibaselib/platform/linux/base/descriptor.h"
 #include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/base/utf8.h"
 #include "qelibaselib/platform/linux/files/file_attributes.h"
@@ -206,7 +207,7 @@ Search* FinishedSearch() {
                       : pattern.last == name ? path.Parse(L".")
                                              : path.Parse(name, pattern.last);
   if (error) return error;
-  const int descriptor = open(path.text(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int descriptor = MoveBehindStandard(open(path.text(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (descriptor < 0) {
     struct stat status;
     if (errno == ENOTDIR && stat(path.text(), &status) == 0) return ERROR_DIRECTORY;

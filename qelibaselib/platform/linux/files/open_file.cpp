@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "qelibaselib/platform/linux/base/descriptor.h"
 #include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/base/file_size_limit.h"
 #include "qelibaselib/platform/linux/files/mapping_marks.h"
@@ -69,13 +70,13 @@ DWORD OpenedFile::Open(const SystemPath& path, const OpenRequest& request) {
 // write, or only ask about, is opened as far as it goes.
 int OpenedFile::OpenExisting(const SystemPath& path, const OpenRequest& request) const {
   const int flags = FlagsFor(request);
-  const int descriptor = open(path.text(), flags);
+  const int descriptor = MoveBehindStandard(open(path.text(), flags));
   if (descriptor >= 0) return descriptor;
   if (errno == EACCES && !(request.mode.access & kReading) && (flags & O_ACCMODE) == O_RDWR)
-    return open(path.text(), (flags & ~O_ACCMODE) | O_WRONLY);
-  if (errno == EACCES && request.mode.access == 0) return open(path.text(), O_PATH | O_CLOEXEC);
+    return MoveBehindStandard(open(path.text(), (flags & ~O_ACCMODE) | O_WRONLY));
+  if (errno == EACCES && request.mode.access == 0) return MoveBehindStandard(open(path.text(), O_PATH | O_CLOEXEC));
   if (errno == EISDIR && request.folders && !Empties(request.disposition))
-    return open(path.text(), (flags & ~O_ACCMODE) | O_RDONLY);
+    return MoveBehindStandard(open(path.text(), (flags & ~O_ACCMODE) | O_RDONLY));
   return descriptor;
 }
 
@@ -90,7 +91,7 @@ DWORD OpenedFile::OpenDescriptor(const SystemPath& path, const OpenRequest& requ
   }
   const bool readOnly = (request.attributes & FILE_ATTRIBUTE_READONLY) != 0;
   const mode_t permissions = request.permissions & ~(readOnly ? kWriteBits : 0);
-  descriptor_ = open(path.text(), FlagsFor(request) | O_CREAT | O_EXCL, permissions);
+  descriptor_ = MoveBehindStandard(open(path.text(), FlagsFor(request) | O_CREAT | O_EXCL, permissions));
   if (descriptor_ >= 0) {
     existed_ = false;
     return ERROR_SUCCESS;
@@ -104,7 +105,7 @@ DWORD OpenedFile::OpenDescriptor(const SystemPath& path, const OpenRequest& requ
     if (errno != ENOENT) return ErrorOfExisting(errno, path, request);
   }
   // Another process made or removed it a moment ago, or it is a link to a file that does not exist yet.
-  descriptor_ = open(path.text(), FlagsFor(request) | O_CREAT, permissions);
+  descriptor_ = MoveBehindStandard(open(path.text(), FlagsFor(request) | O_CREAT, permissions));
   return descriptor_ >= 0 ? ERROR_SUCCESS : PathError(errno, path);
 }
 

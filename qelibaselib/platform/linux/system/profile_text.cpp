@@ -14,7 +14,8 @@ std::string_view Trim(std::string_view text) {
 }
 
 bool SameName(std::string_view first, std::string_view second) {
-  return first.size() == second.size() && strncasecmp(first.data(), second.data(), first.size()) == 0;
+  if (first.size() != second.size()) return false;
+  return first.empty() || strncasecmp(first.data(), second.data(), first.size()) == 0;
 }
 
 std::string_view WithoutQuotes(std::string_view value) {

@@ -22,12 +22,13 @@ class ZoneBlock {
   bool Parse(std::string_view bytes, size_t timeBytes) {
     if (bytes.size() < kHeaderBytes || !bytes.starts_with("TZif")) return false;
     const auto count = [&](size_t at) { return static_cast<uint64_t>(ReadBigEndian(bytes, at, 4)) & 0xFFFFFFFF; };
-    const uint64_t universal = count(20), standard = count(24), leaps = count(28), characters = count(40);
-    times_ = count(32), types_ = count(36);
-    timeBytes_ = timeBytes;
+    // In 64 bits, in which no sum of these products overflows.
+    const uint64_t universal = count(20), standard = count(24), leaps = count(28), times = count(32), types = count(36),
+                   characters = count(40);
     const uint64_t length =
-        times_ * (timeBytes + 1) + types_ * kTypeBytes + characters + leaps * (timeBytes + 4) + standard + universal;
-    if (types_ == 0 || length > bytes.size() - kHeaderBytes) return false;
+        times * (timeBytes + 1) + types * kTypeBytes + characters + leaps * (timeBytes + 4) + standard + universal;
+    if (types == 0 || length > bytes.size() - kHeaderBytes) return false;
+    times_ = times, types_ = types, timeBytes_ = timeBytes;
     data_ = bytes.substr(kHeaderBytes, length);
     behind_ = bytes.substr(kHeaderBytes + length);
     return true;

@@ -80,7 +80,7 @@ bool HeapIsUsedUp() {
   return !memory;
 }
 
-struct ThreadStart {
+struct StartedThread {
   Reference<ThreadObject> thread;
   LPTHREAD_START_ROUTINE routine;
   LPVOID argument;
@@ -92,7 +92,7 @@ void* RunThread(void* memory) {
   LPTHREAD_START_ROUTINE routine;
   LPVOID argument;
   {
-    const std::unique_ptr<ThreadStart> start(static_cast<ThreadStart*>(memory));
+    const std::unique_ptr<StartedThread> start(static_cast<StartedThread*>(memory));
     object = start->thread.Detach();
     routine = start->routine;
     argument = start->argument;
@@ -109,7 +109,7 @@ void* RunThread(void* memory) {
   return nullptr;
 }
 
-bool StartThread(std::unique_ptr<ThreadStart> start, SIZE_T stackBytes) {
+bool StartThread(std::unique_ptr<StartedThread> start, SIZE_T stackBytes) {
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
@@ -192,7 +192,7 @@ HANDLE CreateThread(LPSECURITY_ATTRIBUTES, SIZE_T stackSize, LPTHREAD_START_ROUT
     return nullptr;
   }
   auto thread = Reference<ThreadObject>::Adopt(new (std::nothrow) ThreadObject);
-  std::unique_ptr<ThreadStart> start(thread ? new (std::nothrow) ThreadStart : nullptr);
+  std::unique_ptr<StartedThread> start(thread ? new (std::nothrow) StartedThread : nullptr);
   HANDLE handle = nullptr;
   if (start) {
     thread->suspended.store(flags == CREATE_SUSPENDED);

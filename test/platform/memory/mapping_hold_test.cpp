@@ -42,6 +42,7 @@ void ExpectHeld(const MappedFile& file, bool forWriting) {
   }
   if (kLinux) {  // Wine holds fewer off
     EXPECT_CALL(CopyOnto(file), FALSE, ERROR_USER_MAPPED_FILE);
+    EXPECT_EQ(_wfopen(file.Name().c_str(), L"w"), nullptr);
     EXPECT_CALL(DeleteFileW(file.Name().c_str()), FALSE, ERROR_ACCESS_DENIED);
   }
   EXPECT_EQ(file.Contents(), std::string(kBytes, 'x'));

@@ -185,7 +185,7 @@ TEST(Mapping, ManyProcessesWithARenamedFile) {
   const std::wstring name = UniqueName();
   Handle mapping(Create(file.handle(), PAGE_READWRITE, 0, name.c_str()));
   file.Close();
-  for (int i = 0; i < 100; ++i) {
+  for (int i = 0; i < 70; ++i) {
     ChildProcess child("WriteIntoMapping", {Narrow(name)});
     ASSERT_EQ(child.WaitForLine(), "written");
     child.Kill();

@@ -15,8 +15,8 @@
 ///   table, and the list of loaded modules, over the kernel's map (regions.cpp, virtual_query.cpp).
 /// - **Placement** is the choice of an address for a new block or view: a multiple of 64 KiB as on Windows, and below
 ///   2 GiB while there is room, since callers walk the lower half only (placement.cpp).
-/// The room uses base/, handles/, objects/, files/ (marks and range locks of an open file) and threads/ (the end of a
-/// thread, which frees its list of regions).
+/// The room uses base/, handles/, objects/, files/ (marks and range locks of an open file), faults/ (the probe of bad
+/// addresses) and threads/ (the end of a thread, which frees its list of regions).
 #pragma once
 #include <cstdint>
 #include <string_view>

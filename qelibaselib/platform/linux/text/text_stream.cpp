@@ -20,6 +20,7 @@
 #include "qelibaselib/platform/linux/base/retry_on_interrupt.h"
 #include "qelibaselib/platform/linux/files/file_attributes.h"
 #include "qelibaselib/platform/linux/files/file_sharing.h"
+#include "qelibaselib/platform/linux/files/mapping_marks.h"
 #include "qelibaselib/platform/linux/files/path.h"
 #include "qelibaselib/platform/linux/win32/crt.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
@@ -216,7 +217,7 @@ DWORD CheckOpened(int descriptor, const OpenMode& mode) {
   if (!S_ISREG(status.st_mode) && !S_ISCHR(status.st_mode)) return ERROR_ACCESS_DENIED;
   if ((mode.share.access & kWriting) && !(status.st_mode & kWriteBits)) return ERROR_ACCESS_DENIED;
   if (!SharePlace::IsFree(descriptor, mode.share)) return ERROR_SHARING_VIOLATION;
-  if (mode.stdio[0] == 'w' && status.st_size > 0 && ftruncate(descriptor, 0) != 0) return ErrorFromErrno(errno);
+  if (mode.stdio[0] == 'w' && status.st_size > 0) return CutUnmappedFile(descriptor, 0);
   return ERROR_SUCCESS;
 }
 

@@ -335,6 +335,27 @@ CHILD_ROLE(ManyProcesses) {
   return 0;
 }
 
+// A service that starts as root and goes on as somebody else leaves no folders for the wrong user.
+CHILD_ROLE(ChangeUser) {
+  if (geteuid() != 0 || !UsePrivateSharedMemory()) return kSkipped;
+  Handle event = CreateEventW(nullptr, FALSE, FALSE, L"event");
+  for (int i = 0; i < 16; ++i) Handle(CreateMutexW(nullptr, FALSE, (kName + std::to_wstring(i)).c_str())).Close();
+  REQUIRE(setresuid(kOther, kOther, kOther) == 0);
+  REQUIRE(WorksAsMutex());
+  for (int i = 0; i < 16; ++i) Handle(CreateMutexW(nullptr, FALSE, (kName + std::to_wstring(i)).c_str())).Close();
+  event.Close();
+  REQUIRE(WorksAsMutex());
+  int folders = 0;
+  for (const auto& entry : fs::directory_iterator("/dev/shm")) {
+    struct stat status;
+    REQUIRE(stat(entry.path().c_str(), &status) == 0);
+    REQUIRE(entry.path().filename().string().starts_with("qel-" + std::to_string(status.st_uid) + "-"));
+    ++folders;
+  }
+  REQUIRE(folders == 2);
+  return 0;
+}
+
 // Growing a file beyond the limit would raise a signal that ends the host.
 CHILD_ROLE(FileSizeLimit) {
   if (!UsePrivateSharedMemory()) return kSkipped;
@@ -376,7 +397,7 @@ INSTANTIATE_TEST_SUITE_P(Namespace, Scenario,
                          testing::Values("RefuseFolders", "TakeSmallest", "LeaveNothing", "LoseFolder", "Park",
                                          "ParkBeside", "FullMemory", "ReadOnlyMemory", "NoMemory", "NoDescriptors",
                                          "NoHeap", "Umask", "NoStandardDescriptors", "AllDescriptorsClosed",
-                                         "ManyProcesses", "FileSizeLimit", "Fork"),
+                                         "ManyProcesses", "ChangeUser", "FileSizeLimit", "Fork"),
                          [](const auto& info) { return std::string(info.param); });
 
 }  // namespace

@@ -5,7 +5,6 @@
 /// The room base/ holds what every other room of the layer stands on: errors, descriptors, kernel calls, small files,
 /// UTF-8. It uses nothing but win32/.
 #pragma once
-#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
 
 namespace qel::layer {

@@ -92,7 +92,8 @@ int SharedFolder::Open(uid_t user, DWORD* error) {
   std::snprintf(prefix, sizeof prefix, "qel-%u-", static_cast<unsigned>(user));
   int found = -1;
   Lookup lookup = FindFolder(parent.get(), prefix, user, name_, &found);
-  if (lookup == Lookup::kNone) {
+  // Under another user's rights than those of the process one could only be made that is of no use.
+  if (lookup == Lookup::kNone && user == geteuid()) {
     WaitForOtherMakers(parent.get());
     lookup = FindFolder(parent.get(), prefix, user, name_, &found);
     if (lookup == Lookup::kNone && MakeFolder(parent.get(), prefix))

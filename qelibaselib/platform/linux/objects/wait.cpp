@@ -122,7 +122,6 @@ void WakeSeveralWaitsForMutexes() {
   if (g_severalWaitsWithMutex.load() != 0) WakeSeveral();
 }
 
-// Everybody is woken: a wait for several objects that is woken for one of them may take another.
 void WakeWaitsFor(Word& word, Scope scope) {
   WakeAll(word, scope);
   if (g_severalWaits.load() != 0) WakeSeveral();

@@ -1,5 +1,19 @@
 /// @file
-/// What a wait needs of an object.
+/// Waits, and what they need of an object.
+///
+/// The problem: a thread waits for one object or for several at once, which other threads, other processes and the
+/// clock change; no change may be missed, and a thread that is killed in its wait must leave nothing behind.
+///
+/// The idea: there are no lists of waiting threads and no helper threads. Every object has a word that each change
+/// moves on. A wait for one object reads the word, tries to take the object, and sleeps in the kernel as long as the
+/// word still is what it read, until its own limit or the time at which the object changes by itself. A wait for
+/// several sleeps on one word of the process, which every change of any object moves on while such a wait is under way;
+/// what another process changes does not reach that word, so objects that others can change are looked at every 5 ms. A
+/// wait for one mutex sleeps in the C library's lock, one for a started process on a descriptor of the kernel.
+///
+/// The invariant: a wait reads the word before it tries, and a change moves the word on before it wakes. A change
+/// behind the try is therefore either seen by the kernel, which does not let the thread sleep then, or wakes it. All
+/// sleepers are woken, since one that waits for several may be woken for one object and take another.
 #pragma once
 #include <new>
 #include <utility>
@@ -10,7 +24,11 @@
 
 namespace qel::layer {
 
-enum class Taken { kNo, kYes, kAbandoned };
+enum class Taken {
+  kNo,
+  kYes,
+  kAbandoned,  ///< the same as kYes, of a mutex whose owner ended without releasing it
+};
 
 /// An object that can be waited for. Whatever could let TryTake begin to succeed changes the word and calls
 /// WakeWaitsFor; the passing of time is told by DueNs.

@@ -32,7 +32,7 @@ InheritedEvents ListInheritedEvents() {
 }
 
 void AdoptInheritedEvents() {
-  const char* text = std::getenv(kInheritedEventsVariable);
+  const char* text = secure_getenv(kInheritedEventsVariable);
   while (text && *text) {
     char* end;
     const unsigned long handle = std::strtoul(text, &end, 16);

@@ -1,5 +1,8 @@
 /// @file
 /// Processes as objects: the own one, and those that the layer started.
+///
+/// The room processes/ holds them, the calls that start and end them, the reading of command lines, and the events that
+/// a started process inherits. It may use base/, handles/ and objects/.
 #pragma once
 #include <sys/types.h>
 

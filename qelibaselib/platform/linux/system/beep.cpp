@@ -17,7 +17,7 @@ void RingBell() {
   [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, "\a", 1);
 }
 
-void Block(DWORD durationMs) {
+void SleepFor(DWORD durationMs) {
   timespec left = {static_cast<time_t>(durationMs / 1000), static_cast<long>(durationMs % 1000 * 1'000'000)};
   while (clock_nanosleep(CLOCK_MONOTONIC, 0, &left, &left) == EINTR) {
   }
@@ -32,6 +32,6 @@ BOOL Beep(DWORD frequency, DWORD durationMs) {
     return FALSE;
   }
   RingBell();
-  Block(durationMs);
+  SleepFor(durationMs);
   return TRUE;
 }

@@ -1,5 +1,12 @@
 /// @file
 /// What the layer keeps for each thread.
+///
+/// The room threads/ holds threads as objects, thread-local slots, and what happens when a thread ends: the modules are
+/// told, then its mutexes are given up, then it counts as ended. It may use base/, handles/, objects/, and the list of
+/// modules that are told.
+///
+/// A thread that the host started is known from its first use of the layer on. Its end is seen by a destructor of the C
+/// library's for thread-local objects, which is registered when the thread first has something to give up.
 #pragma once
 #include "qelibaselib/platform/linux/base/forked_part.h"
 #include "qelibaselib/platform/linux/win32/windef.h"

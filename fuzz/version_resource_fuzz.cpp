@@ -1,8 +1,9 @@
-// fuzz-sources: qelibaselib/fileversion/file_version_reader.cpp qelibaselib/base/format.cpp
-// qelibaselib/base/format_conversion.cpp qelibaselib/base/format_number.cpp qelibaselib/base/format_text.cpp
-// qelibaselib/base/formatted_text.cpp qelibaselib/platform/linux/modules/pe_resources.cpp
-// qelibaselib/platform/linux/modules/version_resource.cpp The version reader on any bytes: clang's fuzzer with the
-// address sanitizer. Compiled in are the reader and the layer's parser, instrumented; the rest is the library's.
+// clang-format off
+// fuzz-sources: qelibaselib/fileversion/file_version_reader.cpp qelibaselib/base/format.cpp qelibaselib/base/format_conversion.cpp qelibaselib/base/format_number.cpp qelibaselib/base/format_text.cpp qelibaselib/base/formatted_text.cpp qelibaselib/platform/linux/modules/pe_resources.cpp qelibaselib/platform/linux/modules/version_resource.cpp
+// clang-format on
+
+// The version reader on any bytes: clang's fuzzer with the address sanitizer. Compiled in are the reader and the
+// layer's parser, instrumented; the rest is the library's.
 #include <fcntl.h>
 #include <unistd.h>
 

@@ -65,7 +65,8 @@ const SymbolTable::Function* SymbolTable::Find(uint32_t address) const {
 }
 
 // The strings of a damaged module may be anything that can be read, a sanitizer's redzones included.
-__attribute__((no_sanitize_address)) std::size_t SymbolTable::Name(const Function& function, char* text, std::size_t size) const {
+__attribute__((no_sanitize_address)) std::size_t SymbolTable::Name(const Function& function, char* text,
+                                                                   std::size_t size) const {
   const Strings& strings = strings_[function.table];
   const char* name = strings.start + function.name;
   const std::size_t limit = std::min(size - 1, strings.size - function.name);

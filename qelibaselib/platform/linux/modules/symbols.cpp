@@ -1,5 +1,6 @@
 #include <atomic>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/modules/frame_walk.h"
 #include "qelibaselib/platform/linux/modules/symbol_store.h"
 #include "qelibaselib/platform/linux/win32/dbghelp.h"
@@ -37,10 +38,7 @@ DWORD FindSymbol(DWORD address, DWORD& displacement, IMAGEHLP_SYMBOL& symbol) {
 using namespace qel::layer;
 
 BOOL WINAPI SymInitialize(HANDLE, LPCSTR, BOOL) {
-  if (!RefreshModules()) {
-    SetLastError(ERROR_BUSY);
-    return FALSE;
-  }
+  if (!RefreshModules()) return ReportResult(ERROR_BUSY);
   ++g_sessions;
   return TRUE;
 }
@@ -50,8 +48,7 @@ BOOL WINAPI SymCleanup(HANDLE) {
   while (sessions > 0) {
     if (g_sessions.compare_exchange_weak(sessions, sessions - 1)) return TRUE;
   }
-  SetLastError(ERROR_INVALID_HANDLE);
-  return FALSE;
+  return ReportResult(ERROR_INVALID_HANDLE);
 }
 
 DWORD WINAPI SymGetModuleBase(HANDLE, DWORD address) {
@@ -64,12 +61,8 @@ DWORD WINAPI SymGetModuleBase(HANDLE, DWORD address) {
 BOOL WINAPI SymGetSymFromAddr(HANDLE, DWORD address, PDWORD displacement, PIMAGEHLP_SYMBOL symbol) {
   DWORD distance = 0;
   const DWORD error = FindSymbol(address, distance, *symbol);
-  if (error != ERROR_SUCCESS) {
-    SetLastError(error);
-    return FALSE;
-  }
-  if (displacement) *displacement = distance;
-  return TRUE;
+  if (error == ERROR_SUCCESS && displacement) *displacement = distance;
+  return ReportResult(error);
 }
 
 PVOID WINAPI SymFunctionTableAccess(HANDLE, DWORD) { return nullptr; }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "qelibaselib/platform/fault/fault.h"
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/win32/fileapi.h"
 #include "qelibaselib/platform/linux/win32/handleapi.h"
 #include "qelibaselib/platform/linux/win32/libloaderapi.h"
@@ -229,10 +230,7 @@ DWORD GetFileVersionInfoSizeW(LPCWSTR file, LPDWORD handle) {
 }
 
 BOOL GetFileVersionInfoW(LPCWSTR file, DWORD, DWORD size, LPVOID block) {
-  if (!block) {
-    SetLastError(ERROR_INVALID_DATA);
-    return FALSE;
-  }
+  if (!block) return qel::layer::ReportResult(ERROR_INVALID_DATA);
   std::vector<uint8_t> resource;
   const DWORD error = qel::layer::LoadVersionResource(file, resource);
   SetLastError(error);
@@ -251,17 +249,11 @@ BOOL GetFileVersionInfoW(LPCWSTR file, DWORD, DWORD size, LPVOID block) {
 BOOL VerQueryValueA(LPCVOID block, LPCSTR query, LPVOID* value, PUINT length) {
   if (length) *length = 0;
   const auto* bytes = static_cast<const uint8_t*>(block);
-  if (!bytes || !query || !value) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return FALSE;
-  }
+  if (!bytes || !query || !value) return qel::layer::ReportResult(ERROR_INVALID_PARAMETER);
   uint16_t size;
   std::memcpy(&size, bytes, sizeof size);
   const auto found = size == 0 ? qel::layer::VersionValue{} : qel::layer::FindVersionValue(Bytes(bytes, size), query);
-  if (!found.found) {
-    SetLastError(ERROR_RESOURCE_TYPE_NOT_FOUND);
-    return FALSE;
-  }
+  if (!found.found) return qel::layer::ReportResult(ERROR_RESOURCE_TYPE_NOT_FOUND);
   const uint8_t* place = found.bytes.data();
   size_t count = found.bytes.size();
   if (found.text && count > 0) {

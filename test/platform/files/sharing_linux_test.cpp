@@ -1,5 +1,6 @@
 // Share modes beside foreign programs' locks, forked children and the ends of processes.
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -170,6 +171,57 @@ TEST_F(LinuxSharingTest, DeleteOnCloseAndTheEndsOfAProcess) {
     if (!killed) continue;
     EXPECT_EQ(Delete(At("left")), Success());
   }
+}
+
+TEST_F(LinuxSharingTest, DeleteOnCloseFindsTheFileByAnyName) {
+  MakeFolder("elsewhere");
+  Write("target");
+  ASSERT_EQ(symlink("target", "link"), 0);
+  for (const wchar_t* name : {L"relative", L"link", L"moved"}) {
+    FileHandle file(name, kRW | DELETE, kShareAll, OPEN_ALWAYS, FILE_FLAG_DELETE_ON_CLOSE);
+    if (std::wstring(name) == L"moved") {
+      EXPECT_TRUE(MoveFileW(L"moved", L"elsewhere/new name"));
+    }
+    std::filesystem::current_path(scratch.Path() / "elsewhere");
+    file.Close();
+    std::filesystem::current_path(scratch.Path());
+  }
+  for (const char* name : {"relative", "target", "moved", "elsewhere/new name"}) EXPECT_FALSE(Exists(name)) << name;
+}
+
+TEST_F(LinuxSharingTest, CancellationLeavesNothingHalfway) {
+  FileHandle file(At("f"), kRW, 0, OPEN_EXISTING);
+  pthread_t thread;
+  const auto cancelled = [](void* handle) -> void* {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    FileHandle other(L"other", kRW, 0, CREATE_ALWAYS);
+    pthread_cancel(pthread_self());
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    other.Close();  // no point of cancellation
+    DWORD bytes;
+    WriteFile(handle, "x", 1, &bytes, nullptr);
+    return nullptr;
+  };
+  ASSERT_EQ(pthread_create(&thread, nullptr, cancelled, file.get()), 0);
+  void* result = nullptr;
+  pthread_join(thread, &result);
+  EXPECT_EQ(result, PTHREAD_CANCELED);
+  EXPECT_EQ(Create(L"other", kRW, 0, OPEN_EXISTING), Success(0));
+  EXPECT_EQ(Create(L"f", kR, kShareAll, OPEN_EXISTING), Failure(32));
+  file.Close();
+  EXPECT_EQ(Create(L"f", kRW, 0, OPEN_EXISTING), Success(0));
+}
+
+TEST_F(LinuxSharingTest, StandardDescriptorsStayTheHosts) {
+  EXPECT_EQ(RunInChild([&] {
+              close(STDERR_FILENO);
+              const FileHandle file(At("f"));
+              FILE* stream = _wfopen(L"stream", L"at");
+              const bool free = fcntl(STDERR_FILENO, F_GETFD) < 0;
+              std::fclose(stream);
+              return free ? 0 : 1;
+            }),
+            0);
 }
 
 TEST_F(LinuxSharingTest, RangeLocksEndWithTheHandleAlsoUnderAView) {

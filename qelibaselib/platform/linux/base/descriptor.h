@@ -10,6 +10,7 @@
 #pragma once
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <utility>
@@ -28,6 +29,9 @@ inline int MoveBehindStandard(int descriptor) {
   return moved;
 }
 
+/// close() without being a point where pthread_cancel ends the thread: a destructor must not be left half-way.
+inline void CloseDescriptor(int descriptor) { syscall(SYS_close, descriptor); }
+
 /// Owns a descriptor for the length of a call; one of the standard numbers is moved.
 class Descriptor {
  public:
@@ -35,7 +39,7 @@ class Descriptor {
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
   ~Descriptor() {
-    if (value_ >= 0) close(value_);
+    if (value_ >= 0) CloseDescriptor(value_);
   }
   int get() const { return value_; }
   [[nodiscard]] int Detach() { return std::exchange(value_, -1); }
@@ -77,7 +81,7 @@ class KeptDescriptor {
   }
   /// Closes what is ours; a number that leads elsewhere by now is only forgotten.
   void Close() {
-    if (IsOurs()) close(number_);
+    if (IsOurs()) CloseDescriptor(number_);
     number_ = -1;
   }
 

@@ -58,10 +58,7 @@ DWORD Create(LPCWSTR name, const OpenRequest& request, bool overlapped, HANDLE& 
   existed = opened.existed();
   auto* file = new (std::nothrow) FileObject(std::move(opened), overlapped);
   if (!file) return ERROR_NOT_ENOUGH_MEMORY;
-  if (request.deletes && !file->DeleteLater(path)) {
-    file->Release();
-    return ERROR_NOT_ENOUGH_MEMORY;
-  }
+  if (request.deletes) file->DeleteLater();
   handle = InsertHandle(file);
   return handle ? ERROR_SUCCESS : ERROR_TOO_MANY_OPEN_FILES;
 }

@@ -2,12 +2,12 @@
 
 #include <unistd.h>
 
-#include <cstring>
+#include <cstdio>
 #include <mutex>
-#include <new>
 
 #include "qelibaselib/platform/linux/base/fork_count.h"
 #include "qelibaselib/platform/linux/files/file_attributes.h"
+#include "qelibaselib/platform/linux/files/path.h"
 #include "qelibaselib/platform/linux/files/sharing_gate.h"
 
 namespace qel::layer {
@@ -20,21 +20,17 @@ constinit DeleteOnClose* g_first = nullptr;
 
 const ForkedPart kDeleteOnCloseAtFork = {[] { g_mutex.lock(); }, [](bool) { g_mutex.unlock(); }};
 
-bool DeleteOnClose::Intend(int descriptor, const SystemPath& path) {
-  path_.reset(new (std::nothrow) char[path.length() + 1]);
-  if (!path_) return false;
-  std::memcpy(path_.get(), path.text(), path.length() + 1);
+void DeleteOnClose::Intend(int descriptor) {
   descriptor_ = descriptor;
   forks_ = g_forkCount;
   const std::lock_guard lock(g_mutex);
   next_ = g_first;
   if (next_) next_->previous_ = this;
   g_first = this;
-  return true;
 }
 
 DeleteOnClose::~DeleteOnClose() {
-  if (!path_) return;
+  if (descriptor_ < 0) return;
   {
     const std::lock_guard lock(g_mutex);
     (previous_ ? previous_->next_ : g_first) = next_;
@@ -43,13 +39,19 @@ DeleteOnClose::~DeleteOnClose() {
   Delete();
 }
 
-// The name may lead to another file by now.
+// The kernel tells the name that the file has now, which is right also after a move, for a relative name and for a
+// link. It may lead to another file all the same, where a deleted file was replaced.
 void DeleteOnClose::Delete() const {
   if (forks_ != g_forkCount) return;
+  char link[32], path[SystemPath::kSize];
+  std::snprintf(link, sizeof link, "/proc/self/fd/%d", descriptor_);
   FileStatus own, named;
   if (ReadStatus(descriptor_, own) != 0) return;
   const SharingGate gate(own.Key());
-  if (ReadStatus(AT_FDCWD, path_.get(), AT_SYMLINK_NOFOLLOW, named) == 0 && own.SameFile(named)) unlink(path_.get());
+  const ssize_t length = readlink(link, path, sizeof path - 1);
+  if (length <= 0) return;
+  path[length] = 0;
+  if (ReadStatus(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, named) == 0 && own.SameFile(named)) unlink(path);
 }
 
 void DeleteOpenFiles() {

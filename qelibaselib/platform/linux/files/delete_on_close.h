@@ -5,10 +5,7 @@
 /// main. A process that ends otherwise (by a signal, _exit or TerminateProcess) leaves it. A forked child deletes
 /// nothing.
 #pragma once
-#include <memory>
-
 #include "qelibaselib/platform/linux/base/forked_part.h"
-#include "qelibaselib/platform/linux/files/path.h"
 
 namespace qel::layer {
 
@@ -19,16 +16,15 @@ class DeleteOnClose {
   DeleteOnClose(const DeleteOnClose&) = delete;
   DeleteOnClose& operator=(const DeleteOnClose&) = delete;
   ~DeleteOnClose();
-  /// False without memory. The descriptor must stay open as long as this object lives.
-  bool Intend(int descriptor, const SystemPath& path);
+  /// The descriptor must stay open as long as this object lives.
+  void Intend(int descriptor);
 
  private:
   friend void DeleteOpenFiles();
   void Delete() const;
 
-  int descriptor_ = -1;
+  int descriptor_ = -1;  // as long as nothing is intended
   unsigned forks_ = 0;
-  std::unique_ptr<char[]> path_;  // null as long as nothing is intended
   DeleteOnClose *next_ = nullptr, *previous_ = nullptr;
 };
 

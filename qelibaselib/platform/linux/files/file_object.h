@@ -48,8 +48,8 @@ class FileObject final : public Object {
   /// The marks of the mappings that are made of this file; null without memory.
   std::shared_ptr<MappingMarks> Marks() const { return ShareMarks(&marks_); }
 
-  /// Deletes the file with the last handle; false without memory.
-  bool DeleteLater(const SystemPath& path) { return deletion_.Intend(descriptor(), path); }
+  /// Deletes the file with the last handle.
+  void DeleteLater() { deletion_.Intend(descriptor()); }
 
  private:
   ~FileObject() override;

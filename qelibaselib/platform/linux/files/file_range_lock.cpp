@@ -1,5 +1,11 @@
-// LockFileEx and UnlockFileEx. The kernel's locks merge and split; Win32's are unlocked as they were locked, so each
-// handle keeps a list of its own.
+// LockFileEx and UnlockFileEx.
+//
+// The problem: the kernel joins and splits the ranges of one owner, while Win32 unlocks each range as it was locked,
+// and shared ones may overlap. The idea: each handle keeps a list of its ranges and lets the kernel hold what they
+// cover, as locks of the open file description. An exclusive lock needs a descriptor that writes; a handle for reading
+// opens one for that. The invariant: the kernel's locks are the union of the list. They end with the handle, which
+// frees them although a view may keep the open file description, and with a process that is killed. A forked child
+// leaves them alone.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -35,26 +41,26 @@ class RangeLocks {
   DWORD Unlock(off_t from, off_t to);
 
  private:
-  struct Range {
+  struct LockedRange {
     off_t from, to;
     bool exclusive;
     bool IsEmpty() const { return from == to; }
-    bool Overlaps(const Range& other) const {
+    bool Overlaps(const LockedRange& other) const {
       return from < other.to && other.from < to && !IsEmpty() && !other.IsEmpty();
     }
   };
-  DWORD Place(const Range& range, bool wait);
-  void Free(const Range& freed);
-  int DescriptorFor(const Range& range);
+  DWORD LockInKernel(const LockedRange& range, bool wait);
+  void FreeInKernel(const LockedRange& freed);
+  int DescriptorFor(const LockedRange& range);
 
   const int descriptor_;
   const unsigned forks_ = g_forkCount;
   std::atomic<int> writable_{-1};  // an exclusive lock needs a descriptor that writes
   std::mutex mutex_;
-  std::vector<Range> held_;
+  std::vector<LockedRange> held_;
 };
 
-int RangeLocks::DescriptorFor(const Range& range) {
+int RangeLocks::DescriptorFor(const LockedRange& range) {
   if (!range.exclusive || (fcntl(descriptor_, F_GETFL) & O_ACCMODE) != O_RDONLY) return descriptor_;
   if (writable_ < 0) {
     char name[32];
@@ -64,7 +70,7 @@ int RangeLocks::DescriptorFor(const Range& range) {
   return writable_;
 }
 
-DWORD RangeLocks::Place(const Range& range, bool wait) {
+DWORD RangeLocks::LockInKernel(const LockedRange& range, bool wait) {
   if (range.IsEmpty()) return ERROR_SUCCESS;  // an empty range is in nobody's way; for the kernel it is endless
   const int descriptor = DescriptorFor(range);
   if (descriptor < 0) return ERROR_ACCESS_DENIED;
@@ -75,14 +81,14 @@ DWORD RangeLocks::Place(const Range& range, bool wait) {
 }
 
 DWORD RangeLocks::Lock(off_t from, off_t to, bool exclusive, bool wait) {
-  const Range range{from, to, exclusive};
+  const LockedRange range{from, to, exclusive};
   {
     const std::lock_guard lock(mutex_);
-    for (const Range& held : held_)
+    for (const LockedRange& held : held_)
       if (held.Overlaps(range) && (held.exclusive || exclusive)) return ERROR_LOCK_VIOLATION;
     held_.reserve(held_.size() + 1);
   }
-  if (const DWORD error = Place(range, wait)) return error;
+  if (const DWORD error = LockInKernel(range, wait)) return error;
   const std::lock_guard lock(mutex_);
   if (held_.empty()) MarkRangesLocked(descriptor_, true);
   held_.push_back(range);
@@ -94,20 +100,20 @@ DWORD RangeLocks::Unlock(off_t from, off_t to) {
   auto found = held_.begin();
   while (found != held_.end() && (found->from != from || found->to != to)) ++found;
   if (found == held_.end()) return ERROR_NOT_LOCKED;
-  const Range freed = *found;
+  const LockedRange freed = *found;
   held_.erase(found);
-  Free(freed);
+  FreeInKernel(freed);
   if (held_.empty()) MarkRangesLocked(descriptor_, false);
   return ERROR_SUCCESS;
 }
 
 // The kernel's lock goes for the whole range, also where shared locks of this handle overlapped it. Those come back.
-void RangeLocks::Free(const Range& freed) {
+void RangeLocks::FreeInKernel(const LockedRange& freed) {
   if (freed.IsEmpty()) return;
   struct flock kernel = LockRange(F_UNLCK, freed.from, freed.to - freed.from);
   fcntl(freed.exclusive ? DescriptorFor(freed) : descriptor_, F_OFD_SETLK, &kernel);
-  for (const Range& held : held_)
-    if (held.Overlaps(freed)) Place(held, false);
+  for (const LockedRange& held : held_)
+    if (held.Overlaps(freed)) LockInKernel(held, false);
 }
 
 RangeLocks::~RangeLocks() {
@@ -116,7 +122,7 @@ RangeLocks::~RangeLocks() {
     fcntl(descriptor_, F_OFD_SETLK, &all);
     MarkRangesLocked(descriptor_, false);
   }
-  if (writable_ >= 0) close(writable_);
+  if (writable_ >= 0) CloseDescriptor(writable_);
 }
 
 RangeLocks* FileObject::Ranges() {
@@ -139,11 +145,11 @@ void FileObject::FreeRangeLocks() { delete ranges_.load(); }
 namespace {
 
 // From the parts of a call to [from, to); the kernel's offsets end before Win32's do.
-struct Bounds {
+struct RangeBounds {
   off_t from, to;
   bool valid;
 };
-Bounds BoundsOf(const OVERLAPPED& overlapped, DWORD low, DWORD high) {
+RangeBounds BoundsOf(const OVERLAPPED& overlapped, DWORD low, DWORD high) {
   const ULONGLONG from = static_cast<ULONGLONG>(overlapped.OffsetHigh) << 32 | overlapped.Offset;
   const ULONGLONG length = static_cast<ULONGLONG>(high) << 32 | low;
   constexpr auto kEnd = static_cast<ULONGLONG>(kEndOfRanges);
@@ -161,7 +167,7 @@ BOOL UseRanges(HANDLE handle, const OVERLAPPED* overlapped, DWORD low, DWORD hig
     file = Reference<FileObject>::Share(pin.As<FileObject>(Kind::kFile));
   }
   if (file) {
-    const Bounds bounds = overlapped ? BoundsOf(*overlapped, low, high) : Bounds{0, 0, false};
+    const RangeBounds bounds = overlapped ? BoundsOf(*overlapped, low, high) : RangeBounds{0, 0, false};
     RangeLocks* ranges = bounds.valid ? file->Ranges() : nullptr;
     try {
       error = !bounds.valid ? ERROR_INVALID_PARAMETER : ranges ? use(*ranges, bounds) : ERROR_NOT_ENOUGH_MEMORY;
@@ -179,7 +185,7 @@ using namespace qel::layer;
 
 BOOL LockFileEx(HANDLE file, DWORD flags, DWORD, DWORD bytesLow, DWORD bytesHigh, LPOVERLAPPED overlapped) {
   if (flags & ~(LOCKFILE_FAIL_IMMEDIATELY | LOCKFILE_EXCLUSIVE_LOCK)) return ReportResult(ERROR_INVALID_PARAMETER);
-  return UseRanges(file, overlapped, bytesLow, bytesHigh, [&](RangeLocks& ranges, const Bounds& bounds) {
+  return UseRanges(file, overlapped, bytesLow, bytesHigh, [&](RangeLocks& ranges, const RangeBounds& bounds) {
     FileObject::NoteRangeLock();
     return ranges.Lock(bounds.from, bounds.to, (flags & LOCKFILE_EXCLUSIVE_LOCK) != 0,
                        (flags & LOCKFILE_FAIL_IMMEDIATELY) == 0);
@@ -188,5 +194,5 @@ BOOL LockFileEx(HANDLE file, DWORD flags, DWORD, DWORD bytesLow, DWORD bytesHigh
 
 BOOL UnlockFileEx(HANDLE file, DWORD, DWORD bytesLow, DWORD bytesHigh, LPOVERLAPPED overlapped) {
   return UseRanges(file, overlapped, bytesLow, bytesHigh,
-                   [](RangeLocks& ranges, const Bounds& bounds) { return ranges.Unlock(bounds.from, bounds.to); });
+                   [](RangeLocks& ranges, const RangeBounds& bounds) { return ranges.Unlock(bounds.from, bounds.to); });
 }

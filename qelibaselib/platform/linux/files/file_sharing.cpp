@@ -2,13 +2,13 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <new>
 #include <utility>
 
+#include "qelibaselib/platform/linux/base/descriptor.h"
 #include "qelibaselib/platform/linux/base/lock_range.h"
 #include "qelibaselib/platform/linux/files/lock_table.h"
 #include "qelibaselib/platform/linux/files/share_bytes.h"
@@ -168,7 +168,7 @@ void SharePlace::Leave(int file) {
 }
 
 void SharePlace::CloseStandIn() {
-  if (standIn_ >= 0) close(std::exchange(standIn_, -1));
+  if (standIn_ >= 0) CloseDescriptor(std::exchange(standIn_, -1));
 }
 
 bool SharePlace::IsFree(int file, ShareMode mode) {

@@ -9,6 +9,7 @@
 #include "qelibaselib/platform/linux/base/descriptor.h"
 #include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/base/file_size_limit.h"
+#include "qelibaselib/platform/linux/base/retry_on_interrupt.h"
 #include "qelibaselib/platform/linux/files/mapping_marks.h"
 #include "qelibaselib/platform/linux/win32/fileapi.h"
 
@@ -24,6 +25,11 @@ bool Makes(DWORD disposition) { return disposition == CREATE_ALWAYS || dispositi
 int FlagsFor(const OpenRequest& request) {
   const bool writes = (request.mode.access & kWriting) || Empties(request.disposition);
   return (writes ? O_RDWR : O_RDONLY) | (request.writesThrough ? O_DSYNC : 0) | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+}
+
+// A server of a network file system may be interrupted. The numbers of the standard streams stay the host's.
+int OpenDescriptorOf(const SystemPath& path, int flags, mode_t permissions = 0) {
+  return MoveBehindStandard(RetryOnInterrupt([&] { return open(path.text(), flags, permissions); }));
 }
 
 bool IsFolder(const SystemPath& path) {
@@ -51,7 +57,7 @@ OpenedFile::~OpenedFile() { Close(); }
 void OpenedFile::Close() {
   if (descriptor_ < 0) return;
   place_.Leave(descriptor_);
-  close(std::exchange(descriptor_, -1));
+  CloseDescriptor(std::exchange(descriptor_, -1));
 }
 
 DWORD OpenedFile::Open(const SystemPath& path, const OpenRequest& request) {
@@ -70,13 +76,13 @@ DWORD OpenedFile::Open(const SystemPath& path, const OpenRequest& request) {
 // write, or only ask about, is opened as far as it goes.
 int OpenedFile::OpenExisting(const SystemPath& path, const OpenRequest& request) const {
   const int flags = FlagsFor(request);
-  const int descriptor = MoveBehindStandard(open(path.text(), flags));
+  const int descriptor = OpenDescriptorOf(path, flags);
   if (descriptor >= 0) return descriptor;
   if (errno == EACCES && !(request.mode.access & kReading) && (flags & O_ACCMODE) == O_RDWR)
-    return MoveBehindStandard(open(path.text(), (flags & ~O_ACCMODE) | O_WRONLY));
-  if (errno == EACCES && request.mode.access == 0) return MoveBehindStandard(open(path.text(), O_PATH | O_CLOEXEC));
+    return OpenDescriptorOf(path, (flags & ~O_ACCMODE) | O_WRONLY);
+  if (errno == EACCES && request.mode.access == 0) return OpenDescriptorOf(path, O_PATH | O_CLOEXEC);
   if (errno == EISDIR && request.folders && !Empties(request.disposition))
-    return MoveBehindStandard(open(path.text(), (flags & ~O_ACCMODE) | O_RDONLY));
+    return OpenDescriptorOf(path, (flags & ~O_ACCMODE) | O_RDONLY);
   return descriptor;
 }
 
@@ -91,7 +97,7 @@ DWORD OpenedFile::OpenDescriptor(const SystemPath& path, const OpenRequest& requ
   }
   const bool readOnly = (request.attributes & FILE_ATTRIBUTE_READONLY) != 0;
   const mode_t permissions = request.permissions & ~(readOnly ? kWriteBits : 0);
-  descriptor_ = MoveBehindStandard(open(path.text(), FlagsFor(request) | O_CREAT | O_EXCL, permissions));
+  descriptor_ = OpenDescriptorOf(path, FlagsFor(request) | O_CREAT | O_EXCL, permissions);
   if (descriptor_ >= 0) {
     existed_ = false;
     return ERROR_SUCCESS;
@@ -105,7 +111,7 @@ DWORD OpenedFile::OpenDescriptor(const SystemPath& path, const OpenRequest& requ
     if (errno != ENOENT) return ErrorOfExisting(errno, path, request);
   }
   // Another process made or removed it a moment ago, or it is a link to a file that does not exist yet.
-  descriptor_ = MoveBehindStandard(open(path.text(), FlagsFor(request) | O_CREAT, permissions));
+  descriptor_ = OpenDescriptorOf(path, FlagsFor(request) | O_CREAT, permissions);
   return descriptor_ >= 0 ? ERROR_SUCCESS : PathError(errno, path);
 }
 
@@ -157,7 +163,7 @@ DWORD OpenedFile::SetContentsAndAttributes(const OpenRequest& request) {
 
 DWORD GrowFile(int descriptor, off_t from, off_t to) {
   const FileGrowth growth;
-  if (fallocate(descriptor, 0, from, to - from) == 0) return ERROR_SUCCESS;
+  if (RetryOnInterrupt([&] { return fallocate(descriptor, 0, from, to - from); }) == 0) return ERROR_SUCCESS;
   if ((errno == EOPNOTSUPP || errno == ENOSYS) && ftruncate(descriptor, to) == 0) return ERROR_SUCCESS;
   return ErrorFromErrno(errno);
 }

@@ -116,7 +116,7 @@ off_t OffsetOf(const FileObject& file, const OVERLAPPED& overlapped, bool writin
   return static_cast<off_t>(static_cast<ULONGLONG>(overlapped.OffsetHigh) << 32 | overlapped.Offset);
 }
 
-void KeepResult(OVERLAPPED& overlapped, const Transfer& transfer) {
+void RecordResult(OVERLAPPED& overlapped, const Transfer& transfer) {
   overlapped.InternalHigh = transfer.bytes;
   overlapped.Internal = transfer.error == ERROR_HANDLE_EOF ? kStatusEndOfFile
                         : transfer.error                   ? kStatusOfError | transfer.error
@@ -125,8 +125,8 @@ void KeepResult(OVERLAPPED& overlapped, const Transfer& transfer) {
 
 // What follows a transfer with an offset of the caller's. On a synchronous handle the position moves behind the data.
 // An overlapped one is told that the transfer goes on, and finds its end at once.
-Transfer EndAt(const FileObject& file, OVERLAPPED& overlapped, off_t at, Transfer transfer) {
-  KeepResult(overlapped, transfer);
+Transfer FinishAtOffset(const FileObject& file, OVERLAPPED& overlapped, off_t at, Transfer transfer) {
+  RecordResult(overlapped, transfer);
   if (transfer.error && transfer.error != ERROR_HANDLE_EOF) return transfer;
   if (!file.overlapped()) {
     file.SetPosition(at + transfer.bytes);
@@ -138,7 +138,7 @@ Transfer EndAt(const FileObject& file, OVERLAPPED& overlapped, off_t at, Transfe
 
 // `move(at)` reads or writes `length` bytes at an offset or, with kHere, at the position.
 template <class Move>
-Transfer Perform(const FileObject& file, DWORD length, OVERLAPPED* overlapped, bool writing, Move move) {
+Transfer PerformTransfer(const FileObject& file, DWORD length, OVERLAPPED* overlapped, bool writing, Move move) {
   if (!(writing ? file.MayWrite() : file.MayRead())) return {0, ERROR_ACCESS_DENIED};
   if (file.IsFolder()) return {0, ERROR_INVALID_FUNCTION};
   if (!overlapped && file.overlapped()) return {0, ERROR_INVALID_PARAMETER};
@@ -148,7 +148,7 @@ Transfer Perform(const FileObject& file, DWORD length, OVERLAPPED* overlapped, b
   Transfer transfer = move(at);
   if (!overlapped) return transfer;
   if (!writing && !transfer.error && transfer.bytes == 0 && length > 0) transfer.error = ERROR_HANDLE_EOF;
-  return EndAt(file, *overlapped, at, transfer);
+  return FinishAtOffset(file, *overlapped, at, transfer);
 }
 
 // Runs `use` on the file behind a handle.
@@ -186,7 +186,7 @@ using namespace qel::layer;
 BOOL ReadFile(HANDLE handle, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead, LPOVERLAPPED overlapped) {
   if (bytesRead) *bytesRead = 0;
   return WithFile(handle, [&](const FileObject& file) {
-    const Transfer transfer = Perform(file, bytesToRead, overlapped, false, [&](off_t at) {
+    const Transfer transfer = PerformTransfer(file, bytesToRead, overlapped, false, [&](off_t at) {
       return Read(file, static_cast<char*>(buffer), bytesToRead, at);
     });
     if (bytesRead) *bytesRead = transfer.bytes;
@@ -197,7 +197,7 @@ BOOL ReadFile(HANDLE handle, LPVOID buffer, DWORD bytesToRead, LPDWORD bytesRead
 BOOL WriteFile(HANDLE handle, LPCVOID buffer, DWORD bytesToWrite, LPDWORD bytesWritten, LPOVERLAPPED overlapped) {
   if (bytesWritten) *bytesWritten = 0;
   return WithFile(handle, [&](const FileObject& file) {
-    const Transfer transfer = Perform(file, bytesToWrite, overlapped, true, [&](off_t at) {
+    const Transfer transfer = PerformTransfer(file, bytesToWrite, overlapped, true, [&](off_t at) {
       return Write(file, static_cast<const char*>(buffer), bytesToWrite, at);
     });
     if (bytesWritten) *bytesWritten = transfer.bytes;

@@ -1,3 +1,4 @@
+// GetTempFileNameW and GetTempFileNameA.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -7,6 +8,7 @@
 #include <cstdio>
 #include <cwchar>
 
+#include "qelibaselib/platform/linux/base/descriptor.h"
 #include "qelibaselib/platform/linux/files/path.h"
 #include "qelibaselib/platform/linux/win32/fileapi.h"
 #include "qelibaselib/platform/linux/win32/stringapiset.h"
@@ -19,7 +21,7 @@ constexpr size_t kLongestFolder = MAX_PATH - 14;
 constexpr unsigned kNumbers = 0xFFFF;
 
 // The folder with a separator of its own kind, and the first three characters of the prefix.
-DWORD Begin(LPCWSTR folder, LPCWSTR prefix, wchar_t* name, size_t& length) {
+DWORD StartName(LPCWSTR folder, LPCWSTR prefix, wchar_t* name, size_t& length) {
   SystemPath path;
   struct stat status;
   const size_t size = std::wcslen(folder);
@@ -32,7 +34,7 @@ DWORD Begin(LPCWSTR folder, LPCWSTR prefix, wchar_t* name, size_t& length) {
   return ERROR_SUCCESS;
 }
 
-void End(wchar_t* name, size_t length, unsigned number) {
+void AppendNumber(wchar_t* name, size_t length, unsigned number) {
   std::swprintf(name + length, MAX_PATH - length, L"%X.tmp", number);
 }
 
@@ -47,14 +49,11 @@ DWORD MakeFile(wchar_t* name, size_t length, unsigned& number) {
   const unsigned first = FirstNumber();
   for (unsigned i = 0; i < kNumbers; ++i) {
     number = (first + i) % kNumbers + 1;
-    End(name, length, number);
+    AppendNumber(name, length, number);
     SystemPath path;
     if (const DWORD error = path.Parse(name)) return error;
-    const int descriptor = open(path.text(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (descriptor >= 0) {
-      close(descriptor);
-      return ERROR_SUCCESS;
-    }
+    const Descriptor file(open(path.text(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    if (file.get() >= 0) return ERROR_SUCCESS;
     if (errno != EEXIST) return PathError(errno, path);
   }
   return ERROR_FILE_EXISTS;
@@ -65,9 +64,9 @@ unsigned TempFileName(LPCWSTR folder, LPCWSTR prefix, UINT unique, wchar_t* name
   size_t length = 0;
   unsigned number = unique & kNumbers;
   name[0] = 0;
-  error = Begin(folder, prefix, name, length);
+  error = StartName(folder, prefix, name, length);
   if (!error && number != 0)
-    End(name, length, number);
+    AppendNumber(name, length, number);
   else if (!error)
     error = MakeFile(name, length, number);
   if (error) name[0] = 0;

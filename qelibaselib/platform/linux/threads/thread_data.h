@@ -44,6 +44,9 @@ inline void ArmThreadEnd() {
 
 extern const ForkedPart kThreadSlotsAtFork;
 
+/// Lets go of the module that a thread holds; null does nothing.
+void ReleaseModule(void* module);
+
 /// Frees the thread's slot values; what they point to is the modules' matter.
 void FreeThreadSlots();
 /// Free what the thread has of these, for its end. None of it is an object with a destructor: its registration takes

@@ -29,6 +29,12 @@ class Failures {
   bool any_ = false;
 };
 
+// The folder that a tree call is given, as a path that can be joined to.
+class StartFolder : public TreePath {
+ public:
+  explicit StartFolder(const wchar_t* path) { SetFullPath(CleanPath(path)); }
+};
+
 // Fails with an assertion line.
 bool Refuse(SourcePosition step) {
   WriteAssertion(step);
@@ -94,7 +100,7 @@ struct TreeCopy {
     targetFolder.StripBackslashes();
     if (targetFolder.LiesWithin(walk.Folder())) return Refuse(QEL_HERE);
     if (!walk.Begin()) return Refuse(QEL_HERE);
-    if (!MakeLike(walk.Folder(), targetFolder.Get())) return Refuse(QEL_HERE);
+    if (!MakeLike(walk.Folder(), targetFolder)) return Refuse(QEL_HERE);
     Failures failures;
     TreePath targetEntry;
     while (walk.Next()) {
@@ -109,14 +115,25 @@ struct TreeCopy {
 
   bool CopyEntry(const FolderWalk& walk, const wchar_t* target) {
     if (walk.IsFolder()) return Copy(walk.EntryPath(), target);
-    return CopyFileX(__LINE__, __FILE__, walk.EntryPath(), target, FALSE, kCopyTimeoutMs, kCopyIntervalMs);
+    const DWORD timeoutMs = walk.HoldsNoFile() ? 0 : kCopyTimeoutMs;
+    return CopyFileX(__LINE__, __FILE__, walk.EntryPath(), target, FALSE, timeoutMs, kCopyIntervalMs);
   }
 
-  bool MakeLike(const wchar_t* source, const wchar_t* target) const {
-    if (!SHCreateDirectoryExX(caller.line, caller.sourceFile, target)) return false;
+  bool MakeLike(const wchar_t* source, const TreePath& target) const {
     const DWORD attributes = GetFileAttributesW(source);
-    if (attributes != INVALID_FILE_ATTRIBUTES) SetFileAttributesW(target, attributes);
+    if (attributes != INVALID_FILE_ATTRIBUTES && !(attributes & FILE_ATTRIBUTE_REPARSE_POINT))
+      MakeFromTemplate(source, target);
+    if (!SHCreateDirectoryExX(caller.line, caller.sourceFile, target.Get())) return false;
+    if (attributes != INVALID_FILE_ATTRIBUTES) SetFileAttributesW(target.Get(), attributes);
     return true;
+  }
+
+  // A folder made after a template gets its rights too, where the system has such. What fails here is tried again, and
+  // reported, by the call that makes an ordinary one. A link is no template: the result would be another link.
+  static void MakeFromTemplate(const wchar_t* source, const TreePath& target) {
+    if (CreateDirectoryExW(source, target.Get(), nullptr) || GetLastError() != ERROR_PATH_NOT_FOUND) return;
+    target.MakeParents();
+    CreateDirectoryExW(source, target.Get(), nullptr);
   }
 };
 
@@ -128,7 +145,7 @@ BOOL GetFileSizeDirectoryTree(int, const char*, const wchar_t* folder, unsigned 
   qel::Guarded(QEL_HERE, [&] {
     *totalSize = 0;
     qel::FolderBudget budget;
-    done = qel::AddSizes(qel::CleanPath(folder), *totalSize, budget);
+    done = qel::AddSizes(qel::StartFolder(folder).Get(), *totalSize, budget);
   });
   return done;
 }
@@ -137,7 +154,7 @@ BOOL DeleteDirectoryTree(int line, const char* sourceFile, const wchar_t* folder
   BOOL done = FALSE;
   qel::Guarded(QEL_HERE, [&] {
     qel::TreeDeletion deletion{{line, sourceFile}, {}};
-    done = deletion.Delete(qel::CleanPath(folder), removeFolder != FALSE, recurse != FALSE);
+    done = deletion.Delete(qel::StartFolder(folder).Get(), removeFolder != FALSE, recurse != FALSE);
   });
   return done;
 }
@@ -145,9 +162,9 @@ BOOL DeleteDirectoryTree(int line, const char* sourceFile, const wchar_t* folder
 BOOL CopyDirectoryTree(int line, const char* sourceFile, const wchar_t* sourceFolder, const wchar_t* targetFolder) {
   BOOL done = FALSE;
   qel::Guarded(QEL_HERE, [&] {
-    const qel::CleanPath source(sourceFolder), target(targetFolder);
+    const qel::StartFolder source(sourceFolder), target(targetFolder);
     qel::TreeCopy copy{{line, sourceFile}, {}};
-    done = copy.Copy(source, target);
+    done = copy.Copy(source.Get(), target.Get());
   });
   return done;
 }

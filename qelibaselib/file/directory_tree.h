@@ -6,7 +6,8 @@
 ///
 /// A link to a folder (symbolic link, junction) is the tree's, what it leads to is not: no walk goes through one that
 /// it meets. It counts as size 0, is deleted itself, and is not copied. The folder that the caller names may be a link.
-/// A path that would not fit in 260 characters is a failure, and so is an empty path of a folder.
+/// A path that would not fit in 260 characters is a failure, and so is an empty path of a folder. A relative path is
+/// taken from the current folder.
 #pragma once
 #include "qelibaselib/base/export.h"
 
@@ -21,8 +22,9 @@ QEL_API BOOL DeleteDirectoryTree(int line, const char* sourceFile, const wchar_t
                                  BOOL recurse);
 
 /// Copies a tree into `targetFolder`, which is made with all that lead to it; files there are overwritten, and folders
-/// take over the attributes of their sources. Fails without copying when the target is the source or lies inside it. A
-/// file in use is waited for, up to 10 s.
+/// take over the attributes of their sources, new ones on Linux their rights too. A device, pipe or socket and a link
+/// that leads nowhere are failures, without any waiting. Fails without copying when the target is the source or lies
+/// inside it. A file in use is waited for, up to 10 s.
 QEL_API BOOL CopyDirectoryTree(int line, const char* sourceFile, const wchar_t* sourceFolder,
                                const wchar_t* targetFolder);
 }

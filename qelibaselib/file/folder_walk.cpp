@@ -1,5 +1,7 @@
 #include "qelibaselib/file/folder_walk.h"
 
+#include "qelibaselib/base/scoped_handles.h"
+
 namespace qel {
 namespace {
 
@@ -12,6 +14,16 @@ void* AllocatePath() { return _MemAlloc(__FILE__, __LINE__, MAX_PATH * sizeof(wc
 TreePath::TreePath() : text_(static_cast<wchar_t*>(AllocatePath())) { *text_.get() = L'\0'; }
 
 TreePath::TreePath(const wchar_t* path) : TreePath() { wcsncpy_s(text_.get(), MAX_PATH, path, _TRUNCATE); }
+
+void TreePath::SetFullPath(const wchar_t* path) {
+  const DWORD length = GetFullPathNameW(path, MAX_PATH, text_.get(), nullptr);
+  if (length >= MAX_PATH || length == 0) *text_.get() = L'\0';
+}
+
+void TreePath::MakeParents() const {
+  TreePath parent(Get());
+  if (PathRemoveFileSpecW(parent.text_.get())) SHCreateDirectoryExW(nullptr, parent.Get(), nullptr);
+}
 
 void TreePath::StripBackslashes() {
   constexpr int kMostBackslashes = MAX_PATH - 1;
@@ -58,6 +70,14 @@ bool FolderWalk::Next() {
 bool FolderWalk::IsDots() const {
   const wchar_t* name = Name();
   return name[0] == L'.' && (name[1] == L'\0' || (name[1] == L'.' && name[2] == L'\0'));
+}
+
+bool FolderWalk::HoldsNoFile() const {
+  if (entry_.dwFileAttributes & FILE_ATTRIBUTE_DEVICE) return true;
+  if (!IsLink()) return false;
+  constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+  return !ScopedFile(
+      CreateFileW(EntryPath(), 0, kShareAll, nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
 }
 
 bool FolderWalk::IsLink() const {

@@ -24,6 +24,10 @@ class TreePath {
   TreePath();
   explicit TreePath(const wchar_t* path);
 
+  /// Where `path` leads from the current folder. A walk starts from such a path only: joined to a name, "..\x" would be
+  /// taken for a path from the root. Stays empty, which no folder is, when there is none or it does not fit.
+  void SetFullPath(const wchar_t* path);
+
   const wchar_t* Get() const { return text_.get(); }
   /// False, the path being empty, when the two together do not fit.
   bool Combine(const wchar_t* folder, const wchar_t* name) {
@@ -32,6 +36,8 @@ class TreePath {
   void StripBackslashes();
   /// Whether this is `folder` or a path below it, by the text, the case ignored.
   bool LiesWithin(const wchar_t* folder) const;
+  /// Makes the folders on the way to this one, as far as that goes.
+  void MakeParents() const;
 
  private:
   auto_MemAlloc<wchar_t> text_;
@@ -61,6 +67,9 @@ class FolderWalk {
   bool IsFolder() const { return entry_.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY; }
   /// A symbolic link or junction: what is below it belongs to another folder.
   bool IsLink() const;
+  /// A device, pipe or socket, or a link that leads nowhere: waiting does not make a file of it. The entry's path must
+  /// have been made.
+  bool HoldsNoFile() const;
   unsigned long long FileSize() const {
     return static_cast<unsigned long long>(entry_.nFileSizeHigh) << 32 | entry_.nFileSizeLow;
   }

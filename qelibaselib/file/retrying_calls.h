@@ -3,6 +3,9 @@
 ///
 /// `timeoutMs` is the time that may be slept away in all, INFINITE for no limit; `intervalMs`, cut to 60000, is the
 /// sleep between two attempts. Time spent in the calls themselves does not count.
+///
+/// Mind an interval of 0: CreateFileX and CopyFileX then take nothing from a budget that is not 0, so a sharing
+/// violation keeps them trying, without a pause, until it is over (kept behaviour; see docs/kept-behaviour.md).
 #pragma once
 #include "qelibaselib/base/export.h"
 

@@ -92,6 +92,25 @@ TEST_F(DirectoryTree, CopyTakesAllAndOverwrites) {
   EXPECT_EQ(FileMessages(), Messages{});
 }
 
+TEST_F(DirectoryTree, RelativePathsStartAtTheCurrentFolder) {
+  MakeFiles({"t/1", "t/a/2", "here/3"});
+  fs::current_path(folder_.Path() / "here");
+  unsigned long long size;
+  for (const wchar_t* path : {L"..\\t", L"..\\here\\..\\t\\"}) {
+    EXPECT_TRUE(Size(path, size)) << path;
+    EXPECT_EQ(size, 8u);
+  }
+  EXPECT_TRUE(Size(L".", size));
+  EXPECT_EQ(size, 6u);
+  EXPECT_TRUE(CopyDirectoryTree(HOST, L"..\\t", L"..\\new\\copy"));
+  EXPECT_TRUE(Exists("new/copy/a/2"));
+  EXPECT_FALSE(CopyDirectoryTree(HOST, L"..", L"inside")) << "into itself, which the two texts do not show";
+  EXPECT_TRUE(DeleteDirectoryTree(HOST, L"..\\t", TRUE, TRUE));
+  EXPECT_FALSE(Exists("t"));
+  EXPECT_EQ(Assertions().size(), 1u);
+  fs::current_path(folder_.Path().parent_path());
+}
+
 TEST_F(DirectoryTree, NoCopyGoesIntoItself) {
   MakeFiles({"Tree/1", "Tree/sub/2"});
   const std::vector<std::string> targets = {"Tree", "tREE", "Tree/sub", "Tree/new/deeper", "TREE/new"};

@@ -124,17 +124,17 @@ TEST_F(FailingCalls, Trees) {
   Drive({make,
          [&] { return GetFileSizeDirectoryTree(HOST, Wide("t").c_str(), &size); },
          [&] { return size == 3; },
-         {"FindFirstFileW", "FindNextFileW", "PathCombineW"},
+         {"GetFullPathNameW", "FindFirstFileW", "FindNextFileW", "PathCombineW"},
          false});
   Drive({make,
          [&] { return CopyDirectoryTree(HOST, Wide("t").c_str(), Wide("copy").c_str()); },
          [&] { return Holds("copy/1", "1") && Holds("copy/a/2", "22"); },
-         {"FindFirstFileW", "FindNextFileW", "PathCombineW", "CopyFileW", "SHCreateDirectoryExW"},
+         {"GetFullPathNameW", "FindFirstFileW", "FindNextFileW", "PathCombineW", "CopyFileW", "SHCreateDirectoryExW"},
          false});
   Drive({make,
          [&] { return DeleteDirectoryTree(HOST, Wide("t").c_str(), TRUE, TRUE); },
          [&] { return !fs::exists(Path("t")); },
-         {"FindFirstFileW", "FindNextFileW", "PathCombineW", "DeleteFileW", "RemoveDirectoryW"},
+         {"GetFullPathNameW", "FindFirstFileW", "FindNextFileW", "PathCombineW", "DeleteFileW", "RemoveDirectoryW"},
          false});
 }
 

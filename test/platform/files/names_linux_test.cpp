@@ -2,40 +2,163 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <set>
+
 #include "test/platform/files/file_calls.h"
 
 using namespace qel::test;
 
-class LinuxNamesTest : public FileTest {};
+class LinuxNamesTest : public FileTest {
+ protected:
+  static std::set<std::wstring> FoundNames(const wchar_t* pattern) {
+    std::set<std::wstring> names;
+    WIN32_FIND_DATAW data;
+    const HANDLE find = FindFirstFileW(pattern, &data);
+    if (find == INVALID_HANDLE_VALUE) return names;
+    do names.insert(data.cFileName);
+    while (FindNextFileW(find, &data));
+    EXPECT_TRUE(FindClose(find));
+    return names;
+  }
+};
 
-TEST_F(LinuxNamesTest, BytesThatAreNoTextGoRoundTrip) {
-  Write("gr\xC3\xBC\xC3\x9F");
-  Write("bad\xFF\xC3");
-  WIN32_FIND_DATAW data;
-  HANDLE find = FindFirstFileW(At("*").c_str(), &data);
-  ASSERT_NE(find, INVALID_HANDLE_VALUE);
-  std::wstring names;
-  do {
-    names += data.cFileName + std::wstring(L"/");
-    if (data.cFileName[0] != L'.') {
-      EXPECT_EQ(Delete(data.cFileName), Success());
-    }
-  } while (FindNextFileW(find, &data));
-  FindClose(find);
-  EXPECT_EQ(names, L"./../bad\xDCFF\xDCC3/gr\xFC\xDF/");
-  EXPECT_TRUE(std::filesystem::is_empty(scratch.Path()));
+// Each name is there, is listed in a form that no Win32 name of another meaning has, and is reached by that form alone.
+TEST_F(LinuxNamesTest, EveryNameHasOneFormThatLeadsBackToIt) {
+  const struct {
+    const char* name;
+    std::wstring shown;
+  } rows[] = {
+      {"gr\xC3\xBC\xC3\x9F", L"gr\xFC\xDF"},
+      {"bad\xFF\xC3", L"bad\xDCFF\xDCC3"},
+      {"..\\..\\up", L"..\xF05C..\xF05Cup"},
+      {"\\tmp\\x", L"\xF05Ctmp\xF05Cx"},
+      {"*?\"<>|", L"\xF02A\xF03F\xF022\xF03C\xF03E\xF07C"},
+      {"\x01\t\x1F", L"\xF001\xF009\xF01F"},
+      {"4:3",
+       L"4\xF03A"
+       L"3"},
+      {"C:", L"C\xF03A"},
+      {"\xC3\xBC:", L"\xFC\xF03A"},
+      {"12:30", L"12:30"},
+      {":a", L":a"},
+      {"\xEF\x81\x9C", L"\xDCEF\xDC81\xDC9C"},
+      {"a\xEF\x80\xBAz", L"a\xDCEF\xDC80\xDCBAz"},
+      {"\xEF\x80\x80\xEF\x80\xAF\xEF\x81\x81", L"\xF000\xF02F\xF041"},  // no stand-ins, as no name holds these
+      {"a", L"a"},
+      {"a.", L"a."},
+      {"a ", L"a "},
+      {"a. .", L"a. ."},
+      {"...", L"..."},
+      {" ", L" "},
+  };
+  MakeFolder("d");
+  std::set<std::wstring> expected = {L".", L".."};
+  for (const auto& row : rows) {
+    Write(std::string("d/") + row.name, row.name);
+    expected.insert(row.shown);
+  }
+  EXPECT_EQ(FoundNames(L"d\\*"), expected);
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.shown);
+    const std::wstring path = L"d\\" + row.shown;
+    WIN32_FIND_DATAW data;
+    ASSERT_TRUE(FindClose(FindFirstFileW(path.c_str(), &data)));
+    EXPECT_EQ(data.cFileName, row.shown);
+    EXPECT_TRUE(CopyFileW(path.c_str(), L"copy", FALSE));
+    EXPECT_EQ(Read("copy"), row.name);
+    EXPECT_EQ(Delete(path), Success());
+  }
+  EXPECT_TRUE(std::filesystem::is_empty("d"));
   EXPECT_EQ(Create(L"x\xD800", kW, 0, CREATE_NEW), Failure(123));
 }
 
-TEST_F(LinuxNamesTest, NamesThatEndInDotsOrBlanksStayWithinReach) {
-  Write("a");
-  Write("a.", "dot");
-  Write("a ", "blank");
-  EXPECT_EQ(Delete(L"a."), Success());
-  EXPECT_EQ(Delete(L"a "), Success());
-  EXPECT_EQ(Read("a"), "text");
-  EXPECT_EQ(Delete(L"a."), Success());
-  EXPECT_FALSE(Exists("a"));
+TEST_F(LinuxNamesTest, PatternsSeeNamesAsTheyAreShown) {
+  for (const char* name : {"a:b", "a*b", "ab.", "ab"}) Write(name);
+  const std::wstring colon =
+                         L"a\xF03A"
+                         L"b",
+                     star =
+                         L"a\xF02A"
+                         L"b";
+  EXPECT_EQ(FoundNames(L".\\a:*"), std::set<std::wstring>{colon});
+  EXPECT_EQ(FoundNames(L"a\xF03A*"), std::set<std::wstring>{colon});
+  EXPECT_EQ(FoundNames(L"?\xF02A?"), std::set<std::wstring>{star});
+  EXPECT_EQ(FoundNames(L"ab."), std::set<std::wstring>{L"ab."});
+  EXPECT_EQ(FoundNames(L"ab*"), (std::set<std::wstring>{L"ab", L"ab."}));
+}
+
+TEST_F(LinuxNamesTest, SearchesThatGoWrong) {
+  Write("file");
+  for (const wchar_t* name : {L"file\\x", L"file\\x*"}) EXPECT_EQ(Find(name), Failure(267)) << name;
+  for (const wchar_t* name : {L"file\\a\\x", L"file\\a\\x*"}) EXPECT_EQ(Find(name), Failure(3)) << name;
+  EXPECT_EQ(Find(L"\\\\.\\NONE"), Failure(2));
+}
+
+TEST_F(LinuxNamesTest, SpecialFilesAreDevicesWithoutASize) {
+  ASSERT_EQ(mkfifo("fifo", 0600), 0);
+  ASSERT_EQ(symlink("/dev/zero", "zero"), 0);
+  ASSERT_EQ(symlink("nothing that is there", "nowhere"), 0);
+  for (const wchar_t* name : {L"fifo", L"fif*", L"zero", L"zer*", L"nowhere", L"nowh*"}) {
+    SCOPED_TRACE(name);
+    WIN32_FIND_DATAW data;
+    ASSERT_TRUE(FindClose(FindFirstFileW(name, &data)));
+    EXPECT_EQ(data.dwFileAttributes,
+              name[0] == L'n' ? FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_REPARSE_POINT : DWORD{FILE_ATTRIBUTE_DEVICE});
+    EXPECT_EQ(data.nFileSizeLow | data.nFileSizeHigh, 0u);
+  }
+}
+
+TEST_F(LinuxNamesTest, FullPaths) {
+  MakeFolder("in");
+  MakeFolder("in/C:\\");
+  const std::wstring here = scratch.Wide();
+  const struct {
+    const wchar_t* name;
+    std::wstring full;
+  } rows[] = {
+      {L"a", here + L"/in/C\xF03A\xF05C/a"},
+      {L"..\\..\\x", here + L"/x"},
+      {L".", here + L"/in/C\xF03A\xF05C"},
+      {L"..\\..\\..\\..\\..\\..\\..\\..\\..", L"/"},
+      {L"\\a/.\\b/..\\c\\\\", L"/a/c/"},
+      {L"\\\\?\\/a", L"/a"},
+      {L"/", L"/"},
+  };
+  std::filesystem::current_path("in/C:\\");
+  for (const auto& row : rows) {
+    wchar_t full[MAX_PATH];
+    LPWSTR last;
+    EXPECT_EQ(GetFullPathNameW(row.name, MAX_PATH, full, &last), row.full.size());
+    EXPECT_EQ(full, row.full);
+    EXPECT_EQ(last ? last : L"", row.full.substr(row.full.rfind(L'/') + 1));
+    EXPECT_EQ(GetFullPathNameW(row.name, static_cast<DWORD>(row.full.size()), full, nullptr), row.full.size() + 1);
+  }
+  EXPECT_EQ(Ask([&] { return GetFullPathNameW(L"a*", 0, nullptr, nullptr); }), Failure(123));
+  std::filesystem::remove(std::filesystem::current_path());
+  EXPECT_EQ(Ask([&] { return GetFullPathNameW(L"a", 0, nullptr, nullptr); }), Failure(2));
+}
+
+TEST_F(LinuxNamesTest, AFolderAfterATemplate) {
+  MakeFolder("model");
+  SetAttributes("model", FILE_ATTRIBUTE_HIDDEN);
+  Write("file");
+  const auto make = [](const wchar_t* model, const wchar_t* name) {
+    return Ask([&] { return CreateDirectoryExW(model, name, nullptr); });
+  };
+  for (const mode_t mode : {0700u, 0755u, 01750u, 0500u}) {
+    chmod("model", mode | S_ISUID);
+    EXPECT_EQ(make(L"model", L"new"), Success());
+    struct stat status;
+    stat("new", &status);
+    EXPECT_EQ(status.st_mode & 01777, mode | 0700);
+    EXPECT_TRUE(GetFileAttributesW(L"new") & FILE_ATTRIBUTE_HIDDEN);
+    EXPECT_TRUE(RemoveDirectoryW(L"new"));
+  }
+  EXPECT_EQ(make(L"missing", L"new"), Failure(2));
+  EXPECT_EQ(make(L"file", L"new"), Failure(267));
+  EXPECT_EQ(make(L"model", L"model"), Failure(183));
+  EXPECT_EQ(make(L"model", L"no\\new"), Failure(3));
+  EXPECT_EQ(make(L"model", L"a*"), Failure(123));
 }
 
 TEST_F(LinuxNamesTest, SeparatorsAndColons) {

@@ -7,10 +7,20 @@
 
 TEST(SystemPathServicesTest, Combine) {
   const wchar_t* const rows[][3] = {
-      {L"/var/log", L"f", L"/var/log/f"},  {L"/var/log/", L"f", L"/var/log/f"}, {L"/", L"f", L"/f"},
-      {L"/var/log", L"../f", L"/var/f"},   {L"/var/log", L"..\\f", L"/var/f"},  {L"/a", L"../../..", L"/"},
-      {L"/var/log", L"/etc/f", L"/etc/f"}, {L"/var/log", L"\\f", L"\\f"},       {L"/a/./b", L"*.*", L"/a/b/*.*"},
-      {L"C:\\log", L"/f", L"/f"},          {L"/a", L"C:\\f", L"C:\\f"},
+      {L"/var/log", L"f", L"/var/log/f"},
+      {L"/var/log/", L"f", L"/var/log/f"},
+      {L"/", L"f", L"/f"},
+      {L"/var/log", L"../f", L"/var/f"},
+      {L"/var/log", L"..\\f", L"/var/f"},
+      {L"/a", L"../../..", L"/"},
+      {L"/var/log", L"/etc/f", L"/etc/f"},
+      {L"/var/log", L"\\f", L"\\f"},
+      {L"/a/./b", L"*.*", L"/a/b/*.*"},
+      {L"a\\b", L"\\f", L"\\f"},
+      {L"\\\\s\\h\\a", L"\\f", L"\\\\s\\h\\f"},
+      {L"/a", L"b.", L"/a/b."},
+      {L"C:\\log", L"/f", L"/f"},
+      {L"/a", L"C:\\f", L"C:\\f"},
   };
   for (const auto& row : rows) {
     wchar_t result[MAX_PATH];

@@ -47,6 +47,7 @@ TEST(PathServicesTest, Combine) {
       {nullptr, L"f", L"f"},
       {nullptr, nullptr, L"none"},
       {L"", L"", L"\\"},
+      {nullptr, L"", L"\\"},
       {L"C:", L"f", L"C:\\f"},
       {L"rel", L"..\\f", L"\\f"},
       {L"\\", L"f", L"\\f"},

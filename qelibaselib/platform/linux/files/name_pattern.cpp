@@ -4,6 +4,7 @@
 #include <bitset>
 #include <cwctype>
 
+#include "qelibaselib/platform/linux/files/path.h"
 #include "qelibaselib/platform/linux/win32/windef.h"
 
 namespace qel::layer {
@@ -28,10 +29,17 @@ wchar_t SortKey(wchar_t c) {
   return c > 0xFFFF ? 0xD800 + ((c - 0x10000) >> 10) : c;
 }
 
+// A colon is shown as a stand-in only where it is the second character, and a pattern may mean it by either.
+wchar_t ToComparable(wchar_t c) { return c == kStandInBase + L':' ? L':' : c; }
+
 }  // namespace
 
 NamePattern::NamePattern(std::wstring_view text) {
-  if (text == L"*.*") text = L"*";
+  const size_t length = text.find_last_not_of(L". ") + 1;
+  // "*." and all that end so, as "*.." and "*. ", ask for names without a dot.
+  const bool all = text.substr(0, length) == L"*.*";
+  const bool withoutDot = !all && text.substr(length).find(L'.') != text.npos;
+  text = all ? L"*" : text.substr(0, length);
   for (size_t i = 0; i < text.size(); ++i) {
     const wchar_t c = text[i], next = i + 1 < text.size() ? text[i + 1] : 0;
     if (c == L'?')
@@ -41,10 +49,9 @@ NamePattern::NamePattern(std::wstring_view text) {
     else if (c == L'*' && next == L'.')
       pattern_ += kAnyToLastDot;
     else
-      pattern_ += c;
+      pattern_ += ToComparable(c);
   }
-  // A dot at the end is no part of a name: "*." asks for names without one.
-  if (pattern_.size() > 1 && pattern_.ends_with(L".")) pattern_.pop_back();
+  if (withoutDot && pattern_.ends_with(kAny)) pattern_.back() = kAnyToLastDot;
 }
 
 // Walks the name once with the set of all places in the pattern that fit so far.
@@ -63,7 +70,7 @@ bool NamePattern::Matches(std::wstring_view name) const {
   Places places;
   places.set(0);
   for (size_t at = 0; at < name.size(); ++at) {
-    const wchar_t c = name[at];
+    const wchar_t c = ToComparable(name[at]);
     skip(places,
          [&](wchar_t p) { return p == kAny || p == kAnyToLastDot || (p == kOneOrNone && c == L'.' && !plain); });
     Places next;

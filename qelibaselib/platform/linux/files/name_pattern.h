@@ -7,7 +7,7 @@
 namespace qel::layer {
 
 /// Matches names as the file system of Windows does: "*.*" means every name, "?" also no character before a dot or the
-/// end, "*." names without a dot. Case counts.
+/// end, "*." names without a dot; blanks and dots at the end of a pattern mean nothing else. Case counts.
 class NamePattern {
  public:
   explicit NamePattern(std::wstring_view text);

@@ -18,8 +18,12 @@ bool IsLetter(wchar_t c) { return (c >= L'A' && c <= L'Z') || (c >= L'a' && c <=
 
 size_t CountCharacters(const char* text) {
   size_t count = 0;
-  for (; *text; ++text) count += (*text & 0xC0) != 0x80;
+  for (NameReader name(text, text + std::strlen(text)); !name.AtEnd(); ++count) name.Read();
   return count;
+}
+
+char* WriteNameCharacter(wchar_t c, char* out) {
+  return IsStandIn(c) ? EncodeUtf8(c - kStandInBase, out) : EncodeUtf8(c, out);
 }
 
 // The current folder counts in the length of a relative name.
@@ -28,16 +32,35 @@ size_t CharactersOfCurrentFolder() {
   return getcwd(folder, sizeof folder) ? CountCharacters(folder) + 1 : 0;
 }
 
+bool HasPrefix(LPCWSTR name, LPCWSTR end, const wchar_t (&prefix)[5]) {
+  return end - name >= 4 && std::wmemcmp(name, prefix, 4) == 0;
+}
+
 }  // namespace
+
+wchar_t NameReader::Read() {
+  const char* const first = at_;
+  wchar_t c = DecodeUtf8(at_, end_);
+  if (c == L'/') {
+    index_ = 0;
+    return c;
+  }
+  if (IsStandIn(c)) {
+    at_ = first + 1;
+    c = kEscapedByte + static_cast<unsigned char>(*first);
+  } else if (HasStandIn(c) && (c != L':' || index_ == 1)) {
+    c += kStandInBase;
+  }
+  ++index_;
+  return c;
+}
 
 DWORD SystemPath::Parse(LPCWSTR name, LPCWSTR end) {
   if (!name) return ERROR_PATH_NOT_FOUND;
   if (!end) end = name + std::wcslen(name);
-  bool longNames = false;
-  if (end - name >= 4 && std::wmemcmp(name, L"\\\\?\\", 4) == 0) {
-    name += 4;
-    longNames = true;
-  }
+  if (HasPrefix(name, end, L"\\\\.\\")) return ERROR_FILE_NOT_FOUND;
+  const bool longNames = HasPrefix(name, end, L"\\\\?\\");
+  if (longNames) name += 4;
   if (name == end) return ERROR_PATH_NOT_FOUND;
   for (LPCWSTR c = name; c != end; ++c)
     if (!IsOrdinary(*c) && (IsForbidden(*c) || IsUnencodable(*c))) return ERROR_INVALID_NAME;
@@ -55,7 +78,6 @@ DWORD SystemPath::Parse(LPCWSTR name, LPCWSTR end) {
   if (const DWORD error = AddComponents(name, end)) return error;
   if (length_ == 0) text_[length_++] = '.';
   text_[length_] = 0;
-  if (!endsInSeparator_) RemoveTrailingDotsAndBlanks();
   if (longNames) return ERROR_SUCCESS;
   if (start_ == 0) characters_ += CharactersOfCurrentFolder();
   return characters_ < MAX_PATH ? ERROR_SUCCESS : ERROR_PATH_NOT_FOUND;
@@ -68,7 +90,7 @@ DWORD SystemPath::AddComponents(LPCWSTR name, LPCWSTR end) {
     const LPCWSTR first = name;
     for (; name != end && !IsSeparator(*name); ++name) {
       if (out + kLongestUtf8 + 2 > text_ + kSize) return ERROR_PATH_NOT_FOUND;
-      out = EncodeUtf8(*name, out);
+      out = WriteNameCharacter(*name, out);
     }
     const auto length = static_cast<size_t>(name - first);
     if (name != end) ++name;
@@ -94,18 +116,6 @@ bool SystemPath::GoToParent() {
 bool SystemPath::EndsInParent() const {
   return length_ >= 2 && text_[length_ - 1] == '.' && text_[length_ - 2] == '.' &&
          (length_ == 2 || text_[length_ - 3] == '/');
-}
-
-// Windows drops them from the last component. A file that does have such a name stays within reach here, so that a tree
-// which holds one can be copied and deleted.
-void SystemPath::RemoveTrailingDotsAndBlanks() {
-  size_t kept = length_;
-  while (kept > start_ && (text_[kept - 1] == '.' || text_[kept - 1] == ' ')) --kept;
-  if (kept == length_ || kept == start_ || text_[kept - 1] == '/') return;
-  struct stat unused;
-  if (lstat(text_, &unused) == 0) return;
-  length_ = kept;
-  text_[length_] = 0;
 }
 
 DWORD SystemPath::SeparatorError() const {

@@ -90,14 +90,14 @@ bool Resolve(wchar_t* result, const wchar_t* path) {
 // "C:\log" and "\f" share the drive. Every other rooted name stands alone.
 bool StandsAlone(const wchar_t* folder, const wchar_t* more) {
   if (!*folder || HasDrive(more) || more[0] == L'/' || (more[0] == L'\\' && more[1] == L'\\')) return true;
-  return more[0] == L'\\' && !HasDrive(folder) && folder[1] != L'\\';
+  return more[0] == L'\\' && !HasDrive(folder) && !(folder[0] == L'\\' && folder[1] == L'\\');
 }
 
 bool Combine(wchar_t* result, const wchar_t* folder, const wchar_t* more) {
   if (!folder && !more) return false;
   Draft both;
   if (!more || !*more) {
-    more = folder;
+    more = folder ? folder : L"";
   } else if (folder && !StandsAlone(folder, more)) {
     both.Add(folder, *more == L'\\' ? RootLength(folder) : std::wcslen(folder));
     const bool systemPath = both.text[0] == L'/';

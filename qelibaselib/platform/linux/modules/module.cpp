@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "qelibaselib/platform/linux/base/utf8.h"
+#include "qelibaselib/platform/linux/files/path.h"
 #include "qelibaselib/platform/linux/memory/regions.h"
 #include "qelibaselib/platform/linux/modules/loaded_headers.h"
 #include "qelibaselib/platform/linux/modules/program_path.h"
@@ -163,8 +163,8 @@ DWORD GetModuleFileNameW(HMODULE module, LPWSTR name, DWORD size) {
     SetLastError(ERROR_MOD_NOT_FOUND);
     return 0;
   }
-  const char* const end = path + std::strlen(path);
-  return qel::layer::CopyText(name, size, [&] { return path == end ? L'\0' : qel::layer::DecodeUtf8(path, end); });
+  qel::layer::NameReader reader(path, path + std::strlen(path));
+  return qel::layer::CopyText(name, size, [&] { return reader.AtEnd() ? L'\0' : reader.Read(); });
 }
 
 BOOL GetModuleInformation(HANDLE process, HMODULE module, LPMODULEINFO information, DWORD size) {

@@ -8,6 +8,7 @@
 
 #include "qelibaselib/platform/fault/fault.h"
 #include "qelibaselib/platform/linux/base/error.h"
+#include "qelibaselib/platform/linux/base/utf8.h"
 #include "qelibaselib/platform/linux/win32/fileapi.h"
 #include "qelibaselib/platform/linux/win32/handleapi.h"
 #include "qelibaselib/platform/linux/win32/libloaderapi.h"
@@ -195,21 +196,7 @@ size_t Narrow(Bytes text, char* target) {
     } else if (code >= 0xD800 && code < 0xE000) {
       code = '?';  // half of a pair
     }
-    if (code < 0x80) {
-      *out++ = static_cast<char>(code);
-    } else if (code < 0x800) {
-      *out++ = static_cast<char>(0xC0 | (code >> 6));
-      *out++ = static_cast<char>(0x80 | (code & 0x3F));
-    } else if (code < 0x10000) {
-      *out++ = static_cast<char>(0xE0 | (code >> 12));
-      *out++ = static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-      *out++ = static_cast<char>(0x80 | (code & 0x3F));
-    } else {
-      *out++ = static_cast<char>(0xF0 | (code >> 18));
-      *out++ = static_cast<char>(0x80 | ((code >> 12) & 0x3F));
-      *out++ = static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-      *out++ = static_cast<char>(0x80 | (code & 0x3F));
-    }
+    out = EncodeUtf8(static_cast<wchar_t>(code), out);
   }
   *out++ = '\0';
   return static_cast<size_t>(out - target);

@@ -66,8 +66,8 @@ struct WIN32_FIND_DATAW {
 using LPWIN32_FIND_DATAW = WIN32_FIND_DATAW*;
 
 extern "C" {
-/// Names: both separators separate, there are no drive letters, case counts as the file system says, and a name that
-/// ends in dots or blanks means the one without them unless it exists. Share modes hold among the programs that use
+/// Names: both separators separate, there are no drive letters, case counts as the file system says, and dots and blanks
+/// at the end count. A character that no Win32 name holds is shown as U+F000 plus the character. Share modes hold among the programs that use
 /// this layer. A read-only file is one without any write bit. Inheriting and templates are not supported.
 QEL_LAYER HANDLE WINAPI CreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
                                     DWORD disposition, DWORD flagsAndAttributes, HANDLE templateFile);
@@ -99,12 +99,17 @@ QEL_LAYER BOOL WINAPI CopyFileW(LPCWSTR existing, LPCWSTR target, BOOL failIfExi
 QEL_LAYER DWORD WINAPI GetFileAttributesW(LPCWSTR name);
 QEL_LAYER BOOL WINAPI SetFileAttributesW(LPCWSTR name, DWORD attributes);
 QEL_LAYER BOOL WINAPI CreateDirectoryW(LPCWSTR name, LPSECURITY_ATTRIBUTES security);
+/// The new folder gets the attributes of the template and its rights less the umask, the owner's always.
+QEL_LAYER BOOL WINAPI CreateDirectoryExW(LPCWSTR templateFolder, LPCWSTR name, LPSECURITY_ATTRIBUTES security);
 QEL_LAYER BOOL WINAPI RemoveDirectoryW(LPCWSTR name);
+/// Fails for a name that no file can have, with the error that using it would give.
+QEL_LAYER DWORD WINAPI GetFullPathNameW(LPCWSTR name, DWORD size, LPWSTR full, LPWSTR* lastComponent);
 QEL_LAYER UINT WINAPI GetTempFileNameW(LPCWSTR folder, LPCWSTR prefix, UINT unique, LPWSTR name);
 QEL_LAYER UINT WINAPI GetTempFileNameA(LPCSTR folder, LPCSTR prefix, UINT unique, LPSTR name);
 
 /// Patterns follow the rules of NTFS, but case counts. A link to a folder is no folder where it is one of several
-/// entries: no walk leaves its tree by one.
+/// entries: no walk leaves its tree by one. Devices, pipes and sockets have the attribute DEVICE alone and the size 0.
+/// Entries that cannot be asked about, or whose names are too long, are left out, and the search ends with their error.
 QEL_LAYER HANDLE WINAPI FindFirstFileW(LPCWSTR pattern, LPWIN32_FIND_DATAW data);
 QEL_LAYER BOOL WINAPI FindNextFileW(HANDLE find, LPWIN32_FIND_DATAW data);
 QEL_LAYER BOOL WINAPI FindClose(HANDLE find);

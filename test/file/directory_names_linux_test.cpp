@@ -1,0 +1,123 @@
+// Trees as they are on this system: names that mean something else to Win32, special files, rights.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "test/file/tree_test.h"
+
+namespace qel::test {
+namespace {
+
+class SystemTree : public DirectoryTree {
+ protected:
+  fs::path At(const std::string& path) const { return folder_.Path() / path; }
+  static mode_t ModeOf(const fs::path& path) {
+    struct stat status = {};
+    stat(path.c_str(), &status);
+    return status.st_mode & 07777;
+  }
+};
+
+TEST_F(SystemTree, NoNameLeadsOutOfItsTree) {
+  const std::string odd[] = {"..\\..\\outside", "\\outside", "4:3", "C:\\outside", "a*",    "a?",
+                             "\"q\"",           "a",         "a.",  "a ",          "Co./f", "\xFF\xEF",
+                             "\xEF\x81\x9C",    "x\\/\\y"};
+  const auto make = [&] {
+    unsigned long long size = 0;
+    for (const std::string& name : odd) {
+      fs::create_directories(At("t/" + name).parent_path());
+      WriteWholeFile(At("t/" + name), "of " + name);
+      size += name.size() + 3;
+    }
+    return size;
+  };
+  WriteWholeFile(At("outside"), "kept");
+  WriteWholeFile(At("3"), "kept");
+  const ScratchFolder current;
+  const fs::path before = fs::current_path();
+  fs::current_path(current.Path());
+  WriteWholeFile("outside", "kept");
+  const unsigned long long made = make();
+  unsigned long long size;
+  EXPECT_TRUE(Size(folder_.Wide("t"), size));
+  EXPECT_EQ(size, made);
+  EXPECT_TRUE(Copy("t", "copy"));
+  for (const std::string& name : odd) EXPECT_EQ(ReadWholeFile(At("copy/" + name)), "of " + name) << name;
+  EXPECT_EQ(EntryCount("copy"), EntryCount("t"));
+  for (const char* tree : {"t", "copy"}) {
+    EXPECT_TRUE(Delete(tree, TRUE, TRUE));
+    EXPECT_FALSE(Exists(tree));
+  }
+  EXPECT_EQ(Assertions(), Messages{});
+  EXPECT_EQ(ReadWholeFile(At("outside")) + ReadWholeFile(At("3")) + ReadWholeFile("outside"), "keptkeptkept");
+  fs::current_path(before);
+}
+
+TEST_F(SystemTree, WhatIsNoFileFailsAtOnce) {
+  MakeFiles({"t/1", "t/z"});
+  fs::create_symlink("nowhere", At("t/broken"));
+  unsigned long long size;
+  EXPECT_TRUE(Size(folder_.Wide("t"), size));
+  EXPECT_EQ(size, 6u);
+  FakeClock clock;
+  EXPECT_FALSE(Copy("t", "copy"));
+  EXPECT_EQ(clock.Sleeps(), std::vector<DWORD>{});
+  EXPECT_EQ(FileMessages().size(), 1u);
+  EXPECT_EQ(Assertions().size(), 1u);
+  EXPECT_EQ(EntryCount("copy"), 2u) << "the files";
+  EXPECT_TRUE(Delete("t", TRUE, TRUE));
+  EXPECT_EQ(Assertions(), Messages{});
+}
+
+TEST_F(SystemTree, NewFoldersHaveTheRightsOfTheirSources) {
+  MakeFiles({"t/private/f", "t/open/f", "target/open/f"});
+  chmod(At("t").c_str(), 0750);
+  chmod(At("t/private").c_str(), 0700);
+  chmod(At("target/open").c_str(), 0711);
+  EXPECT_TRUE(Copy("t", "new/target"));
+  EXPECT_EQ(ModeOf(At("new/target")), 0750u);
+  EXPECT_EQ(ModeOf(At("new/target/private")), 0700u);
+  EXPECT_EQ(ModeOf(At("new/target/open")), ModeOf(At("t/open")));
+  EXPECT_TRUE(Copy("t", "target"));
+  EXPECT_EQ(ModeOf(At("target/open")), 0711u) << "it was there";
+}
+
+// As a user whom rights concern: a folder that may be listed but not searched, and an empty one of that kind.
+CHILD_ROLE(WalkWithoutRights) {
+  if (geteuid() == 0 && setuid(65534) != 0) return 1;
+  const ScratchFolder folder;
+  for (const char* name : {"t/no search/f", "t/z"}) {
+    fs::create_directories((folder.Path() / name).parent_path());
+    WriteWholeFile(folder.Path() / name, "12345");
+  }
+  fs::create_directories(folder.Path() / "empty/no search");
+  for (const char* name : {"t/no search", "empty/no search"}) chmod((folder.Path() / name).c_str(), 0400);
+  const std::wstring tree = folder.Wide("t");
+  unsigned long long size = 0;
+  const bool sizeFails = !GetFileSizeDirectoryTree(HOST, tree.c_str(), &size) && size == 5;
+  const bool copyFails =
+      !CopyDirectoryTree(HOST, tree.c_str(), folder.Wide("copy").c_str()) && fs::exists(folder.Path() / "copy/z");
+  const bool deletionFails = !DeleteDirectoryTree(HOST, tree.c_str(), TRUE, TRUE) && !fs::exists(folder.Path() / "t/z");
+  const bool emptyGoes = DeleteDirectoryTree(HOST, folder.Wide("empty").c_str(), TRUE, TRUE);
+  chmod((folder.Path() / "t/no search").c_str(), 0700);
+  Say(std::string(sizeFails ? "size " : "") + (copyFails ? "copy " : "") + (deletionFails ? "deletion " : "") +
+      (emptyGoes ? "empty" : ""));
+  return 0;
+}
+
+TEST_F(SystemTree, AnEntryThatCannotBeAskedAboutIsAFailure) {
+  ChildProcess child("WalkWithoutRights");
+  EXPECT_EQ(child.WaitForLine(), "size copy deletion empty");
+}
+
+// Where a folder is made quickly; directory_tree_slow_test.cpp has all three walks on both targets.
+TEST_F(SystemTree, AWalkVisits1024Folders) {
+  for (int i = 1; i < 1024; ++i) MakeFiles({"t/" + std::to_string(i) + "/f"});
+  unsigned long long size;
+  EXPECT_TRUE(Size(folder_.Wide("t"), size));
+  MakeFiles({"t/1024/f"});
+  EXPECT_FALSE(Size(folder_.Wide("t"), size));
+  EXPECT_EQ(Assertions().size(), 1u);
+}
+
+}  // namespace
+}  // namespace qel::test

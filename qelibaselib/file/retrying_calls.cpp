@@ -42,7 +42,7 @@ void MakeFolderOf(SourcePosition caller, const CleanPath& path) {
 
 // What CreateFileX opens. The access is the one last used: reading is asked for with writing, and given up again when
 // that is refused.
-struct OpenRequest {
+struct FileOpening {
   const wchar_t* fileName;
   DWORD access, shareMode;
   LPSECURITY_ATTRIBUTES security;
@@ -92,7 +92,7 @@ HANDLE CreateFileX(int line, const char* sourceFile, const wchar_t* fileName, DW
   HANDLE file = INVALID_HANDLE_VALUE;
   qel::Guarded(QEL_HERE, [&] {
     const qel::SourcePosition caller{line, sourceFile};
-    qel::OpenRequest request{fileName,           desiredAccess, shareMode, sa, creationDisposition,
+    qel::FileOpening request{fileName,           desiredAccess, shareMode, sa, creationDisposition,
                              flagsAndAttributes, templateFile};
     qel::RetryBudget budget(timeoutMs, intervalMs);
     qel::TryWithin(

@@ -33,25 +33,20 @@
 namespace qel::layer {
 namespace {
 
-// Devices, pipes and sockets: they have no size, and reading one may wait or never end.
-bool IsSpecial(mode_t mode) { return !S_ISREG(mode) && !S_ISDIR(mode) && !S_ISLNK(mode); }
-
-// A link is found as what it leads to; but one to a folder has the size 0 and is marked as a link, so that a walk
-// through a tree can tell it from the tree's own folders. One that leads nowhere is a file of size 0 with that mark.
+// A link is found as what it leads to; but one to a folder is marked as a link, so that a walk through a tree can tell
+// it from the tree's own folders. One that leads nowhere is a file of size 0 with that mark.
 void MarkLink(WIN32_FIND_DATAW& data, bool toFolder) {
   data.dwFileAttributes = FILE_ATTRIBUTE_REPARSE_POINT | (toFolder ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_ARCHIVE);
   data.dwReserved0 = IO_REPARSE_TAG_SYMLINK;
-  data.nFileSizeHigh = data.nFileSizeLow = 0;
 }
 
 void FillFindData(WIN32_FIND_DATAW& data, std::wstring_view name, const FileStatus& status, DWORD attributes) {
-  const bool special = IsSpecial(status.mode);
-  data.dwFileAttributes = special ? FILE_ATTRIBUTE_DEVICE : attributes;
+  data.dwFileAttributes = attributes;
   data.ftCreationTime = status.created;
   data.ftLastAccessTime = status.accessed;
   data.ftLastWriteTime = status.written;
-  data.nFileSizeHigh = special ? 0 : static_cast<DWORD>(status.size >> 32);
-  data.nFileSizeLow = special ? 0 : static_cast<DWORD>(status.size);
+  data.nFileSizeHigh = static_cast<DWORD>(status.size >> 32);
+  data.nFileSizeLow = static_cast<DWORD>(status.size);
   data.dwReserved0 = data.dwReserved1 = 0;
   std::memcpy(data.cFileName, name.data(), name.size() * sizeof(wchar_t));
   data.cFileName[name.size()] = 0;
@@ -220,8 +215,7 @@ bool ShowLastComponent(const SystemPath& path, wchar_t (&shown)[MAX_PATH], size_
   return true;
 }
 
-// This and Find are a part of the call in spite of their stack: fewer returns behind the system call.
-[[gnu::always_inline]] inline DWORD FindName(LPCWSTR name, WIN32_FIND_DATAW& data, Reference<FileSearch>& search) {
+DWORD FindName(LPCWSTR name, WIN32_FIND_DATAW& data, Reference<FileSearch>& search) {
   SystemPath path;
   if (const DWORD error = path.Parse(name)) return error;
   FileStatus status;
@@ -236,8 +230,7 @@ bool ShowLastComponent(const SystemPath& path, wchar_t (&shown)[MAX_PATH], size_
   return ERROR_SUCCESS;
 }
 
-[[gnu::noinline]] DWORD FindInFolder(LPCWSTR name, const SearchedName& pattern, WIN32_FIND_DATAW& data,
-                                     Reference<FileSearch>& search) {
+DWORD FindInFolder(LPCWSTR name, const SearchedName& pattern, WIN32_FIND_DATAW& data, Reference<FileSearch>& search) {
   SystemPath path;
   const bool drive = pattern.last == name && name[1] == L':';
   const DWORD error = drive                  ? path.Parse(name, name + 2)
@@ -262,7 +255,7 @@ bool ShowLastComponent(const SystemPath& path, wchar_t (&shown)[MAX_PATH], size_
   return found == ERROR_NO_MORE_FILES ? ERROR_FILE_NOT_FOUND : found;
 }
 
-[[gnu::always_inline]] inline DWORD Find(LPCWSTR name, WIN32_FIND_DATAW& data, HANDLE& handle) {
+DWORD Find(LPCWSTR name, WIN32_FIND_DATAW& data, HANDLE& handle) {
   SearchedName pattern;
   if (const DWORD error = FindLastComponent(name, pattern)) return error;
   Reference<FileSearch> search;

@@ -36,7 +36,7 @@ size_t RootLength(const wchar_t* path) {
 }
 
 // Text under construction that is too long only at its end.
-struct Draft {
+struct PathDraft {
   wchar_t text[MAX_PATH];
   size_t length = 0;
   bool fits = true;
@@ -53,7 +53,7 @@ struct Draft {
   void Add(wchar_t c) { Add(&c, 1); }
 };
 
-void RemoveLastComponent(Draft& path, size_t root, bool systemPath) {
+void RemoveLastComponent(PathDraft& path, size_t root, bool systemPath) {
   if (path.length > root) --path.length;  // the separator at its end
   while (path.length > root && !Separates(path.text[path.length - 1], systemPath)) --path.length;
 }
@@ -62,7 +62,7 @@ void RemoveLastComponent(Draft& path, size_t root, bool systemPath) {
 bool Resolve(wchar_t* result, const wchar_t* path) {
   const bool systemPath = path[0] == L'/';
   size_t root = RootLength(path);
-  Draft draft;
+  PathDraft draft;
   draft.Add(path, root);
   for (size_t at = root; path[at];) {
     const size_t end = EndOfComponent(path, at, systemPath);
@@ -95,7 +95,7 @@ bool StandsAlone(const wchar_t* folder, const wchar_t* more) {
 
 bool Combine(wchar_t* result, const wchar_t* folder, const wchar_t* more) {
   if (!folder && !more) return false;
-  Draft both;
+  PathDraft both;
   if (!more || !*more) {
     more = folder ? folder : L"";
   } else if (folder && !StandsAlone(folder, more)) {

@@ -13,9 +13,9 @@ namespace {
 
 // Collects a conversion in the caller's buffer; with room for nothing it only counts.
 template <class Char>
-class Output {
+class ConvertedText {
  public:
-  Output(Char* target, int room) : target_(target), room_(room) {}
+  ConvertedText(Char* target, int room) : target_(target), room_(room) {}
   void Add(const Char* text, int length) {
     if (room_ > 0 && count_ + length <= room_) std::memcpy(target_ + count_, text, sizeof(Char) * length);
     count_ += length;
@@ -32,7 +32,7 @@ class Output {
 };
 
 // `length` is -1 for a text that ends in a NUL, which is converted too.
-bool IsUsable(UINT codePage, DWORD flags, const void* source, int length, const void* target, int room) {
+bool CheckArguments(UINT codePage, DWORD flags, const void* source, int length, const void* target, int room) {
   const bool usable = (codePage == CP_ACP || codePage == CP_UTF8) && flags == 0 && source && length != 0 &&
                       length >= -1 && room >= 0 && (room == 0 || target) && source != target;
   if (!usable) SetLastError(ERROR_INVALID_PARAMETER);
@@ -48,10 +48,10 @@ using namespace qel::layer;
 
 int WideCharToMultiByte(UINT codePage, DWORD flags, LPCWSTR wide, int wideLength, LPSTR narrow, int narrowLength,
                         LPCSTR defaultCharacter, LPBOOL usedDefault) {
-  if (!IsUsable(codePage, flags, wide, wideLength, narrow, narrowLength)) return 0;
+  if (!CheckArguments(codePage, flags, wide, wideLength, narrow, narrowLength)) return 0;
   const size_t length = wideLength < 0 ? std::wcslen(wide) + 1 : static_cast<size_t>(wideLength);
   if (usedDefault) *usedDefault = FALSE;
-  Output<char> output(narrow, narrowLength);
+  ConvertedText<char> output(narrow, narrowLength);
   for (size_t i = 0; i < length; ++i) {
     char bytes[kLongestUtf8];
     if (IsUnencodable(wide[i])) {
@@ -66,9 +66,9 @@ int WideCharToMultiByte(UINT codePage, DWORD flags, LPCWSTR wide, int wideLength
 }
 
 int MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR narrow, int narrowLength, LPWSTR wide, int wideLength) {
-  if (!IsUsable(codePage, flags, narrow, narrowLength, wide, wideLength)) return 0;
+  if (!CheckArguments(codePage, flags, narrow, narrowLength, wide, wideLength)) return 0;
   const char* end = narrow + (narrowLength < 0 ? std::strlen(narrow) + 1 : static_cast<size_t>(narrowLength));
-  Output<wchar_t> output(wide, wideLength);
+  ConvertedText<wchar_t> output(wide, wideLength);
   while (narrow != end) {
     const wchar_t c = DecodeUtf8(narrow, end);
     output.Add(&c, 1);

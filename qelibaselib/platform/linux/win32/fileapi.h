@@ -23,7 +23,6 @@
 #define FILE_ATTRIBUTE_HIDDEN 0x2ul
 #define FILE_ATTRIBUTE_SYSTEM 0x4ul
 #define FILE_ATTRIBUTE_DIRECTORY 0x10ul
-#define FILE_ATTRIBUTE_DEVICE 0x40ul
 #define FILE_ATTRIBUTE_ARCHIVE 0x20ul
 #define FILE_ATTRIBUTE_DEVICE 0x40ul
 #define FILE_ATTRIBUTE_NORMAL 0x80ul
@@ -67,8 +66,9 @@ using LPWIN32_FIND_DATAW = WIN32_FIND_DATAW*;
 
 extern "C" {
 /// Names: both separators separate, there are no drive letters, case counts as the file system says, and dots and blanks
-/// at the end count. A character that no Win32 name holds is shown as U+F000 plus the character. Share modes hold among the programs that use
-/// this layer. A read-only file is one without any write bit. Inheriting and templates are not supported.
+/// at the end count. A character that no Win32 name holds is shown as U+F000 plus the character. Share modes hold among
+/// the programs that use this layer. A read-only file is one without any write bit. Inheriting and templates are not
+/// supported.
 QEL_LAYER HANDLE WINAPI CreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
                                     DWORD disposition, DWORD flagsAndAttributes, HANDLE templateFile);
 /// With FILE_FLAG_OVERLAPPED the transfer is done at once, and ERROR_IO_PENDING is given all the same.

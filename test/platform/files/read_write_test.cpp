@@ -117,12 +117,12 @@ TEST_F(ReadWriteTest, FolderIsNeitherReadNorWritten) {
   FileHandle folder(At("dir"), kRW, kShareAll, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS);
   ASSERT_TRUE(folder.IsOpen());
   EXPECT_EQ(ReadInto(folder.get(), buffer_, 1), (Moved{Failure(1), 0}));
-  EXPECT_EQ(WriteFrom(folder.get(), buffer_, 1), (Moved{Failure(1), 0}));
+  EXPECT_EQ(WriteFrom(folder.get(), buffer_, 1), (Moved{ByTarget(Failure(1), Failure(6)), 0}));
 }
 
 TEST_F(ReadWriteTest, WrongMethodsAndTargetsAreToldBeforeBadHandles) {
-  EXPECT_EQ(MovePointer(nullptr, 0, 3), ByTarget(Failure(87), Failure(6)));
-  EXPECT_EQ(MovePointer(nullptr, -1, FILE_BEGIN), ByTarget(Failure(131), Failure(6)));
+  EXPECT_EQ(MovePointer(nullptr, 0, 3), Failure(87));
+  EXPECT_EQ(MovePointer(nullptr, -1, FILE_BEGIN), Failure(131));
 }
 
 TEST_F(ReadWriteTest, PositionMovesAndGapsReadAsZeros) {

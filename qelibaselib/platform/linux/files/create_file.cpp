@@ -12,11 +12,11 @@
 namespace qel::layer {
 namespace {
 
-struct Access {
+struct AccessRight {
   DWORD bits;
   unsigned rights;
 };
-constexpr Access kAccess[] = {
+constexpr AccessRight kAccess[] = {
     {GENERIC_READ, kReading},   {GENERIC_WRITE, kWriting},   {GENERIC_ALL, kAllRights},
     {FILE_READ_DATA, kReading}, {FILE_WRITE_DATA, kWriting}, {DELETE, kDeleting},
     {FILE_READ_ATTRIBUTES, 0},  {FILE_WRITE_ATTRIBUTES, 0},  {SYNCHRONIZE, 0},
@@ -24,12 +24,12 @@ constexpr Access kAccess[] = {
 constexpr DWORD kFlags = FILE_FLAG_DELETE_ON_CLOSE | FILE_FLAG_SEQUENTIAL_SCAN | FILE_FLAG_RANDOM_ACCESS |
                          FILE_FLAG_WRITE_THROUGH | FILE_FLAG_OVERLAPPED | FILE_FLAG_BACKUP_SEMANTICS;
 
-DWORD ReadRequest(DWORD access, DWORD share, DWORD disposition, DWORD flags, OpenRequest& request) {
+DWORD ReadRequest(DWORD access, DWORD share, DWORD disposition, DWORD flags, FileRequest& request) {
   if (disposition < CREATE_NEW || disposition > TRUNCATE_EXISTING || (share & ~DWORD{kAllRights}) != 0 ||
       !AreKnownAttributes(flags & ~kFlags) || (disposition == TRUNCATE_EXISTING && !(access & GENERIC_WRITE)))
     return ERROR_INVALID_PARAMETER;
   request = {{0, share}, disposition};
-  for (const Access& known : kAccess) {
+  for (const AccessRight& known : kAccess) {
     if (access & known.bits) request.mode.access |= known.rights;
     access &= ~known.bits;
   }
@@ -42,13 +42,13 @@ DWORD ReadRequest(DWORD access, DWORD share, DWORD disposition, DWORD flags, Ope
   return ERROR_SUCCESS;
 }
 
-// By these names alone: with a folder or an extension it is the name of a file that may well exist here.
+// Windows takes NUL with a folder or an extension for the device, too; here a file may well have such a name.
 bool IsNullDevice(LPCWSTR name) { return _wcsnicmp(name, L"NUL", 4) == 0 || _wcsnicmp(name, L"\\\\.\\NUL", 8) == 0; }
 
-// There is no other device by such a name.
+// Apart from the null device none has a name of this kind here.
 bool IsNameOfDevice(LPCWSTR name) { return std::wcsncmp(name, L"\\\\.\\", 4) == 0; }
 
-DWORD Create(LPCWSTR name, const OpenRequest& request, bool overlapped, HANDLE& handle, bool& existed) {
+DWORD Create(LPCWSTR name, const FileRequest& request, bool overlapped, HANDLE& handle, bool& existed) {
   SystemPath path;
   if (name && IsNameOfDevice(name)) return ERROR_FILE_NOT_FOUND;
   if (const DWORD error = path.Parse(name)) return error;
@@ -70,7 +70,7 @@ using namespace qel::layer;
 
 HANDLE CreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES, DWORD disposition,
                    DWORD flagsAndAttributes, HANDLE) {
-  OpenRequest request;
+  FileRequest request;
   HANDLE handle = nullptr;
   bool existed = false;
   DWORD error = ReadRequest(access, share, disposition, flagsAndAttributes, request);

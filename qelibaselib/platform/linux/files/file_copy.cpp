@@ -140,7 +140,7 @@ void TakeBack(const SystemPath& path, const OpenedFile& target) {
 
 DWORD CopyFileByPath(const SystemPath& sourcePath, const SystemPath& targetPath, bool failIfExists) {
   OpenedFile source, target;
-  OpenRequest request{{kReading, kAllRights}, OPEN_EXISTING};
+  FileRequest request{{kReading, kAllRights}, OPEN_EXISTING};
   request.special = false;
   if (const DWORD error = source.Open(sourcePath, request)) return error;
   if (const DWORD error = CheckLockedRanges(source)) return error;
@@ -168,7 +168,7 @@ DWORD Copy(const SystemPath& source, LPCWSTR targetName, bool failIfExists) {
   const DWORD targetError = target.ParseFile(targetName);
   if (!targetError) return CopyFileByPath(source, target, failIfExists);
   OpenedFile opened;
-  OpenRequest request{{kReading, kAllRights}, OPEN_EXISTING};
+  FileRequest request{{kReading, kAllRights}, OPEN_EXISTING};
   request.special = false;
   const DWORD error = opened.Open(source, request);
   return error ? error : targetError;

@@ -22,7 +22,7 @@ bool Empties(DWORD disposition) { return disposition == CREATE_ALWAYS || disposi
 bool Makes(DWORD disposition) { return disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS; }
 
 // O_NONBLOCK: nothing waits for the other end of a pipe.
-int FlagsFor(const OpenRequest& request) {
+int FlagsFor(const FileRequest& request) {
   const bool writes = (request.mode.access & kWriting) || Empties(request.disposition);
   return (writes ? O_RDWR : O_RDONLY) | (request.writesThrough ? O_DSYNC : 0) | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
 }
@@ -38,7 +38,7 @@ bool IsFolder(const SystemPath& path) {
 }
 
 // ENXIO: a socket, or a device without a driver.
-DWORD ErrorOfExisting(int number, const SystemPath& path, const OpenRequest& request) {
+DWORD ErrorOfExisting(int number, const SystemPath& path, const FileRequest& request) {
   return number == ENXIO && !request.special ? ERROR_NOT_SUPPORTED : PathError(number, path);
 }
 
@@ -60,7 +60,7 @@ void OpenedFile::Close() {
   CloseDescriptor(std::exchange(descriptor_, -1));
 }
 
-DWORD OpenedFile::Open(const SystemPath& path, const OpenRequest& request) {
+DWORD OpenedFile::Open(const SystemPath& path, const FileRequest& request) {
   for (int i = 0; i < kTries; ++i) {
     DWORD error = OpenDescriptor(path, request);
     OpenResult result = error ? OpenResult::kFailed : OpenResult::kOpened;
@@ -74,7 +74,7 @@ DWORD OpenedFile::Open(const SystemPath& path, const OpenRequest& request) {
 
 // A descriptor for both ways where one is asked for: the sharing lock needs one that reads. What the user may only
 // write, or only ask about, is opened as far as it goes.
-int OpenedFile::OpenExisting(const SystemPath& path, const OpenRequest& request) const {
+int OpenedFile::OpenExisting(const SystemPath& path, const FileRequest& request) const {
   const int flags = FlagsFor(request);
   const int descriptor = OpenDescriptorOf(path, flags);
   if (descriptor >= 0) return descriptor;
@@ -86,7 +86,7 @@ int OpenedFile::OpenExisting(const SystemPath& path, const OpenRequest& request)
   return descriptor;
 }
 
-DWORD OpenedFile::OpenDescriptor(const SystemPath& path, const OpenRequest& request) {
+DWORD OpenedFile::OpenDescriptor(const SystemPath& path, const FileRequest& request) {
   existed_ = true;
   // CREATE_ALWAYS usually finds no file and OPEN_ALWAYS usually finds one, so each saves a call that fails.
   const bool makesFirst = request.disposition == CREATE_NEW || request.disposition == CREATE_ALWAYS;
@@ -116,7 +116,7 @@ DWORD OpenedFile::OpenDescriptor(const SystemPath& path, const OpenRequest& requ
 }
 
 // Takes the place among the other opens of the file, then looks at the file, which nobody can take away from then on.
-OpenedFile::OpenResult OpenedFile::Enter(const OpenRequest& request, DWORD& error) {
+OpenedFile::OpenResult OpenedFile::Enter(const FileRequest& request, DWORD& error) {
   access_ = request.mode.access;
   if (access_ != 0 && request.shared) {
     error = place_.Take(descriptor_, request.mode, !existed_, &rangesLocked_);
@@ -137,7 +137,7 @@ OpenedFile::OpenResult OpenedFile::Enter(const OpenRequest& request, DWORD& erro
   return error ? OpenResult::kFailed : OpenResult::kOpened;
 }
 
-DWORD OpenedFile::CheckExisting(const OpenRequest& request) const {
+DWORD OpenedFile::CheckExisting(const FileRequest& request) const {
   if (request.source && status_.SameFile(*request.source)) return ERROR_SHARING_VIOLATION;
   if (status_.IsSpecial() && !request.special) return ERROR_NOT_SUPPORTED;
   if (status_.IsFolder()) return request.folders ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
@@ -148,7 +148,7 @@ DWORD OpenedFile::CheckExisting(const OpenRequest& request) const {
   return AttributesOf(status_, descriptor_) & kMustBeGiven & ~request.attributes ? ERROR_ACCESS_DENIED : ERROR_SUCCESS;
 }
 
-DWORD OpenedFile::SetContentsAndAttributes(const OpenRequest& request) {
+DWORD OpenedFile::SetContentsAndAttributes(const FileRequest& request) {
   if (existed_ && !Empties(request.disposition)) return ERROR_SUCCESS;
   if (existed_ && status_.size > 0)
     if (const DWORD error = CutUnmappedFile(descriptor_, 0)) return error;

@@ -1,5 +1,14 @@
 /// @file
 /// The opening of files, for CreateFileW and for the calls that open one themselves.
+///
+/// The room files/ holds what concerns files and folders: their names (path.h), opening, sharing (file_sharing.h),
+/// attributes, transfers, copying and moving, searching, and the path functions of the shell. It uses base/, handles/,
+/// the probes of faults/, and of objects/ the user's folder of shared memory.
+///
+/// Other processes open, empty and delete files at the same time, so an open goes in this order: first a descriptor,
+/// then the place among the other opens of the file, then a look at what the descriptor leads to, and only then a
+/// change of contents and attributes. So nobody empties a file that somebody holds, and a file that was deleted in
+/// between is noticed by its missing name. A process that dies in the middle leaves an empty new file at most.
 #pragma once
 #include "qelibaselib/platform/linux/files/file_attributes.h"
 #include "qelibaselib/platform/linux/files/file_sharing.h"
@@ -9,7 +18,7 @@
 namespace qel::layer {
 
 /// What an open asks for. Access 0 only asks about the file: no share mode is tested, and it is in nobody's way.
-struct OpenRequest {
+struct FileRequest {
   ShareMode mode;
   DWORD disposition;
   DWORD attributes = 0;  // of a file that is made
@@ -32,7 +41,7 @@ class OpenedFile {
   ~OpenedFile();
 
   /// Returns the Win32 error. A read-only file is not opened for writing, whoever asks.
-  DWORD Open(const SystemPath& path, const OpenRequest& request);
+  DWORD Open(const SystemPath& path, const FileRequest& request);
 
   int descriptor() const { return descriptor_; }
   bool existed() const { return existed_; }
@@ -42,16 +51,16 @@ class OpenedFile {
   const FileStatus& status() const { return status_; }
 
  private:
-  DWORD OpenDescriptor(const SystemPath& path, const OpenRequest& request);
-  int OpenExisting(const SystemPath& path, const OpenRequest& request) const;
+  DWORD OpenDescriptor(const SystemPath& path, const FileRequest& request);
+  int OpenExisting(const SystemPath& path, const FileRequest& request) const;
   enum class OpenResult {
     kOpened,
     kFailed,
     kRaceRetry,  // another process deleted the file between our two calls, so that its name is free or another file's
   };
-  OpenResult Enter(const OpenRequest& request, DWORD& error);
-  DWORD CheckExisting(const OpenRequest& request) const;
-  DWORD SetContentsAndAttributes(const OpenRequest& request);
+  OpenResult Enter(const FileRequest& request, DWORD& error);
+  DWORD CheckExisting(const FileRequest& request) const;
+  DWORD SetContentsAndAttributes(const FileRequest& request);
   void Close();
 
   int descriptor_ = -1;

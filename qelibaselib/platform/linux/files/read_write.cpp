@@ -99,7 +99,7 @@ Transfer Write(const FileObject& file, const char* buffer, DWORD length, off_t a
 
 off_t Position(const FileObject& file) { return lseek(file.PositionedDescriptor(), 0, SEEK_CUR); }
 
-// Where the transfer begins as a number, for the locks of others.
+// A lock that another handle has on the bytes of the transfer.
 DWORD CheckRanges(const FileObject& file, DWORD length, off_t at, bool writing) {
   return file.CheckRanges(length, writing, [&] { return at == kHere ? Position(file) : at; });
 }
@@ -123,8 +123,8 @@ void RecordResult(OVERLAPPED& overlapped, const Transfer& transfer) {
                                                            : 0;
 }
 
-// What follows a transfer with an offset of the caller's. On a synchronous handle the position moves behind the data.
-// An overlapped one is told that the transfer goes on, and finds its end at once.
+// Ends a transfer at an offset of the caller's. On a synchronous handle the position moves behind the data. The caller
+// with an overlapped handle hears that the transfer goes on, and finds it finished when asking.
 Transfer FinishAtOffset(const FileObject& file, OVERLAPPED& overlapped, off_t at, Transfer transfer) {
   RecordResult(overlapped, transfer);
   if (transfer.error && transfer.error != ERROR_HANDLE_EOF) return transfer;

@@ -1,3 +1,6 @@
+// The room text/ holds text streams, conversions between wide and narrow text, comparisons, and the locale of a thread.
+// It uses base/, the share modes and paths of files/, and the ends of threads/.
+//
 // _wfopen, and streams in text mode: a line feed goes out as CR LF and CR LF comes in as a line feed.
 //
 // The C library has no text mode, so such a stream is one of its cookie streams, whose reading, writing and seeking are

@@ -1,8 +1,11 @@
-// fuzz-sources: qelibaselib/base/format.cpp qelibaselib/base/format_conversion.cpp qelibaselib/base/format_number.cpp
-// qelibaselib/base/format_text.cpp qelibaselib/base/formatted_text.cpp The formatter on any format. An argument has to
-// fit its conversion, so each percent sign gets, after the fuzzer's own flags, one of the letters below and an argument
-// of its kind; the formats are fed one conversion at a time. Checked beside what the sanitizers see: the text is cut at
-// its buffer's end, its length does not depend on the buffer, and a plain number reads as the C library prints it.
+// clang-format off
+// fuzz-sources: qelibaselib/base/format.cpp qelibaselib/base/format_conversion.cpp qelibaselib/base/format_number.cpp qelibaselib/base/format_text.cpp qelibaselib/base/formatted_text.cpp
+// clang-format on
+
+// The formatter on any format. An argument has to fit its conversion, so each percent sign gets, after flags of the
+// fuzzer's choice, one of the letters below and an argument of its kind. Checked beside what the sanitizers see: the
+// text is cut at its buffer's end, its length does not depend on the buffer, and a plain number reads as the C library
+// prints it.
 #include <bit>
 #include <cstdint>
 #include <cstdio>

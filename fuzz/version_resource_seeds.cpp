@@ -1,5 +1,5 @@
-// version_resource_seeds FOLDER [MODULE...]: what the fuzzer starts from. Small modules as they are; of every module its
-// version resource in a smallest one, 32- and 64-bit.
+// version_resource_seeds FOLDER [MODULE...]: what the fuzzer starts from. Small modules as they are; of every module
+// its version resource in a smallest one, 32- and 64-bit.
 #include <cstdio>
 #include <filesystem>
 #include <fstream>

@@ -3,7 +3,6 @@
 /// throw, and then gives the calling frame no cleanups: a fault inside would skip its destructors. Under another name
 /// the same function keeps them.
 #pragma once
-#include <cstdarg>
 #include <cstddef>
 
 #ifdef _WIN32
@@ -17,15 +16,7 @@ extern "C" {
 size_t StringLength(const char* text) QEL_C_NAME("strlen");
 size_t WideStringLength(const wchar_t* text) QEL_C_NAME("wcslen");
 size_t StringLengthUpTo(const char* text, size_t most) QEL_C_NAME("strnlen");
-size_t WideStringLengthUpTo(const wchar_t* text, size_t most) QEL_C_NAME("wcsnlen");
 void* CopyBytes(void* to, const void* from, size_t bytes) QEL_C_NAME("memcpy");
-void* MoveBytes(void* to, const void* from, size_t bytes) QEL_C_NAME("memmove");
 void* FillBytes(void* to, int value, size_t bytes) QEL_C_NAME("memset");
-int CompareBytes(const void* left, const void* right, size_t bytes) QEL_C_NAME("memcmp");
-#ifdef _WIN32
-int FormatText(char* text, size_t size, const char* format, va_list arguments) QEL_C_NAME("__mingw_vsnprintf");
-#else
-int FormatText(char* text, size_t size, const char* format, va_list arguments) QEL_C_NAME("vsnprintf");
-#endif
 }
 }  // namespace may_fault

@@ -1,6 +1,5 @@
 #include "test/platform/fault/provoke.h"
 
-#include <cstdarg>
 #include <iterator>
 #include <ostream>
 
@@ -64,23 +63,10 @@ OWN_FRAME void CopyFrom(int& destroyed) {
   may_fault::CopyBytes(buffer, BadPointer(), sizeof buffer);
   g_sink = buffer[5];
 }
-OWN_FRAME void CompareWith(int& destroyed) {
-  const Witness witness(destroyed);
-  g_sink = may_fault::CompareBytes("text", BadPointer(), 4);
-}
 OWN_FRAME void Fill(int& destroyed) {
   const Witness witness(destroyed);
   may_fault::FillBytes(BadPointer(), 0, 64);
 }
-OWN_FRAME void FormatList(int& destroyed, const char* format, ...) {
-  const Witness witness(destroyed);
-  char buffer[64];
-  va_list arguments;
-  va_start(arguments, format);
-  g_sink = may_fault::FormatText(buffer, sizeof buffer, format, arguments);
-  va_end(arguments);
-}
-void Format(int& destroyed) { FormatList(destroyed, "%s %d", BadPointer(), 5); }
 
 // The second witness.
 template <class Function>
@@ -130,9 +116,7 @@ const FaultKind kFaultKinds[] = {
     {"StringLength", &Twice<StringLength>, EXCEPTION_ACCESS_VIOLATION, 2, kReading, kAny},
     {"WideStringLength", &Twice<WideStringLength>, EXCEPTION_ACCESS_VIOLATION, 2, kReading, kAny},
     {"CopyBytes", &Twice<CopyFrom>, EXCEPTION_ACCESS_VIOLATION, 2, kReading, kAny},
-    {"CompareBytes", &Twice<CompareWith>, EXCEPTION_ACCESS_VIOLATION, 2, kReading, kAny},
     {"FillBytes", &Twice<Fill>, EXCEPTION_ACCESS_VIOLATION, 2, kWriting, kAny},
-    {"FormatText", &Twice<Format>, EXCEPTION_ACCESS_VIOLATION, 2, kReading, kAny},
 };
 const size_t kFaultKindCount = std::size(kFaultKinds);
 

@@ -1,5 +1,5 @@
 // clang-format off
-// fuzz-sources: qelibaselib/platform/linux/modules/file_symbols.cpp qelibaselib/platform/linux/modules/loaded_headers.cpp qelibaselib/platform/linux/modules/loaded_symbols.cpp qelibaselib/platform/linux/modules/mapped_pages.cpp qelibaselib/platform/linux/modules/symbol_name.cpp qelibaselib/platform/linux/modules/symbol_table.cpp qelibaselib/platform/linux/modules/table_cursor.cpp qelibaselib/platform/linux/modules/walk_memory.cpp
+// fuzz-sources: qelibaselib/platform/linux/modules/file_symbols.cpp qelibaselib/platform/linux/modules/loaded_headers.cpp qelibaselib/platform/linux/modules/lzma_decoder.cpp qelibaselib/platform/linux/modules/xz_decoder.cpp qelibaselib/platform/linux/modules/loaded_symbols.cpp qelibaselib/platform/linux/modules/mapped_pages.cpp qelibaselib/platform/linux/modules/symbol_name.cpp qelibaselib/platform/linux/modules/symbol_table.cpp qelibaselib/platform/linux/modules/table_cursor.cpp qelibaselib/platform/linux/modules/walk_memory.cpp
 // clang-format on
 
 // Symbols from any bytes: as the file of a module and as a module in memory.

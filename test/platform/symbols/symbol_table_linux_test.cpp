@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <string>
@@ -141,6 +142,36 @@ TEST(SymbolTable, SurvivesAnyFile) {
     const MemoryFile file(bytes);
     const SymbolTable table = ReadFileSymbols(file.get());
     for (int i = 0; i < 50; ++i) NameAt(table, static_cast<uint32_t>(random()));
+  }
+}
+
+// As distributions leave it in modules that they strip.
+TEST(SymbolTable, ReadsMiniDebugInfo) {
+  const ScratchFolder folder;
+  const std::string at = "cd '" + folder.Narrow() + "' && ";
+  const std::string make =
+      "objcopy -g --only-keep-debug /proc/$PPID/exe hidden && xz -0 hidden && strip -s -o stripped /proc/$PPID/exe && "
+      "objcopy --add-section .gnu_debugdata=hidden.xz stripped packed";
+  if (std::system((at + make).c_str()) != 0) GTEST_SKIP() << "no tools that strip and pack";
+  const MemoryFile sound(ReadWholeFile("/proc/self/exe")), stripped(ReadWholeFile(folder.Path() / "stripped"));
+  const std::string bytes = ReadWholeFile(folder.Path() / "packed");
+  const auto all = ReadFileSymbols(sound.get());
+  const auto found = ReadFileSymbols(MemoryFile(bytes).get());
+  ASSERT_LT(ReadFileSymbols(stripped.get()).size(), all.size() / 2);
+  EXPECT_EQ(found.size(), all.size());
+  Dl_info info;
+  const auto local = reinterpret_cast<uint32_t>(static_cast<std::string (*)(const SymbolTable&, uint32_t)>(&NameAt));
+  ASSERT_NE(dladdr(reinterpret_cast<void*>(local), &info), 0);
+  const uint32_t linked = local - reinterpret_cast<uint32_t>(info.dli_fbase);
+  EXPECT_NE(NameAt(all, linked), "");
+  EXPECT_EQ(NameAt(found, linked), NameAt(all, linked));
+  // Damage in the packed part costs names, nothing else.
+  std::mt19937 random(11);
+  const size_t start = bytes.find("7zXZ");
+  for (int round = 0; round < 4; ++round) {
+    std::string damaged = bytes;
+    for (int i = 0; i < 3; ++i) damaged[start + random() % 3000] = static_cast<char>(random());
+    NameAt(ReadFileSymbols(MemoryFile(damaged).get()), linked);
   }
 }
 

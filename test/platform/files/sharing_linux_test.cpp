@@ -4,6 +4,8 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <vector>
+
 #include "test/platform/files/file_calls.h"
 #include "test/platform/files/forked_child.h"
 #include "test/support/child_process.h"
@@ -48,6 +50,39 @@ CHILD_ROLE(HoldForeignLock) {
   Say(locked ? "locked" : "refused");
   Hear();
   return 0;
+}
+
+// Says how often it had the file for itself, or "overlap" when another had it at the same time.
+CHILD_ROLE(WantAloneBesideLocks) {
+  const std::wstring wanted = Widen(arguments[0]), inside = wanted + L".inside";
+  int had = 0;
+  for (int i = 0; i < 3000 && had < 150; ++i) {
+    FileHandle alone(wanted, kRW, 0, OPEN_ALWAYS);
+    if (!alone.IsOpen()) continue;
+    if (Create(inside, kW, 0, CREATE_NEW) != Success(0) || Delete(inside) != Success()) {
+      Say("overlap");
+      return 1;
+    }
+    ++had;
+  }
+  Say(std::to_string(had));
+  return 0;
+}
+
+CHILD_ROLE(LockNowAndThen) {
+  const int file = open(arguments[0].c_str(), O_RDWR);
+  Say("begins");
+  for (int i = 0;; ++i) {
+    const int again = i % 3 == 0 ? open(arguments[0].c_str(), O_RDWR) : file;
+    LockAsAForeignProgramDoes(again, kForeignLocks[i % std::size(kForeignLocks)]);
+    usleep(i % 7 * 30);
+    struct flock all = {};
+    all.l_type = F_UNLCK;
+    fcntl(file, F_SETLK, &all);
+    fcntl(file, F_OFD_SETLK, &all);
+    flock(file, LOCK_UN);
+    if (again != file) close(again);
+  }
 }
 
 CHILD_ROLE(DeleteOnClose) {
@@ -103,6 +138,21 @@ TEST_F(LinuxSharingTest, HoldsWhateverForeignLocksAreThere) {
     EXPECT_EQ(Create(At("f"), kR, 1, OPEN_EXISTING), Success(0)) << "several may stand beside each other";
     EXPECT_EQ(Create(At("f"), kR, 2, OPEN_EXISTING), Failure(32));
   }
+}
+
+TEST_F(LinuxSharingTest, OneAtATimeWhileForeignLocksComeAndGo) {
+  ChildProcess locker("LockNowAndThen", {scratch.Narrow("f")});
+  ASSERT_EQ(locker.WaitForLine(), "begins");
+  std::vector<ChildProcess> children;
+  for (int i = 0; i < 3; ++i)
+    children.emplace_back("WantAloneBesideLocks", std::vector<std::string>{scratch.Narrow("f")});
+  int had = 0;
+  for (auto& child : children) {
+    const std::string said = child.WaitForLine();
+    EXPECT_NE(said, "overlap");
+    had += std::atoi(said.c_str());
+  }
+  EXPECT_GT(had, 0);
 }
 
 TEST_F(LinuxSharingTest, AForeignLockThatComesLaterHidesNobody) {

@@ -134,18 +134,22 @@ Found SharePlace::LookEverywhere(int file, bool* rangesLocked) const {
   return found;
 }
 
-// The own byte is listed, too, and no other open can be told from it, so it is left out once.
+// The own byte is listed, too, and no other open can be told from it, so it is left out once. The kernel gives a long
+// list in parts and may skip a lock where one before it went away meanwhile, so the list is read twice.
 Found SharePlace::LookInLockTable(int file, bool* rangesLocked) const try {
-  bool ownIsListed = home_ == Home::kFile, conflict = false;
-  ForEachListedLock(file, [&](int first, int last) {
-    const bool isOwn = ownIsListed && first == ByteOf(mode_) && last == first;
-    if (isOwn) ownIsListed = false;
-    for (int byte = first; byte <= last && !isOwn; ++byte) {
-      NoteRanges(byte, rangesLocked);
-      conflict = conflict || !StandsBeside(byte, mode_);
-    }
-    return !conflict;
-  });
+  bool conflict = false;
+  for (int pass = 0; pass < 2 && !conflict; ++pass) {
+    bool ownIsListed = home_ == Home::kFile;
+    ForEachListedLock(file, [&](int first, int last) {
+      const bool isOwn = ownIsListed && first == ByteOf(mode_) && last == first;
+      if (isOwn) ownIsListed = false;
+      for (int byte = first; byte <= last && !isOwn; ++byte) {
+        NoteRanges(byte, rangesLocked);
+        conflict = conflict || !StandsBeside(byte, mode_);
+      }
+      return !conflict;
+    });
+  }
   return conflict ? Found::kConflict : Found::kFree;
 } catch (const std::bad_alloc&) {
   return Found::kUnsupported;

@@ -25,14 +25,14 @@ struct FreeText {
 };
 using OwnText = std::unique_ptr<char, FreeText>;
 
-std::unique_ptr<CWinThread> BeginSuspended(AFX_THREADPROC procedure, void* argument, BOOL autoDelete) {
+std::unique_ptr<CWinThread> BeginSuspendedThread(AFX_THREADPROC procedure, void* argument, BOOL autoDelete) {
   std::unique_ptr<CWinThread> thread(
       AfxBeginThread(procedure, argument, THREAD_PRIORITY_TIME_CRITICAL, 0, CREATE_SUSPENDED));
   if (thread) thread->m_bAutoDelete = autoDelete;
   return thread;
 }
 
-void WaitForEnd(const CWinThread& thread, DWORD timeoutMs, qel::SourcePosition position) {
+void WaitForThreadEnd(const CWinThread& thread, DWORD timeoutMs, qel::SourcePosition position) {
   if (WaitForSingleObject(thread.m_hThread, timeoutMs) != WAIT_OBJECT_0) qel::WriteAssertion(position);
 }
 
@@ -57,15 +57,15 @@ void FormatNotification(const char* message) {
                now.wHour, now.wMinute, now.wSecond, now.wMilliseconds, program.text, message);
 }
 
-void Display(OwnText text) {
+void RunDisplay(OwnText text) {
   VemoOMPSetNumThreads(0);
   const qel::ScopedObject ended(CreateEventX(QEL_HERE.line, QEL_HERE.sourceFile, nullptr, FALSE, FALSE, nullptr));
-  const std::unique_ptr<CWinThread> beeper = BeginSuspended(&BeepUntilSignalled, ended.Get(), FALSE);
+  const std::unique_ptr<CWinThread> beeper = BeginSuspendedThread(&BeepUntilSignalled, ended.Get(), FALSE);
   if (beeper) beeper->ResumeThread();
   FormatNotification(text.get());
   text.reset();
   SetEvent(ended.Get());
-  if (beeper) WaitForEnd(*beeper, kBeeperEndMs, QEL_HERE);
+  if (beeper) WaitForThreadEnd(*beeper, kBeeperEndMs, QEL_HERE);
 }
 
 UINT __cdecl DisplayThread(LPVOID text) {
@@ -73,7 +73,7 @@ UINT __cdecl DisplayThread(LPVOID text) {
   qel::Guarded(QEL_HERE, [&] {
     const CSEREG translator;
     const CSetLocale locale;
-    Display(std::move(own));
+    RunDisplay(std::move(own));
   });
   return 0;
 }
@@ -83,11 +83,11 @@ UINT __cdecl DisplayThread(LPVOID text) {
 void VemoDispInf(const char* text, int waitForEnd) {
   qel::Guarded(QEL_HERE, [&] {
     OwnText copy(_strdup(text));
-    std::unique_ptr<CWinThread> thread = BeginSuspended(&DisplayThread, copy.get(), !waitForEnd);
+    std::unique_ptr<CWinThread> thread = BeginSuspendedThread(&DisplayThread, copy.get(), !waitForEnd);
     if (!thread) return qel::WriteAssertion(QEL_HERE, GetLastError());
     static_cast<void>(copy.release());                                   // the thread's own from here on
     CWinThread* display = waitForEnd ? thread.get() : thread.release();  // which deletes itself
     display->ResumeThread();
-    if (waitForEnd) WaitForEnd(*display, INFINITE, QEL_HERE);
+    if (waitForEnd) WaitForThreadEnd(*display, INFINITE, QEL_HERE);
   });
 }

@@ -46,7 +46,7 @@ CpuidResult RunCpuid(DWORD leaf) {
   return result;
 }
 
-int AllowedCount(int count) {
+int LimitThreadCount(int count) {
   if (omp_get_dynamic() == 0 || count < 0) return 1;
   const int processors = static_cast<int>(g_processorCount);
   return count == 0 || count > processors ? processors : count;
@@ -106,7 +106,7 @@ void VemoOMPSetNumThreads(int count) {
     if (omp_in_parallel()) return qel::WriteAssertion(QEL_HERE);
     qel::ThreadRecord* record = qel::GetThreadRecord();
     if (!record) return qel::WriteAssertion(QEL_HERE, GetLastError());
-    record->ompThreadCount = AllowedCount(count);
+    record->ompThreadCount = LimitThreadCount(count);
   });
 }
 

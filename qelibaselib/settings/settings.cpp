@@ -5,23 +5,23 @@
 
 namespace {
 
-struct Folder {
+struct FolderSetting {
   LONG set = 0;
   wchar_t path[MAX_PATH] = L"?:\\???";  // no valid path: what is built on a folder that nobody set fails
 };
 
-constinit Folder g_logFolder;
-constinit Folder g_temporaryFolder;
-constinit Folder g_dataFolder;
-constinit Folder g_baseFolder;
-constinit Folder g_executableFolder;
+constinit FolderSetting g_logFolder;
+constinit FolderSetting g_temporaryFolder;
+constinit FolderSetting g_dataFolder;
+constinit FolderSetting g_baseFolder;
+constinit FolderSetting g_executableFolder;
 constinit DWORD g_debugMode = 0;
 constinit DWORD g_noCacheFlushLimitBytes = 0x2000000;
 constinit DWORD g_noCacheFlushLimitSecond = 50;
 
 // The path is read before the flag is taken, so that a bad pointer does not use up the only chance; once the folder is
 // set it is not read at all.
-int SetOnce(qel::SourcePosition position, Folder& folder, const wchar_t* path) {
+int SetFolderOnce(qel::SourcePosition position, FolderSetting& folder, const wchar_t* path) {
   if (InterlockedCompareExchange(&folder.set, 0, 0) != 0) return TRUE;
   qel::Guarded(position, [&] {
     wchar_t copy[MAX_PATH];
@@ -33,11 +33,11 @@ int SetOnce(qel::SourcePosition position, Folder& folder, const wchar_t* path) {
 
 }  // namespace
 
-int VemoSetLogPath(const wchar_t* path) { return SetOnce(QEL_HERE, g_logFolder, path); }
-int VemoSetTmpPath(const wchar_t* path) { return SetOnce(QEL_HERE, g_temporaryFolder, path); }
-int VemoSetDataPath(const wchar_t* path) { return SetOnce(QEL_HERE, g_dataFolder, path); }
-int VemoSetBasePath(const wchar_t* path) { return SetOnce(QEL_HERE, g_baseFolder, path); }
-int VemoSetExePath(const wchar_t* path) { return SetOnce(QEL_HERE, g_executableFolder, path); }
+int VemoSetLogPath(const wchar_t* path) { return SetFolderOnce(QEL_HERE, g_logFolder, path); }
+int VemoSetTmpPath(const wchar_t* path) { return SetFolderOnce(QEL_HERE, g_temporaryFolder, path); }
+int VemoSetDataPath(const wchar_t* path) { return SetFolderOnce(QEL_HERE, g_dataFolder, path); }
+int VemoSetBasePath(const wchar_t* path) { return SetFolderOnce(QEL_HERE, g_baseFolder, path); }
+int VemoSetExePath(const wchar_t* path) { return SetFolderOnce(QEL_HERE, g_executableFolder, path); }
 
 const wchar_t* VemoGetLogPath() { return g_logFolder.path; }
 const wchar_t* VemoGetTmpPath() { return g_temporaryFolder.path; }

@@ -1,3 +1,7 @@
+// The library owns one slot of the system's thread-local storage, in which each thread keeps a pointer to its own
+// record. The record is made when the thread is attached or, for a thread that was there before the library, at its
+// first call; it is freed when the thread is detached. Only its own thread reads or writes it, so there is no lock. The
+// number of the slot is shared by all threads and set once, by an atomic exchange.
 #include "qelibaselib/settings/thread_record.h"
 
 #include <cstddef>
@@ -15,10 +19,10 @@ static_assert(offsetof(ThreadRecord, sourceFile) == 4 && offsetof(ThreadRecord, 
 
 constinit LONG g_slot = static_cast<LONG>(TLS_OUT_OF_INDEXES);
 
-DWORD Slot() { return static_cast<DWORD>(__atomic_load_n(&g_slot, __ATOMIC_RELAXED)); }
+DWORD RecordSlot() { return static_cast<DWORD>(__atomic_load_n(&g_slot, __ATOMIC_RELAXED)); }
 
 bool AllocateSlot() {
-  if (Slot() != TLS_OUT_OF_INDEXES) return true;
+  if (RecordSlot() != TLS_OUT_OF_INDEXES) return true;
   const DWORD slot = TlsAlloc();
   if (slot == TLS_OUT_OF_INDEXES) {
     WriteAssertion(QEL_HERE, GetLastError());
@@ -39,7 +43,7 @@ void SetPosition(ThreadRecord& record, SourcePosition position) {
 }
 
 // Returns the record; null when there is none.
-ThreadRecord* Register(SourcePosition position) {
+ThreadRecord* RegisterPosition(SourcePosition position) {
   const DWORD errorAtEntry = GetLastError();
   ThreadRecord* record = GetThreadRecord();
   if (record)
@@ -56,7 +60,7 @@ ThreadRecord* CreateRecord() {
     return nullptr;
   }
   _MemSet(record, 0, sizeof(ThreadRecord), __LINE__, __FILE__);
-  if (!TlsSetValue(Slot(), record)) {
+  if (!TlsSetValue(RecordSlot(), record)) {
     const DWORD error = GetLastError();
     GlobalFree(record);
     WriteAssertion(QEL_HERE, error);
@@ -74,33 +78,33 @@ ThreadRecord* CreateRecord() {
 ThreadRecord* GetThreadRecord() {
   const DWORD error = GetLastError();  // TlsGetValue clears it
   if (!AllocateSlot()) return nullptr;
-  auto* record = static_cast<ThreadRecord*>(TlsGetValue(Slot()));
+  auto* record = static_cast<ThreadRecord*>(TlsGetValue(RecordSlot()));
   if (!record) record = CreateRecord();
   if (record) SetLastError(error);
   return record;
 }
 
 void FreeThreadRecord() {
-  if (Slot() == TLS_OUT_OF_INDEXES) return;
-  auto* record = static_cast<ThreadRecord*>(TlsGetValue(Slot()));
+  if (RecordSlot() == TLS_OUT_OF_INDEXES) return;
+  auto* record = static_cast<ThreadRecord*>(TlsGetValue(RecordSlot()));
   if (!record) return;
   GlobalFree(record);
-  if (!TlsSetValue(Slot(), nullptr)) WriteAssertion(QEL_HERE, GetLastError());
+  if (!TlsSetValue(RecordSlot(), nullptr)) WriteAssertion(QEL_HERE, GetLastError());
 }
 
 void FreeThreadRecordSlot() {
-  if (Slot() == TLS_OUT_OF_INDEXES) return;
-  if (!TlsFree(Slot())) WriteAssertion(QEL_HERE, GetLastError());
+  if (RecordSlot() == TLS_OUT_OF_INDEXES) return;
+  if (!TlsFree(RecordSlot())) WriteAssertion(QEL_HERE, GetLastError());
   InterlockedExchange(&g_slot, static_cast<LONG>(TLS_OUT_OF_INDEXES));
 }
 
-ScopedSourcePosition::ScopedSourcePosition(SourcePosition position) : record_(Register(position)) {}
+ScopedSourcePosition::ScopedSourcePosition(SourcePosition position) : record_(RegisterPosition(position)) {}
 
 ScopedSourcePosition::~ScopedSourcePosition() {
   if (record_)
     SetPosition(*record_, kNoSourcePosition);
   else
-    Register(kNoSourcePosition);
+    RegisterPosition(kNoSourcePosition);
 }
 
 void GetRegisteredSourcePosition(SourcePosition& position) {

@@ -13,7 +13,7 @@
 
 namespace {
 
-const wchar_t* Printable(const wchar_t* name) { return name ? name : L"NULL"; }
+const wchar_t* NameOrNull(const wchar_t* name) { return name ? name : L"NULL"; }
 
 DWORD AsUnsigned(BOOL flag) { return static_cast<DWORD>(flag); }
 
@@ -37,7 +37,7 @@ HANDLE CreateEventX(int line, const char* sourceFile, LPSECURITY_ATTRIBUTES sa, 
     const DWORD error = GetLastError();
     if (!event)
       LogFailure({line, sourceFile}, "lastErr=%lu, %s(0x%p, %lu, %lu, %ls)", error, "CreateEventX",
-                 static_cast<void*>(sa), AsUnsigned(manualReset), AsUnsigned(initialState), Printable(name));
+                 static_cast<void*>(sa), AsUnsigned(manualReset), AsUnsigned(initialState), NameOrNull(name));
     qel::RestoreError(error);
   });
   return event;
@@ -51,7 +51,7 @@ HANDLE CreateMutexX(int line, const char* sourceFile, LPSECURITY_ATTRIBUTES sa, 
     const DWORD error = GetLastError();
     if (!mutex)
       LogFailure({line, sourceFile}, "lastErr=%lu, %s(0x%p, %lu, %ls)", error, "CreateMutexX", static_cast<void*>(sa),
-                 AsUnsigned(initialOwner), Printable(name));
+                 AsUnsigned(initialOwner), NameOrNull(name));
     qel::RestoreError(error);
   });
   return mutex;
@@ -65,7 +65,7 @@ HANDLE CreateSemaphoreX(int line, const char* sourceFile, LPSECURITY_ATTRIBUTES 
     const DWORD error = GetLastError();
     if (!semaphore)
       LogFailure({line, sourceFile}, "lastErr=%lu, %s(0x%p, %ld, %ld, %ls)", error, "CreateSemaphoreX",
-                 static_cast<void*>(sa), initialCount, maximumCount, Printable(name));
+                 static_cast<void*>(sa), initialCount, maximumCount, NameOrNull(name));
     qel::RestoreError(error);
   });
   return semaphore;

@@ -69,6 +69,8 @@ CHILD_ROLE(UseObjects) {
     const std::wstring name = NameOf(stem, number);
     const Handle event = CreateEventW(nullptr, TRUE, FALSE, (name + L"-event").c_str());
     if (event && random() % 2) SetEvent(event);
+    // A thread that ends as the owner of a mutex that has no handle any more.
+    if (random() % 8 == 0) Worker([&]() -> DWORD { return Handle(CreateMutexW(nullptr, TRUE, name.c_str())) ? 0 : 1; });
     Handle mutex;
     const bool alone = IsNewOnlyWhenClosed(*board.operator->(), number, [&] {
       mutex = CreateMutexW(nullptr, random() % 4 == 0, name.c_str());

@@ -99,14 +99,14 @@ int StoreText(const Target& target, mode_t& mode, DWORD stored) {
   return ChangeText(target, mode, [&] { return target.SetText(text, length); });
 }
 
-// The rows of the table in the header.
+// How attributes are stored: the rows of the table in the header.
 enum class StoredForm { kUnmarked, kMarkAlone, kText };
 
 StoredForm FormOf(bool folder, DWORD stored) {
   if (stored == StoredWithoutMark(folder)) return StoredForm::kUnmarked;
   return stored == StoredWithoutText(folder) ? StoredForm::kMarkAlone : StoredForm::kText;
 }
-// Where there are no extended attributes.
+// The form on a file system without extended attributes.
 StoredForm FormWithoutText(bool folder, DWORD stored) {
   const bool marked = folder ? (stored & FILE_ATTRIBUTE_READONLY) != 0 : (stored & FILE_ATTRIBUTE_ARCHIVE) == 0;
   return marked ? StoredForm::kMarkAlone : StoredForm::kUnmarked;
@@ -136,7 +136,7 @@ int Write(const Target& target, const FileStatus& status, DWORD attributes) {
   return error ? error : refused;
 }
 
-// What reading gives after these attributes were written.
+// The attributes that a reader finds after these were written.
 DWORD AttributesAfterWriting(const FileStatus& status, DWORD attributes) {
   FileStatus after = status;
   after.mode = (status.mode & S_IFMT) | PermissionsFor(status, attributes);

@@ -51,7 +51,7 @@ DWORD CopyThroughBuffer(int from, int to, unsigned long long length) {
   return ERROR_SUCCESS;
 }
 
-// From position to position, at most `length` bytes: in the kernel as far as that goes, the rest through a buffer.
+// Copies at most `length` bytes from position to position. The kernel does it as far as it can, a buffer does the rest.
 DWORD CopyBytes(int from, int to, unsigned long long length) {
   while (length > 0) {
     const auto part = static_cast<size_t>(std::min<unsigned long long>(length, kLargestPart));
@@ -115,7 +115,7 @@ bool SameName(const FileStatus& source, const SystemPath& target) {
   return ReadStatus(AT_FDCWD, target.text(), 0, existing) == 0 && existing.SameFile(source);
 }
 
-// Another handle's lock on a part of the source.
+// Finds a lock that another handle has on a part of the source.
 DWORD CheckLockedRanges(const OpenedFile& source) {
   if (!source.rangesLocked()) return ERROR_SUCCESS;
   const auto size = static_cast<off_t>(source.status().size);

@@ -1,11 +1,13 @@
 // LockFileEx and UnlockFileEx.
 //
 // The problem: the kernel joins and splits the ranges of one owner, while Win32 unlocks each range as it was locked,
-// and shared ones may overlap. The idea: each handle keeps a list of its ranges and lets the kernel hold what they
-// cover, as locks of the open file description. An exclusive lock needs a descriptor that writes; a handle for reading
-// opens one for that. The invariant: the kernel's locks are the union of the list. They end with the handle, which
-// frees them although a view may keep the open file description, and with a process that is killed. A forked child
-// leaves them alone.
+// and shared ones may overlap.
+//
+// The idea: each handle keeps a list of its ranges and lets the kernel hold what they cover, as locks of the open file
+// description. An exclusive lock needs a descriptor that writes; a handle for reading opens one for that.
+//
+// The invariant: the kernel's locks are the union of the list. They end with the handle, which frees them although a
+// view may keep the open file description, and with a process that is killed. A forked child leaves them alone.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -107,7 +109,8 @@ DWORD RangeLocks::Unlock(off_t from, off_t to) {
   return ERROR_SUCCESS;
 }
 
-// The kernel's lock goes for the whole range, also where shared locks of this handle overlapped it. Those come back.
+// The kernel frees the whole range, also where another shared range of this handle overlaps it, so that one is locked
+// again.
 void RangeLocks::FreeInKernel(const LockedRange& freed) {
   if (freed.IsEmpty()) return;
   struct flock kernel = LockRange(F_UNLCK, freed.from, freed.to - freed.from);
@@ -144,7 +147,7 @@ void FileObject::FreeRangeLocks() { delete ranges_.load(); }
 
 namespace {
 
-// From the parts of a call to [from, to); the kernel's offsets end before Win32's do.
+// The range [from, to) that the arguments of a call mean. The kernel's offsets end before Win32's do.
 struct RangeBounds {
   off_t from, to;
   bool valid;

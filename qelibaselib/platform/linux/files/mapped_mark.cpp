@@ -34,7 +34,7 @@ InTheWay FindInTheWay(int descriptor) {
   return mark.l_type == F_RDLCK ? InTheWay::kMapping : InTheWay::kCut;
 }
 
-// Behind a foreign lock. One who cuts is listed for a moment, too; he would be in the way as well.
+// Looks behind a foreign lock. One who cuts the file is listed for a moment, too, and is in the way as well.
 bool IsMarkListed(int descriptor) try {
   LockTable table(descriptor);
   ListedLock lock;

@@ -21,7 +21,7 @@ constexpr int kTries = 100;
 bool Empties(DWORD disposition) { return disposition == CREATE_ALWAYS || disposition == TRUNCATE_EXISTING; }
 bool Makes(DWORD disposition) { return disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS; }
 
-// O_NONBLOCK: nothing waits for the other end of a pipe.
+// With O_NONBLOCK no open waits for the other end of a pipe.
 int FlagsFor(const FileRequest& request) {
   const bool writes = (request.mode.access & kWriting) || Empties(request.disposition);
   return (writes ? O_RDWR : O_RDONLY) | (request.writesThrough ? O_DSYNC : 0) | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
@@ -37,7 +37,7 @@ bool IsFolder(const SystemPath& path) {
   return ReadStatusOfName(path.text(), status) == 0 && status.IsFolder();
 }
 
-// ENXIO: a socket, or a device without a driver.
+// ENXIO is the answer for a socket and for a device without a driver.
 DWORD ErrorOfExisting(int number, const SystemPath& path, const FileRequest& request) {
   return number == ENXIO && !request.special ? ERROR_NOT_SUPPORTED : PathError(number, path);
 }
@@ -72,8 +72,8 @@ DWORD OpenedFile::Open(const SystemPath& path, const FileRequest& request) {
   return ERROR_ACCESS_DENIED;
 }
 
-// A descriptor for both ways where one is asked for: the sharing lock needs one that reads. What the user may only
-// write, or only ask about, is opened as far as it goes.
+// Opens for reading too where only writing is asked for, because a share mode needs a descriptor that reads. A file
+// that the user may only write, or only ask about, is opened as far as the user may.
 int OpenedFile::OpenExisting(const SystemPath& path, const FileRequest& request) const {
   const int flags = FlagsFor(request);
   const int descriptor = OpenDescriptorOf(path, flags);

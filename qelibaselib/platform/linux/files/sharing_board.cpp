@@ -150,7 +150,8 @@ pthread_mutex_t& SharingBoard::GateOf(FileKey file) { return gates[HashOf(file) 
 
 SharingBoard& OpenSharingBoard() { return *Attached().board; }
 
-// Behind the page, in steps that are longer than the bytes of one file, and far from the end of what a file can be.
+// Stand-ins lie behind the page, in steps that are longer than the bytes of one file, and end before the largest
+// offset.
 off_t StandInOf(FileKey file) {
   constexpr int kStepBits = 8, kPlaceBits = 52;
   const unsigned long long place = HashOf(file) & ((1ull << kPlaceBits) - 1);

@@ -20,7 +20,7 @@ namespace {
 constexpr size_t kLongestFolder = MAX_PATH - 14;
 constexpr unsigned kNumbers = 0xFFFF;
 
-// The folder with a separator of its own kind, and the first three characters of the prefix.
+// Begins a name with the folder, a separator of the kind that the folder has, and three characters of the prefix.
 DWORD StartName(LPCWSTR folder, LPCWSTR prefix, wchar_t* name, size_t& length) {
   SystemPath path;
   struct stat status;
@@ -38,7 +38,7 @@ void AppendNumber(wchar_t* name, size_t length, unsigned number) {
   std::swprintf(name + length, MAX_PATH - length, L"%X.tmp", number);
 }
 
-// Other processes count from other numbers.
+// Each process begins somewhere else, so that two seldom try the same names.
 unsigned FirstNumber() {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);

@@ -53,7 +53,7 @@ bool WriteAll(int descriptor, const char* data, size_t length) {
   return true;
 }
 
-// One write for what the stream had buffered, so that a line is never torn by another process.
+// Writes with one call what the stream had buffered, so that no other process tears a line.
 ssize_t Write(void* cookie, const char* data, size_t length) {
   const auto* stream = static_cast<TextStream*>(cookie);
   char out[2 * BUFSIZ];
@@ -122,7 +122,8 @@ off64_t WaitingLineFeeds(const FILE* file) {
 }
 size_t UnreadCharacters(const FILE* file) { return static_cast<size_t>(file->_IO_read_end - file->_IO_read_ptr); }
 
-// The bytes behind the program's place in the last block, which is read again: its bytes are not kept.
+// Counts the bytes behind the program's place in the last block. The block is read again, because nobody keeps its
+// bytes.
 off64_t UnreadBytes(const TextStream& stream, size_t unread, off64_t end) {
   char block[BUFSIZ];
   size_t wanted = stream.characters - unread;
@@ -181,7 +182,7 @@ struct OpenMode {
   ShareMode share;
 };
 
-// What fopen knows: r, w or a, then + and one of t and b in any order. A text stream goes one way only.
+// Reads a mode as fopen does: r, w or a, then + and one of t and b in any order. A text stream goes one way only.
 bool ParseMode(const wchar_t* text, OpenMode& mode) {
   constexpr unsigned kShared = kReading | kWriting;
   bool update = false, binary = false, isText = false;
@@ -213,8 +214,8 @@ bool ParseMode(const wchar_t* text, OpenMode& mode) {
   }
 }
 
-// A file, or a terminal or the null device. Of a pipe nobody may ever read the other end, and the writer of a log
-// must not wait for that. Who may pass over every permission is refused a read-only file here.
+// Takes files, terminals and the null device. Perhaps nobody ever reads the other end of a pipe, and the writer of a
+// log must not wait for that. A read-only file is refused here, because the system lets root write it.
 DWORD CheckOpened(int descriptor, const OpenMode& mode) {
   struct stat status;
   if (fstat(descriptor, &status) != 0) return ErrorFromErrno(errno);
@@ -225,7 +226,7 @@ DWORD CheckOpened(int descriptor, const OpenMode& mode) {
   return ERROR_SUCCESS;
 }
 
-// O_NONBLOCK: opening a pipe does not wait for its other end. A file does not know the difference.
+// With O_NONBLOCK the open of a pipe does not wait for its other end. For a file it changes nothing.
 DWORD OpenDescriptor(const wchar_t* name, const OpenMode& mode, int& result) {
   SystemPath path;
   if (const DWORD error = path.ParseFile(name)) return error;

@@ -14,7 +14,7 @@ struct Category {
   int number, mask;
   const char* name;
 };
-// In the order in which the C library writes a mixed name, which it also takes.
+// The order is that in which the C library writes a mixed name, which it also takes.
 constexpr Category kCategories[] = {
     {LC_CTYPE, LC_CTYPE_MASK, "LC_CTYPE"},
     {LC_NUMERIC, LC_NUMERIC_MASK, "LC_NUMERIC"},
@@ -100,7 +100,7 @@ class ThreadLocale {
 
 thread_local constinit ThreadLocale* t_locale = nullptr;
 
-// Null without memory.
+// Makes it at the first use; null without memory.
 ThreadLocale* OfThisThread() {
   if (!t_locale && (t_locale = new (std::nothrow) ThreadLocale)) qel::layer::ArmThreadEnd();
   return t_locale;

@@ -3,6 +3,7 @@
 #include <mutex>
 #include <utility>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/threads/thread_data.h"
 #include "qelibaselib/platform/linux/win32/processthreadsapi.h"
 #include "qelibaselib/platform/linux/win32/winerror.h"
@@ -21,11 +22,6 @@ constinit std::mutex g_gate;
 ThreadSlot* FindSlot(DWORD slot) {
   if (slot < kDirectSlots) return &t_directSlots[slot];
   return t_thread.furtherSlots ? &t_thread.furtherSlots[slot - kDirectSlots] : nullptr;
-}
-
-BOOL Refuse() {
-  SetLastError(ERROR_INVALID_PARAMETER);
-  return FALSE;
 }
 
 }  // namespace
@@ -54,14 +50,14 @@ DWORD TlsAlloc() {
 
 BOOL TlsFree(DWORD slot) {
   const std::lock_guard lock(g_gate);
-  if (slot >= kSlots || !std::exchange(g_used[slot], false)) return Refuse();
+  if (slot >= kSlots || !std::exchange(g_used[slot], false)) return ReportResult(ERROR_INVALID_PARAMETER);
   g_generations[slot].fetch_add(1, std::memory_order_relaxed);
   return TRUE;
 }
 
 LPVOID TlsGetValue(DWORD slot) {
   if (slot >= kSlots) {
-    Refuse();
+    SetLastError(ERROR_INVALID_PARAMETER);
     return nullptr;
   }
   SetLastError(ERROR_SUCCESS);
@@ -71,14 +67,11 @@ LPVOID TlsGetValue(DWORD slot) {
 }
 
 BOOL TlsSetValue(DWORD slot, LPVOID value) {
-  if (slot >= kSlots) return Refuse();
+  if (slot >= kSlots) return ReportResult(ERROR_INVALID_PARAMETER);
   ThreadSlot* place = FindSlot(slot);
   if (!place) {
     t_thread.furtherSlots = static_cast<ThreadSlot*>(std::calloc(kFurtherSlots, sizeof(ThreadSlot)));
-    if (!t_thread.furtherSlots) {
-      SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-      return FALSE;
-    }
+    if (!t_thread.furtherSlots) return ReportResult(ERROR_NOT_ENOUGH_MEMORY);
     place = FindSlot(slot);
     ArmThreadEnd();
   }

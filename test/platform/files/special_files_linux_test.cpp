@@ -118,6 +118,11 @@ TEST_F(SpecialFilesTest, CopyKeepsHolesModesAndOtherNames) {
     EXPECT_EQ(Read("copy"), Read("sparse"));
     EXPECT_EQ(ModeOf("copy"), 0640u);
   }
+  constexpr wchar_t kOfTheKernel[] = L"/sys/devices/system/cpu/online";  // says that it has 4,096 bytes and no blocks
+  if (access("/sys/devices/system/cpu/online", R_OK) == 0) {
+    EXPECT_EQ(Copy(kOfTheKernel, L"kernel"), 0u);
+    EXPECT_EQ(Read("kernel"), ReadWholeFile("/sys/devices/system/cpu/online"));
+  }
   Write("named");
   EXPECT_EQ(link("named", "other name"), 0);
   for (const DWORD attributes : {0x21ul, 0x22ul}) {

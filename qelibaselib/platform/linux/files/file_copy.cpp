@@ -56,8 +56,9 @@ DWORD CopyBytes(int from, int to, unsigned long long length) {
   while (length > 0) {
     const auto part = static_cast<size_t>(std::min<unsigned long long>(length, kLargestPart));
     const ssize_t copied = RetryOnInterrupt([&] { return copy_file_range(from, nullptr, to, nullptr, part, 0); });
-    if (copied == 0) return ERROR_SUCCESS;
-    if (copied < 0) return CannotCopyInKernel(errno) ? CopyThroughBuffer(from, to, length) : ErrorFromErrno(errno);
+    // Files of the kernel have contents that copying in the kernel does not find.
+    if (copied == 0 || (copied < 0 && CannotCopyInKernel(errno))) return CopyThroughBuffer(from, to, length);
+    if (copied < 0) return ErrorFromErrno(errno);
     length -= static_cast<unsigned long long>(copied);
   }
   return ERROR_SUCCESS;
@@ -68,16 +69,18 @@ DWORD CopyAroundHoles(int from, int to, off_t size) {
   for (off_t at = 0; at < size;) {
     const off_t data = lseek(from, at, SEEK_DATA);
     if (data < 0 && errno == ENXIO) break;  // nothing but a hole follows
+    if (data < 0 && errno == EINVAL) return CopyBytes(from, to, static_cast<unsigned long long>(size - at));
     if (data < 0) return ErrorFromErrno(errno);
     const off_t hole = lseek(from, data, SEEK_HOLE);
     if (hole < 0 || lseek(from, data, SEEK_SET) < 0 || lseek(to, data, SEEK_SET) < 0) return ErrorFromErrno(errno);
     if (const DWORD error = CopyBytes(from, to, static_cast<unsigned long long>(hole - data))) return error;
+    if (lseek(to, 0, SEEK_CUR) < hole) return ERROR_SUCCESS;  // a file of the kernel, shorter than it says
     at = hole;
   }
   return ftruncate(to, size) == 0 ? ERROR_SUCCESS : ErrorFromErrno(errno);
 }
 
-// Files of the kernel have a size of 0 and contents all the same, of which copying in the kernel finds nothing.
+// Some files of the kernel have a size of 0 and contents all the same.
 DWORD CopyContents(const OpenedFile& source, const OpenedFile& target) {
   const FileGrowth growth;
   const int from = source.descriptor(), to = target.descriptor();

@@ -47,20 +47,19 @@ class SymbolBuffer {
 
 class SymbolSession {
  public:
-  explicit SymbolSession(HANDLE process)
-      : lock_(g_debugHelp, kDebugHelpTimeout),
-        process_(process),
-        initialized_(lock_.owns_lock() && SymInitialize(process, nullptr, TRUE)) {}
+  explicit SymbolSession(HANDLE process) : lock_(g_debugHelp, kDebugHelpTimeout), process_(process) {}
   SymbolSession(const SymbolSession&) = delete;
   SymbolSession& operator=(const SymbolSession&) = delete;
   ~SymbolSession() {
     if (initialized_) SymCleanup(process_);
   }
+  /// Apart from the constructor: where the debug help faults, the sections that need no symbols still follow.
+  void Start() { initialized_ = lock_.owns_lock() && SymInitialize(process_, nullptr, TRUE); }
 
  private:
   const std::unique_lock<std::timed_mutex> lock_;
   const HANDLE process_;
-  const bool initialized_;
+  bool initialized_ = false;
 };
 
 void SetFlat(ADDRESS& address, DWORD offset) {
@@ -154,7 +153,8 @@ void WriteWalkAndStack(ReportStream& out, HANDLE process, HANDLE thread, const C
     out.Print("Not enough memory(%d)\n", kNotEnoughMemoryLine);
     return;
   }
-  const SymbolSession symbols(process);
+  SymbolSession symbols(process);
+  GuardedReport(QEL_HERE, "StackWalkLogOut", [&] { symbols.Start(); });
   GuardedReport(QEL_HERE, "StackWalkLogOut", [&] { WriteFrames(out, process, thread, context, buffer.get()); });
   GuardedReport(QEL_HERE, "StackWalkLogOut", [&] { WriteRawStack(out, context.Esp); });
 }

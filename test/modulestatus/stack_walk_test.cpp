@@ -199,6 +199,18 @@ TEST(StackWalk, DumpsTheStackAlthoughTheWalkFaults) {
   EXPECT_EQ(TakeMessages(channel::kModuleStatusError), (std::vector<std::string>{"StackWalkLogOut(catch(...))"}));
 }
 
+TEST(StackWalk, GoesOnAlthoughTheDebugHelpFaults) {
+  LogFolder();
+  TakeLines(channel::kModuleStatusError);
+  ChainFrame chain[1] = {{nullptr, Inside(&CallReadThrough, 9), {}}};
+  const auto start = STAND_IN(SymInitialize, [](int, HANDLE, LPCSTR, BOOL) -> BOOL { return ReadThrough(nullptr); });
+  const auto walk = WalkFrom(ContextAt(Inside(&ReadThrough, 6), chain, chain));
+  ASSERT_EQ(walk.frames.size(), 1u);
+  EXPECT_EQ(walk.frames[0].address, AddressOf(Inside(&ReadThrough, 6)));
+  EXPECT_FALSE(walk.stack.empty());
+  EXPECT_EQ(TakeMessages(channel::kModuleStatusError), (std::vector<std::string>{"StackWalkLogOut(catch(...))"}));
+}
+
 TEST(CodeDump, MarksTheLineOfTheAddress) {
   const LonePage page;
   const auto lines = CodeAround(page.begin() + 1000);

@@ -32,34 +32,38 @@ class QuietFloatingPoint : public CNdpCtrl87 {
   QuietFloatingPoint() : CNdpCtrl87(1, 1, 1, 1, 1, 1) {}
 };
 
+void WriteLineAndReport(const char* clause, const char* message, const CSE* exception, SourcePosition position) {
+  NoteException(clause, position);
+  const QuietFloatingPoint quiet;
+  WriteReport(message, exception, position);
+}
+
 }  // namespace
 
 // Each step stands in a guard of its own: a report that faults must not keep the next step from being made, nor leave.
+// All of it runs where there is room for it, which the thread's stack may not have.
 
 void ReportStructuredException(const CSE& exception, SourcePosition position) noexcept {
-  fault::RunBelow(exception.context, [&] {
-    NoteException("_CATCH_SE", position);
-    const QuietFloatingPoint quiet;
-    WriteReport("Exception CATCH_SE", &exception, position);
-  });
+  fault::RunBelow(&exception.context,
+                  [&] { WriteLineAndReport("_CATCH_SE", "Exception CATCH_SE", &exception, position); });
 }
 
 void ReportFrameworkException(CException* exception, SourcePosition position) noexcept {
-  NoteException("_CATCH_CE", position);
-  const QuietFloatingPoint quiet;
-  static constexpr char kPrefix[] = "Exception CATCH_CE : ";
-  char text[kErrorMessageCharacters] = "";
-  Swallowed([&] { exception->GetErrorMessage(text, sizeof text); });
-  char message[sizeof kPrefix + sizeof text];
-  std::snprintf(message, sizeof message, "%s%s", kPrefix, text);
-  WriteReport(message, nullptr, position);
-  Swallowed([&] { exception->Delete(); });
+  fault::RunBelow(nullptr, [&] {
+    NoteException("_CATCH_CE", position);
+    const QuietFloatingPoint quiet;
+    static constexpr char kPrefix[] = "Exception CATCH_CE : ";
+    char text[kErrorMessageCharacters] = "";
+    Swallowed([&] { exception->GetErrorMessage(text, sizeof text); });
+    char message[sizeof kPrefix + sizeof text];
+    std::snprintf(message, sizeof message, "%s%s", kPrefix, text);
+    WriteReport(message, nullptr, position);
+    Swallowed([&] { exception->Delete(); });
+  });
 }
 
 void ReportOtherException(SourcePosition position) noexcept {
-  NoteException("_CATCH_AE", position);
-  const QuietFloatingPoint quiet;
-  WriteReport("Exception CATCH_AE", nullptr, position);
+  fault::RunBelow(nullptr, [&] { WriteLineAndReport("_CATCH_AE", "Exception CATCH_AE", nullptr, position); });
 }
 
 }  // namespace qel::guard_detail

@@ -14,52 +14,46 @@
 /// next two lines), the heap is checked, the floating-point unit reset and an exception report written. The last error
 /// is then whatever the logging left. A fault outside any guard reaches the host as if the library were not there.
 #pragma once
+#include <cxxabi.h>
+
 #include "qelibaselib/base/source_position.h"
 #include "qelibaselib/platform/fault/fault.h"
 #include "qelibaselib/platform/mfc/exception.h"
 
 namespace qel {
 namespace guard_detail {
+
 void ReportStructuredException(const CSE& exception, SourcePosition position) noexcept;
 void ReportFrameworkException(CException* exception, SourcePosition position) noexcept;
 void ReportOtherException(SourcePosition position) noexcept;
+
 }  // namespace guard_detail
 
-namespace guard_detail {
-template <class Run>
-inline bool Caught(SourcePosition position, Run run) {
+/// Runs `body`; returns whether it ended without an exception. The cancellation of the thread is no exception: it
+/// passes.
+template <class Body>
+inline bool Guarded(SourcePosition position, Body&& body) {
   try {
-    run();
+    fault::Run(body);
     return true;
+  } catch (abi::__forced_unwind&) {
+    throw;
   } catch (const CSE& exception) {
-    ReportStructuredException(exception, position);
+    guard_detail::ReportStructuredException(exception, position);
   } catch (CException* exception) {
-    ReportFrameworkException(exception, {position.line + 1, position.sourceFile});
+    guard_detail::ReportFrameworkException(exception, {position.line + 1, position.sourceFile});
   } catch (...) {
-    ReportOtherException({position.line + 2, position.sourceFile});
+    guard_detail::ReportOtherException({position.line + 2, position.sourceFile});
   }
   return false;
 }
-}  // namespace guard_detail
-
-/// Runs `body`; returns whether it ended without an exception.
-template <class Body>
-inline bool Guarded(SourcePosition position, Body&& body) {
-  return guard_detail::Caught(position, [&] { fault::Run(body); });
-}
-
-/// The same of `then(function(arguments...))`, for the exports that are little more than one call of the system.
-/// `then` finds the last error as `function` left it.
-template <class Then, class Result, class... Parameters>
-inline bool GuardedCall(SourcePosition position, Then&& then, Result(WINAPI* function)(Parameters...),
-                        std::type_identity_t<Parameters>... arguments) {
-  return guard_detail::Caught(position, [&] { fault::Call(then, function, arguments...); });
-}
 
 /// Runs `body` and swallows whatever leaves it, without a word: for the log writer, which must not log its own
-/// failures. A framework exception is deleted. Returns whether the body ended without an exception.
+/// failures. A framework exception is deleted. A cancellation of the thread waits until `body` has ended, since `body`
+/// holds what other processes wait for. Returns whether the body ended without an exception.
 template <class Body>
 inline bool Swallowed(Body&& body) {
+  const fault::CancellationHold hold;
   try {
     fault::Run(body);
     return true;

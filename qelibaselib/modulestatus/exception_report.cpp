@@ -94,10 +94,9 @@ int VemoExceptLogOut(const wchar_t* title, const char* message, const EXCEPTION_
     heapCode = CheckHeap(kVemoHeapCheckAtExit);
   };
   GuardedReport(QEL_HERE, "VemoExceptLogOut", [&] {
-    if (context && !IsBadReadPtr(context, sizeof *context))
-      fault::RunBelow(*context, write);  // a host that has left the faulting frames has their remains reported
-    else
-      write();
+    // A host that has left the faulting frames has their remains reported.
+    const bool readable = context && !IsBadReadPtr(context, sizeof *context);
+    fault::RunBelow(readable ? context : nullptr, write);
   });
   return heapCode;
 }

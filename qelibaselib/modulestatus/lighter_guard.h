@@ -8,6 +8,8 @@
 /// without unwind tables skips the destructors up to the innermost guard, so what must be given back (a mutex, a file,
 /// symbols) is held outside the guard of the part that uses it.
 #pragma once
+#include <cxxabi.h>
+
 #include "qelibaselib/base/source_position.h"
 #include "qelibaselib/log/log_channel.h"
 #include "qelibaselib/platform/fault/fault.h"
@@ -22,6 +24,8 @@ bool GuardedReport(SourcePosition position, const char* function, Body&& body) {
   try {
     fault::Run(body);
     return true;
+  } catch (abi::__forced_unwind&) {  // the thread is cancelled
+    throw;
   } catch (CException* exception) {
     exception->Delete();
     WriteLineF(channel::kModuleStatusError, position, "%s(catch(CException* e))", function);

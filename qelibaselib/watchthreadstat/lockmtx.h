@@ -141,6 +141,8 @@ class CLockMtx {
   static void Guarded(int line, Body&& body) {
     try {
       body();
+    } catch (abi::__forced_unwind&) {  // the thread is cancelled
+      throw;
     } catch (CException* exception) {
       char text[256] = "";
       exception->GetErrorMessage(text, sizeof text);

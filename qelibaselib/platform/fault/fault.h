@@ -10,7 +10,6 @@
 /// Code that may fault under a Run is compiled with qel_fault_options and calls the C library through
 /// qelibaselib/platform/fault/may_fault.h where it hands on a caller's pointer.
 #pragma once
-#include <bit>
 #include <memory>
 #include <type_traits>
 
@@ -29,22 +28,16 @@ struct CSE {
   CONTEXT context;
 };
 
-/// fault::Run and fault::Call without the templates. `words` arguments, at least one, as they are passed on the stack,
-/// in either way of calling; then `then(result, argument)`, if there is one. The arguments are copied.
-extern "C" QEL_FAULT_API void fault_run(const void* function, const unsigned* arguments, unsigned words,
-                                        void (*then)(unsigned result, void* argument), void* argument);
+/// fault::Run without the template.
+extern "C" QEL_FAULT_API void fault_run(void (*body)(void* argument), void* argument);
 
 namespace fault {
 
 namespace detail {
-// Named functions, since a walk over the stack shows them.
+// A named function, since a walk over the stack shows it.
 template <class Callable>
-void Body(void* callable) {
+void CallBody(void* callable) {
   (*static_cast<Callable*>(callable))();
-}
-template <class Callable, class Result>
-void Then(unsigned result, void* callable) {
-  (*static_cast<Callable*>(callable))(std::bit_cast<Result>(result));
 }
 }  // namespace detail
 
@@ -66,36 +59,42 @@ QEL_FAULT_API void ClaimHandlers();
 /// none is left. For the module's entry at process attach.
 QEL_FAULT_API void ProcessAttach();
 
-/// RunBelow without the template.
-QEL_FAULT_API void CallBelow(const CONTEXT& context, void (*body)(void* argument), void* argument);
+/// CancellationHold without the class.
+QEL_FAULT_API int HoldCancellation();
+QEL_FAULT_API void RestoreCancellation(int state);
 
-/// Calls `body()` with the stack below that of a fault of this thread, for a clause that caught its exception: what
-/// `body` reads of the stack is what the fault left, except the frames below one whose destructors ran on the way.
-/// Where there is no room for that, or no fault on this stack below the caller, it just calls `body`. `context` must be
-/// readable. Exceptions pass; the last error stays; any thread.
+/// While it lives, a cancellation of the calling thread (pthread_cancel) has to wait: for code that holds what others
+/// wait for, or that no exception may leave. Nothing on Windows, where threads cannot be cancelled.
+class CancellationHold {
+ public:
+  CancellationHold() : state_(HoldCancellation()) {}
+  CancellationHold(const CancellationHold&) = delete;
+  CancellationHold& operator=(const CancellationHold&) = delete;
+  ~CancellationHold() { RestoreCancellation(state_); }
+
+ private:
+  const int state_;
+};
+
+/// RunBelow without the template.
+QEL_FAULT_API void CallBelow(const CONTEXT* context, void (*body)(void* argument), void* argument);
+
+/// Calls `body()` where it has room and leaves alone what a fault left on the stack: for a clause that has caught its
+/// exception and reports. That is below the frames of the fault at `context` (null: none is known), or on a stack of
+/// its own, or, if neither can be had, here. What `body` reads of the faulting stack is what the fault left, except the
+/// frames below one whose destructors ran on the way. `context` must be readable. Exceptions pass; the last error
+/// stays; any thread. Where it takes a stack of its own, that costs some ten microseconds.
 template <class Body>
-inline void RunBelow(const CONTEXT& context, Body&& body) {
+inline void RunBelow(const CONTEXT* context, Body&& body) {
   const void* argument = std::addressof(body);
-  CallBelow(context, &detail::Body<std::remove_reference_t<Body>>, const_cast<void*>(argument));
+  CallBelow(context, &detail::CallBody<std::remove_reference_t<Body>>, const_cast<void*>(argument));
 }
 
 /// Calls `body()`. What leaves it leaves this too. Costs about 10 ns; nests; the last error stays; any thread.
 template <class Body>
 inline void Run(Body&& body) {
-  void (*const call)(void*) = &detail::Body<std::remove_reference_t<Body>>;
-  const unsigned argument = reinterpret_cast<unsigned>(std::addressof(body));
-  fault_run(reinterpret_cast<const void*>(call), &argument, 1, nullptr, nullptr);
-}
-
-/// Calls `then(function(arguments...))`: Run for a call of the system with little around it. No function of ours stands
-/// between, which would cost as much as the guard. Each argument and the result take one word; `then` finds the last
-/// error as `function` left it.
-template <class Then, class Result, class... Parameters>
-inline void Call(Then&& then, Result(WINAPI* function)(Parameters...), std::type_identity_t<Parameters>... arguments) {
-  const unsigned words[] = {std::bit_cast<unsigned>(arguments)...};
-  const void* callable = std::addressof(then);
-  fault_run(reinterpret_cast<const void*>(function), words, sizeof...(Parameters),
-            &detail::Then<std::remove_reference_t<Then>, Result>, const_cast<void*>(callable));
+  const void* argument = std::addressof(body);
+  fault_run(&detail::CallBody<std::remove_reference_t<Body>>, const_cast<void*>(argument));
 }
 
 }  // namespace fault

@@ -1,4 +1,14 @@
-# The frame of a guard and the place where a faulting thread goes on; i386, both targets.
+# The frame of a guard, and the place where a faulting thread goes on; i386, both targets.
+#
+# Problem: a fault can leave the stack below a guard in any state, and the stack pointer anywhere. The exception that is
+# made of it has to arrive at the guard's caller all the same, with every register that the caller expects to be kept.
+#
+# Idea: fault_run keeps all that it needs in its own frame, at fixed distances from EBP, and finds it again from EBP
+# alone. The unwinder is told so by the directives below; where it cannot unwind, the thrower puts EBP back and jumps to
+# fault_frame_recover, and the exception starts from here.
+#
+# Invariant: between the return of fault_enter and the leaving of the guard, [EBP + GUARD] is the address of the guard,
+# and that guard is one of the thread's chain.
 #ifdef _WIN32
 #define SYMBOL(name) _##name
 #define HIDDEN(name)
@@ -9,29 +19,24 @@
 #define LOCAL(name) .L##name
 #endif
 
-// Of GuardFrame.
+// Members of GuardFrame.
 #define GUARD_BYTES 864
-#define GUARD_OUTER 0
 #define GUARD_FRAME 8
 #define GUARD_STATE 12
-#define GUARD_ESP 20
-#define GUARD_SPARE_STACK 48
-#define STATE_STACK_KEPT 8
-#define RED_ZONE_BYTES 128
+#define GUARD_LANDING 40
+#define STATE_QUIET 0
 
-// Between the caller's frame and this one. What a catch clause of the caller calls until it has gone below the fault
-// stands here, and not on what the frame tells of where it was called: a few hundred bytes.
+// Left free between the caller's frame and this one. The caller's catch clause reuses the stack from here on, and
+// would overwrite the frames of the fault before its report has read them. The clause has this much room for what it
+// calls until it reaches fault::RunBelow, which moves the stack pointer below the fault.
 #define CLAUSE_BYTES 832
 
-// Of the frame below, from its EBP.
-#define CALLER (CLAUSE_BYTES + 12)              // the caller's end of its own
-#define FUNCTION CALLER
-#define ARGUMENTS (CALLER + 4)
-#define WORDS (CALLER + 8)
-#define THEN (CALLER + 12)
-#define THEN_ARGUMENT (CALLER + 16)
+// Distances from EBP in the frame of fault_run.
+#define CALLER (CLAUSE_BYTES + 12)              // where the caller's frame ends
+#define BODY CALLER
+#define ARGUMENT (CALLER + 4)
 #define SAVED_REGISTERS -12
-#define GUARD -16                               // where the guard is
+#define GUARD -16                               // the address of the guard
 
     .text
     .globl SYMBOL(fault_run)
@@ -43,39 +48,12 @@
     HIDDEN(fault_thunk)
     HIDDEN(fault_thunk_end)
 
-    .macro LEAVE_GUARD
-#ifdef _WIN32
-    cmpl $0, GUARD_SPARE_STACK(%esi)
-    jne LOCAL(leave_after_overflow)
-#endif
-    movl GUARD_OUTER(%esi), %eax
-    movl %eax, (%edi)
-    .endm
-
-    .macro RESTORE_REGISTERS
-    leal SAVED_REGISTERS(%ebp), %esp
-    popl %edi
-    popl %esi
-    popl %ebx
-    popl %ebp
-    leal (CLAUSE_BYTES + 4)(%esp), %esp
-    .cfi_def_cfa %esp, 4
-    .cfi_restore %ebp
-    .cfi_restore %ebx
-    .cfi_restore %esi
-    .cfi_restore %edi
-    .endm
-
-# void fault_run(const void* function, const unsigned* arguments, unsigned words,
-#                void (*then)(unsigned result, void* argument), void* argument)
-# Saves every register that a callee keeps and finds all of them and the guard again from EBP alone, so that the frame
-# serves to throw from whatever has become of ESP and the stack below. One function, without any of C++ around it or
-# between: each function around a system call costs its return, which the processor has forgotten meanwhile. Aligned
-# for the same reason.
-    .p2align 6
+# void fault_run(void (*body)(void* argument), void* argument)
+# Puts a guard on the stack, makes it the thread's innermost, calls the body and leaves the guard.
 #ifndef _WIN32
     .type SYMBOL(fault_run), @function
 #endif
+    .p2align 4
 SYMBOL(fault_frame_begin):
 SYMBOL(fault_run):
 LOCAL(start):
@@ -85,8 +63,8 @@ LOCAL(start):
     movl (%esp), %eax
     leal -CLAUSE_BYTES(%esp), %esp
     .cfi_def_cfa_offset CLAUSE_BYTES + 4
-    pushl %eax                                  # once more, where a walk along the frames looks for it
-    .cfi_def_cfa_offset CLAUSE_BYTES + 8
+    pushl %eax                                  # the return address again, beside the saved EBP: a walk along the
+    .cfi_def_cfa_offset CLAUSE_BYTES + 8        # chain of frames expects it there
     pushl %ebp
     .cfi_def_cfa_offset CALLER
     .cfi_offset %ebp, -CALLER
@@ -106,71 +84,46 @@ LOCAL(start):
     subl $16, %esp
     movl %esi, (%esp)
     call SYMBOL(fault_enter)
-    movl %eax, %edi                             # where the thread's innermost guard is noted
-    movl WORDS(%ebp), %ecx
-    movl ARGUMENTS(%ebp), %edx
-    leal 0(, %ecx, 4), %eax
-    subl %eax, %esp
-    andl $-16, %esp
-LOCAL(next_argument):
-    movl -4(%edx, %ecx, 4), %eax
-    movl %eax, -4(%esp, %ecx, 4)
-    decl %ecx
-    jnz LOCAL(next_argument)
-LOCAL(call):
-    call *FUNCTION(%ebp)
-LOCAL(end_of_call):
-    cmpl $0, THEN(%ebp)
-    je LOCAL(leave)
-    leal -16(%esi), %esp
+    movl ARGUMENT(%ebp), %eax
     movl %eax, (%esp)
-    movl THEN_ARGUMENT(%ebp), %eax
-    movl %eax, 4(%esp)
-LOCAL(call_of_then):
-    call *THEN(%ebp)
-LOCAL(end_of_then):
-    LEAVE_GUARD
-    .cfi_remember_state
-    RESTORE_REGISTERS
-    popl %ecx
-    .cfi_def_cfa_offset 0
-    .cfi_register %eip, %ecx
-    jmp *%ecx                                   # a jump is foreseen where a return is not
-    .cfi_restore_state
-LOCAL(leave):
-    LEAVE_GUARD
-LOCAL(return_to_caller):
-    .cfi_remember_state
-    RESTORE_REGISTERS
-    ret
-    .cfi_restore_state
-#ifdef _WIN32
-LOCAL(leave_after_overflow):
-    leal -16(%esi), %esp
+LOCAL(call):
+    call *BODY(%ebp)
+LOCAL(end_of_call):
     movl %esi, (%esp)
     call SYMBOL(fault_leave)
-    jmp LOCAL(return_to_caller)
-#endif
+    .cfi_remember_state
+    leal SAVED_REGISTERS(%ebp), %esp
+    popl %edi
+    popl %esi
+    popl %ebx
+    popl %ebp
+    leal (CLAUSE_BYTES + 4)(%esp), %esp
+    .cfi_def_cfa %esp, 4
+    .cfi_restore %ebp
+    .cfi_restore %ebx
+    .cfi_restore %esi
+    .cfi_restore %edi
+    ret
+    .cfi_restore_state
 # Entered with EBP = guard->frame and any ESP: throws the guard's exception from this frame.
 SYMBOL(fault_frame_recover):
     movl GUARD(%ebp), %eax
-    leal -16(%eax), %esp
+    movl GUARD_LANDING(%eax), %esp
     cld
     movl %eax, (%esp)
 LOCAL(call_of_throw):
     call SYMBOL(fault_throw_from_guard)
 LOCAL(end_of_throw):
     ud2
-# Entered by the unwinder with the exception in EAX: the guard leaves and the exception goes on, from below the place of
-# the fault, so that the frames above it are still there for who writes about it.
+# Entered by the unwinder with the exception in EAX: the guard leaves and the exception goes on. After a fault this runs
+# where the thrower ran (the landing): the frames of the fault are still there for the report, and there is room even
+# when the stack below the guard is used up.
 LOCAL(leave_by_exception):
     movl GUARD(%ebp), %ecx
     leal -16(%ecx), %esp
-    testl $STATE_STACK_KEPT, GUARD_STATE(%ecx)
-    jz LOCAL(resume)
-    movl GUARD_ESP(%ecx), %esp
-    subl $RED_ZONE_BYTES, %esp
-    andl $-16, %esp
+    cmpl $STATE_QUIET, GUARD_STATE(%ecx)
+    je LOCAL(resume)
+    movl GUARD_LANDING(%ecx), %esp
 LOCAL(resume):
     movl %ecx, (%esp)
     movl %eax, 4(%esp)
@@ -208,14 +161,15 @@ LOCAL(exception_table):
     .uleb128 LOCAL(end_of_call_sites) - LOCAL(call_sites)
 LOCAL(call_sites):
     CALL_SITE LOCAL(call), LOCAL(end_of_call), LOCAL(leave_by_exception)
-    CALL_SITE LOCAL(call_of_then), LOCAL(end_of_then), LOCAL(leave_by_exception)
     CALL_SITE LOCAL(call_of_throw), LOCAL(end_of_throw), LOCAL(leave_by_exception)
     CALL_SITE LOCAL(call_of_resume), LOCAL(end_of_resume), LOCAL(start)
 LOCAL(end_of_call_sites):
     .text
 
-# Entered with EBP = guard and ESP on any usable stack, a multiple of 16. To the unwinder it is a signal frame whose
-# caller is the interrupted instruction: the registers of that frame are the guard's members from eip (16) to edi (36).
+# The place where a thread goes on after a fault, entered with EBP = guard and ESP on any usable stack, a multiple of 16.
+# To the unwinder it is a signal frame whose caller is the interrupted instruction: the registers of that frame are the
+# guard's members from eip (16) to edi (36). So an exception that is thrown here unwinds from the very instruction of the
+# fault, although the stack pointer may be on another stack.
     .p2align 4
     nop
 SYMBOL(fault_thunk):

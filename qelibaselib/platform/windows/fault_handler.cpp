@@ -1,11 +1,13 @@
-// The guard is a frame on the thread's SEH chain. Its handler redirects the thread; what no guard takes goes to the
-// frames further out and the filter, as if this were not here. A vectored handler would be asked before the frames of
-// the system's own DLLs and take the faults that these expect.
+// Faults on Windows. Each guard is a frame on the thread's chain of exception handlers, so the system asks the
+// innermost one first. Its handler throws nothing: it notes the fault in the guard's frame and has the thread go on in
+// fault_thunk (frame.S). What no guard takes goes to the frames further out and the filter, as if this were not here. A
+// vectored handler would be asked before the frames of the system's own DLLs and take the faults that these expect.
 #include <malloc.h>
 
 #include "qelibaselib/platform/fault/guard_frame.h"
 
 using fault::GuardFrame;
+using fault::GuardState;
 
 extern "C" EXCEPTION_DISPOSITION __cdecl fault_seh_handler(EXCEPTION_RECORD* record, void* frame, CONTEXT* context,
                                                            void* dispatcher);
@@ -22,13 +24,6 @@ constexpr size_t kFxStatus = 2, kFxTag = 4, kFxMxcsr = 24;
 
 DWORD ChainHead() { return __readfsdword(0); }
 void SetChainHead(const void* frame) { __writefsdword(0, reinterpret_cast<DWORD>(frame)); }
-
-// The first word of the thread's block, as an address like any other.
-GuardFrame** ChainHeadPlace() {
-  GuardFrame** place;
-  __asm__("movl %%fs:0x18, %0" : "=r"(place));
-  return place;
-}
 
 // The translator itself is the slot's value: nothing to allocate, nothing to free. (A thread_local object is a call
 // into the runtime and an allocation here.)
@@ -75,40 +70,60 @@ bool IsForUs(const EXCEPTION_RECORD& record) {
          code != EXCEPTION_GUARD_PAGE;
 }
 
-// Never at or above the interrupted ESP: the dispatcher's frames, which return through what the handler changed, lie
-// there.
-DWORD ThrowerStack(GuardFrame& guard) {
+// Where the thrower runs. Never at or above the interrupted ESP: the dispatcher's frames, which return through what the
+// handler changed, lie there.
+DWORD FindThrowerStack(GuardFrame& guard) {
   if (guard.record.ExceptionCode == EXCEPTION_STACK_OVERFLOW) {
-    guard.state |= kStackOverflow;
     if (!guard.spareStack)
       guard.spareStack = VirtualAlloc(nullptr, kSpareStackBytes, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
     if (guard.spareStack) return reinterpret_cast<DWORD>(guard.spareStack) + kSpareStackBytes - 4 * kStackAlignment;
   }
-  return (guard.esp - kRedZoneBytes) & ~(kStackAlignment - 1);
+  return StackBelow(guard.esp);
 }
 
-void Redirect(GuardFrame& guard, const EXCEPTION_RECORD& record, CONTEXT& context) {
-  if (guard.state & kSearching) {  // the way to the guard is not to be found
-    ClearPendingState(context);
-    context.Ebp = guard.frame;
-    context.Esp = reinterpret_cast<DWORD>(&guard) - kRedZoneBytes;
-    context.Eip = reinterpret_cast<DWORD>(fault_frame_recover);
-    return;
-  }
-  guard.state = (guard.state & kThrown) | kSearching;
+DWORD StackBelowGuard(const GuardFrame& guard) { return StackBelow(reinterpret_cast<DWORD>(&guard)); }
+
+// Lets the thread go on in `place` with this EBP.
+void GoOn(CONTEXT& context, const char* place, DWORD ebp, DWORD esp) {
+  ClearPendingState(context);
+  context.Eip = reinterpret_cast<DWORD>(place);
+  context.Ebp = ebp;
+  context.Esp = esp;
+}
+
+void Search(GuardFrame& guard, const EXCEPTION_RECORD& record, CONTEXT& context) {
+  guard.BeginSearch();
   guard.record = record;
   guard.context = context;
   guard.StartAt(context);
   if (record.ExceptionCode == EXCEPTION_ACCESS_VIOLATION && record.NumberParameters >= 2 &&
-      record.ExceptionInformation[1] == guard.eip && !IsBadReadPtr(reinterpret_cast<void*>(guard.esp), sizeof(DWORD))) {
-    // A call through a bad pointer: the caller is the last frame that there is.
-    guard.eip = *reinterpret_cast<DWORD*>(guard.esp) - 1;
-    guard.esp += sizeof(DWORD);
+      record.ExceptionInformation[1] == guard.eip && !IsBadReadPtr(reinterpret_cast<void*>(guard.esp), sizeof(DWORD)))
+    guard.StartAtCaller();
+  const DWORD thrower = FindThrowerStack(guard);
+  // The spare stack is freed when the guard is left, so that cannot happen there.
+  guard.landing = guard.spareStack ? StackBelowGuard(guard) : thrower;
+  GoOn(context, fault_thunk, reinterpret_cast<DWORD>(&guard), thrower);
+}
+
+// Returns false for a guard that can throw no more: the exception goes to the next frame of the chain.
+bool Redirect(GuardFrame& guard, const EXCEPTION_RECORD& record, CONTEXT& context) {
+  switch (guard.state) {
+    case GuardState::kRecovering:
+    case GuardState::kLost:
+      guard.state = GuardState::kLost;
+      return false;
+    case GuardState::kSearching:
+      guard.state = GuardState::kRecovering;
+      guard.landing = StackBelowGuard(guard);
+      GoOn(context, fault_frame_recover, guard.frame, guard.landing);
+      return true;
+    case GuardState::kQuiet:
+    case GuardState::kThrowing:
+    case GuardState::kThrown:
+      break;
   }
-  context.Esp = ThrowerStack(guard);
-  context.Ebp = reinterpret_cast<DWORD>(&guard);
-  context.Eip = reinterpret_cast<DWORD>(fault_thunk);
-  ClearPendingState(context);
+  Search(guard, record, context);
+  return true;
 }
 
 }  // namespace
@@ -140,6 +155,14 @@ void PrepareThrow(GuardFrame* guard) {
 
 void ClaimHandlers() {}  // nobody can displace a frame of the chain
 
+bool NotePassedFrame(const PassedFrame&) { return false; }
+
+int HoldCancellation() { return 0; }  // threads cannot be cancelled here
+void RestoreCancellation(int) {}
+
+// The system refuses to dispatch an exception whose frames lie outside the thread's own stack.
+bool CallOnOwnStack(void (*)(void*), void*) { return false; }
+
 uintptr_t StackLimit() {
   MEMORY_BASIC_INFORMATION stack;
   const bool known = VirtualQuery(__builtin_frame_address(0), &stack, sizeof stack) == sizeof stack;
@@ -148,13 +171,12 @@ uintptr_t StackLimit() {
 
 }  // namespace fault
 
-extern "C" __attribute__((used)) GuardFrame** fault_enter(GuardFrame* guard) {
+extern "C" __attribute__((used)) void fault_enter(GuardFrame* guard) {
   guard->handler = reinterpret_cast<void*>(&fault_seh_handler);
-  guard->state = fault::kQuiet;
+  guard->state = GuardState::kQuiet;
   guard->spareStack = nullptr;
   guard->outer = reinterpret_cast<GuardFrame*>(fault::ChainHead());
   fault::SetChainHead(guard);
-  return fault::ChainHeadPlace();
 }
 
 extern "C" __attribute__((used)) void fault_leave(GuardFrame* guard) {
@@ -166,8 +188,8 @@ extern "C" __attribute__((used)) void fault_leave(GuardFrame* guard) {
 
 extern "C" EXCEPTION_DISPOSITION __cdecl fault_seh_handler(EXCEPTION_RECORD* record, void* frame, CONTEXT* context,
                                                            void*) {
-  if (!fault::IsForUs(*record)) return ExceptionContinueSearch;
-  fault::Redirect(*static_cast<GuardFrame*>(frame), *record, *context);
+  if (!fault::IsForUs(*record) || !fault::Redirect(*static_cast<GuardFrame*>(frame), *record, *context))
+    return ExceptionContinueSearch;
   record->ExceptionFlags &= ~static_cast<DWORD>(EXCEPTION_NONCONTINUABLE);  // the dispatcher would not let us continue
   return ExceptionContinueExecution;
 }

@@ -238,47 +238,6 @@ TEST_F(Fault, InGuardOfADestructorLeavesTheFlyingException) {
   EXPECT_EQ(inFlight, 0);
 }
 
-ULONG_PTR WINAPI Digits(HANDLE first, int second, const char* third, DWORD fourth, ULONG_PTR fifth) {
-  return reinterpret_cast<ULONG_PTR>(first) * 10000 + static_cast<ULONG_PTR>(second) * 1000 + (*third - '0') * 100u +
-         fourth * 10 + fifth;
-}
-int WINAPI ReadThrough(int* destroyed, int offset) {
-  ReadBadAddress(*destroyed);
-  return offset;
-}
-int WINAPI Throw(int thrown) { throw thrown; }
-
-TEST_F(Fault, CallHandsOnArgumentsAndResult) {
-  ULONG_PTR result = 0;
-  fault::Call([&](ULONG_PTR sum) { result = sum; }, &Digits, reinterpret_cast<HANDLE>(1), 2, "3", 4ul, 5u);
-  EXPECT_EQ(result, 12345u);
-}
-
-// The function and what follows are in the guard, which is left in each way: the next fault is the outer one's.
-TEST_F(Fault, CallGuardsTheFunctionAndWhatFollows) {
-  int destroyed = 0, thrown = 0, followed = 0;
-  const auto call = [&](auto&& then, auto function, auto... arguments) {
-    return RunCaught([&] { fault::Call(then, function, arguments...); }).clause;
-  };
-  const auto follow = [&](int) { ++followed; };
-  const Outcome outer = RunCaught([&] {
-    EXPECT_EQ(call(follow, &ReadThrough, &destroyed, 1), Outcome::kStructured);
-    EXPECT_EQ(call([&](ULONG_PTR) { ReadBadAddress(destroyed); }, &Digits, nullptr, 0, "0", 0ul, 0u),
-              Outcome::kStructured);
-    EXPECT_EQ(call(follow, &Throw, 7), Outcome::kOther);
-    try {
-      fault::Call(follow, &Throw, 7);
-    } catch (int value) {
-      thrown = value;
-    }
-    ReadBadAddress(destroyed);
-  });
-  EXPECT_EQ(outer.clause, Outcome::kStructured);
-  EXPECT_EQ(destroyed, 3);
-  EXPECT_EQ(thrown, 7);
-  EXPECT_EQ(followed, 0);
-}
-
 TEST_F(Fault, ManyInARow) {
   constexpr int kFaults = 20000;
   int destroyed = 0, caught = 0;

@@ -1,4 +1,4 @@
-# Probes, register capture and the entry of RaiseException.
+# The entry of the signal handler, the change of stacks, probes, register capture and the entry of RaiseException.
 
     .text
     .macro HIDDEN_LABEL name
@@ -6,6 +6,38 @@
     .hidden \name
 \name:
     .endm
+
+# void fault_signal_entry(int signal, siginfo_t* info, void* machine)
+# The kernel leaves the alignment check on in a handler. Compiled code makes unaligned accesses and would fault again, so
+# the flag goes first. The jump leaves the return address where fault_on_signal looks for it.
+    .p2align 4
+HIDDEN_LABEL fault_signal_entry
+    pushfl
+    andl $~0x40000, (%esp)
+    popfl
+    jmp fault_on_signal
+
+# void fault_call_on_stack(uintptr_t top, void (*body)(void* argument), void* argument)
+# EBP stays on the caller's stack, by which the unwinder finds its way back there.
+    .p2align 4
+HIDDEN_LABEL fault_call_on_stack
+    .cfi_startproc
+    pushl %ebp
+    .cfi_def_cfa_offset 8
+    .cfi_offset %ebp, -8
+    movl %esp, %ebp
+    .cfi_def_cfa_register %ebp
+    movl 16(%ebp), %eax
+    movl 12(%ebp), %ecx
+    movl 8(%ebp), %esp
+    subl $16, %esp
+    movl %eax, (%esp)
+    call *%ecx
+    leave
+    .cfi_def_cfa %esp, 4
+    .cfi_restore %ebp
+    ret
+    .cfi_endproc
 
 # int fault_probe_read(const void* address)
     .p2align 4

@@ -1,10 +1,13 @@
-// Signals of faults: to the innermost guard of the thread, to the filter, or to who had the signal before.
+// The handler of the signals of faults: to the innermost guard of the thread, to the filter, or to who had the signal
+// before.
 //
-// The handler throws nothing. It fills the guard's frame and lets the thread go on in fault_thunk, outside the handler.
+// Problem: a C++ exception cannot be thrown out of a signal handler in all cases, and a handler may call almost
+// nothing.
+//
+// Idea: the handler throws nothing. It notes the fault in the guard's frame, changes the registers that the kernel will
+// restore, and returns: the thread goes on in fault_thunk (frame.S), outside the handler, with the guard in EBP.
 #include <pthread.h>
-#include <sys/mman.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -12,23 +15,14 @@
 
 #include "qelibaselib/platform/linux/faults/fault_internal.h"
 #include "qelibaselib/platform/linux/faults/fault_probe.h"
-#include "qelibaselib/platform/linux/win32/errhandlingapi.h"
 
 using fault::GuardFrame;
+using fault::GuardState;
 
 namespace qel::layer {
-
-thread_local constinit FaultThread t_faultThread{};
-
 namespace {
 
-constexpr size_t kSignalStackBytes = 128 * 1024;  // a filter writes its report on it
-constexpr size_t kSpareStackBytes = 64 * 1024;
-constexpr size_t kGuardPageBytes = 4096;
 constexpr uintptr_t kThrowerBytes = 16 * 1024;  // what the thrower and the unwinder may need
-constexpr uintptr_t kLargestFrame = 64 * 1024;  // how far below ESP an overflow may touch
-
-constinit LPTOP_LEVEL_EXCEPTION_FILTER g_filter = nullptr;
 
 // A handler of the host that passes on what it does not want calls us as the former handler, with what it got itself.
 // Only a delivery by the kernel returns to its trampoline: mov $__NR_rt_sigreturn, %eax; int $0x80.
@@ -37,166 +31,110 @@ bool IsDelivery(const void* returnAddress) {
   return std::memcmp(returnAddress, kTrampoline, sizeof kTrampoline) == 0;
 }
 
-// An access just below (or, in a large frame, a little above) ESP that finds no page: the stack could not grow. Its
-// lowest address does not tell, since something else may lie in the way of its growth.
-bool IsStackOverflow(const FaultThread& thread, const EXCEPTION_RECORD& record, uintptr_t esp) {
-  if (record.ExceptionCode != EXCEPTION_ACCESS_VIOLATION || esp > thread.stackHigh) return false;
-  const uintptr_t address = record.ExceptionInformation[1];
-  const bool nearEsp = address + kLargestFrame >= esp && address < esp + kLargestFrame;
-  const bool stackEnds = esp < thread.stackLow + kThrowerBytes || fault_probe_write(reinterpret_cast<void*>(esp - 4));
-  return nearEsp && stackEnds && esp + kLargestFrame >= thread.stackLow;
+// Where the thrower runs: below the interrupted frame, or on the spare stack when there is no room or the thread is on
+// a stack that we do not know.
+uintptr_t FindThrowerStack(const FaultThread& thread, const GuardFrame& guard) {
+  const bool hasRoom = guard.record.ExceptionCode != EXCEPTION_STACK_OVERFLOW && thread.stack.Contains(guard.esp) &&
+                       guard.esp - thread.stack.low > kThrowerBytes;
+  const uintptr_t spare = SpareStackTop(thread);
+  return hasRoom || !spare ? fault::StackBelow(guard.esp) : spare;
 }
 
-void OfferToFilter(int signal, siginfo_t* info, ucontext_t& machine) {
-  if (g_filter) {
-    EXCEPTION_RECORD record;
-    CONTEXT context;
-    FillFault(record, context, signal, *info, machine);
-    if (t_faultThread.stackHigh != 0 && IsStackOverflow(t_faultThread, record, context.Esp)) {
-      record.ExceptionCode = EXCEPTION_STACK_OVERFLOW;
-    }
-    EXCEPTION_POINTERS pointers{&record, &context};
-    switch (CallUnhandledFilter(&pointers)) {
-      case EXCEPTION_CONTINUE_EXECUTION:
-        ApplyContext(machine, context);
-        return;
-      case EXCEPTION_EXECUTE_HANDLER:
-        _exit(kExitAfterFilter);
-      default:
-        break;
-    }
-  }
-  PassToHost(signal, info, &machine);
-}
-
-// Where the thrower runs: below the interrupted frame, or on the spare stack when that is no place to be.
-uintptr_t ThrowerStack(const FaultThread& thread, const GuardFrame& guard) {
-  const uintptr_t esp = guard.esp;
-  const bool usable =
-      !(guard.state & fault::kStackOverflow) && esp > thread.stackLow + kThrowerBytes && esp <= thread.stackHigh;
-  return usable || !thread.spareTop ? (esp - fault::kRedZoneBytes) & ~(fault::kStackAlignment - 1) : thread.spareTop;
-}
-
-void Redirect(GuardFrame& guard, const FaultThread& thread, int signal, const siginfo_t& info, ucontext_t& machine) {
+// Lets the thread go on in `place` with this EBP.
+void GoOn(ucontext_t& machine, const char* place, uintptr_t ebp, uintptr_t esp) {
   greg_t* registers = machine.uc_mcontext.gregs;
-  if (guard.state & fault::kSearching) {  // the way to the guard is not to be found
-    ClearPendingState(machine);
-    registers[REG_EBP] = static_cast<greg_t>(guard.frame);
-    registers[REG_ESP] = reinterpret_cast<greg_t>(&guard) - static_cast<greg_t>(fault::kRedZoneBytes);
-    registers[REG_EIP] = reinterpret_cast<greg_t>(fault_frame_recover);
-    return;
-  }
-  guard.state = (guard.state & fault::kThrown) | fault::kSearching;
+  ClearPendingState(machine);
+  registers[REG_EIP] = reinterpret_cast<greg_t>(place);
+  registers[REG_EBP] = static_cast<greg_t>(ebp);
+  registers[REG_ESP] = static_cast<greg_t>(esp);
+}
+
+// The exception will start at the guard itself, on the spare stack if there is one: whatever stack the search ran on
+// may be what failed.
+void Recover(GuardFrame& guard, const FaultThread& thread, ucontext_t& machine) {
+  guard.state = GuardState::kRecovering;
+  const uintptr_t spare = SpareStackTop(thread);
+  guard.landing = spare ? spare : fault::StackBelow(reinterpret_cast<uintptr_t>(&guard));
+  GoOn(machine, fault_frame_recover, guard.frame, guard.landing);
+}
+
+void Search(GuardFrame& guard, FaultThread& thread, int signal, const siginfo_t& info, ucontext_t& machine) {
+  guard.BeginSearch();
+  thread.faultInAllocator = thread.maskIsKnown = false;
   FillFault(guard.record, guard.context, signal, info, machine);
   guard.StartAt(guard.context);
   if (IsStackOverflow(thread, guard.record, guard.esp)) {
     guard.record.ExceptionCode = EXCEPTION_STACK_OVERFLOW;
-    guard.state |= fault::kStackOverflow;
   } else if (guard.record.ExceptionCode == EXCEPTION_ACCESS_VIOLATION &&
              guard.record.ExceptionInformation[1] == guard.eip &&
              !fault_probe_read(reinterpret_cast<void*>(guard.esp))) {
-    // A call through a bad pointer: the caller is the last frame that there is.
-    guard.eip = *reinterpret_cast<uint32_t*>(guard.esp) - 1;
-    guard.esp += 4;
+    guard.StartAtCaller();
   }
-  ClearPendingState(machine);
-  registers[REG_ESP] = static_cast<greg_t>(ThrowerStack(thread, guard));
-  registers[REG_EBP] = reinterpret_cast<greg_t>(&guard);
-  registers[REG_EIP] = reinterpret_cast<greg_t>(fault_thunk);
+  guard.landing = FindThrowerStack(thread, guard);
+  GoOn(machine, fault_thunk, reinterpret_cast<uintptr_t>(&guard), guard.landing);
 }
 
-// The stacks of a thread, freed by the key's destructor: after every thread_local object and again should one of the
-// later destructors have run a guard once more.
-constexpr size_t kStacksBytes = kGuardPageBytes + kSignalStackBytes + kSpareStackBytes;
-constinit pthread_key_t g_stacksKey = 0;
-constinit bool g_haveKey = false;
+// The fault of a guard that cannot throw becomes that of the next one further out.
+void PassOutwards(FaultThread& thread, int signal, siginfo_t* info, ucontext_t& machine) {
+  GuardFrame& lost = *thread.innermost;
+  GuardFrame* const outer = thread.innermost = lost.outer;
+  if (!outer) return OfferLostFault(lost, signal, info, machine);
+  outer->BeginSearch();
+  outer->record = lost.record;
+  outer->context = lost.context;
+  outer->StartAt(lost.context);
+  Recover(*outer, thread, machine);
+}
 
-void FreeStacks(void* memory) {
-  stack_t present{};
-  if (sigaltstack(nullptr, &present) == 0 && present.ss_sp == memory) {
-    stack_t none{};
-    none.ss_flags = SS_DISABLE;
-    sigaltstack(&none, nullptr);
+void GiveToGuard(FaultThread& thread, int signal, siginfo_t* info, ucontext_t& machine) {
+  GuardFrame& guard = *thread.innermost;
+  switch (guard.state) {
+    case GuardState::kSearching:
+      return Recover(guard, thread, machine);
+    case GuardState::kRecovering:
+    case GuardState::kLost:
+      return PassOutwards(thread, signal, info, machine);
+    case GuardState::kQuiet:
+    case GuardState::kThrowing:
+    case GuardState::kThrown:
+      return Search(guard, thread, signal, *info, machine);
   }
-  t_faultThread.ready = false;
-  t_faultThread.spareTop = 0;
-  munmap(memory, kStacksBytes);
 }
 
-void MakeStacks(FaultThread& thread) {
-  void* memory =
-      mmap(nullptr, kStacksBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (memory == MAP_FAILED) return;  // a stack overflow will end the process; all else still works
-  // A part of the signal stack for the kernel: what overflows it ends the process, and writes over nothing.
-  mprotect(memory, kGuardPageBytes, PROT_NONE);
-  thread.spareTop = reinterpret_cast<uintptr_t>(memory) + kStacksBytes - 4 * fault::kStackAlignment;
-  stack_t present{};
-  if (sigaltstack(nullptr, &present) == 0 && (present.ss_flags & SS_DISABLE)) {
-    stack_t ours{};
-    ours.ss_sp = memory;
-    ours.ss_size = kGuardPageBytes + kSignalStackBytes;
-    sigaltstack(&ours, nullptr);
+bool IsProbe(const char* instruction) {
+  return instruction == fault_probe_read_instruction || instruction == fault_probe_write_instruction;
+}
+
+void Dispatch(int signal, siginfo_t* info, ucontext_t& machine, bool delivered) {
+  FaultThread& thread = t_faultThread;
+  if (!delivered) return PassToOriginal(signal, info, &machine);
+  if (info->si_code <= 0) {  // sent, not of an instruction
+    if (HandleAllocatorTimer(signal, *info, machine) || KeepSentSignal(signal, *info)) return;
+    if (IsOwnAbort(signal, *info)) return OfferToFilter(signal, info, machine);
+    return PassToHost(signal, info, &machine);
   }
-  if (g_haveKey) pthread_setspecific(g_stacksKey, memory);
-}
-
-void FindStack(FaultThread& thread) {
-  pthread_attr_t attributes;
-  if (pthread_getattr_np(pthread_self(), &attributes) != 0) return;
-  void* low = nullptr;
-  size_t bytes = 0;
-  pthread_attr_getstack(&attributes, &low, &bytes);
-  pthread_attr_destroy(&attributes);
-  thread.stackLow = reinterpret_cast<uintptr_t>(low);
-  thread.stackHigh = thread.stackLow + bytes;
-}
-
-__attribute__((constructor)) void InstallAtLoad() {
-  g_haveKey = pthread_key_create(&g_stacksKey, &FreeStacks) == 0;
-  ClaimSignals();
+  if (thread.innermost && IsFaultSignal(signal)) return GiveToGuard(thread, signal, info, machine);
+  OfferToFilter(signal, info, machine);
 }
 
 }  // namespace
 
-void OnFaultSignal(int signal, siginfo_t* info, void* context) {
+bool IsFaultSignal(int signal) { return signal == SIGSEGV || signal == SIGBUS || signal == SIGFPE || signal == SIGILL; }
+
+}  // namespace qel::layer
+
+extern "C" __attribute__((used)) void fault_on_signal(int signal, siginfo_t* info, void* context) {
+  using namespace qel::layer;
   ucontext_t& machine = *static_cast<ucontext_t*>(context);
   greg_t& eip = machine.uc_mcontext.gregs[REG_EIP];
-  const auto* instruction = reinterpret_cast<const char*>(eip);
-  if (instruction == fault_probe_read_instruction || instruction == fault_probe_write_instruction) {
+  if (IsProbe(reinterpret_cast<const char*>(eip))) {
     eip = reinterpret_cast<greg_t>(fault_probe_failed);
     return;
   }
   const int savedErrno = errno;
-  FaultThread& thread = t_faultThread;
-  if (!IsDelivery(__builtin_return_address(0))) {
-    PassToOriginal(signal, info, context);
-  } else if (info->si_code <= 0) {  // kill, raise: not of an instruction
-    PassToHost(signal, info, context);
-  } else if (thread.innermost) {
-    Redirect(*thread.innermost, thread, signal, *info, machine);
-  } else {
-    OfferToFilter(signal, info, machine);
-  }
+  Dispatch(signal, info, machine, IsDelivery(__builtin_return_address(0)));
   errno = savedErrno;
 }
-
-void PrepareFaultThread() {
-  const int savedErrno = errno;
-  FaultThread& thread = t_faultThread;
-  ClaimSignals();
-  UnblockSignals();
-  FindStack(thread);
-  MakeStacks(thread);
-  thread.ready = true;
-  errno = savedErrno;
-}
-
-LONG CallUnhandledFilter(EXCEPTION_POINTERS* pointers) {
-  const LPTOP_LEVEL_EXCEPTION_FILTER filter = g_filter;
-  return filter ? filter(pointers) : EXCEPTION_CONTINUE_SEARCH;
-}
-
-}  // namespace qel::layer
 
 namespace fault {
 
@@ -204,33 +142,37 @@ Translator ThreadTranslator() { return qel::layer::t_faultThread.translator; }
 void SetThreadTranslator(Translator translator) { qel::layer::t_faultThread.translator = translator; }
 
 GuardFrame* InnermostGuard() { return qel::layer::t_faultThread.innermost; }
-void PrepareThrow(GuardFrame*) {}
 
-void ProcessAttach() {}  // this run-time has made it all
+void PrepareThrow(GuardFrame*) {
+  const qel::layer::FaultThread& thread = qel::layer::t_faultThread;
+  if (thread.maskIsKnown) qel::layer::RestorePassedMask();
+  if (thread.faultInAllocator) qel::layer::ReleaseAllocatorLock();
+}
+
+void ProcessAttach() {}  // this runtime has made it all
 
 void ClaimHandlers() { qel::layer::ClaimSignals(); }
 
-uintptr_t StackLimit() {
-  const qel::layer::FaultThread& thread = qel::layer::t_faultThread;
-  const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
-  return thread.ready && here > thread.stackLow && here <= thread.stackHigh ? thread.stackLow : UINTPTR_MAX;
+int HoldCancellation() {
+  int former = PTHREAD_CANCEL_ENABLE;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &former);
+  return former;
 }
+
+void RestoreCancellation(int state) { pthread_setcancelstate(state, nullptr); }
 
 }  // namespace fault
 
-extern "C" __attribute__((used)) GuardFrame** fault_enter(GuardFrame* guard) {
+extern "C" __attribute__((used)) void fault_enter(GuardFrame* guard) {
   qel::layer::FaultThread& thread = qel::layer::t_faultThread;
   if (!thread.ready) [[unlikely]]
     qel::layer::PrepareFaultThread();
-  guard->state = fault::kQuiet;
+  guard->state = GuardState::kQuiet;
   guard->outer = thread.innermost;
   std::atomic_signal_fence(std::memory_order_seq_cst);
   thread.innermost = guard;
-  return &thread.innermost;
 }
 
-extern "C" void fault_leave(GuardFrame* guard) { qel::layer::t_faultThread.innermost = guard->outer; }
-
-extern "C" LPTOP_LEVEL_EXCEPTION_FILTER SetUnhandledExceptionFilter(LPTOP_LEVEL_EXCEPTION_FILTER filter) {
-  return __atomic_exchange_n(&qel::layer::g_filter, filter, __ATOMIC_SEQ_CST);
+extern "C" __attribute__((used)) void fault_leave(GuardFrame* guard) {
+  qel::layer::t_faultThread.innermost = guard->outer;
 }

@@ -1,5 +1,10 @@
 /// @file
 /// What the files of the fault front end share.
+///
+/// fault_handler.cpp receives the signals; thread_stacks.cpp keeps the stacks that it needs; fault_record.cpp
+/// translates what the kernel saved; unhandled.cpp asks the filter; signal_owners.cpp knows who had the signals before;
+/// signal_masks.cpp keeps them from being blocked; signal_frames.cpp and allocator_lock.cpp put right what a fault
+/// leaves behind.
 #pragma once
 #include <ucontext.h>
 
@@ -11,20 +16,59 @@
 
 namespace qel::layer {
 
+/// Where a stack lies: from its lowest byte to the first one behind it; zeros where that is not known.
+struct StackBounds {
+  uintptr_t low, high;
+  bool Contains(uintptr_t address) const { return address > low && address <= high; }
+};
+
 /// What a guard needs of its thread. One access with a segment register: the module is there when the process starts.
 struct FaultThread {
   fault::GuardFrame* innermost;
   fault::Translator translator;
-  bool ready;                               // the rest is known and the alternate signal stack in place
-  uintptr_t stackLow, stackHigh, spareTop;  // the thread's stack; where a thrower starts that cannot use it
+  bool ready;              ///< the thread was prepared
+  bool faultInAllocator;   ///< the last fault passed a function of the allocator, which may hold its lock
+  bool asksFilter;         ///< the filter runs
+  bool maskIsKnown;        ///< the last fault passed a handler of the host; `mask` is that of the code it interrupted
+  uint32_t wishedMask;     ///< signals of faults that the host believes to have blocked: bits 1 << signal
+  uintptr_t handlerFrame;  ///< where on the stack a handler of the host was called; 0 when none runs
+  uint32_t handlerMask;    ///< what the host believes to be blocked while that handler runs, besides
+  sigset_t mask;
+  StackBounds stack;  ///< the stack that the thread runs on
+  void* stacks;       ///< memory of the signal stack and the spare stack; null when there was none
 };
 extern thread_local constinit FaultThread t_faultThread __attribute__((visibility("hidden")));
 
-/// First guard or probe of a thread.
+/// First guard or probe of a thread, or its start.
 void PrepareFaultThread();
+/// Where a thrower starts that cannot use the thread's own stack; 0 when there is no such place.
+uintptr_t SpareStackTop(const FaultThread& thread);
 
-/// The handler of all four signals.
-void OnFaultSignal(int signal, siginfo_t* info, void* machine);
+/// While it lives, the thread is taken to run on the given stack.
+class OnStack {
+ public:
+  explicit OnStack(StackBounds bounds) : former_(t_faultThread.stack) { t_faultThread.stack = bounds; }
+  OnStack(const OnStack&) = delete;
+  OnStack& operator=(const OnStack&) = delete;
+  ~OnStack() { t_faultThread.stack = former_; }
+
+ private:
+  const StackBounds former_;
+};
+/// Runs `body` on the thread's signal stack, on which the next signal then goes on too; in place where it is on that
+/// stack already or there is none. For handlers, which the host may have given a stack of a few kilobytes.
+void CallOnSignalStack(void (*body)(void* argument), void* argument);
+
+/// The handler of all signals that we have; and its entry, which the kernel calls.
+extern "C" __attribute__((visibility("hidden"))) void fault_on_signal(int signal, siginfo_t* info, void* machine);
+extern "C" __attribute__((visibility("hidden"))) void fault_signal_entry(int signal, siginfo_t* info, void* machine);
+
+/// The signals that an instruction causes; these go to the guards. Those that end a process by its own decision
+/// besides.
+inline constexpr int kFaultSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL};
+inline constexpr int kClaimedSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS};
+bool IsFaultSignal(int signal);
+
 /// Puts the handler in place where it is not.
 void ClaimSignals();
 /// A fault whose signal is blocked ends the process, whoever would handle it.
@@ -35,7 +79,26 @@ void PassToOriginal(int signal, siginfo_t* info, void* machine);
 
 extern const ForkedPart kFaultSignalsAtFork;
 
-/// Fills what Windows would deliver for the signal.
+/// The call of the kernel for the mask of this thread, without any wish. Returns an error number.
+int ChangeKernelMask(int how, const sigset_t* set, sigset_t* former);
+/// Takes the signals of faults out of the set; returns them as bits.
+uint32_t RemoveFaultSignals(sigset_t& set);
+void AddFaultSignals(sigset_t& set, uint32_t bits);
+/// Whether the stack pointer stands below a handler of the host that is running.
+bool IsInHostHandler(const FaultThread& thread, uintptr_t esp);
+/// Whether the host wants a sent signal kept back now; if so, it is kept for it. See signal_masks.cpp.
+bool KeepSentSignal(int signal, const siginfo_t& info);
+
+/// A fault that no guard takes: to the filter, then to the host.
+void OfferToFilter(int signal, siginfo_t* info, ucontext_t& machine);
+/// The same for one that a guard had taken and could not throw.
+void OfferLostFault(const fault::GuardFrame& guard, int signal, siginfo_t* info, ucontext_t& machine);
+/// Whether the signal is of an abort() of this process itself.
+bool IsOwnAbort(int signal, const siginfo_t& info);
+/// Calls the filter of SetUnhandledExceptionFilter, if there is one; otherwise EXCEPTION_CONTINUE_SEARCH.
+LONG CallUnhandledFilter(EXCEPTION_POINTERS* pointers);
+
+/// Fills what Windows would deliver for the signal; see IsStackOverflow for the one case that needs the thread.
 void FillFault(EXCEPTION_RECORD& record, CONTEXT& context, int signal, const siginfo_t& info,
                const ucontext_t& machine);
 /// Puts the context's general registers into the interrupted thread.
@@ -43,9 +106,16 @@ void ApplyContext(ucontext_t& machine, const CONTEXT& context);
 /// Lets the thread go on with an empty x87 stack, no pending floating-point exception and a clear direction flag. The
 /// control words stay.
 void ClearPendingState(ucontext_t& machine);
+/// Whether the interrupted instruction is over: returning from the handler does not repeat the fault.
+bool IsPastInstruction(int signal, const ucontext_t& machine);
+bool IsStackOverflow(const FaultThread& thread, const EXCEPTION_RECORD& record, uintptr_t esp);
 
-/// Calls the filter of SetUnhandledExceptionFilter, if there is one; otherwise EXCEPTION_CONTINUE_SEARCH.
-LONG CallUnhandledFilter(EXCEPTION_POINTERS* pointers);
+/// Gives the thread the mask back that it had inside the guard when the host's handler interrupted it.
+void RestorePassedMask();
+/// Makes sure that the thread, whose fault passed the allocator, does not wait for the allocator's lock for ever.
+void ReleaseAllocatorLock();
+/// Whether the signal is of our own timer; if so, the lock that the thread waits for is released.
+bool HandleAllocatorTimer(int signal, const siginfo_t& info, const ucontext_t& machine);
 
 /// The exit code of a process whose filter says that the exception is handled.
 inline constexpr int kExitAfterFilter = 1;

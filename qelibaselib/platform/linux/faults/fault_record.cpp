@@ -1,7 +1,10 @@
 // From a signal's machine state to the exception record and context that Windows would deliver, and back.
+#include <cxxabi.h>
+
 #include <cstring>
 
 #include "qelibaselib/platform/linux/faults/fault_internal.h"
+#include "qelibaselib/platform/linux/faults/fault_probe.h"
 #include "qelibaselib/platform/linux/modules/frame_walk.h"
 
 namespace qel::layer {
@@ -32,14 +35,32 @@ constexpr uint32_t kX87Pending = 0xB8FF;  // exception flags, summary, stack top
 constexpr uint32_t kX87AllEmpty = 0xFFFFFFFF;
 constexpr greg_t kTrapFlag = 0x100, kDirectionFlag = 0x400, kAlignmentFlag = 0x40000;
 
-enum Trap : greg_t { kTrapPageFault = 14, kTrapX87 = 16, kTrapSse = 19 };
+// The processor's numbers of the faults and traps that Linux has one signal for.
+enum Trap : greg_t {
+  kTrapSingleStep = 1,
+  kTrapBreakpoint = 3,
+  kTrapOverflow = 4,
+  kTrapBounds = 5,
+  kTrapPageFault = 14,
+  kTrapX87 = 16,
+  kTrapAlignment = 17,
+  kTrapSse = 19
+};
 constexpr greg_t kErrorWrite = 2, kErrorFetch = 16;
 constexpr ULONG_PTR kReading = 0, kWriting = 1, kExecuting = 8;
-constexpr ULONG_PTR kNoAddress = 0xFFFFFFFF;        // a general protection fault names none
+constexpr ULONG_PTR kNoAddress = 0xFFFFFFFF;  // a general protection fault names none
+constexpr DWORD kInvalidSystemService = 0xC000001C;
+constexpr DWORD kFailFast = 0xC0000409;             // what abort() raises on Windows
 constexpr ULONG_PTR kStatusEndOfFile = 0xC0000011;  // why a page of a mapped file is not there
 
 SavedFloatingPoint* FloatingPoint(const ucontext_t& machine) {
   return reinterpret_cast<SavedFloatingPoint*>(machine.uc_mcontext.fpregs);
+}
+
+// A breakpoint is one byte; the processor goes on behind it, and Windows names the breakpoint itself.
+uintptr_t InterruptedInstruction(const ucontext_t& machine) {
+  const greg_t* registers = machine.uc_mcontext.gregs;
+  return static_cast<uintptr_t>(registers[REG_EIP]) - (registers[REG_TRAPNO] == kTrapBreakpoint ? 1 : 0);
 }
 
 // The processor's own order of the exceptions when several are raised at once.
@@ -66,41 +87,92 @@ DWORD ArithmeticCode(const siginfo_t& info, const ucontext_t& machine) {
   return info.si_code == FPE_INTOVF ? EXCEPTION_INT_OVERFLOW : EXCEPTION_INT_DIVIDE_BY_ZERO;
 }
 
-void FillRecord(EXCEPTION_RECORD& record, int signal, const siginfo_t& info, const ucontext_t& machine) {
+void FillAccessViolation(EXCEPTION_RECORD& record, const siginfo_t& info, const ucontext_t& machine) {
   const greg_t* registers = machine.uc_mcontext.gregs;
-  const auto address = reinterpret_cast<ULONG_PTR>(info.si_addr);
   const greg_t error = registers[REG_ERR];
   const ULONG_PTR access = error & kErrorFetch ? kExecuting : error & kErrorWrite ? kWriting : kReading;
-  record = {};
-  record.ExceptionAddress = reinterpret_cast<void*>(registers[REG_EIP]);
-  switch (signal) {
-    case SIGSEGV: {
-      const bool pageFault = registers[REG_TRAPNO] == kTrapPageFault;
-      record.ExceptionCode = EXCEPTION_ACCESS_VIOLATION;
-      record.NumberParameters = 2;
-      record.ExceptionInformation[0] = pageFault ? access : kReading;
-      record.ExceptionInformation[1] = pageFault ? address : kNoAddress;
+  const bool pageFault = registers[REG_TRAPNO] == kTrapPageFault;
+  record.ExceptionCode = EXCEPTION_ACCESS_VIOLATION;
+  record.NumberParameters = 2;
+  record.ExceptionInformation[0] = pageFault ? access : kReading;
+  record.ExceptionInformation[1] = pageFault ? reinterpret_cast<ULONG_PTR>(info.si_addr) : kNoAddress;
+}
+
+// INTO and BOUND arrive as SIGSEGV; so does an access that the alignment check refuses, with some kernels.
+void FillSegmentation(EXCEPTION_RECORD& record, const siginfo_t& info, const ucontext_t& machine) {
+  switch (machine.uc_mcontext.gregs[REG_TRAPNO]) {
+    case kTrapOverflow:
+      record.ExceptionCode = EXCEPTION_INT_OVERFLOW;
       break;
-    }
-    case SIGBUS:
-      if (info.si_code == BUS_ADRALN) {
-        record.ExceptionCode = EXCEPTION_DATATYPE_MISALIGNMENT;
-      } else {
-        record.ExceptionCode = EXCEPTION_IN_PAGE_ERROR;
-        record.NumberParameters = 3;
-        record.ExceptionInformation[0] = access;
-        record.ExceptionInformation[1] = address;
-        record.ExceptionInformation[2] = kStatusEndOfFile;
-      }
+    case kTrapBounds:
+      record.ExceptionCode = EXCEPTION_ARRAY_BOUNDS_EXCEEDED;
       break;
-    case SIGILL:
-      record.ExceptionCode = EXCEPTION_ILLEGAL_INSTRUCTION;
+    case kTrapAlignment:
+      record.ExceptionCode = EXCEPTION_DATATYPE_MISALIGNMENT;
       break;
     default:
-      record.ExceptionCode = ArithmeticCode(info, machine);
-      // The x87 unit traps at its next instruction; the one that did it is named.
-      if (const SavedFloatingPoint* saved = FloatingPoint(machine); saved && registers[REG_TRAPNO] == kTrapX87)
-        record.ExceptionAddress = reinterpret_cast<void*>(saved->errorOffset);
+      FillAccessViolation(record, info, machine);
+  }
+}
+
+void FillBusError(EXCEPTION_RECORD& record, const siginfo_t& info, const ucontext_t& machine) {
+  if (info.si_code == BUS_ADRALN) {
+    record.ExceptionCode = EXCEPTION_DATATYPE_MISALIGNMENT;
+    return;
+  }
+  FillAccessViolation(record, info, machine);
+  record.ExceptionCode = EXCEPTION_IN_PAGE_ERROR;
+  record.NumberParameters = 3;
+  record.ExceptionInformation[1] = reinterpret_cast<ULONG_PTR>(info.si_addr);
+  record.ExceptionInformation[2] = kStatusEndOfFile;
+}
+
+void FillArithmetic(EXCEPTION_RECORD& record, const siginfo_t& info, const ucontext_t& machine) {
+  record.ExceptionCode = ArithmeticCode(info, machine);
+  // The x87 unit traps at its next instruction; the one that did it is named.
+  const SavedFloatingPoint* saved = FloatingPoint(machine);
+  if (saved && machine.uc_mcontext.gregs[REG_TRAPNO] == kTrapX87)
+    record.ExceptionAddress = reinterpret_cast<void*>(saved->errorOffset);
+}
+
+// What abort() is called for: a C++ exception that nobody catches, or anything else that the program has noticed
+// itself.
+void FillAbort(EXCEPTION_RECORD& record) {
+  constexpr ULONG_PTR kFatalExit = 7;
+  const bool uncaught = abi::__cxa_current_exception_type() != nullptr;
+  record.ExceptionCode = uncaught ? fault::kForeignCppException : kFailFast;
+  record.ExceptionFlags = EXCEPTION_NONCONTINUABLE;
+  if (uncaught) return;
+  record.NumberParameters = 1;
+  record.ExceptionInformation[0] = kFatalExit;
+}
+
+void FillTrap(EXCEPTION_RECORD& record, const ucontext_t& machine) {
+  record.ExceptionAddress = reinterpret_cast<void*>(InterruptedInstruction(machine));
+  record.ExceptionCode =
+      machine.uc_mcontext.gregs[REG_TRAPNO] == kTrapSingleStep ? EXCEPTION_SINGLE_STEP : EXCEPTION_BREAKPOINT;
+}
+
+void FillRecord(EXCEPTION_RECORD& record, int signal, const siginfo_t& info, const ucontext_t& machine) {
+  record = {};
+  record.ExceptionAddress = reinterpret_cast<void*>(machine.uc_mcontext.gregs[REG_EIP]);
+  switch (signal) {
+    case SIGSEGV:
+      return FillSegmentation(record, info, machine);
+    case SIGBUS:
+      return FillBusError(record, info, machine);
+    case SIGILL:
+      record.ExceptionCode = EXCEPTION_ILLEGAL_INSTRUCTION;
+      return;
+    case SIGTRAP:
+      return FillTrap(record, machine);
+    case SIGSYS:
+      record.ExceptionCode = kInvalidSystemService;
+      return;
+    case SIGABRT:
+      return FillAbort(record);
+    default:
+      return FillArithmetic(record, info, machine);
   }
 }
 
@@ -143,6 +215,26 @@ void FillFault(EXCEPTION_RECORD& record, CONTEXT& context, int signal, const sig
   FillRecord(record, signal, info, machine);
   FillContext(context, machine);
   RememberFault(context);
+  if (signal == SIGTRAP) context.Eip = InterruptedInstruction(machine);
+}
+
+bool IsPastInstruction(int signal, const ucontext_t& machine) {
+  return signal == SIGTRAP || signal == SIGSYS || machine.uc_mcontext.gregs[REG_TRAPNO] == kTrapOverflow;
+}
+
+// An access near ESP that finds no page: the stack could not grow. Its lowest address does not tell, since something
+// else may lie in the way of its growth.
+bool IsStackOverflow(const FaultThread& thread, const EXCEPTION_RECORD& record, uintptr_t esp) {
+  constexpr uintptr_t kLargestFrame = 64 * 1024;  // how far from ESP an overflow may touch
+  constexpr uintptr_t kLastBytes = 16 * 1024;
+  if (record.ExceptionCode != EXCEPTION_ACCESS_VIOLATION) return false;
+  const uintptr_t address = record.ExceptionInformation[1];
+  if (address + kLargestFrame < esp || address >= esp + kLargestFrame) return false;
+  const StackBounds& stack = thread.stack;
+  const bool known = esp + kLargestFrame >= stack.low && esp <= stack.high;
+  if (known && address >= stack.low && address < stack.high) return false;
+  return (known && address < stack.low && esp < stack.low + kLastBytes) ||
+         fault_probe_write(reinterpret_cast<void*>(esp - sizeof(uint32_t)));
 }
 
 void ApplyContext(ucontext_t& machine, const CONTEXT& context) {

@@ -30,7 +30,8 @@ int SignalOf(DWORD code) {
 // Nobody wants the exception: as the fault would end the process that it stands for.
 [[noreturn]] void EndProcess(DWORD code) {
   const int signal = SignalOf(code);
-  raise(signal);  // to the host's handler, if it has one
+  qel::layer::t_faultThread.asksFilter = true;  // it has been asked
+  raise(signal);                                // to the host's handler, if it has one
   ::signal(signal, SIG_DFL);
   raise(signal);
   _exit(128 + signal);

@@ -1,0 +1,50 @@
+// Room for the clause that reports a fault.
+//
+// Problem: the clause runs in the guard's caller, above the frames of the fault. Whatever it calls overwrites the
+// frames that its report is to show; and on a small or used-up stack there is no room for a report at all.
+//
+// Idea: where the stack goes on far enough below the fault, the stack pointer is moved there first. Everywhere else the
+// report runs on a stack of its own.
+#include "qelibaselib/platform/fault/guard_frame.h"
+
+namespace fault {
+namespace {
+
+constexpr uintptr_t kFarthest = 1024 * 1024;  // further above a fault its frames are not kept by a move
+constexpr uintptr_t kRoomBytes = 128 * 1024;  // for whatever the report calls
+
+enum class Room { kHere, kBelowFault, kOwnStack };
+
+Room FindRoom(uintptr_t here, uintptr_t fault) {
+  const uintptr_t limit = StackLimit();
+  if (limit == UINTPTR_MAX) return Room::kOwnStack;
+  const bool faultIsBelow = fault > limit && fault < here;
+  if (faultIsBelow && here - fault < kFarthest && fault - limit > kRoomBytes) return Room::kBelowFault;
+  return faultIsBelow || here - limit < kRoomBytes ? Room::kOwnStack : Room::kHere;
+}
+
+}  // namespace
+
+// The sanitizer would put its marks for a block of the stack on the frames that are to be read, and it knows one stack
+// for each thread.
+#ifdef __SANITIZE_ADDRESS__
+void CallBelow(const CONTEXT*, void (*body)(void*), void* argument) {
+  const CancellationHold hold;
+  body(argument);
+}
+#else
+__attribute__((noinline)) void CallBelow(const CONTEXT* context, void (*body)(void*), void* argument) {
+  const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+  const uintptr_t fault = context ? context->Esp : 0;
+  const CancellationHold hold;
+  const Room room = FindRoom(here, fault);
+  if (room == Room::kOwnStack && CallOnOwnStack(body, argument)) return;
+  if (room == Room::kBelowFault) {
+    void* skipped = __builtin_alloca(here - fault + kRedZoneBytes);
+    __asm__ __volatile__("" : : "r"(skipped) : "memory");
+  }
+  body(argument);
+}
+#endif
+
+}  // namespace fault

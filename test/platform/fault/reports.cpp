@@ -1,0 +1,41 @@
+#include "test/platform/fault/reports.h"
+
+#include <fstream>
+#include <iterator>
+
+#include "qelibaselib/file/file.h"
+#include "qelibaselib/modulestatus/exception_report.h"
+#include "test/support/bad_pointer.h"
+#include "test/support/log_folder.h"
+
+namespace qel::test {
+
+std::vector<std::string> TakeReports() {
+  LogFolder();
+  const auto path = ChannelFile(channel::kExceptionReport);
+  std::ifstream file(path, std::ios::binary);
+  const std::string text{std::istreambuf_iterator<char>(file), {}};
+  std::vector<std::string> reports;
+  constexpr char kCounter[] = ">>>>>>>>>> TC=";
+  for (size_t at = text.find(kCounter); at != std::string::npos;) {
+    const size_t next = text.find(kCounter, at + 1);
+    reports.push_back(text.substr(at, next - at));
+    at = next;
+  }
+  std::filesystem::remove(path);
+  return reports;
+}
+
+bool IsWhole(const std::string& report) { return report.find("Disk Free Space") != std::string::npos; }
+
+LONG WINAPI WriteReport(EXCEPTION_POINTERS* pointers) {
+  VemoExceptLogOut(L"host", "filter", pointers->ExceptionRecord, pointers->ContextRecord, 1, "host.cpp");
+  return EXCEPTION_CONTINUE_SEARCH;
+}
+
+bool FaultInExport() {
+  WIN32_FIND_DATAW data;
+  return GetFileSizeX(L"/", &data, static_cast<DWORD*>(BadPointer())) == 0;
+}
+
+}  // namespace qel::test

@@ -1,0 +1,168 @@
+// Faults where the stack is small, used up, or not the thread's own.
+#include <alloca.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+#include <string>
+
+#include "qelibaselib/platform/fault/fault.h"
+#include "test/platform/fault/provoke.h"
+#include "test/platform/fault/reports.h"
+#include "test/support/child_process.h"
+#include "test/support/log_folder.h"
+
+namespace qel::test {
+namespace {
+
+constexpr size_t kKilobyte = 1024;
+
+size_t g_hostsStack;
+
+// How many bytes of the thread's stack are left.
+size_t RemainingStack() {
+  pthread_attr_t attributes;
+  pthread_getattr_np(pthread_self(), &attributes);
+  void* low = nullptr;
+  size_t bytes = 0;
+  pthread_attr_getstack(&attributes, &low, &bytes);
+  pthread_attr_destroy(&attributes);
+  return static_cast<size_t>(static_cast<char*>(__builtin_frame_address(0)) - static_cast<char*>(low));
+}
+
+OWN_FRAME void WithStackLeft(size_t left, const std::function<void()>& body) {
+  const size_t remaining = RemainingStack();
+  if (remaining > left) {
+    void* skipped = alloca(remaining - left);
+    __asm__ __volatile__("" : : "r"(skipped) : "memory");
+  }
+  body();
+}
+
+void OnThreadWithStack(size_t bytes, std::function<void()> body) {
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  ASSERT_EQ(pthread_attr_setstacksize(&attributes, bytes), 0);
+  pthread_t thread;
+  ASSERT_EQ(pthread_create(
+                &thread, &attributes,
+                [](void* argument) -> void* {
+                  (*static_cast<std::function<void()>*>(argument))();
+                  return nullptr;
+                },
+                &body),
+            0);
+  pthread_join(thread, nullptr);
+  pthread_attr_destroy(&attributes);
+}
+
+DWORD CodeOfOverflow() {
+  int destroyed = 0;
+  try {
+    fault::Run([&] { OverflowStack(destroyed); });
+  } catch (const CSE& exception) {
+    return exception.record.ExceptionCode;
+  }
+  return 0;
+}
+
+TEST(StackOverflow, IsCaughtWhateverTheStackAndWhereverItEnds) {
+  SKIP_UNDER_ASAN();
+  for (const size_t bytes : {16, 20, 32, 64, 256, 1024, 8192}) {
+    int failed = 0;
+    OnThreadWithStack(bytes * kKilobyte, [&] {
+      fault::SetTranslator(&fault::ThrowCse);
+      for (size_t offset = 0; offset<4096; offset += bytes> 256 ? 512 : 64) {
+        volatile char* skipped = static_cast<char*>(alloca(32));
+        skipped[0] = 0;
+        WithStackLeft(RemainingStack() - offset % 1024,
+                      [&] { failed += CodeOfOverflow() != EXCEPTION_STACK_OVERFLOW; });
+      }
+    });
+    EXPECT_EQ(failed, 0) << bytes;
+  }
+}
+
+CHILD_ROLE(FaultWithStackLeft) {
+  alarm(30);
+  LogFolder();
+  SetUnhandledExceptionFilter(&WriteReport);
+  bool failed = false;
+  OnThreadWithStack(std::stoul(arguments[0]),
+                    [&] { WithStackLeft(std::stoul(arguments[1]), [&] { failed = FaultInExport(); }); });
+  return failed ? 42 : 1;
+}
+
+// The failure value; or, where not even the guard has room, a report and the end of the process.
+TEST(StackLeft, DecidesBetweenFailureValueAndReport) {
+  SKIP_UNDER_ASAN();
+  for (const size_t left : {16, 256, 512, 1024, 1536, 2048, 2304, 2560, 2816, 3072, 3584, 4096, 6144, 8192, 12288}) {
+    SCOPED_TRACE(left);
+    TakeReports();
+    TakeMessages(channel::kAssert);
+    const int end = ChildProcess("FaultWithStackLeft", {"65536", std::to_string(left)}).Wait();
+    EXPECT_TRUE(end == 42 || (end == -SIGSEGV && left < 8192)) << end;
+    EXPECT_EQ(TakeReports().size(), 1u);
+    const auto messages = TakeMessages(channel::kAssert);
+    EXPECT_EQ(std::count_if(messages.begin(), messages.end(), [](const auto& m) { return m.ends_with("_CATCH_AE"); }),
+              end == 42);
+  }
+}
+
+TEST(SmallStack, GetsAWholeReport) {
+  SKIP_UNDER_ASAN();
+  for (const char* bytes : {"16384", "32768"}) {
+    TakeReports();
+    EXPECT_EQ(ChildProcess("FaultWithStackLeft", {bytes, "1000000"}).Wait(), 42);
+    EXPECT_TRUE(IsWhole(TakeReports().at(0)));
+  }
+}
+
+// What the kernel switches to may be the host's, and as small as the kernel allows.
+CHILD_ROLE(OverflowStack) {
+  alarm(30);
+  LogFolder();
+  SetUnhandledExceptionFilter(&WriteReport);
+  const size_t hosts = std::stoul(arguments[0]);
+  OnThreadWithStack(256 * kKilobyte, [&] {
+    static constexpr char kMark = 0x5A;
+    static char block[64 * kKilobyte];
+    std::memset(block, kMark, sizeof block);
+    if (hosts != 0) {
+      stack_t stack{};
+      stack.ss_sp = block + sizeof block - hosts;
+      stack.ss_size = hosts;
+      sigaltstack(&stack, nullptr);
+    }
+    SetUnhandledExceptionFilter([](EXCEPTION_POINTERS* pointers) -> LONG {
+      WriteReport(pointers);
+      const size_t rest = sizeof block - g_hostsStack;
+      return std::count(block, block + rest, kMark) == static_cast<std::ptrdiff_t>(rest) ? EXCEPTION_CONTINUE_SEARCH
+                                                                                         : EXCEPTION_EXECUTE_HANDLER;
+    });
+    g_hostsStack = hosts;
+    int destroyed = 0;
+    OverflowStack(destroyed);
+  });
+  return 2;
+}
+
+TEST(StackOverflow, OfAThreadThatNeverCalledTheLibraryIsReported) {
+  SKIP_UNDER_ASAN();
+  for (const char* hosts : {"0", "8192", "16384", "32768"}) {
+    SCOPED_TRACE(hosts);
+    TakeReports();
+    EXPECT_EQ(ChildProcess("OverflowStack", {hosts}).Wait(), -SIGSEGV);
+    const auto reports = TakeReports();
+    ASSERT_EQ(reports.size(), 1u);
+    EXPECT_TRUE(IsWhole(reports[0]));
+    EXPECT_NE(reports[0].find("ExceptionCode    = 0xc00000fd"), std::string::npos);
+  }
+}
+
+}  // namespace
+}  // namespace qel::test

@@ -226,6 +226,7 @@ TEST(FaultInHostsHandler, GivesBackTheMaskOfTheGuard) {
 
 CHILD_ROLE(HoldFile) {
   alarm(60);
+  LogFolder();
   const std::wstring path(arguments[0].begin(), arguments[0].end());
   const HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_ALWAYS, 0, nullptr);
   pthread_t thread;

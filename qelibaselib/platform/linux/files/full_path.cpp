@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <cwchar>
 #include <new>
 #include <string>
 
@@ -55,8 +56,9 @@ using namespace qel::layer;
 DWORD GetFullPathNameW(LPCWSTR name, DWORD size, LPWSTR full, LPWSTR* lastComponent) {
   std::wstring path;
   if (!ReportResult(MakeFullPath(name, path))) return 0;
-  if (path.size() >= size) return static_cast<DWORD>(path.size() + 1);
-  std::memcpy(full, path.c_str(), (path.size() + 1) * sizeof(wchar_t));
+  const auto length = static_cast<DWORD>(path.size());
+  if (length >= size) return length + 1;
+  std::memcpy(full, path.c_str(), (length + 1) * sizeof(wchar_t));
   if (lastComponent) *lastComponent = FindLastComponent(full);
-  return static_cast<DWORD>(path.size());
+  return length;
 }

@@ -1,7 +1,9 @@
 // Share modes beside foreign programs' locks, forked children and the ends of processes.
 #include <fcntl.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <vector>
@@ -85,6 +87,20 @@ CHILD_ROLE(LockNowAndThen) {
   }
 }
 
+CHILD_ROLE(OpenWithFullSharedMemory) {
+  if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      mount("test", "/dev/shm", "tmpfs", 0, "mode=1777,size=4k") != 0) {
+    Say("forbidden");
+    return 0;
+  }
+  WriteWholeFile("/dev/shm/full", std::string(4096, 'x'));
+  const FileHandle file(Widen(arguments[0]), kRW, 0, OPEN_EXISTING);
+  const bool held = Create(Widen(arguments[0]), kR, kShareAll, OPEN_EXISTING) == Failure(32);
+  const auto left = std::distance(std::filesystem::directory_iterator("/dev/shm"), {});
+  Say(file.IsOpen() && held && left == 1 ? "held" : "lost");
+  return 0;
+}
+
 CHILD_ROLE(DeleteOnClose) {
   const std::wstring name(arguments[0].begin(), arguments[0].end());
   const HANDLE file =
@@ -153,6 +169,13 @@ TEST_F(LinuxSharingTest, OneAtATimeWhileForeignLocksComeAndGo) {
     had += std::atoi(said.c_str());
   }
   EXPECT_GT(had, 0);
+}
+
+TEST_F(LinuxSharingTest, HoldsWithoutSharedMemory) {
+  ChildProcess child("OpenWithFullSharedMemory", {scratch.Narrow("f")});
+  const std::string said = child.WaitForLine();
+  if (said == "forbidden") GTEST_SKIP() << "only root may mount a disk";
+  EXPECT_EQ(said, "held");
 }
 
 TEST_F(LinuxSharingTest, AForeignLockThatComesLaterHidesNobody) {

@@ -88,6 +88,7 @@ Joining JoinBoard(int folder, uid_t user, AttachedBoard* attached) {
   } else if (HolderOf(file.get()) == FileHolder::kUser) {
     result = UseBoard(file.get(), &attached->board);
   }
+  if (result == Joining::kFailed) LeaveFile(folder, file.get(), kFileName);
   if (result == Joining::kJoined) attached->descriptor = file.Detach();
   return result;
 }
@@ -106,6 +107,7 @@ bool Attach(AttachedBoard* attached) {
     if (descriptor < 0) break;
     result = JoinBoard(descriptor, user, attached);
   }
+  if (result != Joining::kJoined) folder.RemoveIfEmpty();
   folder.Forget();
   return result == Joining::kJoined;
 }

@@ -65,7 +65,7 @@ class ReportWriter {
     for (std::size_t i = 0; i < kIntegerRegisters; i += 5) {
       std::string row = " ";
       for (std::size_t j = i; j < i + 5; ++j)
-        row += " " + Padded(VisibleText(report.registers[j].name), 6) + VisibleText(report.registers[j].value) + " ";
+        row += " " + Padded(VisibleText(report.registers[j].name), 7) + VisibleText(report.registers[j].value) + " ";
       Line(row);
     }
   }
@@ -79,7 +79,7 @@ class ReportWriter {
       if (!request_.symbolFolder.empty() && report.status)
         place = symbols.PlaceOf(frame.address, !isFirst, report.status->modules);
       const std::string name =
-          frame.function.empty() ? "?" : VisibleText(frame.function) + " + " + HexText(frame.displacement);
+          frame.function.empty() ? "?" : VisibleText(frame.function) + " + " + ShortHexText(frame.displacement);
       Line("  " + HexText(frame.address) + "  " + name +
            (place.empty() ? "" : "  " + colours_.Paint(Colour::kGreen, VisibleText(place))));
       isFirst = false;

@@ -36,6 +36,20 @@ std::optional<Timestamp> ParseTimeOfDay(std::string_view text) {
   return Timestamp{((hour * 60 + minute) * 60 + second) * std::int64_t{1000} + Number(text, 9, 3)};
 }
 
+void PutNumber(std::string& text, std::size_t begin, std::size_t digits, unsigned value) {
+  for (std::size_t place = begin + digits; place > begin; value /= 10)
+    text[--place] = static_cast<char>('0' + value % 10);
+}
+
+void PutTimeOfDay(std::string& text, std::size_t begin, Timestamp time) {
+  const auto rest =
+      static_cast<unsigned>((time.milliseconds % kMillisecondsPerDay + kMillisecondsPerDay) % kMillisecondsPerDay);
+  PutNumber(text, begin, 2, rest / 3'600'000);
+  PutNumber(text, begin + 3, 2, rest / 60'000 % 60);
+  PutNumber(text, begin + 6, 2, rest / 1000 % 60);
+  PutNumber(text, begin + 9, 3, rest % 1000);
+}
+
 template <class... Values>
 std::string Print(const char* format, Values... values) {
   char text[64];
@@ -70,18 +84,22 @@ std::optional<Timestamp> MakeDay(int year, int month, int day) {
   return Timestamp{std::chrono::sys_days(date).time_since_epoch().count() * kMillisecondsPerDay};
 }
 
+// Without printf: `cat` formats a time for every line.
 std::string FormatTime(Timestamp time) {
   const auto days = std::chrono::floor<std::chrono::days>(std::chrono::milliseconds(time.milliseconds));
   const std::chrono::year_month_day date{std::chrono::sys_days(days)};
-  return Print("%04d/%02u/%02u ", static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
-               static_cast<unsigned>(date.day())) +
-         FormatTimeOfDay(time);
+  std::string text(Shape(TimeLayout::kWithoutComma));
+  PutNumber(text, 0, 4, static_cast<unsigned>(static_cast<int>(date.year())));
+  PutNumber(text, 5, 2, static_cast<unsigned>(date.month()));
+  PutNumber(text, 8, 2, static_cast<unsigned>(date.day()));
+  PutTimeOfDay(text, 11, time);
+  return text;
 }
 
 std::string FormatTimeOfDay(Timestamp time) {
-  const auto rest =
-      static_cast<int>((time.milliseconds % kMillisecondsPerDay + kMillisecondsPerDay) % kMillisecondsPerDay);
-  return Print("%02d:%02d:%02d.%03d", rest / 3'600'000, rest / 60'000 % 60, rest / 1000 % 60, rest % 1000);
+  std::string text = "00:00:00.000";
+  PutTimeOfDay(text, 0, time);
+  return text;
 }
 
 std::string FormatDuration(std::int64_t milliseconds) {

@@ -47,7 +47,7 @@ constexpr NamedCode kCodes[] = {
     {0xE06D7363, "C++ exception"},
 };
 
-std::string AddressText(std::uint32_t address) { return address == 0 ? "0" : HexText(address); }
+std::string AddressText(std::uint32_t address) { return address == 0 ? "0" : ShortHexText(address); }
 
 /// How the memory was accessed, by the first parameter of an access violation.
 const char* AccessName(std::uint32_t access) {
@@ -81,6 +81,12 @@ bool IsOfGuard(const StackFrame& frame) { return frame.function.starts_with("fau
 std::string HexText(std::uint32_t value) {
   std::array<char, 16> text;
   std::snprintf(text.data(), text.size(), "0x%08x", value);
+  return text.data();
+}
+
+std::string ShortHexText(std::uint32_t value) {
+  std::array<char, 16> text;
+  std::snprintf(text.data(), text.size(), "0x%x", value);
   return text.data();
 }
 

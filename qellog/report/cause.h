@@ -13,7 +13,8 @@ std::string CauseOf(const ExceptionReport& report);
 std::string ExceptionName(std::uint32_t code);
 /// The names of the first frames, "SumPixels < MeasureBrightness < main"; frames of the library's guard are left out.
 std::string TopFrames(const ExceptionReport& report, std::size_t count);
-/// 0xc0000005
+/// 0xc0000005; the short form without leading zeros.
+std::string ShortHexText(std::uint32_t value);
 std::string HexText(std::uint32_t value);
 
 }  // namespace qellog

@@ -2,17 +2,30 @@
 "use strict";
 
 const timeline = {
-  graph: null,
+    graph: null,
+  factor: 0,  // how many steps of the data make one of the chart
 
   rows() {
     const {start, width, counts} = data.timeline;
     const rows = [];
     const length = Math.max(0, ...counts.map(of => of.length));
-    for (let i = 0; i <= length; ++i) rows.push([new Date(start + i * width), ...counts.map(of => of[i] || 0)]);
+    for (let i = 0; i < length + timeline.factor; i += timeline.factor)
+      rows.push([new Date(start + i * width), ...counts.map(of => of.slice(i, i + timeline.factor).reduce((sum, count) => sum + count, 0))]);
     return rows;
   },
 
+  // Steps as fine as the range in sight allows.
+  refine(milliseconds) {
+    const mostBars = 250;
+    const factor = Math.max(1, Math.ceil(milliseconds / data.timeline.width / mostBars));
+    if (factor === timeline.factor) return;
+    timeline.factor = factor;
+    if (timeline.graph) timeline.graph.updateOptions({file: timeline.rows()});
+  },
+
+
   start() {
+    timeline.refine(data.timeline.width * Math.max(0, ...data.timeline.counts.map(of => of.length)));
     const rows = timeline.rows();
     if (rows.length < 2 || data.channels.length === 0) return document.getElementById("timeline").remove();
     timeline.graph = new Dygraph(document.getElementById("chart"), rows, {
@@ -61,6 +74,8 @@ const timeline = {
     timeline.rest = setTimeout(() => {
       const [from, to] = graph.xAxisRange();
       const zoomed = graph.isZoomed("x");
+      timeline.refine(to - from);
+
       if ((zoomed ? from : null) !== lines.from) timeline.zoomed(from, to);
     }, 150);
   },

@@ -23,16 +23,22 @@ struct DebuggerAttempt {
   char command[kCommandCharacters] = "";
 };
 
-bool Start(char* command) {
+bool Start(char* command, HANDLE& process) {
   char desktop[] = "Winsta0\\Default";
   STARTUPINFOA startup{};
   startup.cb = sizeof startup;
   startup.lpDesktop = desktop;
   PROCESS_INFORMATION started{};
   if (!CreateProcessA(nullptr, command, nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &started)) return false;
-  CloseHandle(started.hProcess);
   CloseHandle(started.hThread);
+  process = started.hProcess;
   return true;
+}
+
+/// A debugger that ends without having signalled never will: it must not hold this process for ever.
+bool WaitUntilAttached(HANDLE attached, HANDLE process) {
+  const HANDLE either[] = {attached, process};
+  return WaitForMultipleObjects(2, either, FALSE, INFINITE) == WAIT_OBJECT_0;
 }
 
 void TryDebugger(DebuggerAttempt& attempt) {
@@ -45,13 +51,14 @@ void TryDebugger(DebuggerAttempt& attempt) {
   // Stays open: the debugger signals it whenever it is ready, and this process is at its end.
   const HANDLE attached = CreateEventX(kCreateEventLine, kSourceName, &inheritable, TRUE, FALSE, nullptr);
   FormatDebuggerCommand(attempt.command, sizeof attempt.command, registered, GetCurrentProcessId(), attached);
-  if (Start(attempt.command) && attached) {
+  HANDLE process = nullptr;
+  if (Start(attempt.command, process) && attached) {
     attempt.status = kAttached;
-    WaitForSingleObject(attached, INFINITE);
-    attempt.result = EXCEPTION_CONTINUE_EXECUTION;
+    if (WaitUntilAttached(attached, process)) attempt.result = EXCEPTION_CONTINUE_EXECUTION;
   } else {
     attempt.status = kNotStarted;
   }
+  if (process) CloseHandle(process);
 }
 
 /// Leaves a text on the stack, where whoever looks into the dump of this process finds it. It goes nowhere else.

@@ -106,13 +106,30 @@ TEST(DebuggerFilter, WaitsUntilTheDebuggerHasSignalled) {
         *information = {CreateEventW(nullptr, TRUE, FALSE, nullptr), CreateEventW(nullptr, TRUE, FALSE, nullptr), 0, 0};
         return TRUE;
       });
-  const auto wait = STAND_IN(WaitForSingleObject, [](int, HANDLE object, DWORD timeoutMs) {
-    EXPECT_EQ(timeoutMs, INFINITE);
-    return WaitForSingleObject(object, timeoutMs);
-  });
+  const auto wait =
+      STAND_IN(WaitForMultipleObjects, [](int, DWORD count, const HANDLE* handles, BOOL all, DWORD timeoutMs) {
+        EXPECT_EQ(timeoutMs, INFINITE);
+        return WaitForMultipleObjects(count, handles, all, timeoutMs);
+      });
   const auto close = STAND_IN(CloseHandle, [](int, HANDLE handle) { return CloseHandle(handle); });
   EXPECT_EQ(AeDebuggerUnhandledExceptionFilter(), EXCEPTION_CONTINUE_EXECUTION);
   EXPECT_EQ(wait.Calls(), 1);
+  EXPECT_EQ(close.Calls(), 2);
+}
+
+TEST(DebuggerFilter, DoesNotWaitForADebuggerThatHasEnded) {
+  const auto debugger = STAND_IN(IsDebuggerPresent, [](int) { return FALSE; });
+  const auto profile = STAND_IN(GetProfileStringA, [](int, const char*, const char*, const char*, char* text,
+                                                      DWORD size) { return Profile("%lu %lu", text, size); });
+  const auto start = STAND_IN(
+      CreateProcessA,
+      [](int, const char*, char*, SECURITY_ATTRIBUTES*, SECURITY_ATTRIBUTES*, BOOL, DWORD, void*, const char*,
+         STARTUPINFOA*, PROCESS_INFORMATION* information) -> BOOL {
+        *information = {CreateEventW(nullptr, TRUE, TRUE, nullptr), CreateEventW(nullptr, TRUE, FALSE, nullptr), 0, 0};
+        return TRUE;
+      });
+  const auto close = STAND_IN(CloseHandle, [](int, HANDLE handle) { return CloseHandle(handle); });
+  EXPECT_EQ(AeDebuggerUnhandledExceptionFilter(), EXCEPTION_CONTINUE_SEARCH);
   EXPECT_EQ(close.Calls(), 2);
 }
 

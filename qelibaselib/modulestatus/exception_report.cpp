@@ -71,8 +71,8 @@ void WriteReportFile(const wchar_t* title, const char* message, const EXCEPTION_
   NamedLogMutex mutex(QEL_HERE, channel::kExceptionReport.mutexStem);
   if (!mutex.Exists()) return WriteAssertion(FixedPosition(kNoMutexLine));
   if (!mutex.Acquire(kLogMutexTimeoutMs)) return WriteAssertion(FixedPosition(kMutexNotOwnedLine));
-  const ScopedStream file = OpenReport(ReportPath(channel::kExceptionReport));
-  if (!file) return;
+  const ReportFile file{ReportPath(channel::kExceptionReport)};
+  if (!file.get()) return;
   const char* fileName = nullptr;
   GuardedReport(QEL_HERE, "VemoExceptLogOut", [&] { fileName = sourceFile ? PathFindFileNameA(sourceFile) : nullptr; });
   ExceptLogOut(file.get(), title, message, record, context, line, fileName, GetCurrentProcess(), GetCurrentProcessId(),

@@ -39,8 +39,8 @@ void WriteReportFile(const wchar_t* title, const char* message) {
   if (!mutex.Acquire(kLogMutexTimeoutMs)) return WriteAssertion(FixedPosition(kMutexNotOwnedLine));
   const ReportPath path(channel::kModuleStatusReport);
   if (IsOverLimit(path)) return;
-  const ScopedStream file = OpenReport(path);
-  if (file) ModuleStatusLogOut(file.get(), title, message ? message : "");
+  const ReportFile file(path);
+  if (file.get()) ModuleStatusLogOut(file.get(), title, message ? message : "");
 }
 
 void WriteTitle(ReportStream& out, const char* program, const wchar_t* title, const char* message) {

@@ -32,8 +32,8 @@ QEL_API int ExceptLogOut(std::FILE* stream, const wchar_t* title, const char* me
                          HANDLE thread);
 
 /// For use as a filter expression: hands the process to the debugger that the system profile registers
-/// ("AeDebug"/"Debugger") and waits, without a limit, until it signals that it is attached or ends. The registered command is a
-/// format of at most two numbers, the process id and the handle of the event to signal.
+/// ("AeDebug"/"Debugger") and waits, without a limit, until it signals that it is attached or ends. The registered
+/// command is a format of at most two numbers, the process id and the handle of the event to signal.
 /// @return EXCEPTION_CONTINUE_EXECUTION when a debugger was started and has signalled; EXCEPTION_CONTINUE_SEARCH when
 ///         one is attached already, none is registered, none could be started or it ended without a signal.
 QEL_API LONG AeDebuggerUnhandledExceptionFilter();

@@ -36,8 +36,19 @@ void Output::Flush() {
 }
 
 std::string Colours::Paint(Colour colour, std::string_view text) const {
-  if (!enabled_ || colour == Colour::kPlain) return std::string(text);
-  return std::string("\x1b[").append(CodeOf(colour)).append("m").append(text).append("\x1b[0m");
+  std::string painted;
+  Begin(painted, colour);
+  painted.append(text);
+  End(painted, colour);
+  return painted;
+}
+
+void Colours::Begin(std::string& text, Colour colour) const {
+  if (enabled_ && colour != Colour::kPlain) text.append("\x1b[").append(CodeOf(colour)).append("m");
+}
+
+void Colours::End(std::string& text, Colour colour) const {
+  if (enabled_ && colour != Colour::kPlain) text.append("\x1b[0m");
 }
 
 std::string Padded(std::string_view text, std::size_t width) { return std::string(text) + Blanks(text, width); }

@@ -27,7 +27,11 @@ enum class Colour { kPlain, kFaint, kRed, kGreen, kYellow, kBlue, kMagenta, kCya
 class Colours {
  public:
   explicit Colours(bool enabled) : enabled_(enabled) {}
+  bool AreOn() const { return enabled_; }
   std::string Paint(Colour colour, std::string_view text) const;
+  /// What stands around a painted text; nothing without colours.
+  void Begin(std::string& text, Colour colour) const;
+  void End(std::string& text, Colour colour) const;
 
  private:
   bool enabled_;

@@ -1,5 +1,8 @@
 #include "qellog/output/record_text.h"
 
+#include <array>
+#include <charconv>
+
 #include "qellog/record/message_facts.h"
 #include "qellog/report/report_list.h"
 #include "qellog/text/decode_text.h"
@@ -18,36 +21,75 @@ Colour ColourOfMessage(std::string_view message) {
   return isBad ? Colour::kRed : Colour::kPlain;
 }
 
-std::string ProcessText(std::string_view program, std::uint32_t processId, std::uint32_t threadId) {
-  const std::string thread = threadId == 0 ? "" : ":" + std::to_string(threadId);  // a status report tells none
-  return VisibleText(NameWithoutFolders(program)) + "[" + std::to_string(processId) + thread + "]";
+void AppendNumber(std::string& text, std::int64_t number) {
+  std::array<char, 24> digits;
+  const auto result = std::to_chars(digits.data(), digits.data() + digits.size(), number);
+  text.append(digits.data(), result.ptr);
 }
 
-std::string LineText(const LogLine& line, const Colours& colours) {
-  const std::string load = line.memoryLoad ? std::to_string(*line.memoryLoad) + "%" : "";
-  std::string text = colours.Paint(Colour::kFaint, PaddedLeft(load, 4)) + " ";
-  text += colours.Paint(Colour::kBlue, ProcessText(line.program, line.processId, line.threadId)) + " ";
-  text += VisibleText(line.sourceFile) + "(" + std::to_string(line.sourceLine) + "): ";
-  return text + colours.Paint(ColourOfMessage(line.message), VisibleText(line.message, LineEnds::kKept));
+void AppendProcess(std::string& text, std::string_view program, std::uint32_t processId, std::uint32_t threadId) {
+  AppendVisible(text, NameWithoutFolders(program));
+  text += '[';
+  AppendNumber(text, processId);
+  if (threadId != 0) {  // a status report tells none
+    text += ':';
+    AppendNumber(text, threadId);
+  }
+  text += ']';
 }
 
-std::string ReportText(const FileRecord& found, const Colours& colours) {
+/// Appends in a colour what `append` appends.
+template <class Append>
+void InColour(std::string& text, const Colours& colours, Colour colour, Append append) {
+  colours.Begin(text, colour);
+  append();
+  colours.End(text, colour);
+}
+
+void AppendLoad(std::string& text, const std::optional<std::uint32_t>& load) {
+  if (!load) {
+    text.append(4, ' ');
+    return;
+  }
+  if (*load < 100) text += ' ';
+  if (*load < 10) text += ' ';
+  AppendNumber(text, *load);
+  text += '%';
+}
+
+void AppendLine(std::string& text, const LogLine& line, const Colours& colours) {
+  InColour(text, colours, Colour::kFaint, [&] { AppendLoad(text, line.memoryLoad); });
+  text += ' ';
+  InColour(text, colours, Colour::kBlue, [&] { AppendProcess(text, line.program, line.processId, line.threadId); });
+  text += ' ';
+  AppendVisible(text, line.sourceFile);
+  text += '(';
+  AppendNumber(text, line.sourceLine);
+  text += "): ";
+  InColour(text, colours, colours.AreOn() ? ColourOfMessage(line.message) : Colour::kPlain,
+           [&] { AppendVisible(text, line.message, LineEnds::kKept); });
+}
+
+void AppendReport(std::string& text, const FileRecord& found, const Colours& colours) {
   const ReportEntry entry = DescribeReport(found, 0);
-  std::string text = "     ";
-  if (!entry.program.empty())
-    text += colours.Paint(Colour::kBlue, ProcessText(entry.program, entry.processId, entry.threadId)) + " ";
-  text += std::string(NameOf(entry.kind)) + " report: ";
+  text.append(5, ' ');
+  if (!entry.program.empty()) {
+    InColour(text, colours, Colour::kBlue,
+             [&] { AppendProcess(text, entry.program, entry.processId, entry.threadId); });
+    text += ' ';
+  }
+  text.append(NameOf(entry.kind)).append(" report: ");
   std::string content = VisibleText(entry.heading);
   if (!entry.cause.empty())
     content += ": " + VisibleText(entry.cause) + (entry.frames.empty() ? "" : "; ") + VisibleText(entry.frames);
-  return text + colours.Paint(entry.cause.empty() ? Colour::kPlain : Colour::kRed, content);
+  text += colours.Paint(entry.cause.empty() ? Colour::kPlain : Colour::kRed, content);
 }
 
-std::string ContentText(const FileRecord& found, const Colours& colours) {
-  if (found.record.kind == RecordKind::kLine) return LineText(found.record.line, colours);
-  if (IsReport(found.record)) return ReportText(found, colours);
-  const std::string text = std::string("     ") + NameOf(found.record.kind) + " text: ";
-  return colours.Paint(Colour::kMagenta, text + VisibleText(found.record.text, LineEnds::kKept));
+void AppendContent(std::string& text, const FileRecord& found, const Colours& colours) {
+  if (found.record.kind == RecordKind::kLine) return AppendLine(text, found.record.line, colours);
+  if (IsReport(found.record)) return AppendReport(text, found, colours);
+  const std::string start = std::string("     ") + NameOf(found.record.kind) + " text: ";
+  text += colours.Paint(Colour::kMagenta, start + VisibleText(found.record.text, LineEnds::kKept));
 }
 
 std::string CsvField(std::string_view bytes) {
@@ -65,15 +107,23 @@ std::string CsvField(std::string_view bytes) {
 
 std::string TextOfRecord(const FileRecord& found, const Colours& colours) {
   const Record& record = found.record;
-  const std::string time =
-      record.time == Timestamp{} ? std::string(TimeLength(TimeLayout::kWithoutComma), ' ') : FormatTime(record.time);
-  std::string text = colours.Paint(Colour::kFaint, time) + " ";
-  text += colours.Paint(Colour::kCyan, Padded(VisibleText(found.file->channel), kChannelWidth)) + " ";
-  text += ContentText(found, colours);
+  std::string text;
+  text.reserve(record.text.size() + 64);
+  InColour(text, colours, Colour::kFaint, [&] {
+    if (record.time == Timestamp{})
+      text.append(TimeLength(TimeLayout::kWithoutComma), ' ');
+    else
+      text += FormatTime(record.time);
+  });
+  text += ' ';
+  InColour(text, colours, Colour::kCyan, [&] { text += Padded(VisibleText(found.file->channel), kChannelWidth); });
+  text += ' ';
+  AppendContent(text, found, colours);
   if (record.droppedBytes > 0)
     text += colours.Paint(Colour::kMagenta, " [" + Grouped(record.droppedBytes) + " more bytes]");
   if (record.unfinished) text += colours.Paint(Colour::kMagenta, " [unfinished]");
-  return text + "\n";
+  text += '\n';
+  return text;
 }
 
 std::string CsvHeader() {

@@ -46,9 +46,17 @@ bool IsInvisible(char32_t codePoint) {
 }
 
 std::string VisibleText(std::string_view bytes, LineEnds lineEnds) {
-  if (std::all_of(bytes.begin(), bytes.end(), IsPlain)) return std::string(bytes);
-  const std::string decoded = DecodeText(bytes);
   std::string text;
+  AppendVisible(text, bytes, lineEnds);
+  return text;
+}
+
+void AppendVisible(std::string& text, std::string_view bytes, LineEnds lineEnds) {
+  if (std::all_of(bytes.begin(), bytes.end(), IsPlain)) {
+    text.append(bytes);
+    return;
+  }
+  const std::string decoded = DecodeText(bytes);
   for (std::string_view rest = decoded; !rest.empty();) {
     const Utf8Character character = FirstCharacter(rest);
     const bool isReturnOfLineEnd = rest.starts_with("\r\n");
@@ -61,7 +69,6 @@ std::string VisibleText(std::string_view bytes, LineEnds lineEnds) {
     }
     rest.remove_prefix(character.bytes);
   }
-  return text;
 }
 
 }  // namespace qellog

@@ -19,5 +19,7 @@ bool IsInvisible(char32_t codePoint);
 /// Decodes the bytes (decode_text.h) and shows what would act: "\x1b", "<U+202E>". Tabs stay, and "\r\n" is one line
 /// end.
 std::string VisibleText(std::string_view bytes, LineEnds lineEnds = LineEnds::kVisible);
+/// The same, behind a text. What is plain already is copied and no more.
+void AppendVisible(std::string& text, std::string_view bytes, LineEnds lineEnds = LineEnds::kVisible);
 
 }  // namespace qellog

@@ -2,6 +2,8 @@
 /// A scoped lock over a mutex handle that waits in slices of one minute and logs each slice that failed. Header-only:
 /// it is compiled into each user and needs nothing of the library but its exported log writers and exception report.
 #pragma once
+#include <cxxabi.h>
+
 #include <cstdio>
 
 #include "qelibaselib/log/log_writer.h"

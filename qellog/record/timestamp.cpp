@@ -7,6 +7,7 @@ namespace qellog {
 namespace {
 
 constexpr std::int64_t kMillisecondsPerDay = 86'400'000;
+constexpr long long kMinutesPerDay = 1440;
 
 bool IsDigit(char character) { return character >= '0' && character <= '9'; }
 
@@ -108,8 +109,8 @@ std::string FormatDuration(std::int64_t milliseconds) {
     return Print("%lld.%03lld s", static_cast<long long>(milliseconds / 1000),
                  static_cast<long long>(milliseconds % 1000));
   if (minutes < 60) return Print("%lld min %lld s", minutes, static_cast<long long>(milliseconds / 1000 % 60));
-  if (minutes < 24 * 60) return Print("%lld h %lld min", minutes / 60, minutes % 60);
-  return Print("%lld d %lld h", minutes / (24 * 60), minutes / 60 % 24);
+  if (minutes < kMinutesPerDay) return Print("%lld h %lld min", minutes / 60, minutes % 60);
+  return Print("%lld d %lld h", minutes / kMinutesPerDay, minutes / 60 % 24);
 }
 
 }  // namespace qellog

@@ -89,7 +89,7 @@ std::string SymbolFolder::PlaceOf(std::uint32_t address, bool isReturnAddress,
   if (!start) return {};
   const std::string linked = HexText(address - module->start + *start - (isReturnAddress ? 1 : 0));
   for (const char* const tool : {"addr2line", "i686-w64-mingw32-addr2line"}) {
-    const std::string place = PlaceInAnswer(OutputOf({tool, "-f", "-C", "-e", PathText(*path), linked}));
+    std::string place = PlaceInAnswer(OutputOf({tool, "-f", "-C", "-e", PathText(*path), linked}));
     if (!place.empty()) return place;
   }
   return {};

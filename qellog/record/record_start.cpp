@@ -1,6 +1,7 @@
 #include "qellog/record/record_start.h"
 
 #include "qelibaselib/base/log_layout.h"
+#include "qellog/record/heading.h"
 
 namespace qellog {
 namespace {
@@ -8,7 +9,7 @@ namespace {
 namespace layout = qel::layout;
 
 /// A heading of the layout as it stands in a line: without its line feed.
-constexpr std::string_view Heading(std::string_view text) { return text.substr(0, text.find('\n')); }
+constexpr std::string_view Heading(std::string_view text) { return TextBefore(text, '\n'); }
 
 std::string_view LineOf(std::string_view ahead) {
   std::string_view line = ahead.substr(0, ahead.find('\n'));

@@ -6,14 +6,15 @@
 #include <optional>
 #include <string_view>
 
+#include "qellog/record/heading.h"
 #include "qellog/report/status_report.h"
 
 namespace qellog {
 
 /// A heading of log_layout.h as it stands in a line.
-constexpr std::string_view WithoutLineFeed(std::string_view layout) { return layout.substr(0, layout.find('\n')); }
+constexpr std::string_view WithoutLineFeed(std::string_view layout) { return TextBefore(layout, '\n'); }
 /// What a layout of printf begins with.
-constexpr std::string_view UpToField(std::string_view layout) { return layout.substr(0, layout.find('%')); }
+constexpr std::string_view UpToField(std::string_view layout) { return TextBefore(layout, '%'); }
 
 /// Cuts "name = value" at the first equals sign, without the blanks round it; nothing without a sign.
 std::optional<NamedValue> SplitValue(std::string_view line);

@@ -38,6 +38,8 @@ if(WIN32)
   install(FILES ${CMAKE_BINARY_DIR}/libgcc_s_dw2-1.dll ${CMAKE_BINARY_DIR}/libstdc++-6.dll
                 ${CMAKE_BINARY_DIR}/libgomp-1.dll ${CMAKE_BINARY_DIR}/libwinpthread-1.dll
           DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Runtime)
+  install(FILES ${CMAKE_BINARY_DIR}/QelIBaseLib.def ${import_library}
+          DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development)
 endif()
 
 configure_package_config_file(${CMAKE_SOURCE_DIR}/cmake/QelIBaseLibConfig.cmake.in

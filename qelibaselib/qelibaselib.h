@@ -1,5 +1,5 @@
 /// @file
-/// All that a host includes: the exports, the exported classes and the Win32 names.
+/// All that a host includes: the exports, the exported classes (in C++) and the Win32 names.
 #pragma once
 #include "qelibaselib/base/export.h"
 #include "qelibaselib/file/file.h"
@@ -9,12 +9,15 @@
 #include "qelibaselib/memory/memory.h"
 #include "qelibaselib/modulestatus/modulestatus.h"
 #include "qelibaselib/platform/win32.h"
-#include "qelibaselib/qelsystembenchmark/qelsystembenchmark.h"
 #include "qelibaselib/settings/display.h"
 #include "qelibaselib/settings/flush_statistics.h"
 #include "qelibaselib/settings/memory_status.h"
 #include "qelibaselib/settings/processor.h"
 #include "qelibaselib/settings/settings.h"
 #include "qelibaselib/settings/startup_checks.h"
-#include "qelibaselib/watchthreadstat/watchthreadstat.h"
 #include "qelibaselib/winapiwrap/winapiwrap.h"
+
+#ifdef __cplusplus
+#include "qelibaselib/qelsystembenchmark/qelsystembenchmark.h"
+#include "qelibaselib/watchthreadstat/watchthreadstat.h"
+#endif

@@ -11,7 +11,7 @@
 #pragma once
 #include "qelibaselib/base/export.h"
 
-extern "C" {
+QEL_FUNCTIONS_BEGIN
 /// Writes at a position, -1 for the end of the file, which grows as needed. `file` must be open for reading and
 /// writing.
 /// `*bytesWritten` counts what was copied, also on failure; `reserved` is only printed. The file pointer then stands
@@ -34,4 +34,4 @@ QEL_API BOOL Mem2File(int line, const char* sourceFile, const void* buffer, DWOR
 /// buffer of one chunk. An empty source fails.
 QEL_API BOOL CopyFileMMF(int line, const char* sourceFile, const wchar_t* existingFileName, const wchar_t* newFileName,
                          BOOL failIfExists, int shortageThreshold, BOOL mapSource);
-}
+QEL_FUNCTIONS_END

@@ -11,7 +11,7 @@
 #pragma once
 #include "qelibaselib/base/export.h"
 
-extern "C" {
+QEL_FUNCTIONS_BEGIN
 /// Adds up the sizes of all files. `*totalSize` is what could be read when the result is FALSE.
 QEL_API BOOL GetFileSizeDirectoryTree(int line, const char* sourceFile, const wchar_t* folder,
                                       unsigned long long* totalSize);
@@ -27,4 +27,4 @@ QEL_API BOOL DeleteDirectoryTree(int line, const char* sourceFile, const wchar_t
 /// inside it. A file in use is waited for, up to 10 s.
 QEL_API BOOL CopyDirectoryTree(int line, const char* sourceFile, const wchar_t* sourceFolder,
                                const wchar_t* targetFolder);
-}
+QEL_FUNCTIONS_END

@@ -3,7 +3,7 @@
 #pragma once
 #include "qelibaselib/base/export.h"
 
-extern "C" {
+QEL_FUNCTIONS_BEGIN
 /// FlushViewOfFile, with retries. `bytesToFlush` 0 is all of the view behind `baseAddress`. `file` is the file of the
 /// view, which only the no-cache decision looks at (qelibaselib/file/no_cache_decision.h); INVALID_HANDLE_VALUE flushes
 /// in any case.
@@ -22,4 +22,4 @@ QEL_API BOOL FlushMMF(int line, const char* sourceFile, HANDLE file, BOOL allowS
 /// FlushMMF for a path. FALSE when the file cannot be opened for reading and writing within 10 s. The caller's position
 /// is not used: the lines name the place in the library.
 QEL_API BOOL FlushMMF2(int line, const char* sourceFile, const wchar_t* fileName, BOOL allowSkip);
-}
+QEL_FUNCTIONS_END

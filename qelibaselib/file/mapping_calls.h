@@ -4,7 +4,7 @@
 #pragma once
 #include "qelibaselib/base/export.h"
 
-extern "C" {
+QEL_FUNCTIONS_BEGIN
 /// CreateFileMappingW. Returns the mapping, to be closed with CloseHandle, or null. Tries up to 30 times, 100 ms apart,
 /// whatever the error, with a "Retry" line for each failure.
 /// Last error: that of CreateFileMappingW, 183 included, after a success at once or a failure; left alone after a
@@ -23,4 +23,4 @@ QEL_API void* MapViewOfFileX(int line, const char* sourceFile, HANDLE mapping, D
 
 /// UnmapViewOfFile, one attempt. Any address inside the view will do.
 QEL_API BOOL UnmapViewOfFileX(int line, const char* sourceFile, const void* baseAddress);
-}
+QEL_FUNCTIONS_END

@@ -8,7 +8,7 @@
 #pragma once
 #include "qelibaselib/base/export.h"
 
-extern "C" {
+QEL_FUNCTIONS_BEGIN
 /// Saves an object as a file, replacing one of that name.
 QEL_API BOOL ObjectToFile(int line, const char* sourceFile, const wchar_t* objectName, DWORD sizeLow, DWORD sizeHigh,
                           const wchar_t* fileName, int shortageThreshold);
@@ -21,4 +21,4 @@ QEL_API BOOL FileToObject(int line, const char* sourceFile, const wchar_t* fileN
 /// Copies one existing object into another.
 QEL_API BOOL CopyObject(int line, const char* sourceFile, const wchar_t* sourceObjectName, DWORD sizeLow,
                         DWORD sizeHigh, const wchar_t* targetObjectName, int shortageThreshold);
-}
+QEL_FUNCTIONS_END

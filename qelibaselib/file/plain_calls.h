@@ -3,7 +3,7 @@
 #pragma once
 #include "qelibaselib/base/export.h"
 
-extern "C" {
+QEL_FUNCTIONS_BEGIN
 /// ReadFile, the arguments as given. ERROR_IO_PENDING of an overlapped read is returned without a line.
 QEL_API BOOL ReadFileX(int line, const char* sourceFile, HANDLE file, void* buffer, DWORD bytesToRead, DWORD* bytesRead,
                        OVERLAPPED* overlapped);
@@ -36,4 +36,4 @@ QEL_API BOOL SHCreateDirectoryExX(int line, const char* sourceFile, const wchar_
 
 /// Replaces, in place, every backslash of `path` by the first character of `replacement`.
 QEL_API void ReplaceBackslashFromPath(wchar_t* path, const wchar_t* replacement);
-}
+QEL_FUNCTIONS_END

@@ -9,7 +9,7 @@
 #pragma once
 #include "qelibaselib/base/export.h"
 
-extern "C" {
+QEL_FUNCTIONS_BEGIN
 /// CreateFileW, retried while the budget lasts. Returns the handle, to be closed with CloseHandle, or
 /// INVALID_HANDLE_VALUE.
 ///
@@ -34,4 +34,4 @@ QEL_API BOOL CopyFileX(int line, const char* sourceFile, const wchar_t* existing
 /// A failed attempt writes the one line of the call; then it sleeps and tries again, at least once, whatever the error
 /// and without a limit of attempts, until the budget is used up. An interval of 0 takes 1 ms of the budget.
 QEL_API BOOL DeleteFileX(int line, const char* sourceFile, const wchar_t* fileName, DWORD timeoutMs, DWORD intervalMs);
-}
+QEL_FUNCTIONS_END

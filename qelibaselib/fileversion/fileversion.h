@@ -25,7 +25,7 @@ enum E_VERSIONSTRING {
   kVersionStringCount
 };
 
-extern "C" {
+QEL_FUNCTIONS_BEGIN
 /// Reads the version resource of `fileName` at once and keeps its strings. The handle is the caller's, who gives it to
 /// ReleaseCFileVersion; a file without a version resource, or none at all, gives a handle too. Null when no memory is
 /// to be had or after an exception. The last error is whatever the reading left. Any thread.
@@ -38,4 +38,4 @@ QEL_API char** GetVerCFileVersion(void* version);
 
 /// Frees the handle with all its strings; null is ignored. A handle is freed once.
 QEL_API void ReleaseCFileVersion(void* version);
-}
+QEL_FUNCTIONS_END

@@ -4,7 +4,7 @@
 #pragma once
 #include "qelibaselib/base/export.h"
 
-extern "C" {
+QEL_FUNCTIONS_BEGIN
 
 /// Appends to "<folder>\<fileBase>_<day of the month>.<extension>" the line "time, program, process, thread,
 /// sourceFile(line):message". The first line of a day that finds the file of an earlier month deletes it. A file of
@@ -13,4 +13,4 @@ QEL_API void VemoLogOutFileDayHis(const wchar_t* mutexStem, const wchar_t* folde
                                   const wchar_t* extension, DWORD timeoutMs, int line, const char* sourceFile,
                                   const char* message);
 
-}  // extern "C"
+QEL_FUNCTIONS_END

@@ -10,7 +10,7 @@
 #pragma once
 #include "qelibaselib/base/export.h"
 
-extern "C" {
+QEL_FUNCTIONS_BEGIN
 
 /// Appends "time, ML=load, program, process, thread, sourceFile(line):message" to the file `filePath`, unless that
 /// holds more than 1,048,576 bytes. The mutex is "Local\<mutexStem>_<user>" and is waited for `timeoutMs` milliseconds
@@ -29,4 +29,4 @@ QEL_API void VemoLockLogOut(const char* message, int line, const char* sourceFil
 /// The same for the channel of the file operations, but a null message prints as "(null)".
 QEL_API void VemoFileLogOut(const char* message, int line, const char* sourceFile);
 
-}  // extern "C"
+QEL_FUNCTIONS_END

@@ -7,10 +7,9 @@
 #include "qelibaselib/platform/win32.h"
 
 /// What a buffer is used for; ChkMemAccess takes either and treats them alike.
-inline constexpr int kMemoryDestination = 0;
-inline constexpr int kMemorySource = 1;
+enum { kMemoryDestination = 0, kMemorySource = 1 };
 
-extern "C" {
+QEL_FUNCTIONS_BEGIN
 /// Non-zero when the first and the last byte of the buffer can be read, or when `size` is 0. A destination too is only
 /// probed for reading, and nothing between the two bytes is.
 QEL_API BOOL ChkMemAccess(const void* buffer, DWORD size, int direction);
@@ -27,4 +26,4 @@ QEL_API int _MemCmp(const void* first, const void* second, DWORD size, int line,
 /// Fills `size` bytes with the low byte of `value`. Returns `destination`. On a bad buffer as _MemCpy, with
 /// (destination, value, size); continued, it returns without filling.
 QEL_API void* _MemSet(void* destination, int value, DWORD size, int line, const char* sourceFile);
-}
+QEL_FUNCTIONS_END

@@ -3,12 +3,12 @@
 /// 100 to 999 ms and is repeated until the time-out has run out. Any thread may call. The source position names the
 /// caller in log lines and is otherwise not read.
 #pragma once
-#include <cstddef>
+#include <stddef.h>
 
 #include "qelibaselib/base/export.h"
 #include "qelibaselib/platform/win32.h"
 
-extern "C" {
+QEL_FUNCTIONS_BEGIN
 /// A block from the heap of at least `size` bytes (size classes of 16, 64, 256, 1024 bytes, then whole pages, 8 bytes
 /// to spare; above 0xFFFFFFF7 the sum wraps and gives 16 bytes). To be freed with _MemFree only. Null when `timeoutMs`
 /// have passed; INFINITE never gives up, and even 0 waits once after its one attempt. Every 10000th call checks the
@@ -30,5 +30,5 @@ QEL_API BOOL _VMemFree(const char* sourceFile, int line, void* base);
 /// this thread, waits, and returns 1, "try again". `size` is what the allocator was asked for. Where the heap has
 /// nothing left for the line either, the line is lost; the allocations for it call the handler once more and are given
 /// std::bad_alloc.
-QEL_API int MemAllocHandler(std::size_t size);
-}
+QEL_API int MemAllocHandler(size_t size);
+QEL_FUNCTIONS_END

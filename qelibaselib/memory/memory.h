@@ -1,12 +1,12 @@
 /// @file
 /// Memory: allocation that retries, checked copy, compare and fill, the question for a shortage of physical memory.
 #pragma once
-#include <new>
-
-#include "qelibaselib/base/source_position.h"
 #include "qelibaselib/memory/checked_memory.h"
 #include "qelibaselib/memory/guarded_allocation.h"
 #include "qelibaselib/memory/physical_memory.h"
+
+#ifdef __cplusplus
+#include <new>
 
 /// Owns a block of _MemAlloc for its scope.
 template <class T>
@@ -30,3 +30,4 @@ class auto_MemAlloc {
   T* block_;
   BOOL owns_;
 };
+#endif

@@ -8,11 +8,11 @@
 /// Every line is flushed as it is written, so a report that a second fault cuts short still shows what came before.
 /// The functions keep faults of their own to themselves: a line in the module-status error channel tells of them.
 #pragma once
-#include <cstdio>
+#include <stdio.h>
 
 #include "qelibaselib/base/export.h"
 
-extern "C" {
+QEL_FUNCTIONS_BEGIN
 
 /// Appends a report to "VemoExceptLogOut_4DE2C31F.txt" in the log folder, one report at a time for all processes of the
 /// user. Also leaves a mark in the assertion channel. A mutex that is not had within 60 s or a file that cannot be
@@ -27,7 +27,7 @@ QEL_API int VemoExceptLogOut(const wchar_t* title, const char* message, const EX
 /// Writes the same report to an open stream, without a lock. Counts the report. `processId` is not used: the report
 /// asks the system.
 /// @return as VemoExceptLogOut; -2 when the report itself faulted.
-QEL_API int ExceptLogOut(std::FILE* stream, const wchar_t* title, const char* message, const EXCEPTION_RECORD* record,
+QEL_API int ExceptLogOut(FILE* stream, const wchar_t* title, const char* message, const EXCEPTION_RECORD* record,
                          const CONTEXT* context, int line, const char* sourceFile, HANDLE process, DWORD processId,
                          HANDLE thread);
 
@@ -41,4 +41,4 @@ QEL_API LONG AeDebuggerUnhandledExceptionFilter();
 /// The process priority class that corresponds to the calling thread's priority; NORMAL_PRIORITY_CLASS for one that
 /// corresponds to none.
 QEL_API DWORD VemoThreadPriToProcPri();
-}
+QEL_FUNCTIONS_END

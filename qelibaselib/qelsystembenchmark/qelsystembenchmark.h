@@ -19,6 +19,7 @@ struct T_RESULT {
   SYSTEMTIME localTime;  ///< when OverAll began
 };
 
+#ifdef QEL_CLASSES
 /// Measures how fast this machine moves image-sized data. One object belongs to one thread. Nothing throws: a
 /// measurement that fails gives 0 and a line in the assertion channel.
 class QEL_CLASS CQelSystemBenchmark {
@@ -67,3 +68,6 @@ class QEL_CLASS CQelSystemBenchmark {
   int m_errorLine;
   unsigned long m_errorNumber;
 };
+#else
+using CQelSystemBenchmark = qel::ClassOfAnotherCompiler<struct T_QelSystemBenchmarkTag>;
+#endif

@@ -6,7 +6,7 @@
 #pragma once
 #include "qelibaselib/base/export.h"
 
-extern "C" {
+QEL_FUNCTIONS_BEGIN
 
 /// How many processors the process may use, at least 1.
 QEL_API DWORD VemoGetCPUCount();
@@ -30,4 +30,4 @@ QEL_API int VemoOMPGetNumThreadsSetImgSize(int threshold);
 /// 1 for an image below `threshold` (0: the one that was set), else the thread's count.
 QEL_API int VemoOMPGetNumThreadsCheckImgSize(int imageSize, int threshold);
 
-}  // extern "C"
+QEL_FUNCTIONS_END

@@ -6,7 +6,7 @@
 #pragma once
 #include "qelibaselib/base/export.h"
 
-extern "C" {
+QEL_FUNCTIONS_BEGIN
 
 /// Sets the folder of logs and reports. The first call in a process counts, cut to 259 characters; later ones change
 /// nothing. Returns non-zero either way.
@@ -43,4 +43,4 @@ QEL_API DWORD VemoSetNoCacheFlushLimit(DWORD size, DWORD second);
 /// Returns the size (33,554,432 at first) and stores the second value (50 at first).
 QEL_API DWORD VemoGetNoCacheFlushLimit(DWORD* second);
 
-}  // extern "C"
+QEL_FUNCTIONS_END

@@ -3,7 +3,7 @@
 #pragma once
 #include "qelibaselib/base/export.h"
 
-extern "C" {
+QEL_FUNCTIONS_BEGIN
 
 /// Makes sure that one instance of an application runs for each user. 0: this is the only one, and stays so until its
 /// process ends. 1: after `timeoutMs` milliseconds of trying once a second (at least one try) there still is another
@@ -15,4 +15,4 @@ QEL_API int VemoChkMultiStartUp(int line, const char* sourceFile, const wchar_t*
 /// version cannot be read.
 QEL_API int VemoChkOSVer();
 
-}  // extern "C"
+QEL_FUNCTIONS_END

@@ -3,6 +3,8 @@
 /// pieces of work that any thread registers.
 #pragma once
 #include "qelibaselib/base/export.h"
+
+#ifdef QEL_CLASSES
 #include "qelibaselib/platform/mfc/pointer_list.h"
 #include "qelibaselib/platform/mfc/thread.h"
 #include "qelibaselib/platform/win32.h"
@@ -106,3 +108,8 @@ class QEL_CLASS CWatchThreadStat2Wrap {
   CWatchThreadStat2* m_pWatcher;
   void* m_hWatch;  ///< null when none
 };
+#else
+using CWatchThreadStat = qel::ClassOfAnotherCompiler<struct T_WatchThreadStatTag>;
+using CWatchThreadStat2 = qel::ClassOfAnotherCompiler<struct T_WatchThreadStat2Tag>;
+using CWatchThreadStat2Wrap = qel::ClassOfAnotherCompiler<struct T_WatchThreadStat2WrapTag>;
+#endif

@@ -8,7 +8,7 @@
 #pragma once
 #include "qelibaselib/base/export.h"
 
-extern "C" {
+QEL_FUNCTIONS_BEGIN
 
 /// CreateEventW, one attempt.
 QEL_API HANDLE CreateEventX(int line, const char* sourceFile, LPSECURITY_ATTRIBUTES sa, BOOL manualReset,
@@ -22,4 +22,4 @@ QEL_API HANDLE CreateMutexX(int line, const char* sourceFile, LPSECURITY_ATTRIBU
 QEL_API HANDLE CreateSemaphoreX(int line, const char* sourceFile, LPSECURITY_ATTRIBUTES sa, LONG initialCount,
                                 LONG maximumCount, const wchar_t* name);
 
-}  // extern "C"
+QEL_FUNCTIONS_END

@@ -14,18 +14,23 @@
 #include <malloc.h>
 #include <mbstring.h>
 #include <psapi.h>
-#include <shlobj.h>
 #include <shlwapi.h>
 #include <stdio.h>
 #include <string.h>
 #include <wchar.h>
 #include <winver.h>
 
+#ifdef __cplusplus
 extern "C" {
+#endif
+/// As <shlobj.h> declares it, which takes as long to read as all others together.
+DECLSPEC_IMPORT int WINAPI SHCreateDirectoryExW(HWND window, LPCWSTR path, const SECURITY_ATTRIBUTES* security);
 /// Reads (mask 0) or changes the exception masks of the x87 unit and of SSE2; the words after the change go to the
 /// pointers that are not null. Returns 1.
 int __cdecl __control87_2(unsigned int value, unsigned int mask, unsigned int* x87, unsigned int* sse2);
+#ifdef __cplusplus
 }
+#endif
 
 #ifdef QEL_BUILD
 extern "C" {

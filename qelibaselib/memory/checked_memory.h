@@ -7,7 +7,12 @@
 #include "qelibaselib/platform/win32.h"
 
 /// What a buffer is used for; ChkMemAccess takes either and treats them alike.
+#ifdef __cplusplus
+inline constexpr int kMemoryDestination = 0;
+inline constexpr int kMemorySource = 1;
+#else
 enum { kMemoryDestination = 0, kMemorySource = 1 };
+#endif
 
 QEL_FUNCTIONS_BEGIN
 /// Non-zero when the first and the last byte of the buffer can be read, or when `size` is 0. A destination too is only

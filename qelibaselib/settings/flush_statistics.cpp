@@ -3,6 +3,8 @@
 #include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/settings/thread_record.h"
 
+static_assert(sizeof(T_FVOF_INFORMATION) == 32, "hosts read it in place");
+
 void VemoClearFVOFInf() {
   qel::Guarded(QEL_HERE, [] {
     if (qel::ThreadRecord* record = qel::GetThreadRecord()) record->flushStatistics = {};

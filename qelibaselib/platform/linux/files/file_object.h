@@ -1,6 +1,6 @@
 /// @file
-/// The object behind a file handle. Its parts end in this order with the last handle: range locks are freed, the file is
-/// deleted if that was asked for, the place among the other opens is left, and the descriptor is closed.
+/// The object behind a file handle. Its parts end in this order with the last handle: range locks are freed, the file
+/// is deleted if that was asked for, the place among the other opens is left, and the descriptor is closed.
 #pragma once
 #include <atomic>
 #include <memory>

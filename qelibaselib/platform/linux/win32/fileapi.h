@@ -65,10 +65,10 @@ struct WIN32_FIND_DATAW {
 using LPWIN32_FIND_DATAW = WIN32_FIND_DATAW*;
 
 extern "C" {
-/// Names: both separators separate, there are no drive letters, case counts as the file system says, and dots and blanks
-/// at the end count. A character that no Win32 name holds is shown as U+F000 plus the character. Share modes hold among
-/// the programs that use this layer. A read-only file is one without any write bit. Inheriting and templates are not
-/// supported.
+/// Names: both separators separate, there are no drive letters, case counts as the file system says, and dots and
+/// blanks at the end count. A character that no Win32 name holds is shown as U+F000 plus the character. Share modes
+/// hold among the programs that use this layer. A read-only file is one without any write bit. Inheriting and templates
+/// are not supported.
 QEL_LAYER HANDLE WINAPI CreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
                                     DWORD disposition, DWORD flagsAndAttributes, HANDLE templateFile);
 /// With FILE_FLAG_OVERLAPPED the transfer is done at once, and ERROR_IO_PENDING is given all the same.

@@ -26,9 +26,9 @@ QEL_API void* _VMemAlloc(const char* sourceFile, int line, DWORD size, DWORD tim
 /// Gives back what _VMemAlloc gave. FALSE for null and, with the last error, for what is no base address of _VMemAlloc.
 QEL_API BOOL _VMemFree(const char* sourceFile, int line, void* base);
 
-/// For a host's slot of a failing allocator: logs the state of memory with the position of the _MemAlloc under way on
-/// this thread, waits, and returns 1, "try again". `size` is what the allocator was asked for. Where the heap has
-/// nothing left for the line either, the line is lost; the allocations for it call the handler once more and are given
-/// std::bad_alloc.
+/// To be installed as the host's new-handler: logs the state of memory with the position of the _MemAlloc under way on
+/// this thread, waits, and returns 1, "try again". `size` is what the allocator was asked for; a std::new_handler,
+/// which is not told it, calls this function with 0. Where the heap has nothing left for the line either, the line is
+/// lost; the allocations for it call the handler once more and are given std::bad_alloc.
 QEL_API int MemAllocHandler(size_t size);
 QEL_FUNCTIONS_END

@@ -1,8 +1,12 @@
 /// @file
 /// The exception report: what the process was doing when it faulted, as text for support.
 ///
-///     __except / catch (const CSE& e) {
-///       VemoExceptLogOut(L"viewer", "while loading", &e.record, &e.context, __LINE__, __FILE__);
+/// A host reports the faults of its own code from a filter that it sets with SetUnhandledExceptionFilter:
+///
+///     LONG WINAPI WriteReport(EXCEPTION_POINTERS* fault) {
+///       VemoExceptLogOut(L"viewer", "unhandled fault", fault->ExceptionRecord, fault->ContextRecord, __LINE__,
+///                        __FILE__);
+///       return EXCEPTION_EXECUTE_HANDLER;  // the process ends now
 ///     }
 ///
 /// Every line is flushed as it is written, so a report that a second fault cuts short still shows what came before.

@@ -73,8 +73,8 @@ class QEL_CLASS CWatchThreadStat2 {
   /// Registers the calling thread: the first call at the tick that brings `firstDelayMs` to 0 or below, further ones
   /// every `intervalMs` (0: none). A first delay of 0 is already spent: the first call comes after an interval.
   /// Negative times are taken as 0.
-  /// @return the registration for End. Null without memory or without a handle of the thread. Without a mutex the
-  ///         address of nothing is returned, which the caller cannot tell; End writes a line about it.
+  /// @return the registration for End. Null without memory or without a handle of the thread. When the
+  ///         registration's mutex cannot be made, the address of a freed record is returned; do not use it.
   void* Start(long firstDelayMs, long intervalMs, Callback callback, void* arg);
 
   /// Ends a registration; waits for its callback if that is running, so none runs after the return. A callback must not

@@ -2,7 +2,7 @@
 /// What the walk of a stack tells the search for symbols.
 ///
 /// The room modules/ holds what is known about loaded modules and the files of modules: their list and threads' calls
-/// to them, symbols, the walk of a stack, version resources. It uses base/, memory/ (probes) and text/.
+/// to them, symbols, the walk of a stack, version resources. docs/arrows.txt has the rooms that it uses.
 #pragma once
 #include "qelibaselib/platform/linux/win32/windef.h"
 

@@ -89,8 +89,8 @@ QEL_LAYER BOOL WINAPI LockFileEx(HANDLE file, DWORD flags, DWORD reserved, DWORD
 QEL_LAYER BOOL WINAPI UnlockFileEx(HANDLE file, DWORD reserved, DWORD bytesLow, DWORD bytesHigh,
                                    LPOVERLAPPED overlapped);
 
-/// The name is gone at once, also when the file is open with FILE_SHARE_DELETE. A mapped view does not hold a file.
-/// Of a link, the link itself is deleted.
+/// The name is gone at once, also when the file is open with FILE_SHARE_DELETE. A file that a process has mapped is not
+/// deleted (ERROR_ACCESS_DENIED). Of a link, the link itself is deleted.
 QEL_LAYER BOOL WINAPI DeleteFileW(LPCWSTR name);
 QEL_LAYER BOOL WINAPI MoveFileW(LPCWSTR existing, LPCWSTR target);
 QEL_LAYER BOOL WINAPI CopyFileW(LPCWSTR existing, LPCWSTR target, BOOL failIfExists);

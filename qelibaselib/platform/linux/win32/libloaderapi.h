@@ -15,7 +15,7 @@ extern "C" {
 QEL_LAYER HMODULE WINAPI LoadLibraryA(LPCSTR name);
 QEL_LAYER FARPROC WINAPI GetProcAddress(HMODULE module, LPCSTR name);
 QEL_LAYER BOOL WINAPI FreeLibrary(HMODULE module);
-/// NULL or the program's own name only.
+/// NULL, the program's own name or "ntdll.dll"; every other name is missing (ERROR_MOD_NOT_FOUND).
 QEL_LAYER HMODULE WINAPI GetModuleHandleA(LPCSTR name);
 /// A module is known by the address of its first byte, NULL being the program. A program that was replaced while it
 /// runs keeps the name that it had at its start.

@@ -50,7 +50,7 @@ class MergedRecords::Stream {
   Timestamp order_{INT64_MIN};
 };
 
-MergedRecords::MergedRecords(const std::vector<LogFile>& files, const Filter& filter, ReportProblem problem) {
+MergedRecords::MergedRecords(const std::vector<LogFile>& files, const Filter& filter, const ReportProblem& problem) {
   const std::size_t bufferBytes = BufferBytes(files.size());
   for (const LogFile& file : files) {
     if (!filter.TakesFile(file)) continue;

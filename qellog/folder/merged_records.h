@@ -23,7 +23,7 @@ struct FileRecord {
 class MergedRecords {
  public:
   /// The files and the filter outlive this object. A file that cannot be read is told and gives no records.
-  MergedRecords(const std::vector<LogFile>& files, const Filter& filter, ReportProblem problem);
+  MergedRecords(const std::vector<LogFile>& files, const Filter& filter, const ReportProblem& problem);
   ~MergedRecords();
   /// The next record that the filter takes; nothing at the end. Valid until the next call.
   const FileRecord* Next();

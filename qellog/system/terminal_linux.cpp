@@ -76,6 +76,7 @@ Timestamp LocalNow() {
 std::string OutputOf(const std::vector<std::string>& commandLine) {
   Pipe pipe;
   std::vector<char*> arguments;
+  arguments.reserve(commandLine.size() + 1);
   for (const std::string& argument : commandLine) arguments.push_back(const_cast<char*>(argument.c_str()));
   arguments.push_back(nullptr);
   posix_spawn_file_actions_t actions;

@@ -8,6 +8,15 @@
 #include "qelibaselib/platform/fault/guard_frame.h"
 
 namespace fault {
+
+// The sanitizer would put its marks for a block of the stack on the frames that are to be read, and it knows one stack
+// for each thread.
+#ifdef __SANITIZE_ADDRESS__
+void CallBelow(const CONTEXT*, void (*body)(void*), void* argument) {
+  const CancellationHold hold;
+  body(argument);
+}
+#else
 namespace {
 
 constexpr uintptr_t kFarthest = 1024 * 1024;  // further above a fault its frames are not kept by a move
@@ -25,14 +34,6 @@ Room FindRoom(uintptr_t here, uintptr_t fault) {
 
 }  // namespace
 
-// The sanitizer would put its marks for a block of the stack on the frames that are to be read, and it knows one stack
-// for each thread.
-#ifdef __SANITIZE_ADDRESS__
-void CallBelow(const CONTEXT*, void (*body)(void*), void* argument) {
-  const CancellationHold hold;
-  body(argument);
-}
-#else
 __attribute__((noinline)) void CallBelow(const CONTEXT* context, void (*body)(void*), void* argument) {
   const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
   const uintptr_t fault = context ? context->Esp : 0;

@@ -92,7 +92,7 @@ bool MemoryMapReader::TakeLineBeginning(std::string_view* line) {
 
 bool MemoryMapReader::Refill() {
   const size_t kept = unread_.size();
-  std::memmove(buffer_, unread_.data(), kept);
+  if (kept > 0) std::memmove(buffer_, unread_.data(), kept);
   const ssize_t got = RetryOnInterrupt([&] { return read(file_.get(), buffer_ + kept, sizeof buffer_ - kept); });
   if (got < 0) error_ = ErrorFromErrno(errno);
   if (got <= 0) return false;

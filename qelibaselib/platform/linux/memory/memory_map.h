@@ -32,7 +32,7 @@ class MemoryMapReader {
   DWORD error_;
   bool asks_ = true;           // until the kernel turns out not to know the question
   bool isInsideLine_ = false;  // the beginning of the line that the unread text starts in was taken
-  std::string_view unread_{buffer_, 0};
+  std::string_view unread_;
   char buffer_[1024];  // the fields before the name take at most 80 characters
 };
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -70,11 +71,8 @@ std::optional<ZonePeriod> FindPeriodOfFile(const char* name, time_t utc) {
   const char* const told = secure_getenv("TZDIR");
   const char* const folder = told && *told ? told : kZoneFolder;
   char path[1024];
-  const size_t folderLength = std::strlen(folder), nameLength = std::strlen(name);
-  if (folderLength + nameLength + 2 > sizeof path) return std::nullopt;
-  std::memcpy(path, folder, folderLength);
-  path[folderLength] = '/';
-  std::memcpy(path + folderLength + 1, name, nameLength + 1);
+  const int length = std::snprintf(path, sizeof path, "%s/%s", folder, name);
+  if (length < 0 || static_cast<size_t>(length) >= sizeof path) return std::nullopt;
   return FindPeriodInZoneFile(ReadFile(path, bytes), utc);
 }
 

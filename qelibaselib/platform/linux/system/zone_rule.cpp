@@ -17,7 +17,7 @@ struct ChangeDay {
   enum class Kind { kWithoutLeapDay, kFromZero, kWeekday } kind = Kind::kFromZero;
   int day = 0;  ///< of the year (1 to 365 or 0 to 365), or of the week with Sunday 0
   int month = 0, week = 0;
-  int64_t secondsOfDay = 2 * 3600;
+  int64_t secondsOfDay = int64_t{2} * 3600;
 };
 
 struct ZoneRule {

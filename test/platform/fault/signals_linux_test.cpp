@@ -25,6 +25,7 @@
 #include "test/platform/fault/reports.h"
 #include "test/support/child_process.h"
 #include "test/support/log_folder.h"
+#include "test/support/sanitizer.h"
 #include "test/support/scratch_folder.h"
 
 // What assert() calls.
@@ -90,6 +91,7 @@ CHILD_ROLE(EndWithFilter) {
 }
 
 TEST(EndOfProcess, IsReportedByTheFilterAndBySignalAsBefore) {
+  SKIP_UNDER_ASAN();
   for (const auto& [name, end] : kEnds) {
     SCOPED_TRACE(name);
     TakeReports();
@@ -201,6 +203,7 @@ CHILD_ROLE(UnblockKeptSignal) {
 }
 
 TEST(BlockedSignals, KeepNoGuardFromCatchingAndReachTheHostLater) {
+  SKIP_UNDER_ASAN();
   EXPECT_EQ(ChildProcess("BlockSignals").Wait(), 42);
   for (const char* when : {"before", "process", "during"}) EXPECT_EQ(ChildProcess("WaitForSignals", {when}).Wait(), 42);
   EXPECT_EQ(ChildProcess("UnblockKeptSignal").Wait(), 42);
@@ -249,6 +252,7 @@ CHILD_ROLE(HoldFile) {
 }
 
 TEST(Cancellation, PassesAnExportAndLeavesNothingLocked) {
+  SKIP_UNDER_ASAN();
   const ScratchFolder folder;
   for (int round = 0; round < 5; ++round) {
     TakeMessages(channel::kMisc);
@@ -292,6 +296,7 @@ CHILD_ROLE(FaultInAllocator) {
 }
 
 TEST(FaultInAllocator, LeavesNoThreadWaitingForItsLock) {
+  SKIP_UNDER_ASAN();
   TakeReports();
   EXPECT_EQ(ChildProcess("FaultInAllocator").Wait(), 42);
   EXPECT_EQ(TakeReports().size(), 3u);

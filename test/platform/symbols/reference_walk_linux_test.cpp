@@ -168,6 +168,7 @@ std::string Describe(const Places& places) {
 }
 
 TEST(StackWalk, AgreesWithTheCompilersUnwinderAtEachInstruction) {
+  SKIP_UNDER_ASAN();
   SymInitialize(GetCurrentProcess(), nullptr, TRUE);
   struct sigaction action {
   }, before;

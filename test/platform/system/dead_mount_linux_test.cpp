@@ -12,6 +12,7 @@
 #include "qelibaselib/modulestatus/status_report.h"
 #include "qelibaselib/platform/win32.h"
 #include "test/support/child_process.h"
+#include "test/support/sanitizer.h"
 #include "test/support/scratch_folder.h"
 
 using namespace qel::test;
@@ -85,6 +86,7 @@ bool Play(const char* role, const ScratchFolder& folder) {
 }
 
 TEST(Mounts, AServerThatNeverAnswersHoldsNobody) {
+  SKIP_UNDER_ASAN();
   const ScratchFolder folder;
   if (!Play("ReportWithDeadMount", folder)) GTEST_SKIP() << "needs to be root, and file systems in user space";
 }

@@ -6,12 +6,14 @@
 #include <thread>
 
 #include "test/log/log_case.h"
+#include "test/support/sanitizer.h"
 
 namespace {
 
 using namespace qel::test;
 
 TEST_F(LogCase, AForkedChildWritesItsLine) {
+  SKIP_UNDER_ASAN();
   constexpr int kThreads = 3, kForks = 60;
   std::atomic<bool> stop{false};
   std::atomic<int> written{0};

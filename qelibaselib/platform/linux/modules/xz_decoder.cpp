@@ -31,7 +31,7 @@ enum Control : uint8_t {
 };
 
 /// One chunk: its header taken apart.
-struct Chunk {
+struct PackedChunk {
   uint8_t control = kEndOfChunks;
   uint8_t parameters = 0;
   std::size_t unpackedBytes = 0;
@@ -49,7 +49,7 @@ std::size_t SizeAt(PackedBytes bytes, std::size_t offset) {
 }
 
 /// Takes the next chunk off the front. False when it is not whole.
-bool TakeChunk(PackedBytes& rest, Chunk& chunk) {
+bool TakeChunk(PackedBytes& rest, PackedChunk& chunk) {
   if (rest.empty()) return false;
   chunk = {};
   chunk.control = rest[0];
@@ -90,7 +90,7 @@ PackedBytes FindChunks(PackedBytes file) {
 /// 0 for chunks that are not whole.
 std::size_t UnpackedSize(PackedBytes chunks) {
   std::size_t size = 0;
-  Chunk chunk;
+  PackedChunk chunk;
   do {
     if (!TakeChunk(chunks, chunk)) return 0;
     size += chunk.unpackedBytes;
@@ -98,7 +98,7 @@ std::size_t UnpackedSize(PackedBytes chunks) {
   return size <= kLargestOutput ? size : 0;
 }
 
-bool DecodeNext(LzmaDecoder& decoder, const Chunk& chunk) {
+bool DecodeNext(LzmaDecoder& decoder, const PackedChunk& chunk) {
   if (chunk.ResetsDictionary()) decoder.ResetDictionary();
   if (!chunk.IsPacked()) return decoder.CopyChunk(chunk.data);
   if (chunk.HasParameters() && !decoder.SetParameters(chunk.parameters)) return false;
@@ -107,7 +107,7 @@ bool DecodeNext(LzmaDecoder& decoder, const Chunk& chunk) {
 }
 
 bool DecodeChunks(PackedBytes chunks, LzmaDecoder& decoder) {
-  Chunk chunk;
+  PackedChunk chunk;
   while (TakeChunk(chunks, chunk)) {
     if (chunk.control == kEndOfChunks) return true;
     if (!DecodeNext(decoder, chunk)) return false;

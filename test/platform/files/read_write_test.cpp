@@ -43,9 +43,10 @@ LONGLONG SizeOf(HANDLE file) {
   GetFileSizeEx(file, &size);
   return size.QuadPart;
 }
-OVERLAPPED AtOffset(DWORD offset) {
+OVERLAPPED AtOffset(ULONGLONG offset) {
   OVERLAPPED overlapped = {};
-  overlapped.Offset = offset;
+  overlapped.Offset = static_cast<DWORD>(offset);
+  overlapped.OffsetHigh = static_cast<DWORD>(offset >> 32);
   return overlapped;
 }
 
@@ -233,6 +234,8 @@ TEST_F(ReadWriteTest, LockedRangeHoldsAgainstOtherHandles) {
     EXPECT_EQ(ReadInto(other.get(), buffer_, 1), (Moved{Failure(33), 0}));
     EXPECT_EQ(WriteFrom(other.get(), "X", 1), (Moved{Failure(33), 0}));
     EXPECT_EQ(WriteFrom(other.get(), "X", 1, &at2), (Moved{Failure(33), 0}));
+    OVERLAPPED atShareBytes = AtOffset(0x7fffffffffffff00);  // where the layer's own locks are
+    EXPECT_EQ(WriteFrom(other.get(), "X", 1, &atShareBytes), (Moved{Failure(223), 0}));
     EXPECT_EQ(Ask([&] { return CopyFileW(L"six", L"copy", FALSE); }), Failure(33));
     EXPECT_FALSE(Exists("copy"));
   }

@@ -112,6 +112,10 @@ void PrepareThrow(GuardFrame* guard);
 /// Runs `body` on a stack of its own, large enough for a report. False when there is none; `body` was not called then.
 bool CallOnOwnStack(void (*body)(void* argument), void* argument);
 
+/// Makes what is kept for reports available, until as many calls of EndReport have followed.
+void BeginReport();
+void EndReport();
+
 /// Goes on as after a fault of the calling function, with this record and context.
 [[noreturn]] void ThrowInGuard(GuardFrame& guard, const EXCEPTION_RECORD& record, const CONTEXT& context);
 

@@ -8,12 +8,26 @@
 #include "qelibaselib/platform/fault/guard_frame.h"
 
 namespace fault {
+namespace {
+
+class ReportScope {
+ public:
+  ReportScope() { BeginReport(); }
+  ReportScope(const ReportScope&) = delete;
+  ReportScope& operator=(const ReportScope&) = delete;
+  ~ReportScope() { EndReport(); }
+
+ private:
+  const CancellationHold hold_;
+};
+
+}  // namespace
 
 // The sanitizer would put its marks for a block of the stack on the frames that are to be read, and it knows one stack
 // for each thread.
 #ifdef __SANITIZE_ADDRESS__
 void CallBelow(const CONTEXT*, void (*body)(void*), void* argument) {
-  const CancellationHold hold;
+  const ReportScope scope;
   body(argument);
 }
 #else
@@ -37,7 +51,7 @@ Room FindRoom(uintptr_t here, uintptr_t fault) {
 __attribute__((noinline)) void CallBelow(const CONTEXT* context, void (*body)(void*), void* argument) {
   const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
   const uintptr_t fault = context ? context->Esp : 0;
-  const CancellationHold hold;
+  const ReportScope scope;
   const Room room = FindRoom(here, fault);
   if (room == Room::kOwnStack && CallOnOwnStack(body, argument)) return;
   if (room == Room::kBelowFault) {

@@ -160,6 +160,9 @@ bool NotePassedFrame(const PassedFrame&) { return false; }
 int HoldCancellation() { return 0; }  // threads cannot be cancelled here
 void RestoreCancellation(int) {}
 
+void BeginReport() {}  // handles do not run out here
+void EndReport() {}
+
 // The system refuses to dispatch an exception whose frames lie outside the thread's own stack.
 bool CallOnOwnStack(void (*)(void*), void*) { return false; }
 

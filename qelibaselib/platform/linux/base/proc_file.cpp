@@ -1,24 +1,9 @@
 #include "qelibaselib/platform/linux/base/proc_file.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include "qelibaselib/platform/linux/base/descriptor.h"
-
 namespace qel::layer {
-namespace {
-
-uint32_t Fingerprint(int descriptor) {
-  struct stat status;
-  if (fstat(descriptor, &status) != 0) return 0;
-  const uint64_t node = status.st_ino * 0x9E3779B97F4A7C15 ^ status.st_dev;
-  return static_cast<uint32_t>(node ^ node >> 32);
-}
-
-int DescriptorOf(uint64_t kept) { return static_cast<int>(static_cast<uint32_t>(kept)); }
-
-}  // namespace
 
 bool ProcFile::IsText(std::string_view text) const {
   if (!beginning_.empty()) return text.starts_with(beginning_);
@@ -26,24 +11,20 @@ bool ProcFile::IsText(std::string_view text) const {
 }
 
 std::string_view ProcFile::Read(char* buffer, size_t size) {
-  uint64_t kept = kept_.load(std::memory_order_acquire);
-  if (kept != 0) {
-    const ssize_t got = pread(DescriptorOf(kept), buffer, size, 0);
+  MarkedDescriptor kept = kept_.load(std::memory_order_acquire);
+  if (!kept.IsNone()) {
+    const ssize_t got = pread(kept.number(), buffer, size, 0);
     if (got > 0 && IsText({buffer, static_cast<size_t>(got)})) return {buffer, static_cast<size_t>(got)};
   }
   // The former descriptor is not closed: its number may belong to something of the host's by now.
   Descriptor opened(open(path_, O_RDONLY | O_CLOEXEC));
   if (opened.get() < 0) return {};
   const ssize_t got = pread(opened.get(), buffer, size, 0);
-  const uint64_t fresh = uint64_t{Fingerprint(opened.get())} << 32 | static_cast<uint32_t>(opened.get());
-  if (kept_.compare_exchange_strong(kept, fresh)) static_cast<void>(opened.Detach());
+  if (kept_.compare_exchange_strong(kept, MarkedDescriptor(opened.get()))) static_cast<void>(opened.Detach());
   return got > 0 ? std::string_view{buffer, static_cast<size_t>(got)} : std::string_view{};
 }
 
-void ProcFile::CloseInChild() {
-  const uint64_t kept = kept_.exchange(0);
-  if (kept != 0 && Fingerprint(DescriptorOf(kept)) == kept >> 32) close(DescriptorOf(kept));
-}
+void ProcFile::CloseInChild() { kept_.exchange({}).Close(); }
 
 // From where the last field was to the end.
 bool FieldReader::GoTo(std::string_view name) {

@@ -3,8 +3,9 @@
 #pragma once
 #include <atomic>
 #include <cstddef>
-#include <cstdint>
 #include <string_view>
+
+#include "qelibaselib/platform/linux/base/marked_descriptor.h"
 
 namespace qel::layer {
 
@@ -23,9 +24,7 @@ class ProcFile {
   bool IsText(std::string_view text) const;
   const char* const path_;
   const std::string_view beginning_;
-  // A descriptor in the lower half and the fingerprint of the file that it was opened for in the upper one, so that
-  // threads never mix the two; 0 for none.
-  std::atomic<uint64_t> kept_{0};
+  std::atomic<MarkedDescriptor> kept_{};
 };
 
 /// The number behind a name such as "MemTotal:" at the beginning of a line; 0 when it is not there. The text is read

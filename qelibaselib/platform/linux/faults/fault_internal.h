@@ -4,7 +4,7 @@
 /// fault_handler.cpp receives the signals; thread_stacks.cpp keeps the stacks that it needs; fault_record.cpp
 /// translates what the kernel saved; unhandled.cpp asks the filter; signal_owners.cpp knows who had the signals before;
 /// signal_masks.cpp keeps them from being blocked; signal_frames.cpp and allocator_lock.cpp put right what a fault
-/// leaves behind.
+/// leaves behind; report_descriptors.cpp keeps what a report needs and the host may have used up.
 #pragma once
 #include <ucontext.h>
 
@@ -29,6 +29,7 @@ struct FaultThread {
   bool ready;              ///< the thread was prepared
   bool faultInAllocator;   ///< the last fault passed a function of the allocator, which may hold its lock
   bool asksFilter;         ///< the filter runs
+  uint32_t reports;        ///< that the thread is in
   bool maskIsKnown;        ///< the last fault passed a handler of the host; `mask` is that of the code it interrupted
   uint32_t wishedMask;     ///< signals of faults that the host believes to have blocked: bits 1 << signal
   uintptr_t handlerFrame;  ///< where on the stack a handler of the host was called; 0 when none runs
@@ -78,6 +79,11 @@ void PassToHost(int signal, siginfo_t* info, void* machine);
 void PassToOriginal(int signal, siginfo_t* info, void* machine);
 
 extern const ForkedPart kFaultSignalsAtFork;
+
+/// Takes the descriptors that are kept for reports, where they are not there and no report needs them now. See
+/// report_descriptors.cpp.
+void KeepReportDescriptors();
+extern const ForkedPart kReportDescriptorsAtFork;
 
 /// The call of the kernel for the mask of this thread, without any wish. Returns an error number.
 int ChangeKernelMask(int how, const sigset_t* set, sigset_t* former);

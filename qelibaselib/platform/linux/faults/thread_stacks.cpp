@@ -162,6 +162,7 @@ void PrepareFaultThread() {
   UnblockSignals();
   FindStack(thread);
   if (!thread.stacks) MakeStacks(thread);
+  KeepReportDescriptors();
   thread.ready = true;
   errno = savedErrno;
 }

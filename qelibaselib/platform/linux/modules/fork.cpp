@@ -47,6 +47,7 @@ const ForkedPart* const kParts[] = {
     &kHandleTableAtFork,    //
     &kThreadSlotsAtFork,    //
     &kFaultSignalsAtFork,
+    &kReportDescriptorsAtFork,
 };
 
 void LockBeforeFork() {

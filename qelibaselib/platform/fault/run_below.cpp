@@ -16,10 +16,19 @@ class ReportScope {
   ReportScope(const ReportScope&) = delete;
   ReportScope& operator=(const ReportScope&) = delete;
   ~ReportScope() { EndReport(); }
-
- private:
-  const CancellationHold hold_;
 };
+
+struct ReportCall {
+  void (*body)(void* argument);
+  void* argument;
+};
+
+// Only where there is room: the scope needs more than the clause leaves.
+__attribute__((noinline)) void RunReport(void* argument) {
+  const auto& call = *static_cast<const ReportCall*>(argument);
+  const ReportScope scope;
+  call.body(call.argument);
+}
 
 }  // namespace
 
@@ -27,8 +36,9 @@ class ReportScope {
 // for each thread.
 #ifdef __SANITIZE_ADDRESS__
 void CallBelow(const CONTEXT*, void (*body)(void*), void* argument) {
-  const ReportScope scope;
-  body(argument);
+  const CancellationHold hold;
+  ReportCall call{body, argument};
+  RunReport(&call);
 }
 #else
 namespace {
@@ -51,14 +61,15 @@ Room FindRoom(uintptr_t here, uintptr_t fault) {
 __attribute__((noinline)) void CallBelow(const CONTEXT* context, void (*body)(void*), void* argument) {
   const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
   const uintptr_t fault = context ? context->Esp : 0;
-  const ReportScope scope;
+  const CancellationHold hold;
+  ReportCall call{body, argument};
   const Room room = FindRoom(here, fault);
-  if (room == Room::kOwnStack && CallOnOwnStack(body, argument)) return;
+  if (room == Room::kOwnStack && CallOnOwnStack(&RunReport, &call)) return;
   if (room == Room::kBelowFault) {
     void* skipped = __builtin_alloca(here - fault + kRedZoneBytes);
     __asm__ __volatile__("" : : "r"(skipped) : "memory");
   }
-  body(argument);
+  RunReport(&call);
 }
 #endif
 

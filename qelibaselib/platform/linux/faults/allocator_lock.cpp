@@ -18,44 +18,17 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
-#include <ctime>
 
 #include "qelibaselib/platform/linux/faults/fault_internal.h"
+#include "qelibaselib/platform/linux/faults/thread_timer.h"
 
 namespace qel::layer {
 namespace {
 
-constexpr long kPatienceNs = 500'000'000;
+constexpr long kPatienceMs = 500;
 constexpr size_t kProbeBytes = 4096;  // more than the thread's own cache of free blocks serves
 
 const char g_timerMark = 0;  // its address tells our timer's signals
-
-// A timer of the calling thread, of the kernel's own: the C library's would allocate.
-class LockTimer {
- public:
-  LockTimer() {
-    sigevent event{};
-    event.sigev_notify = SIGEV_THREAD_ID;
-    event.sigev_signo = SIGSEGV;
-    event.sigev_value.sival_ptr = const_cast<char*>(&g_timerMark);
-    event._sigev_un._tid = static_cast<pid_t>(syscall(SYS_gettid));
-    made_ = syscall(SYS_timer_create, CLOCK_MONOTONIC, &event, &id_) == 0;
-    struct {
-      long intervalSeconds, intervalNs, seconds, ns;
-    } const each = {0, kPatienceNs, 0, kPatienceNs};
-    if (made_) syscall(SYS_timer_settime, id_, 0, &each, nullptr);
-  }
-  LockTimer(const LockTimer&) = delete;
-  LockTimer& operator=(const LockTimer&) = delete;
-  ~LockTimer() {
-    if (made_) syscall(SYS_timer_delete, id_);
-  }
-
- private:
-  int id_ = 0;
-  bool made_ = false;
-};
 
 // The lock word that the interrupted thread sleeps on, by the arguments of its system call; null when it does not. The
 // C library's simple locks hold 2 while somebody waits.
@@ -72,13 +45,14 @@ uint32_t* LockWaitedFor(const ucontext_t& machine) {
 
 void ReleaseAllocatorLock() {
   t_faultThread.faultInAllocator = false;
-  const LockTimer timer;
+  const auto timer = StartThreadTimer(g_timerMark, kPatienceMs);
   void* volatile memory = std::malloc(kProbeBytes);
   std::free(memory);
+  if (timer) StopThreadTimer(*timer);
 }
 
 bool HandleAllocatorTimer(int signal, const siginfo_t& info, const ucontext_t& machine) {
-  if (signal != SIGSEGV || info.si_code != SI_TIMER || info.si_value.sival_ptr != &g_timerMark) return false;
+  if (!IsOfTimer(signal, info, g_timerMark)) return false;
   if (uint32_t* word = LockWaitedFor(machine)) {
     __atomic_store_n(word, 0, __ATOMIC_SEQ_CST);
     syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);

@@ -109,6 +109,9 @@ void Dispatch(int signal, siginfo_t* info, ucontext_t& machine, bool delivered) 
   FaultThread& thread = t_faultThread;
   if (!delivered) return PassToOriginal(signal, info, &machine);
   if (info->si_code <= 0) {  // sent, not of an instruction
+    const LockWatchResult watch = ExamineLockWatch(signal, *info, machine);
+    if (watch == LockWatchResult::kStuck) return GiveToGuard(thread, signal, info, machine);
+    if (watch == LockWatchResult::kGoesOn) return;
     if (HandleAllocatorTimer(signal, *info, machine) || KeepSentSignal(signal, *info)) return;
     if (IsOwnAbort(signal, *info)) return OfferToFilter(signal, info, machine);
     return PassToHost(signal, info, &machine);

@@ -4,15 +4,18 @@
 /// fault_handler.cpp receives the signals; thread_stacks.cpp keeps the stacks that it needs; fault_record.cpp
 /// translates what the kernel saved; unhandled.cpp asks the filter; signal_owners.cpp knows who had the signals before;
 /// signal_masks.cpp keeps them from being blocked; signal_frames.cpp and allocator_lock.cpp put right what a fault
-/// leaves behind; report_descriptors.cpp keeps what a report needs and the host may have used up.
+/// leaves behind. A report gets its descriptors from report_descriptors.cpp and is freed by lock_watch.cpp from locks
+/// that nobody gives back.
 #pragma once
 #include <ucontext.h>
 
 #include <csignal>
 #include <cstdint>
+#include <optional>
 
 #include "qelibaselib/platform/fault/guard_frame.h"
 #include "qelibaselib/platform/linux/base/forked_part.h"
+#include "qelibaselib/platform/linux/faults/thread_timer.h"
 
 namespace qel::layer {
 
@@ -34,6 +37,11 @@ struct FaultThread {
   uint32_t wishedMask;     ///< signals of faults that the host believes to have blocked: bits 1 << signal
   uintptr_t handlerFrame;  ///< where on the stack a handler of the host was called; 0 when none runs
   uint32_t handlerMask;    ///< what the host believes to be blocked while that handler runs, besides
+  struct LockWatch {
+    const fault::GuardFrame* outer;  ///< the innermost guard outside the report
+    const uint32_t* awaited;         ///< what the thread slept on at the last look
+    std::optional<ThreadTimer> timer;
+  } lockWatch;
   sigset_t mask;
   StackBounds stack;  ///< the stack that the thread runs on
   void* stacks;       ///< memory of the signal stack and the spare stack; null when there was none
@@ -83,6 +91,9 @@ extern const ForkedPart kFaultSignalsAtFork;
 /// Takes the descriptors that are kept for reports, where they are not there and no report needs them now. See
 /// report_descriptors.cpp.
 void KeepReportDescriptors();
+/// Leaves them to a report; keeps them again after the last one.
+void GiveUpReportDescriptors();
+void TakeBackReportDescriptors();
 extern const ForkedPart kReportDescriptorsAtFork;
 
 /// The call of the kernel for the mask of this thread, without any wish. Returns an error number.
@@ -122,6 +133,13 @@ void RestorePassedMask();
 void ReleaseAllocatorLock();
 /// Whether the signal is of our own timer; if so, the lock that the thread waits for is released.
 bool HandleAllocatorTimer(int signal, const siginfo_t& info, const ucontext_t& machine);
+
+/// Watches the calling thread, which reports, for locks that it cannot have; see lock_watch.cpp.
+void BeginLockWatch();
+void EndLockWatch();
+enum class LockWatchResult { kNotOurs, kGoesOn, kStuck };
+/// Whether the signal is of that watch; kStuck: the wait has to end.
+LockWatchResult ExamineLockWatch(int signal, const siginfo_t& info, const ucontext_t& machine);
 
 /// The exit code of a process whose filter says that the exception is handled.
 inline constexpr int kExitAfterFilter = 1;

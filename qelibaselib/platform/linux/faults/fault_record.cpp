@@ -50,6 +50,7 @@ constexpr greg_t kErrorWrite = 2, kErrorFetch = 16;
 constexpr ULONG_PTR kReading = 0, kWriting = 1, kExecuting = 8;
 constexpr ULONG_PTR kNoAddress = 0xFFFFFFFF;  // a general protection fault names none
 constexpr DWORD kInvalidSystemService = 0xC000001C;
+constexpr DWORD kPossibleDeadlock = 0xC0000194;
 constexpr DWORD kFailFast = 0xC0000409;             // what abort() raises on Windows
 constexpr ULONG_PTR kStatusEndOfFile = 0xC0000011;  // why a page of a mapped file is not there
 
@@ -156,6 +157,10 @@ void FillTrap(EXCEPTION_RECORD& record, const ucontext_t& machine) {
 void FillRecord(EXCEPTION_RECORD& record, int signal, const siginfo_t& info, const ucontext_t& machine) {
   record = {};
   record.ExceptionAddress = reinterpret_cast<void*>(machine.uc_mcontext.gregs[REG_EIP]);
+  if (info.si_code == SI_TIMER) {  // of the lock watch
+    record.ExceptionCode = kPossibleDeadlock;
+    return;
+  }
   switch (signal) {
     case SIGSEGV:
       return FillSegmentation(record, info, machine);

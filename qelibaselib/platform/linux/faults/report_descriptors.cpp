@@ -14,7 +14,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <span>
 
 #include "qelibaselib/platform/linux/base/marked_descriptor.h"
@@ -60,6 +59,15 @@ void KeepReportDescriptors() {
   if (g_reports.load() != 0) GiveUpAll();  // one has begun meanwhile
 }
 
+void GiveUpReportDescriptors() {
+  ++g_reports;
+  GiveUpAll();
+}
+
+void TakeBackReportDescriptors() {
+  if (--g_reports == 0) KeepReportDescriptors();
+}
+
 // The reports of other threads do not go on in the child.
 const ForkedPart kReportDescriptorsAtFork = {[] {},
                                              [](bool inChild) {
@@ -67,20 +75,3 @@ const ForkedPart kReportDescriptorsAtFork = {[] {},
                                              }};
 
 }  // namespace qel::layer
-
-void fault::BeginReport() {
-  using namespace qel::layer;
-  if (t_faultThread.reports++ != 0) return;
-  ++g_reports;
-  const int savedErrno = errno;
-  GiveUpAll();
-  errno = savedErrno;
-}
-
-void fault::EndReport() {
-  using namespace qel::layer;
-  if (--t_faultThread.reports != 0 || --g_reports != 0) return;
-  const int savedErrno = errno;
-  KeepReportDescriptors();
-  errno = savedErrno;
-}

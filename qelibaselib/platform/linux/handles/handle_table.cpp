@@ -1,6 +1,6 @@
 #include "qelibaselib/platform/linux/handles/handle_table.h"
 
-#include <mutex>
+#include "qelibaselib/platform/linux/base/patient_mutex.h"
 
 namespace qel::layer {
 
@@ -9,12 +9,15 @@ constinit Slot g_slots[kSlots];
 namespace {
 
 constexpr uint32_t kGenerations = 1u << 12;
+// Slots for who cannot have the list of free ones: a report that needs its mutexes. Given out once; slot 0 never is.
+constexpr uint32_t kSparesEnd = 33;
 
 constinit std::atomic<uint32_t> g_openCount{0};    // views and blocks, which are counted but have no handle
 constinit std::atomic<uint32_t> g_handleCount{0};  // changed under the mutex alone
-constinit std::mutex g_freeMutex;
+constinit PatientMutex g_freeMutex;
 constinit uint32_t g_firstFree = 0;  // 0 ends the list: slot 0 is never given out, its first handle would be null
-constinit uint32_t g_unused = 1;
+constinit uint32_t g_unused = kSparesEnd;
+constinit std::atomic<uint32_t> g_nextSpare{1};
 
 void CountHandle(int change) {
   g_handleCount.store(g_handleCount.load(std::memory_order_relaxed) + static_cast<uint32_t>(change),
@@ -26,8 +29,18 @@ void FreeSlot(uint32_t slot) {
   g_firstFree = slot;
 }
 
+// 0 when all are given out.
+uint32_t TakeSpareSlot() {
+  uint32_t slot = g_nextSpare.load(std::memory_order_relaxed);
+  while (slot < kSparesEnd && !g_nextSpare.compare_exchange_weak(slot, slot + 1, std::memory_order_relaxed)) {
+  }
+  return slot < kSparesEnd ? slot : 0;
+}
+
 uint32_t TakeSlot() {
-  const std::lock_guard lock(g_freeMutex);
+  const PatientLock lock(g_freeMutex);
+  if (!lock) [[unlikely]]
+    return TakeSpareSlot();
   const bool unused = g_firstFree == 0;
   if (unused && g_unused == kSlots) return 0;
   CountHandle(1);
@@ -36,7 +49,8 @@ uint32_t TakeSlot() {
 
 // For a table that has given out no handle of this slot yet.
 bool TakeSlotAt(uint32_t slot) {
-  const std::lock_guard lock(g_freeMutex);
+  const PatientLock lock(g_freeMutex);
+  if (!lock) return false;
   if (slot < g_unused) {
     uint32_t* place = &g_firstFree;
     while (*place != 0 && *place != slot) place = &g_slots[*place].nextFree;
@@ -97,11 +111,8 @@ bool RemoveHandle(HANDLE handle) {
 }
 
 void VisitHandles(const std::function<void(HANDLE, Object*)>& visit) {
-  uint32_t end;
-  {
-    const std::lock_guard lock(g_freeMutex);
-    end = g_unused;
-  }
+  uint32_t end = kSlots;
+  if (const PatientLock lock(g_freeMutex); lock) end = g_unused;
   for (uint32_t slot = 1; slot < end; ++slot) {
     const Pin pin(g_slots[slot]);
     if (pin.get()) visit(MakeHandle(slot, g_slots[slot].generation), pin.get());
@@ -114,7 +125,8 @@ uint32_t OpenCount() {
   return g_openCount.load(std::memory_order_relaxed) + g_handleCount.load(std::memory_order_relaxed);
 }
 
-const ForkedPart kHandleTableAtFork = {[] { g_freeMutex.lock(); }, [](bool) { g_freeMutex.unlock(); }};
+const ForkedPart kHandleTableAtFork = {[] { g_freeMutex.LockBeforeFork(); },
+                                       [](bool inChild) { g_freeMutex.UnlockAfterFork(inChild); }};
 
 void Pin::Empty(Slot& slot) {
   uint32_t expected = kClosed;
@@ -123,9 +135,9 @@ void Pin::Empty(Slot& slot) {
 
 void Pin::ReleaseSlot(Slot& slot) {
   Object* object = std::exchange(slot.object, nullptr);
-  {
-    const std::lock_guard lock(g_freeMutex);
-    FreeSlot(static_cast<uint32_t>(&slot - g_slots));
+  const auto number = static_cast<uint32_t>(&slot - g_slots);
+  if (const PatientLock lock(g_freeMutex); number >= kSparesEnd && lock) {
+    FreeSlot(number);
     CountHandle(-1);
   }
   object->Release();

@@ -1,5 +1,7 @@
+#include <dlfcn.h>
 #include <link.h>
 #include <strings.h>
+#include <sys/auxv.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,7 +10,6 @@
 
 #include "qelibaselib/platform/linux/files/path.h"
 #include "qelibaselib/platform/linux/memory/regions.h"
-#include "qelibaselib/platform/linux/modules/loaded_headers.h"
 #include "qelibaselib/platform/linux/modules/program_path.h"
 #include "qelibaselib/platform/linux/modules/walk_memory.h"
 #include "qelibaselib/platform/linux/system/version.h"
@@ -38,28 +39,19 @@ struct ModuleImage {
   const char* path;  // empty for the program; lives as long as the module is loaded
 };
 
-struct ModuleSearch {
-  HMODULE wanted;  // null: the program, which is listed first
-  ModuleImage* module;
-};
-
-int Examine(dl_phdr_info* info, size_t, void* context) {
-  auto& search = *static_cast<ModuleSearch*>(context);
-  ModuleImage& module = *search.module;
-  const LoadedRange range = FindLoadedRange(*info, LoadedHeaders(*info));
-  if (range.end == 0 || (search.wanted && AddressOf(search.wanted) != range.start)) return 0;
-  module.base = range.start;
-  module.end = static_cast<uint32_t>(RoundUp(uint64_t{range.end}, kPageSize));
-  ElfW(Ehdr) header;
-  const bool isRead = OwnMemory().Read(module.base, &header, sizeof header);
-  module.entryPoint = isRead && header.e_entry ? info->dlpi_addr + header.e_entry : 0;
-  module.path = info->dlpi_name;
-  return 1;
-}
-
+// The loader tells of one address without its lock, which a thread that was stopped may hold for ever.
 bool FindModule(HMODULE wanted, ModuleImage* module) {
-  ModuleSearch search = {wanted, module};
-  return dl_iterate_phdr(Examine, &search) == 1;
+  const void* const place = wanted ? wanted : PointerTo(getauxval(AT_PHDR));  // the program's own headers
+  dl_find_object known;
+  if (_dl_find_object(const_cast<void*>(place), &known) != 0) return false;
+  module->base = PageOf(AddressOf(known.dlfo_map_start));
+  module->end = static_cast<uint32_t>(RoundUp(uint64_t{AddressOf(known.dlfo_map_end)}, kPageSize));
+  if (wanted && AddressOf(wanted) != module->base) return false;
+  ElfW(Ehdr) header;
+  const bool isRead = OwnMemory().Read(module->base, &header, sizeof header);
+  module->entryPoint = isRead && header.e_entry ? known.dlfo_link_map->l_addr + header.e_entry : 0;
+  module->path = known.dlfo_link_map->l_name;
+  return true;
 }
 
 // Null when there is no such module.

@@ -2,26 +2,24 @@
 // be broken or locked by the very thread that faulted.
 #include "qelibaselib/platform/linux/modules/symbol_store.h"
 
-#include <pthread.h>
-
 #include <algorithm>
-#include <atomic>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <new>
 #include <span>
 #include <string_view>
 
+#include "qelibaselib/platform/fault/fault.h"
+#include "qelibaselib/platform/linux/base/patient_mutex.h"
 #include "qelibaselib/platform/linux/modules/loaded_module.h"
 #include "qelibaselib/platform/linux/modules/program_path.h"
 #include "qelibaselib/platform/linux/modules/symbol_name.h"
+#include "qelibaselib/platform/linux/modules/walk_memory.h"
 
 namespace qel::layer {
 namespace {
 
 constexpr std::size_t kStoredNameCharacters = 1024;
-constexpr time_t kLockSeconds = 2;
 
 struct ModuleCounts {
   unsigned long long loads = 0;
@@ -55,38 +53,11 @@ class ModuleList {
 struct Store {
   ModuleList list;  // sorted by start
   ModuleCounts counts;
+  bool isStale = false;  // the loader's list could not be had
 };
 
-// A thread that faults in the store and comes again for its report must fail, not wait for itself.
-pthread_mutex_t g_lock = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
-// Nobody waits a second time for a thread that did not leave.
-std::atomic<bool> g_isStuck = false;
-
-bool LockStore() {
-  if (g_isStuck) return pthread_mutex_trylock(&g_lock) == 0;
-  timespec deadline;
-  clock_gettime(CLOCK_MONOTONIC, &deadline);
-  deadline.tv_sec += kLockSeconds;
-  const int error = pthread_mutex_clocklock(&g_lock, CLOCK_MONOTONIC, &deadline);
-  if (error == ETIMEDOUT) g_isStuck = true;
-  return error == 0;
-}
-
-class StoreLock {
- public:
-  StoreLock() : owns_(LockStore()) {
-    if (owns_) g_isStuck = false;
-  }
-  StoreLock(const StoreLock&) = delete;
-  StoreLock& operator=(const StoreLock&) = delete;
-  ~StoreLock() {
-    if (owns_) pthread_mutex_unlock(&g_lock);
-  }
-  explicit operator bool() const { return owns_; }
-
- private:
-  const bool owns_;
-};
+// A thread that faults in the store and comes again for its report fails, and does not wait for itself.
+constinit PatientMutex g_mutex;
 
 // Never destroyed: a fault at the end of the process is reported too.
 Store& TheStore() {
@@ -135,12 +106,55 @@ void Reload(Store& store, bool keep) {
   store.list.Swap(now);
 }
 
-LoadedModule* FindModule(uint32_t address) {
+void Follow(Store& store) {
+  ModuleCounts counts;
+  dl_iterate_phdr(
+      [](dl_phdr_info* info, std::size_t, void* result) {
+        *static_cast<ModuleCounts*>(result) = {info->dlpi_adds, info->dlpi_subs};
+        return 1;
+      },
+      &counts);
+  if (!store.list.modules().empty() && counts == store.counts) return;
+  Reload(store, counts.unloads == store.counts.unloads);
+  store.counts = counts;
+}
+
+LoadedModule* FindListed(uint32_t address) {
   const auto modules = TheStore().list.modules();
   const auto next = std::upper_bound(modules.begin(), modules.end(), address,
                                      [](uint32_t value, const LoadedModule& module) { return value < module.start; });
   if (next == modules.begin() || address >= (next - 1)->end) return nullptr;
   return &*(next - 1);
+}
+
+// The loader tells of one address without its lock. False when the address is in no module.
+bool DescribeUnlisted(uint32_t address, LoadedModule& module) {
+  dl_find_object known;
+  if (_dl_find_object(reinterpret_cast<void*>(address), &known) != 0) return false;
+  Elf32_Ehdr header;
+  const auto start = reinterpret_cast<uint32_t>(known.dlfo_map_start);
+  if (!OwnMemory().Read(start, &header, sizeof header)) header = {};
+  dl_phdr_info info{};
+  info.dlpi_addr = known.dlfo_link_map->l_addr;
+  info.dlpi_name = known.dlfo_link_map->l_name;
+  info.dlpi_phdr = reinterpret_cast<const Elf32_Phdr*>(start + header.e_phoff);
+  info.dlpi_phnum = header.e_phnum;
+  module = Describe(info);
+  return true;
+}
+
+/// Returns `use(module)` for the module that the address lies in; `none` when there is none. Where the store, or the
+/// loader's list for it, cannot be had, the module is described once more for this one question.
+template <class Result, class Use>
+Result AskModule(uint32_t address, Result none, Use use) {
+  {
+    const PatientLock lock(g_mutex);
+    LoadedModule* const listed = lock ? FindListed(address) : nullptr;
+    if (listed) return use(*listed);
+    if (lock && !TheStore().isStale) return none;
+  }
+  LoadedModule module;
+  return DescribeUnlisted(address, module) ? use(module) : none;
 }
 
 void CopyName(std::string_view name, char* text, std::size_t size) {
@@ -152,84 +166,68 @@ void CopyName(std::string_view name, char* text, std::size_t size) {
 
 }  // namespace
 
-bool RefreshModules() {
-  const StoreLock lock;
-  if (!lock) return false;
+void RefreshModules() {
+  const PatientLock lock(g_mutex);
+  if (!lock) return;
   Store& store = TheStore();
-  ModuleCounts counts;
-  dl_iterate_phdr(
-      [](dl_phdr_info* info, std::size_t, void* result) {
-        *static_cast<ModuleCounts*>(result) = {info->dlpi_adds, info->dlpi_subs};
-        return 1;
-      },
-      &counts);
-  if (store.list.modules().empty() || !(counts == store.counts)) {
-    Reload(store, counts.unloads == store.counts.unloads);
-    store.counts = counts;
+  store.isStale = true;
+  try {
+    fault::Run([&] { Follow(store); });
+    store.isStale = false;
+  } catch (...) {  // the loader's lock is held for ever: see faults/lock_watch.cpp
   }
-  return true;
 }
 
 uint32_t FindModuleBase(uint32_t address) {
-  const StoreLock lock;
-  const LoadedModule* module = lock ? FindModule(address) : nullptr;
-  return module ? module->start : 0;
+  return AskModule(address, uint32_t{0}, [](const LoadedModule& module) { return module.start; });
 }
 
 bool IsModuleCode(uint32_t address) {
-  const StoreLock lock;
-  const LoadedModule* module = lock ? FindModule(address) : nullptr;
-  return module && FindSegment(*module, PT_LOAD, [&](const Elf32_Phdr& segment) {
-           return (segment.p_flags & PF_X) != 0 && address - module->bias - segment.p_vaddr < segment.p_memsz;
-         });
+  return AskModule(address, false, [&](const LoadedModule& module) {
+    return FindSegment(module, PT_LOAD, [&](const Elf32_Phdr& segment) {
+             return (segment.p_flags & PF_X) != 0 && address - module.bias - segment.p_vaddr < segment.p_memsz;
+           }) != nullptr;
+  });
 }
 
 bool FindUnwindTables(uint32_t address, UnwindTables& tables) {
-  const StoreLock lock;
-  const LoadedModule* module = lock ? FindModule(address) : nullptr;
-  const Elf32_Phdr* header = module ? FindSegment(*module, PT_GNU_EH_FRAME) : nullptr;
-  if (!header) return false;
-  tables.header = module->bias + header->p_vaddr;
-  tables.headerEnd = tables.header + header->p_memsz;
-  return true;
+  return AskModule(address, false, [&](const LoadedModule& module) {
+    const Elf32_Phdr* header = FindSegment(module, PT_GNU_EH_FRAME);
+    if (!header) return false;
+    tables.header = module.bias + header->p_vaddr;
+    tables.headerEnd = tables.header + header->p_memsz;
+    return true;
+  });
 }
 
 bool FindFunction(uint32_t address, FoundFunction& found, char* name, std::size_t size) {
-  const StoreLock lock;
-  LoadedModule* module = lock ? FindModule(address) : nullptr;
-  if (!module) return false;
-  if (!module->isRead) {
-    module->isRead = true;  // before: where reading faults it is not tried again
-    module->symbols = ReadModuleSymbols(*module);
-  }
-  const SymbolTable::Function* function = module->symbols.Find(address - module->bias);
-  if (!function) return false;
-  found = {function->address + module->bias, function->size};
-  if (name) {
-    char stored[kStoredNameCharacters];
-    module->symbols.Name(*function, stored, sizeof stored);
-    ReadableName(stored, name, size);
-  }
-  return true;
+  return AskModule(address, false, [&](LoadedModule& module) {
+    if (!module.isRead) {
+      module.isRead = true;  // before: where reading faults it is not tried again
+      module.symbols = ReadModuleSymbols(module);
+    }
+    const SymbolTable::Function* function = module.symbols.Find(address - module.bias);
+    if (!function) return false;
+    found = {function->address + module.bias, function->size};
+    if (name) {
+      char stored[kStoredNameCharacters];
+      module.symbols.Name(*function, stored, sizeof stored);
+      ReadableName(stored, name, size);
+    }
+    return true;
+  });
 }
 
-const ForkedPart kSymbolStoreAtFork = {
-    [] { pthread_mutex_lock(&g_lock); },
-    [](bool inChild) {
-      if (inChild)
-        g_lock = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;  // which knows its owner by another id
-      else
-        pthread_mutex_unlock(&g_lock);
-    }};
+const ForkedPart kSymbolStoreAtFork = {[] { g_mutex.LockBeforeFork(); },
+                                       [](bool inChild) { g_mutex.UnlockAfterFork(inChild); }};
 
 bool FindModuleFile(uint32_t address, FoundFunction& found, char* name, std::size_t size) {
-  const StoreLock lock;
-  const LoadedModule* module = lock ? FindModule(address) : nullptr;
-  if (!module) return false;
-  found = {module->start, module->end - module->start};
-  const std::string_view path = module->path;
-  CopyName(path.substr(path.rfind('/') + 1), name, size);
-  return true;
+  return AskModule(address, false, [&](const LoadedModule& module) {
+    found = {module.start, module.end - module.start};
+    const std::string_view path = module.path;
+    CopyName(path.substr(path.rfind('/') + 1), name, size);
+    return true;
+  });
 }
 
 }  // namespace qel::layer

@@ -15,9 +15,10 @@ struct FoundFunction {
 };
 
 /// Looks at the list of loaded modules again when that has changed. A module's symbols are read at the first look-up in
-/// it. False when the store cannot be had: the thread is inside it already, which is so when a fault happened in there,
-/// or another thread that was stopped inside does not leave it within seconds. Nothing here takes memory from the heap.
-bool RefreshModules();
+/// it, and kept, unless another thread does not leave the store, or the loader's list, within seconds, or this thread
+/// has faulted in the store: the questions below are then answered one by one, without either. Nothing here takes
+/// memory from the heap.
+void RefreshModules();
 
 /// The address of the first byte of the module that the address lies in; 0 for none.
 uint32_t FindModuleBase(uint32_t address);

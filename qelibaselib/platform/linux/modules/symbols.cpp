@@ -38,7 +38,7 @@ DWORD FindSymbol(DWORD address, DWORD& displacement, IMAGEHLP_SYMBOL& symbol) {
 using namespace qel::layer;
 
 BOOL WINAPI SymInitialize(HANDLE, LPCSTR, BOOL) {
-  if (!RefreshModules()) return ReportResult(ERROR_BUSY);
+  RefreshModules();
   ++g_sessions;
   return TRUE;
 }

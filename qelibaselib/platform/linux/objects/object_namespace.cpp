@@ -5,11 +5,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <mutex>
 #include <new>
 
 #include "qelibaselib/platform/linux/base/coarse_clock.h"
 #include "qelibaselib/platform/linux/base/error.h"
+#include "qelibaselib/platform/linux/base/patient_mutex.h"
 #include "qelibaselib/platform/linux/objects/object_locks.h"
 #include "qelibaselib/platform/linux/objects/shared_folder.h"
 
@@ -22,8 +22,7 @@ class ObjectNamespace {
   void DropReference(Storage* storage);
   StorageReference ShareForOwner(Storage* storage);
   void LeaveAll();
-  void Lock() { gate_.lock(); }
-  void Unlock() { gate_.unlock(); }
+  PatientMutex& gate() { return gate_; }
   void ForgetInChild();
 
  private:
@@ -44,7 +43,7 @@ class ObjectNamespace {
   DWORD AttachToFile(const ObjectKey& key, const StorageRequest& request, bool create, StorageReference* out);
   DWORD MakePrivateMutex(const ObjectKey& key, const StorageRequest& request, StorageReference* out);
 
-  std::mutex gate_;
+  PatientMutex gate_;
   SharedFolder folder_;
   Storage* buckets_[kBuckets] = {};
   Storage* parked_[kMostParked] = {};
@@ -57,6 +56,11 @@ namespace {
 constinit ObjectNamespace g_namespace;
 
 constexpr int kMostStarts = 1000;
+
+DWORD MakeUnnamed(const StorageRequest& request, StorageReference* out) {
+  *out = StorageReference(Storage::NewPrivate(request));
+  return *out ? ERROR_SUCCESS : ERROR_NOT_ENOUGH_MEMORY;
+}
 
 DWORD ErrorOf(const AttachResult& result) {
   if (result.outcome == AttachResult::Outcome::kJoined) return ERROR_ALREADY_EXISTS;
@@ -133,7 +137,9 @@ void ObjectNamespace::Park(Storage* storage) {
 
 DWORD ObjectNamespace::Acquire(const ObjectKey& key, const StorageRequest& request, bool create,
                                StorageReference* out) {
-  const std::lock_guard lock(gate_);
+  const PatientLock lock(gate_);
+  // A mutex is always to be had: here one that nobody else knows.
+  if (!lock) return create && request.kind == Kind::kMutex ? MakeUnnamed(request, out) : ERROR_BUSY;
   if (Storage* known = *FindLink(key)) {
     const DWORD result = TakeUpKnown(known, request, create, out);
     if (*out || result != ERROR_BUSY) return result;
@@ -202,8 +208,10 @@ DWORD ObjectNamespace::MakePrivateMutex(const ObjectKey& key, const StorageReque
   return ERROR_SUCCESS;
 }
 
+// What nobody has named belongs to this reference alone.
 void ObjectNamespace::DropReference(Storage* storage) {
-  const std::lock_guard lock(gate_);
+  const PatientLock lock(gate_);
+  if (!lock && storage->nameState_ != NameState::kUnnamed) return;
   if (storage->references_.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
   const bool hasFile = storage->descriptor() >= 0;
   if (storage->nameState_ != NameState::kUnnamed && (!hasFile || left_)) Unlink(storage);
@@ -225,13 +233,14 @@ void ObjectNamespace::DropReference(Storage* storage) {
 }
 
 StorageReference ObjectNamespace::ShareForOwner(Storage* storage) {
-  const std::lock_guard lock(gate_);
+  const PatientLock lock(gate_);
   storage->AddReference();
   return StorageReference(storage);
 }
 
 void ObjectNamespace::LeaveAll() {
-  const std::lock_guard lock(gate_);
+  const PatientLock lock(gate_);
+  if (!lock) return;
   for (Storage* storage : buckets_)
     for (; storage; storage = storage->nextInBucket_)
       // Mappings stay, and what another thread is still inside of: the end of the process gives that up.
@@ -263,8 +272,7 @@ bool IsNameEmpty(const wchar_t* name) { return !name || !*name; }
 DWORD CreateStorage(const wchar_t* name, const StorageRequest& request, StorageReference* storage) {
   if (IsNameEmpty(name)) {
     if (request.inheritable || request.kind == Kind::kMapping) return Storage::NewInheritable(request, storage);
-    *storage = StorageReference(Storage::NewPrivate(request));
-    return *storage ? ERROR_SUCCESS : ERROR_NOT_ENOUGH_MEMORY;
+    return MakeUnnamed(request, storage);
   }
   ObjectKey key;
   if (const DWORD error = ParseObjectName(name, &key)) return error;
@@ -279,10 +287,10 @@ DWORD OpenStorage(const wchar_t* name, Kind kind, StorageReference* storage) {
   return result == ERROR_ALREADY_EXISTS ? ERROR_SUCCESS : result;
 }
 
-const ForkedPart kNamespaceAtFork = {[] { g_namespace.Lock(); },
+const ForkedPart kNamespaceAtFork = {[] { g_namespace.gate().LockBeforeFork(); },
                                      [](bool inChild) {
                                        if (inChild) g_namespace.ForgetInChild();
-                                       g_namespace.Unlock();
+                                       g_namespace.gate().UnlockAfterFork(inChild);
                                      }};
 
 void LeaveNamespace() { g_namespace.LeaveAll(); }

@@ -1,0 +1,66 @@
+/// @file
+/// The lock of a table that a report needs.
+///
+/// Problem: the thread that holds it may never go on. It was stopped, or waits in a fork handler of the host for the
+/// very thread that reports.
+///
+/// Idea: nobody waits longer than a second, which is thousands of times as long as any table is held. Who does not get
+/// the lock does without the table.
+#pragma once
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <ctime>
+
+namespace qel::layer {
+
+class PatientMutex {
+ public:
+  /// False for a thread that has it already, and when it was not had in time. After that nobody waits until it was had
+  /// again.
+  bool Lock() {
+    int error = pthread_mutex_trylock(&mutex_);
+    if (error != 0 && !isStuck_.load(std::memory_order_relaxed)) error = LockInTime();
+    if (error == 0 && isStuck_.load(std::memory_order_relaxed)) isStuck_.store(false, std::memory_order_relaxed);
+    return error == 0;
+  }
+  void Unlock() { pthread_mutex_unlock(&mutex_); }
+
+  void LockBeforeFork() { pthread_mutex_lock(&mutex_); }
+  void UnlockAfterFork(bool inChild) {
+    if (inChild)
+      mutex_ = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;  // which knows its owner by another number
+    else
+      Unlock();
+  }
+
+ private:
+  int LockInTime() {
+    timespec end;
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    end.tv_sec += 1;
+    const int error = pthread_mutex_clocklock(&mutex_, CLOCK_MONOTONIC, &end);
+    if (error == ETIMEDOUT) isStuck_.store(true, std::memory_order_relaxed);
+    return error;
+  }
+  pthread_mutex_t mutex_ = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
+  std::atomic<bool> isStuck_{false};
+};
+
+class PatientLock {
+ public:
+  explicit PatientLock(PatientMutex& mutex) : mutex_(mutex), owns_(mutex.Lock()) {}
+  PatientLock(const PatientLock&) = delete;
+  PatientLock& operator=(const PatientLock&) = delete;
+  ~PatientLock() {
+    if (owns_) mutex_.Unlock();
+  }
+  explicit operator bool() const { return owns_; }
+
+ private:
+  PatientMutex& mutex_;
+  const bool owns_;
+};
+
+}  // namespace qel::layer

@@ -1,0 +1,22 @@
+// What a thread does around a report.
+#include <cerrno>
+
+#include "qelibaselib/platform/linux/faults/fault_internal.h"
+
+void fault::BeginReport() {
+  using namespace qel::layer;
+  if (t_faultThread.reports++ != 0) return;
+  const int savedErrno = errno;
+  GiveUpReportDescriptors();
+  BeginLockWatch();
+  errno = savedErrno;
+}
+
+void fault::EndReport() {
+  using namespace qel::layer;
+  if (--t_faultThread.reports != 0) return;
+  const int savedErrno = errno;
+  EndLockWatch();
+  TakeBackReportDescriptors();
+  errno = savedErrno;
+}

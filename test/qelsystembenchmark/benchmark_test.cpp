@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <new>
 #include <sstream>
 
 #include "qelibaselib/qelibaselib.h"
@@ -86,6 +87,12 @@ TEST_F(Benchmark, TheReportNamesTheErrorOfTheStepThatFailed) {
     benchmark_.CheckOmpPerformanceRate();
   }
   EXPECT_EQ(error(), "LastErrNum =   1450");
+  {
+    const auto fail = +[](std::size_t, const std::nothrow_t&) noexcept -> void* { return nullptr; };
+    const qel::test::ReplaceCall allocate("_ZnwjRKSt9nothrow_t", fail);
+    benchmark_.CheckOmpPerformanceRate();
+  }
+  EXPECT_EQ(error(), "LastErrNum =      8");
   EXPECT_EQ(benchmark_.m_threadRates[2], 0);
   EXPECT_EQ(TakeMessages(qel::channel::kAssert).back().find("threads=2/2") != std::string::npos, true);
 }

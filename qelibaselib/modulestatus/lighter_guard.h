@@ -17,13 +17,11 @@
 
 namespace qel::report {
 
-/// Runs `body`; returns whether it ended without an exception. Otherwise a line in the module-status error channel
-/// names `function`.
+/// Runs `body`. When it ends by an exception, a line in the module-status error channel names `function`.
 template <class Body>
-bool GuardedReport(SourcePosition position, const char* function, Body&& body) {
+void GuardedReport(SourcePosition position, const char* function, Body&& body) {
   try {
     fault::Run(body);
-    return true;
   } catch (abi::__forced_unwind&) {  // the thread is cancelled
     throw;
   } catch (CException* exception) {
@@ -32,7 +30,6 @@ bool GuardedReport(SourcePosition position, const char* function, Body&& body) {
   } catch (...) {
     WriteLineF(channel::kModuleStatusError, position, "%s(catch(...))", function);
   }
-  return false;
 }
 
 }  // namespace qel::report

@@ -240,6 +240,9 @@ TEST(Profile, MissingKey) {
   EXPECT_STREQ(text, "abc");
   EXPECT_CALL(GetProfileStringA("qel-no-such-section", "key", "abcdef", text, 4), 3u, 0);
   EXPECT_STREQ(text, "abc");
+  if (OnWine()) return;
+  EXPECT_CALL(GetProfileStringA(nullptr, "key", nullptr, text, sizeof text), 0u, ERROR_INVALID_PARAMETER);
+  EXPECT_CALL(GetProfileStringA("section", nullptr, nullptr, text, sizeof text), 0u, ERROR_INVALID_PARAMETER);
 }
 
 }  // namespace

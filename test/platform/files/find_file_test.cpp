@@ -30,6 +30,9 @@ class FindFileTest : public FileTest {
       Write(std::string("d/") + name);
     Write("file");
     MakeFolder("empty");
+    MakeFolder("utf16");
+    if (!kLinux) return;
+    for (const char* name : {"\uFF21", "\U00020000", "\U0001F600", "\uD7A3"}) Write(std::string("utf16/") + name);
   }
 };
 
@@ -54,6 +57,7 @@ TEST_F(FindFileTest, OrderAndPatterns) {
       {L"d\\x*", L"error 2", nullptr},
       {L"empty\\*.*", L". ..", nullptr},
       {L"empty\\x*", L"error 2", nullptr},
+      {L"utf16\\*", L". .. \uD7A3 \U0001F600 \U00020000 \uFF21", L". .."},
       {L"d\\9", L"9", nullptr},
       {L"d", L"d", nullptr},
   };

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -147,6 +148,16 @@ TEST(MemoryStatus, ForkedChildTellsOfItself) {
               return block && before - AvailableVirtual() >= 32u << 20;
             }),
             0);
+}
+
+TEST(MemoryStatus, FollowsWhatTheHostMapsItself) {
+  constexpr size_t kBytes = 64 << 20;
+  const DWORDLONG before = AvailableVirtual();
+  void* const block = mmap(nullptr, kBytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  for (int tries = 0; tries < 1000 && AvailableVirtual() + kBytes / 2 > before; ++tries)
+    Sleep(10);  // it is kept a while
+  EXPECT_LE(AvailableVirtual() + kBytes / 2, before);
+  munmap(block, kBytes);
 }
 
 // A host that closes every descriptor, as daemons do, and opens files of its own under the same numbers.

@@ -50,6 +50,10 @@ TEST(Display, EndsBeforeItReturnsWhenAsked) {
     EXPECT_EQ(ms, 300u);
     return TRUE;
   });
+  auto time = STAND_IN(GetLocalTime, [](int, LPSYSTEMTIME now) {
+    EXPECT_EQ(VemoOMPGetNumThreads(), 1) << "the display's own thread";
+    GetLocalTime(now);
+  });
   Threads threads;
   VemoDispInf("text", 1);
   EXPECT_EQ(threads.Started(), 2);

@@ -182,8 +182,14 @@ TEST_F(Lock, FailedReleaseIsLogged) {
 
 // Each function's clauses name two lines of their own, which lie in the order of the functions.
 TEST_F(Lock, ExceptionsStayInside) {
+  static int left;  // exceptions that nobody has deleted
+  struct CountedException : CException {
+    CountedException() { ++left; }
+    ~CountedException() override { --left; }
+  };
+  left = 0;
   const auto misbehave = [](int nth) {
-    if (nth == 1) throw new CException;
+    if (nth == 1) throw new CountedException;
     throw std::string("other");
   };
   CLockMtx lock(mutex_, 0, kLine, kSource);
@@ -200,6 +206,7 @@ TEST_F(Lock, ExceptionsStayInside) {
   EXPECT_EQ(lock._Unlock(TRUE), 0);
   CLockMtx waiting(mutex_, 0, kLine, kSource);
   EXPECT_EQ(waiting._Lock(FALSE, 0), 0);
+  EXPECT_EQ(left, 0);
   std::vector<int> lines;
   std::string clauses;
   for (const auto& line : TakeLines(channel::kAssert)) {

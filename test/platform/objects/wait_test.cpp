@@ -161,6 +161,12 @@ TEST(CloseHandle, AnOldValueDoesNotReachANewObject) {
   if (!reused) EXPECT_CALL(CloseHandle(old), FALSE, ERROR_INVALID_HANDLE);
 }
 
+// More handles than the layer has places, one after the other.
+TEST(CloseHandle, LeavesItsPlaceToOthers) {
+  for (int i = 0; i < (kLinux ? 0x11000 : 100); ++i)
+    ASSERT_TRUE(CloseHandle(CreateEventW(nullptr, FALSE, FALSE, nullptr))) << i;
+}
+
 TEST(DuplicateHandle, IsAnotherHandleOfTheSameObject) {
   const HANDLE process = GetCurrentProcess();
   HANDLE copy = nullptr;

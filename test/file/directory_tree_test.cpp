@@ -137,6 +137,7 @@ TEST_F(DirectoryTree, AFileThatCannotBeCopiedStopsNothing) {
   const std::vector<LogLine> lines = TakeLines(channel::kFileOperation);
   ASSERT_EQ(lines.size(), 11u);
   EXPECT_TRUE(lines[0].sourceFile.ends_with("file/directory_tree.cpp")) << lines[0].sourceFile;
+  EXPECT_TRUE(lines[0].message.ends_with(", 0, 10000, 1000)")) << lines[0].message;
 }
 
 TEST_F(DirectoryTree, PathsEndAt259Characters) {

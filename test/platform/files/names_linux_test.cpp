@@ -87,6 +87,17 @@ TEST_F(LinuxNamesTest, PatternsSeeNamesAsTheyAreShown) {
   EXPECT_EQ(FoundNames(L"ab*"), (std::set<std::wstring>{L"ab", L"ab."}));
 }
 
+TEST_F(LinuxNamesTest, AreListedInTheOrderOfTheirUtf16) {
+  for (const char* name : {"\uFF21", "\U00020000", "\U0001F600", "\uD7A3"}) Write(name);
+  WIN32_FIND_DATAW data;
+  const HANDLE find = FindFirstFileW(L"*", &data);
+  std::wstring names;
+  do names += data.cFileName;
+  while (FindNextFileW(find, &data));
+  FindClose(find);
+  EXPECT_EQ(names, L"...\uD7A3\U0001F600\U00020000\uFF21");
+}
+
 TEST_F(LinuxNamesTest, SearchesThatGoWrong) {
   Write("file");
   for (const wchar_t* name : {L"file\\x", L"file\\x*"}) EXPECT_EQ(Find(name), Failure(267)) << name;

@@ -60,44 +60,6 @@ TEST_F(SharingTest, EachAccessMustBeInTheOthersShare) {
   }
 }
 
-TEST_F(SharingTest, AnyOfSeveralHoldersRefuses) {
-  FileHandle reader(At("f"), kR, kShareAll, OPEN_EXISTING), both(At("f"), kRW, 3, OPEN_EXISTING),
-      third(At("f"), kR, 3, OPEN_EXISTING);
-  ASSERT_TRUE(reader.IsOpen() && both.IsOpen() && third.IsOpen());
-  EXPECT_EQ(Create(At("f"), kR, 1, OPEN_EXISTING), Failure(32));
-  EXPECT_EQ(Delete(At("f")), Failure(32));
-  both.Close();
-  EXPECT_EQ(Create(At("f"), kR, 1, OPEN_EXISTING), Success(0));
-  EXPECT_EQ(Delete(At("f")), Failure(32));
-  third.Close();
-  EXPECT_EQ(Delete(At("f")), Success()) << "whoever has it open lets it go";
-  reader.Close();
-  EXPECT_FALSE(Exists("f"));
-  EXPECT_EQ(Create(At("f"), kW, 0, CREATE_NEW), Success(0));
-}
-
-TEST_F(SharingTest, HeldFileIsLeftAsItIs) {
-  FileHandle holder(At("f"), kR, 0, OPEN_EXISTING);
-  EXPECT_EQ(Create(At("f"), kW, kShareAll, CREATE_NEW), Failure(80));
-  for (const DWORD disposition : {CREATE_ALWAYS, OPEN_ALWAYS, TRUNCATE_EXISTING})
-    EXPECT_EQ(Create(At("f"), kW, kShareAll, disposition), Failure(32));
-  EXPECT_TRUE(Exists("f"));
-  EXPECT_EQ(Find(At("f").c_str()), Success());
-  EXPECT_TRUE(SetFileAttributesW(At("f").c_str(), FILE_ATTRIBUTE_READONLY));
-  EXPECT_TRUE(SetFileAttributesW(At("f").c_str(), FILE_ATTRIBUTE_NORMAL));
-  holder.Close();
-  EXPECT_EQ(Read("f"), "text");
-}
-
-TEST_F(SharingTest, DuplicateKeepsTheShareMode) {
-  FileHandle file(At("f"), kR, 0, OPEN_EXISTING);
-  Handle second = Duplicate(file.get());
-  file.Close();
-  EXPECT_EQ(Create(At("f"), kR, kShareAll, OPEN_EXISTING), Failure(32));
-  second.Close();
-  EXPECT_EQ(Create(At("f"), kR, kShareAll, OPEN_EXISTING), Success(0));
-}
-
 TEST_F(SharingTest, HoldsBetweenProcessesAndEndsWithAKilledOne) {
   auto child = Hold(kRW, 0);
   EXPECT_EQ(Create(At("f"), kR, kShareAll, OPEN_EXISTING), Failure(32));

@@ -1,17 +1,17 @@
-// Files and views for the tests of mappings.
+// Mapped files, views and blocks for the sections and tests of memory.
 #pragma once
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <string>
 #include <utility>
 
 #include "qelibaselib/platform/win32.h"
 #include "test/platform/objects/handles.h"
-#include "test/platform/target.h"
 #include "test/support/scratch_folder.h"
 
 namespace qel::test {
+
+inline constexpr DWORD kGranularity = 0x10000;
+inline constexpr DWORD kCommitAndReserve = MEM_COMMIT | MEM_RESERVE;
 
 // A file of so many letters x, open for reading and writing; all kinds of sharing are allowed.
 class MappedFile {
@@ -36,9 +36,13 @@ class MappedFile {
   Handle handle_;
 };
 
+inline HANDLE CreateMapping(HANDLE file, DWORD protection, DWORD bytes = 0, const wchar_t* name = nullptr) {
+  return CreateFileMappingW(file, nullptr, protection, 0, bytes, name);
+}
+
 inline MEMORY_BASIC_INFORMATION Query(const void* address) {
   MEMORY_BASIC_INFORMATION information = {};
-  EXPECT_EQ(VirtualQuery(address, &information, sizeof information), sizeof information);
+  information.RegionSize = VirtualQuery(address, &information, sizeof information) ? information.RegionSize : 0;
   return information;
 }
 
@@ -51,10 +55,25 @@ class View {
     if (base_) UnmapViewOfFile(base_);
   }
   explicit operator bool() const { return base_ != nullptr; }
+  operator const void*() const { return base_; }  // NOLINT: implicit by purpose
   char* base() const { return base_; }
   char& operator[](size_t index) const { return base_[index]; }
   char* Release() { return std::exchange(base_, nullptr); }
-  SIZE_T RegionBytes() const { return Query(base_).RegionSize; }
+
+ private:
+  char* base_;
+};
+
+class Block {
+ public:
+  explicit Block(SIZE_T bytes, DWORD type = kCommitAndReserve)
+      : base_(static_cast<char*>(VirtualAlloc(nullptr, bytes, type, PAGE_READWRITE))) {}
+  Block(const Block&) = delete;
+  Block& operator=(const Block&) = delete;
+  ~Block() {
+    if (base_) VirtualFree(base_, 0, MEM_RELEASE);
+  }
+  char* base() const { return base_; }
 
  private:
   char* base_;

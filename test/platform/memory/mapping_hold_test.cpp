@@ -37,14 +37,11 @@ void ExpectHeld(const MappedFile& file, bool forWriting) {
   EXPECT_CALL(OpenSharing(file, GENERIC_WRITE, kShareAll, TRUNCATE_EXISTING), INVALID_HANDLE_VALUE,
               ERROR_USER_MAPPED_FILE);
   for (const LONG size : {0l, 1l, static_cast<LONG>(kBytes - 1)}) {
-    if (!kLinux && size > 65535) continue;  // Wine lets go what no view shows
     EXPECT_CALL(Cut(file, size), FALSE, ERROR_USER_MAPPED_FILE);
   }
-  if (kLinux) {  // Wine holds fewer off
-    EXPECT_CALL(CopyOnto(file), FALSE, ERROR_USER_MAPPED_FILE);
-    EXPECT_EQ(_wfopen(file.Name().c_str(), L"w"), nullptr);
-    EXPECT_CALL(DeleteFileW(file.Name().c_str()), FALSE, ERROR_ACCESS_DENIED);
-  }
+  EXPECT_CALL(CopyOnto(file), FALSE, ERROR_USER_MAPPED_FILE);
+  EXPECT_EQ(_wfopen(file.Name().c_str(), L"w"), nullptr);
+  EXPECT_CALL(DeleteFileW(file.Name().c_str()), FALSE, ERROR_ACCESS_DENIED);
   EXPECT_EQ(file.Contents(), std::string(kBytes, 'x'));
   const Handle alone(OpenSharing(file, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE));
   EXPECT_EQ(alone == INVALID_HANDLE_VALUE, forWriting);
@@ -68,11 +65,9 @@ TEST(MappingHold, MappingOrViewOfThisProcess) {
     std::optional<View> view;
     {
       const Handle mapping(CreateFileMappingW(file.handle(), nullptr, protection, 0, 0, nullptr));
-      if (kLinux) {  // through the handle that the mapping was made of; Wine looks at views only
-        EXPECT_CALL(CutAt(file.handle(), 1), FALSE, ERROR_USER_MAPPED_FILE);
-      }
+      EXPECT_CALL(CutAt(file.handle(), 1), FALSE, ERROR_USER_MAPPED_FILE);  // the mapping's own handle
       file.Close();
-      if (kLinux) ExpectHeld(file, forWriting);
+      ExpectHeld(file, forWriting);
       view.emplace(mapping, FILE_MAP_READ, 0, 65536);
       ASSERT_TRUE(*view);
     }
@@ -84,7 +79,6 @@ TEST(MappingHold, MappingOrViewOfThisProcess) {
 
 // The marks of two mappings of one handle are the same bytes of the same lock owner.
 TEST(MappingHold, EachOfSeveralMappingsOfOneHandle) {
-  if (!kLinux) GTEST_SKIP() << "Wine looks at views only";
   const MappedFile file(kBytes);
   const auto map = [&](DWORD protection) {
     return Handle(CreateFileMappingW(file.handle(), nullptr, protection, 0, 0, nullptr));
@@ -112,7 +106,6 @@ CHILD_ROLE(HoldByMapping) {
 }
 
 TEST(MappingHold, MappingOfAnotherProcess) {
-  if (!kLinux) GTEST_SKIP() << "Wine looks at views only";
   for (const DWORD protection : {PAGE_READONLY, PAGE_READWRITE}) {
     MappedFile file(kBytes);
     file.Close();

@@ -15,6 +15,7 @@ namespace {
 
 constexpr int kNames = 3;
 constexpr int kProcesses = 4;
+constexpr int kKills = 300;
 
 std::wstring NameOf(const std::string& stem, int number) { return Widen(stem) + std::to_wstring(number); }
 
@@ -102,7 +103,7 @@ TEST(Kill, NoMutexIsStuckAndNothingIsLeft) {
   };
   std::vector<std::unique_ptr<ChildProcess>> children;
   for (int i = 0; i < kProcesses; ++i) children.push_back(start(children.size()));
-  for (int i = 0; i < kAffordableKills; ++i) {
+  for (int i = 0; i < kKills; ++i) {
     std::this_thread::sleep_for(std::chrono::microseconds(random() % 5000));
     const size_t place = random() % children.size();
     auto& child = children[place];

@@ -12,7 +12,5 @@ bool UsePrivateSharedMemory(const std::string& mountOptions = "size=4m");
 // is nothing.
 std::vector<std::string> ListSharedMemory();
 
-// How many processes a test may start: under Wine one takes half a second, and its mutexes are not what is tested.
-extern const int kAffordableKills;
 
 }  // namespace qel::test

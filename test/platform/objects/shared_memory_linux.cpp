@@ -8,8 +8,6 @@
 
 namespace qel::test {
 
-const int kAffordableKills = 300;
-
 bool UsePrivateSharedMemory(const std::string& mountOptions) {
   return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
          mount("test", "/dev/shm", "tmpfs", 0, ("mode=1777," + mountOptions).c_str()) == 0;

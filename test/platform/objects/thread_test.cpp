@@ -70,23 +70,6 @@ TEST(Threads, GoOnWithoutAHandle) {
   }
 }
 
-TEST(ThreadPriority, SevenValuesAndNoOther) {
-  Worker worker([]() -> DWORD { return 0; }, CREATE_SUSPENDED);
-  const HANDLE thread = worker.handle();
-  EXPECT_EQ(GetThreadPriority(thread), 0);
-  const std::set<int> allowed = {-15, -2, -1, 0, 1, 2, 15};
-  for (int priority = -20; priority <= 31; ++priority) {
-    SCOPED_TRACE(priority);
-    const int before = GetThreadPriority(thread);
-    const bool good = allowed.count(priority) != 0;
-    EXPECT_CALL(SetThreadPriority(thread, priority), good, good ? kUntouched : ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(GetThreadPriority(thread), good ? priority : before);
-  }
-  EXPECT_CALL(SetThreadPriority(nullptr, 0), FALSE, ERROR_INVALID_HANDLE);
-  EXPECT_CALL(GetThreadPriority(nullptr), THREAD_PRIORITY_ERROR_RETURN, ERROR_INVALID_HANDLE);
-  ResumeThread(thread);
-}
-
 // The pseudo handle is the caller's own; a copy of it is one thread's for good. The thread need not be the layer's.
 TEST(PseudoHandles, ADuplicateStaysWithItsThread) {
   HANDLE copy = nullptr;

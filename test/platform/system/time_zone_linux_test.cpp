@@ -40,12 +40,13 @@ int32_t AskLibrary(time_t utc) {
   return localtime_r(&utc, &local) ? static_cast<int32_t>(local.tm_gmtoff) : 0;
 }
 
-// 1902 to 2100, more of them near today.
+// 1902 to 2100, more of them near today, and a winter and a summer far ahead.
 std::vector<time_t> SomeInstants() {
   std::mt19937_64 random(5);
   std::vector<time_t> instants;
   for (int i = 0; i < 150; ++i) instants.push_back(-2'145'916'800 + static_cast<time_t>(random() % 6'248'707'200));
   for (int i = 0; i < 150; ++i) instants.push_back(1'500'000'000 + static_cast<time_t>(random() % 1'000'000'000));
+  instants.insert(instants.end(), {190'300'000'000, 190'315'000'000});
   return instants;
 }
 

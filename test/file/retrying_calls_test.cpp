@@ -131,6 +131,12 @@ TEST_F(RetryingCalls, EveryPassAsksForReadingFirst) {
   const std::string end = "CreateFileX(NULL, 0x40000000, 0x7, 0x" + Hex(&security) + ", 0x3, 0x123, 0xabc, 20, 20)";
   EXPECT_EQ(FileMessages(),
             (Messages{"retryCount=0, lastErr=5, Retry, " + end, "retryCount=1, lastErr=5, Complete, " + end}));
+  for (const DWORD access : {0ul, GENERIC_READ, GENERIC_READ | GENERIC_WRITE}) {  // nothing to be added
+    accesses.clear();
+    EXPECT_EQ(CreateFileX(HOST, nullptr, access, 7, nullptr, OPEN_EXISTING, 0, nullptr, 0, 0), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(accesses, std::vector<DWORD>{access});
+  }
+  TakeLines(channel::kFileOperation);
 }
 
 TEST_F(RetryingCalls, CopyMakesTheTargetsFolderAndOverwrites) {

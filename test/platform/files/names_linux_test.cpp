@@ -1,12 +1,26 @@
 // What only this system has: names that are no text, links, one root without drives.
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <set>
 
 #include "test/platform/files/file_calls.h"
 
 using namespace qel::test;
+
+namespace {
+int g_errorOfKernelCopies = 0;
+}
+// Stands before the C library's in every module.
+extern "C" __attribute__((visibility("default"))) ssize_t copy_file_range(int from, off64_t* fromAt, int to,
+                                                                          off64_t* toAt, size_t length,
+                                                                          unsigned flags) {
+  if (g_errorOfKernelCopies == 0) return syscall(SYS_copy_file_range, from, fromAt, to, toAt, length, flags);
+  errno = g_errorOfKernelCopies;
+  return -1;
+}
 
 class LinuxNamesTest : public FileTest {
  protected:
@@ -232,4 +246,17 @@ TEST_F(LinuxNamesTest, ReadOnlyIsNoWriteBit) {
 TEST_F(LinuxNamesTest, CopyOfAPseudoFile) {
   EXPECT_TRUE(CopyFileW(L"/proc/self/status", At("status").c_str(), TRUE));
   EXPECT_EQ(Read("status").substr(0, 5), "Name:");
+}
+
+TEST_F(LinuxNamesTest, CopyWhereTheKernelDoesNotCopy) {
+  Write("from", "contents");
+  for (const int error : {EXDEV, EINVAL, ENOSYS, EOPNOTSUPP, EPERM}) {
+    g_errorOfKernelCopies = error;
+    EXPECT_TRUE(CopyFileW(L"from", L"to", FALSE)) << error;
+    EXPECT_EQ(Read("to"), "contents") << error;
+    DeleteFileW(L"to");
+  }
+  g_errorOfKernelCopies = EIO;
+  EXPECT_EQ(Ask([&] { return CopyFileW(L"from", L"to", FALSE); }), Failure(ERROR_IO_DEVICE));
+  g_errorOfKernelCopies = 0;
 }

@@ -22,7 +22,7 @@ using qel::layer::FindZonePeriod;
 namespace {
 bool g_hasMoreRights = false;  // than the user who started the program
 }
-// Stands before the C library's in every module.
+// Stands before the C library's for the readers that are linked in once more.
 extern "C" unsigned long getauxval(unsigned long type) noexcept {
   if (type == AT_SECURE && g_hasMoreRights) return 1;
   static const auto real = reinterpret_cast<unsigned long (*)(unsigned long)>(dlsym(RTLD_NEXT, "getauxval"));

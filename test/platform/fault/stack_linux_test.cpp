@@ -1,18 +1,17 @@
 // Faults where the stack is small, used up, or not the thread's own.
 #include <alloca.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
 #include <string>
 
 #include "qelibaselib/platform/fault/fault.h"
 #include "test/platform/fault/provoke.h"
 #include "test/platform/fault/reports.h"
+#include "test/platform/fault/thread_stack_linux.h"
 #include "test/support/child_process.h"
 #include "test/support/log_folder.h"
 
@@ -22,43 +21,6 @@ namespace {
 constexpr size_t kKilobyte = 1024;
 
 size_t g_hostsStack;
-
-// How many bytes of the thread's stack are left.
-size_t RemainingStack() {
-  pthread_attr_t attributes;
-  pthread_getattr_np(pthread_self(), &attributes);
-  void* low = nullptr;
-  size_t bytes = 0;
-  pthread_attr_getstack(&attributes, &low, &bytes);
-  pthread_attr_destroy(&attributes);
-  return static_cast<size_t>(static_cast<char*>(__builtin_frame_address(0)) - static_cast<char*>(low));
-}
-
-OWN_FRAME void WithStackLeft(size_t left, const std::function<void()>& body) {
-  const size_t remaining = RemainingStack();
-  if (remaining > left) {
-    void* skipped = alloca(remaining - left);
-    __asm__ __volatile__("" : : "r"(skipped) : "memory");
-  }
-  body();
-}
-
-void OnThreadWithStack(size_t bytes, std::function<void()> body) {
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  ASSERT_EQ(pthread_attr_setstacksize(&attributes, bytes), 0);
-  pthread_t thread;
-  ASSERT_EQ(pthread_create(
-                &thread, &attributes,
-                [](void* argument) -> void* {
-                  (*static_cast<std::function<void()>*>(argument))();
-                  return nullptr;
-                },
-                &body),
-            0);
-  pthread_join(thread, nullptr);
-  pthread_attr_destroy(&attributes);
-}
 
 DWORD CodeOfOverflow() {
   int destroyed = 0;
@@ -74,7 +36,7 @@ TEST(StackOverflow, IsCaughtWhateverTheStackAndWhereverItEnds) {
   SKIP_UNDER_ASAN();
   for (const size_t bytes : {16, 20, 32, 64, 256, 1024, 8192}) {
     int failed = 0;
-    OnThreadWithStack(bytes * kKilobyte, [&] {
+    const bool ran = OnThreadWithStack(bytes * kKilobyte, [&] {
       fault::SetTranslator(&fault::ThrowCse);
       for (size_t offset = 0; offset<4096; offset += bytes> 256 ? 512 : 64) {
         volatile char* skipped = static_cast<char*>(alloca(32));
@@ -83,6 +45,7 @@ TEST(StackOverflow, IsCaughtWhateverTheStackAndWhereverItEnds) {
                       [&] { failed += CodeOfOverflow() != EXCEPTION_STACK_OVERFLOW; });
       }
     });
+    EXPECT_TRUE(ran);
     EXPECT_EQ(failed, 0) << bytes;
   }
 }

@@ -1,0 +1,15 @@
+// Threads whose stack is small, or nearly used up.
+#pragma once
+#include <cstddef>
+#include <functional>
+
+namespace qel::test {
+
+// How many bytes of the calling thread's stack are left.
+size_t RemainingStack();
+// Calls `body` with about that many bytes left of the stack, or with all that are left when these are fewer.
+void WithStackLeft(size_t left, const std::function<void()>& body);
+// Runs `body` on a thread of its own. False when there is none.
+bool OnThreadWithStack(size_t bytes, const std::function<void()>& body);
+
+}  // namespace qel::test

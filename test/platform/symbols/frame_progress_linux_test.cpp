@@ -7,6 +7,9 @@
 #include "qelibaselib/platform/win32.h"
 
 extern "C" __attribute__((noipa, noinline)) int CalledFunction(int value) { return value + 1; }
+// Without unwind tables, as some compilers leave the function by which code finds its own address.
+extern "C" void LoadReturnAddress();
+__asm__("LoadReturnAddress: movl (%esp), %ebx\n\tret");
 
 namespace qel::test {
 namespace {
@@ -31,6 +34,7 @@ struct Walker {
 TEST(UnmadeFrame, StillHasItsCaller) {
   const auto entry = AddressOf(reinterpret_cast<void*>(&CalledFunction));
   ASSERT_EQ(*reinterpret_cast<const BYTE*>(entry), 0x55) << "the function does not start with push ebp";
+  const auto load = AddressOf(reinterpret_cast<void*>(&LoadReturnAddress));
   const DWORD caller = AddressOf(reinterpret_cast<void*>(&CalledFunction)) + 9;  // any place in a module
   DWORD base[2] = {0, 0};
   const char data[4] = {};
@@ -40,10 +44,9 @@ TEST(UnmadeFrame, StillHasItsCaller) {
     const char* name;
     DWORD code, stack;
   } cases[] = {
-      {"entry", entry, AddressOf(&stack[1])},
-      {"pushed", entry + 1, AddressOf(&stack[0])},
-      {"null", 0, AddressOf(&stack[1])},
-      {"data", AddressOf(data), AddressOf(&stack[1])},
+      {"entry", entry, AddressOf(&stack[1])}, {"pushed", entry + 1, AddressOf(&stack[0])},
+      {"load", load, AddressOf(&stack[1])},   {"return", load + 3, AddressOf(&stack[1])},
+      {"null", 0, AddressOf(&stack[1])},      {"data", AddressOf(data), AddressOf(&stack[1])},
   };
   for (const auto& place : cases) {
     Walker walker(place.code, place.stack, AddressOf(base));

@@ -1,4 +1,5 @@
-// The walk against the compiler's own unwinder, at each instruction of a program that steps through itself.
+// The walk against the compiler's own unwinder, at each instruction of a program that steps through itself; and what the
+// debugger asks for that compares it with its own (walk_by_gdb.py).
 #include <gtest/gtest.h>
 #include <link.h>
 #include <ucontext.h>
@@ -11,6 +12,7 @@
 #include "qelibaselib/platform/fault/fault.h"
 #include "qelibaselib/platform/win32.h"
 #include "test/platform/symbols/walked_functions_linux.h"
+#include "test/support/child_process.h"
 #include "test/support/sanitizer.h"
 
 namespace qel::test {
@@ -189,6 +191,17 @@ TEST(StackWalk, AgreesWithTheCompilersUnwinderAtEachInstruction) {
   }
   std::printf("%d steps, %d of them to the outermost frame, %d without a reference\n", g_steps, g_complete, g_unsound);
   SymCleanup(GetCurrentProcess());
+}
+
+// The debugger fills the first, calls the function and reads the second.
+__attribute__((used)) CONTEXT g_debuggersContext;
+__attribute__((used)) Places g_debuggersPlaces;
+extern "C" __attribute__((used, noipa)) void WalkForDebugger() { g_debuggersPlaces = WalkFrom(g_debuggersContext); }
+
+CHILD_ROLE(WalkedByDebugger) {
+  SymInitialize(GetCurrentProcess(), nullptr, TRUE);
+  for (int seed = 1; seed < 20; ++seed) CallEveryShape(seed);
+  return 0;
 }
 
 }  // namespace

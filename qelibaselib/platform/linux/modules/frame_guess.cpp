@@ -13,6 +13,12 @@ constexpr uint32_t kScanBytes = 16 * 1024;
 constexpr DWORD kExecutable = PAGE_EXECUTE | PAGE_EXECUTE_READ | PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY;
 constexpr BYTE kPushEbp = 0x55;
 constexpr BYTE kBranchTarget[] = {0xF3, 0x0F, 0x1E, 0xFB};  // endbr32, before the frame is made
+constexpr BYTE kReturn = 0xC3;
+constexpr BYTE kReturnAndPop = 0xC2;
+constexpr BYTE kLoad = 0x8B;  // mov (%esp), any register
+constexpr BYTE kLoadMask = 0xC7;
+constexpr BYTE kLoadFromStack = 0x04;
+constexpr BYTE kStackPointer = 0x24;
 constexpr BYTE kCallRelative = 0xE8;
 constexpr uint32_t kCallRelativeBytes = 5;
 constexpr BYTE kCallIndirect = 0xFF;
@@ -20,11 +26,22 @@ constexpr BYTE kIndirectMask = 0x38;  // the second byte's middle bits tell a ca
 constexpr BYTE kIndirectIsCall = 0x10;
 constexpr uint32_t kLongestIndirect = 7;
 
-/// How far a function has got with making its frame: before "push ebp", between it and "mov ebp, esp", or behind (or it
-/// makes none; nothing is known about it then).
+/// How far a function has got with making its frame: before "push ebp" (or at its return), between it and "mov ebp,
+/// esp", or behind (or it makes none; nothing is known about it then).
 enum class FrameProgress { kNone, kPushed, kWhole };
 
+/// Whether the function is about to return, from a frame that it has taken back or, as those that load their caller's
+/// address into a register, never made.
+bool IsReturn(const WalkMemory& memory, uint32_t address) {
+  BYTE code[4];
+  if (!memory.Read(address, code, 1)) return false;
+  if (code[0] == kReturn || code[0] == kReturnAndPop) return true;
+  return memory.Read(address, code, sizeof code) && code[0] == kLoad && (code[1] & kLoadMask) == kLoadFromStack &&
+         code[2] == kStackPointer && code[3] == kReturn;
+}
+
 FrameProgress FindProgress(const WalkMemory& memory, uint32_t address) {
+  if (IsReturn(memory, address)) return FrameProgress::kNone;
   FoundFunction function;
   if (!FindFunction(address, function, nullptr, 0)) return FrameProgress::kWhole;
   uint32_t entry = function.address;

@@ -1,0 +1,93 @@
+"""The layer's stack walk against the debugger's, at random instructions of functions of every shape.
+
+Runs inside gdb: gdb -batch -x walk_by_gdb.py PROGRAM. The program steps on by a random number of instructions; then gdb
+has it walk its own stack from the registers that it has, and compares every frame's instruction and stack pointer. Only
+where gdb takes data for code there is nothing to compare: the tables of some functions in assembler are wrong. Nor is
+there inside the kernel's own module, whose tables gdb does not read.
+"""
+import os
+import random
+import struct
+
+POINTS = int(os.environ.get("QEL_WALK_POINTS", "500"))
+LONGEST_STEP = 120
+REGISTERS = ("Eax", "Ebx", "Ecx", "Edx", "Esi", "Edi", "Eip", "Esp", "Ebp")
+PLACES = "'qel::test::(anonymous namespace)::g_debuggersPlaces'"
+CONTEXT = "'qel::test::(anonymous namespace)::g_debuggersContext'"
+
+
+def gdbs_frames():
+    """Frames that have no stack of their own are gdb's invention: inlined functions, and callers by a jump."""
+    frames = []
+    frame = gdb.newest_frame()
+    while frame is not None:
+        if frame.type() not in (gdb.INLINE_FRAME, gdb.TAILCALL_FRAME):
+            stack = int(frame.read_register("esp")) & 0xFFFFFFFF
+            if frame.pc() != 0:
+                frames.append((frame.pc(), stack))
+        frame = frame.older()
+    return frames
+
+
+def mappings_of_code():
+    lines = [line.split() for line in open(f"/proc/{gdb.selected_inferior().pid}/maps")]
+    return [[int(end, 16) for end in line[0].split("-")] for line in lines if "x" in line[1]]
+
+
+def is_of_kernel(address):
+    return "system-supplied" in gdb.execute(f"info symbol {address}", to_string=True)
+
+
+def our_frames():
+    for name in REGISTERS:
+        gdb.execute(f"set var {CONTEXT}.{name} = ${name.lower()}")
+    gdb.execute("call (void)WalkForDebugger()", to_string=True)
+    count = int(gdb.parse_and_eval(f"{PLACES}.count"))
+    start = int(gdb.parse_and_eval(f"(unsigned)&{PLACES}.list[0]"))
+    words = struct.unpack(f"<{2 * count}I", gdb.selected_inferior().read_memory(start, 8 * count).tobytes())
+    return list(zip(words[::2], words[1::2]))
+
+
+def describe(frames):
+    return "\n".join(f"  {pc:08x} {stack:08x} {gdb.execute(f'info symbol {pc}', to_string=True).strip()}"
+                     for pc, stack in frames)
+
+
+def compare_at_points(generator):
+    compared, unsound, different = 0, 0, []
+    code = mappings_of_code()
+    while compared < POINTS:
+        gdb.execute(f"stepi {generator.randint(1, LONGEST_STEP)}", to_string=True)
+        if not gdb.selected_inferior().pid:
+            break
+        theirs, ours = gdbs_frames(), our_frames()
+        if is_of_kernel(theirs[0][0]):  # where a clock is read again until the kernel leaves it alone for a moment
+            gdb.execute(f"advance *{ours[1][0]}", to_string=True)
+            continue
+        compared += 1
+        if not all(any(start <= pc < end for start, end in code) for pc, _ in theirs):
+            unsound += 1
+        elif ours != theirs:
+            different.append((ours, theirs))
+    return compared, unsound, different
+
+
+def main():
+    seed = int(os.environ.get("QEL_WALK_SEED", random.randrange(1 << 31)))
+    for setting in ("pagination off", "confirm off", "backtrace past-main on", "backtrace past-entry on",
+                    "debuginfod enabled off", "environment LD_BIND_NOW 1"):
+        gdb.execute(f"set {setting}")
+    for signal in ("SIGSEGV", "SIGUSR1"):
+        gdb.execute(f"handle {signal} nostop noprint pass", to_string=True)
+    gdb.execute("break qel::test::CallEveryShape", to_string=True)
+    gdb.execute("run --role=WalkedByDebugger", to_string=True)
+    gdb.execute("delete", to_string=True)
+    compared, unsound, different = compare_at_points(random.Random(seed))
+    print(f"walk_by_gdb: {compared} points, {len(different)} with other frames, {unsound} where gdb is lost, seed {seed}")
+    for ours, theirs in different[:3]:
+        print("ours:\n" + describe(ours) + "\ngdb's:\n" + describe(theirs))
+    gdb.execute("kill", to_string=True)
+    gdb.execute(f"quit {0 if compared == POINTS and unsound < POINTS / 20 and not different else 1}")
+
+
+main()

@@ -59,6 +59,7 @@ std::vector<time_t> SomeInstants() {
   for (int i = 0; i < 150; ++i) instants.push_back(-2'145'916'800 + static_cast<time_t>(random() % 6'248'707'200));
   for (int i = 0; i < 150; ++i) instants.push_back(1'500'000'000 + static_cast<time_t>(random() % 1'000'000'000));
   instants.insert(instants.end(), {190'300'000'000, 190'315'000'000});
+  instants.push_back(1'709'250'000);  // a leap day
   return instants;
 }
 
@@ -70,13 +71,14 @@ TEST(TimeZone, EveryZoneOfTheMachine) {
   size_t zones = 0;
   for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
     const std::string name = entry.path().lexically_relative(folder).string();
-    if (!entry.is_regular_file() || name.starts_with("right/")) continue;
+    if (!entry.is_regular_file()) continue;
     std::ifstream file(entry.path(), std::ios::binary);
     const std::string bytes(std::istreambuf_iterator<char>(file), {});
     if (!bytes.starts_with("TZif")) continue;
     ZoneScope::Set(name.c_str());
     ++zones;
     for (const time_t utc : instants) {
+      if (name.starts_with("right/") && utc < 190'000'000'000) continue;  // leap seconds shift the changes
       const auto period = FindPeriodInZoneFile(bytes, utc);
       ASSERT_TRUE(period) << name;
       ASSERT_EQ(period->secondsEast, AskLibrary(utc)) << name << " at " << utc;

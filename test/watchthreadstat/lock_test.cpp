@@ -8,6 +8,7 @@
 #include "qelibaselib/watchthreadstat/lockmtx.h"
 #include "test/support/log_folder.h"
 #include "test/support/replace_call.h"
+#include "test/support/scratch_folder.h"
 
 namespace qel::test {
 namespace {
@@ -186,6 +187,7 @@ TEST_F(Lock, ExceptionsStayInside) {
   struct CountedException : CException {
     CountedException() { ++left; }
     ~CountedException() override { --left; }
+    BOOL GetErrorMessage(LPSTR text, UINT size, PUINT) const override { return std::snprintf(text, size, "told") > 0; }
   };
   left = 0;
   const auto misbehave = [](int nth) {
@@ -207,6 +209,9 @@ TEST_F(Lock, ExceptionsStayInside) {
   CLockMtx waiting(mutex_, 0, kLine, kSource);
   EXPECT_EQ(waiting._Lock(FALSE, 0), 0);
   EXPECT_EQ(left, 0);
+  const std::string report = ReadWholeFile(ChannelFile(channel::kExceptionReport));
+  for (const char* title : {"Exception CATCH_CE : told", "Exception CATCH_AE"})
+    EXPECT_NE(report.find(title), std::string::npos) << title;
   std::vector<int> lines;
   std::string clauses;
   for (const auto& line : TakeLines(channel::kAssert)) {

@@ -112,6 +112,18 @@ TEST_F(LinuxNamesTest, AreListedInTheOrderOfTheirUtf16) {
   EXPECT_EQ(names, L"...\uD7A3\U0001F600\U00020000\uFF21");
 }
 
+TEST_F(LinuxNamesTest, AreListedInTheOrderOfUtf16) {
+  MakeFolder("d");
+  for (const char* name : {"\uFF21", "\U00020000", "\U0001F600", "\uD7A3"}) Write(std::string("d/") + name);
+  WIN32_FIND_DATAW data;
+  const HANDLE find = FindFirstFileW(L"d\\*", &data);
+  std::wstring names;
+  do names += data.cFileName;
+  while (FindNextFileW(find, &data));
+  EXPECT_EQ(names, L"...\uD7A3\U0001F600\U00020000\uFF21");
+  FindClose(find);
+}
+
 TEST_F(LinuxNamesTest, SearchesThatGoWrong) {
   Write("file");
   for (const wchar_t* name : {L"file\\x", L"file\\x*"}) EXPECT_EQ(Find(name), Failure(267)) << name;

@@ -112,3 +112,10 @@ TEST_F(ReadWriteTest, WhereTheLayersOwnLocksAreIsBehindAnyFile) {
   ASSERT_TRUE(LockFileEx(owner.get(), LOCKFILE_EXCLUSIVE_LOCK, 0, 2, 0, &at2));
   EXPECT_EQ(WriteFrom(other.get(), "X", 1, &atShareBytes), (Moved{Failure(223), 0}));
 }
+
+TEST_F(ReadWriteTest, AnEmptyFileWhoseFirstByteIsLockedIsNotCopied) {
+  FileHandle owner(At("empty"));
+  OVERLAPPED at0 = AtOffset(0);
+  ASSERT_TRUE(LockFileEx(owner.get(), LOCKFILE_EXCLUSIVE_LOCK, 0, 1, 0, &at0));
+  EXPECT_EQ(Ask([&] { return CopyFileW(L"empty", L"copy", FALSE); }), Failure(33));
+}

@@ -16,11 +16,13 @@ std::string_view ProcFile::Read(char* buffer, size_t size) {
     const ssize_t got = pread(kept.number(), buffer, size, 0);
     if (got > 0 && IsText({buffer, static_cast<size_t>(got)})) return {buffer, static_cast<size_t>(got)};
   }
-  // The former descriptor is not closed: its number may belong to something of the host's by now.
+  // The former descriptor is never closed: its number may belong to something of the host's by now. One that is still
+  // ours, and only could not be read this time, stays.
   Descriptor opened(open(path_, O_RDONLY | O_CLOEXEC));
   if (opened.get() < 0) return {};
   const ssize_t got = pread(opened.get(), buffer, size, 0);
-  if (kept_.compare_exchange_strong(kept, MarkedDescriptor(opened.get()))) static_cast<void>(opened.Detach());
+  if (!kept.IsOurs() && kept_.compare_exchange_strong(kept, MarkedDescriptor(opened.get())))
+    static_cast<void>(opened.Detach());
   return got > 0 ? std::string_view{buffer, static_cast<size_t>(got)} : std::string_view{};
 }
 

@@ -2,8 +2,10 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
+#include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/objects/object_locks.h"
 #include "qelibaselib/platform/linux/objects/robust_mutex.h"
 
@@ -35,6 +37,7 @@ AttachResult ObjectAttachment::Attach(const ObjectFilePlace& place, const Storag
   int64_t limit = 0;
   for (;;) {
     if (TryHoldExclusive(file_.get())) return MakeObject(place, request, create);
+    if (errno != EAGAIN && errno != EACCES) return FailWith(ErrorFromErrno(errno));  // no waiting helps
     if (HolderOf(file_.get()) == FileHolder::kUser && TryHoldShared(file_.get())) break;
     const int64_t now = MonotonicNs();
     if (limit == 0) limit = now + kMakerLimitNs;

@@ -10,7 +10,8 @@ namespace qel::layer {
 
 enum class FileHolder { kNone, kMaker, kUser };
 
-/// Becomes the maker (or remover) of the file; false when anyone holds it.
+/// Becomes the maker (or remover) of the file; false when anyone holds it (errno EAGAIN or EACCES), or when the system
+/// gives no locks (any other errno).
 bool TryHoldExclusive(int file);
 /// Becomes a user of the file, from maker or from nothing. False while a maker is at work.
 bool TryHoldShared(int file);

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/objects/block_reserve.h"
@@ -28,7 +29,7 @@ Storage* Storage::NewPrivate(const StorageRequest& request) {
 DWORD Storage::NewInheritable(const StorageRequest& request, StorageReference* out) {
   auto* storage = new (std::nothrow) Storage;
   if (!storage) return ERROR_NOT_ENOUGH_MEMORY;
-  *out = StorageReference(storage);
+  StorageReference made(storage);  // the caller's once it is whole: a storage without a state is no object
   storage->isInheritable_ = request.inheritable;
   storage->attachment_.TakeDescriptor(memfd_create("qel-object", MFD_CLOEXEC));
   if (storage->descriptor() < 0) return ErrorFromErrno(errno);
@@ -38,6 +39,7 @@ DWORD Storage::NewInheritable(const StorageRequest& request, StorageReference* o
   storage->attachment_.SetState(storage->state_);
   InitialiseState(*storage->state_, request);
   MarkValid(*storage->state_);
+  *out = std::move(made);
   return ERROR_SUCCESS;
 }
 

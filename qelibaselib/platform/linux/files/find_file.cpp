@@ -23,6 +23,7 @@
 
 #include "qelibaselib/platform/linux/base/descriptor.h"
 #include "qelibaselib/platform/linux/base/error.h"
+#include "qelibaselib/platform/linux/base/never_destroyed.h"
 #include "qelibaselib/platform/linux/files/file_attributes.h"
 #include "qelibaselib/platform/linux/files/name_pattern.h"
 #include "qelibaselib/platform/linux/files/path.h"
@@ -192,8 +193,8 @@ DWORD FindLastComponent(LPCWSTR name, SearchedName& pattern) {
 }
 
 FileSearch* FinishedSearch() {
-  static auto* search = new FileSearch(true);
-  return search;
+  static NeverDestroyed<FileSearch> search(true);
+  return &*search;
 }
 
 // A file has no entries: a search in it is told from one in a folder that is missing.

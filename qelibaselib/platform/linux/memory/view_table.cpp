@@ -3,6 +3,7 @@
 #include <new>
 #include <utility>
 
+#include "qelibaselib/platform/linux/base/never_destroyed.h"
 #include "qelibaselib/platform/linux/handles/handle_table.h"
 
 namespace qel::layer {
@@ -12,7 +13,7 @@ constinit std::mutex g_mutex;
 constinit std::atomic<uint32_t> g_changes{0};
 
 RegionTable::Regions& All() {
-  static auto* regions = new RegionTable::Regions;  // outlives every static destructor
+  static NeverDestroyed<RegionTable::Regions> regions;
   return *regions;
 }
 

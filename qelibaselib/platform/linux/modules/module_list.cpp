@@ -5,6 +5,7 @@
 #include <new>
 #include <utility>
 
+#include "qelibaselib/platform/linux/base/never_destroyed.h"
 #include "qelibaselib/platform/linux/win32/processthreadsapi.h"
 
 namespace qel::layer {
@@ -20,8 +21,7 @@ constinit size_t g_moduleCount = 0;
 
 // Held while an entry runs, so that a module is not unloaded under a call of it. Recursive: an entry may load another.
 std::recursive_mutex& Gate() {
-  alignas(std::recursive_mutex) static constinit std::byte memory[sizeof(std::recursive_mutex)] = {};
-  static auto* gate = new (memory) std::recursive_mutex;  // outlives every static destructor
+  static NeverDestroyed<std::recursive_mutex> gate;
   return *gate;
 }
 

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "qelibaselib/platform/fault/fault.h"
+#include "qelibaselib/platform/linux/base/never_destroyed.h"
 #include "qelibaselib/platform/linux/base/patient_mutex.h"
 #include "qelibaselib/platform/linux/modules/loaded_module.h"
 #include "qelibaselib/platform/linux/modules/program_path.h"
@@ -61,8 +62,7 @@ constinit PatientMutex g_mutex;
 
 // Never destroyed: a fault at the end of the process is reported too.
 Store& TheStore() {
-  alignas(Store) static constinit std::byte memory[sizeof(Store)] = {};
-  static auto* store = new (memory) Store;
+  static NeverDestroyed<Store> store;
   return *store;
 }
 

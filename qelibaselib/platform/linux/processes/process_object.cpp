@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "qelibaselib/platform/linux/base/descriptor.h"
+#include "qelibaselib/platform/linux/base/never_destroyed.h"
 #include "qelibaselib/platform/linux/handles/pseudo_handle.h"
 
 namespace qel::layer {
@@ -23,15 +24,17 @@ constexpr DWORD kSignalExitCode = 128;  // plus the signal, as a shell tells it
 
 constinit std::mutex g_childrenGate;
 
-// Children whose last handle was closed before they ended. Made under the gate; outlives every static destructor.
-std::vector<pid_t>* g_orphans = nullptr;
+// Children whose last handle was closed before they ended. Under the gate.
+std::vector<pid_t>& Orphans() {
+  static NeverDestroyed<std::vector<pid_t>> orphans;
+  return *orphans;
+}
 
 bool IsCollected(pid_t child) { return waitpid(child, nullptr, WNOHANG) != 0; }
 
 void AddOrphan(pid_t child) try {
-  if (!g_orphans) g_orphans = new std::vector<pid_t>;
-  std::erase_if(*g_orphans, IsCollected);
-  if (!IsCollected(child)) g_orphans->push_back(child);
+  std::erase_if(Orphans(), IsCollected);
+  if (!IsCollected(child)) Orphans().push_back(child);
 } catch (const std::bad_alloc&) {
   // The kernel keeps the child's entry until this process ends.
 }
@@ -52,7 +55,7 @@ void SleepUntilEnd(const Descriptor& end, int64_t untilNs) {
 
 const ForkedPart kChildrenAtFork = {[] { g_childrenGate.lock(); },
                                     [](bool inChild) {
-                                      if (inChild && g_orphans) g_orphans->clear();
+                                      if (inChild) Orphans().clear();
                                       g_childrenGate.unlock();
                                     }};
 

@@ -35,7 +35,7 @@ DumpLine ToDumpLine(const std::vector<std::string>& groups) {
 std::vector<int> ReadArea(ReportReader& reader, const std::string& name, int size) {
   std::vector<int> bytes;
   for (int index = 0; index < size; index += 16) {
-    char start[16];
+    char start[24];
     std::snprintf(start, sizeof start, "\\[%3d\\] :", index);
     const auto groups = reader.Match(name + start + "((?: [0-9a-f]{2}){8} -(?: [0-9a-f]{2}){8})");
     if (groups.empty()) break;

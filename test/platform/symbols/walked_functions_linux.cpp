@@ -11,7 +11,6 @@
 #include <stdexcept>
 #include <string>
 
-#pragma GCC optimize("O2", "omit-frame-pointer")
 #define QEL_OWN_FRAME __attribute__((noipa, noinline))
 
 namespace qel::test {

@@ -2,8 +2,8 @@
 /// Large blocks between memory and files, through one mapped view of at most 16 MiB at a time. See
 /// qelibaselib/file/file.h for what holds for all.
 ///
-/// `shortageThreshold`: while IsPhysMemShortage says so for this load in percent, each view is flushed before it is
-/// unmapped; negative: never.
+/// `shortageThreshold` is a memory load in percent: while IsPhysMemShortage reports a shortage for it, each view is
+/// flushed before it is unmapped. A negative one never flushes.
 ///
 /// What was written before a failure stays in the target, which has its full size by then. Each failing step writes an
 /// assertion line besides the lines of the wrappers. There is no mapping of an empty file, so nothing but Mem2File can

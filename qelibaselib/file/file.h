@@ -11,6 +11,9 @@
 /// - No exception leaves them. A fault, of a bad pointer for instance, is logged by the guard, and the function returns
 ///   what its result was so far, in general its failure value.
 /// - They may be called from any thread; nothing is shared but the log.
+/// - The no-cache decision would have small files written and flushed through views while memory is plentiful: files
+///   below the size and a memory load below the percentage of VemoSetNoCacheFlushLimit. It is switched off for good, so
+///   that every write is a WriteFile and every flush is done.
 #pragma once
 #include "qelibaselib/file/bulk_transfer.h"
 #include "qelibaselib/file/directory_tree.h"

@@ -5,7 +5,7 @@
 
 QEL_FUNCTIONS_BEGIN
 /// FlushViewOfFile, with retries. `bytesToFlush` 0 is all of the view behind `baseAddress`. `file` is the file of the
-/// view, which only the no-cache decision looks at (qelibaselib/file/no_cache_decision.h); INVALID_HANDLE_VALUE flushes
+/// view, which only the no-cache decision looks at; INVALID_HANDLE_VALUE flushes
 /// in any case.
 ///
 /// A lock violation is retried up to 100 times, 30 ms apart. Failures, retried successes and every flush that took

@@ -10,8 +10,7 @@ QEL_API BOOL ReadFileX(int line, const char* sourceFile, HANDLE file, void* buff
 
 /// WriteFile, the arguments as given. ERROR_IO_PENDING of an overlapped write is returned without a line. A write that
 /// took fewer bytes than given is logged and still TRUE.
-/// Without `overlapped` and when the no-cache decision (qelibaselib/file/no_cache_decision.h) says so, WriteFileMMF
-/// instead.
+/// Without `overlapped` and when the no-cache decision says so, WriteFileMMF instead.
 QEL_API BOOL WriteFileX(int line, const char* sourceFile, HANDLE file, const void* buffer, DWORD bytesToWrite,
                         DWORD* bytesWritten, OVERLAPPED* overlapped);
 
@@ -30,7 +29,7 @@ QEL_API UINT GetTempFileNameX(int line, const char* sourceFile, const wchar_t* p
 QEL_API UINT GetTempFileNameTX(int line, const char* sourceFile, const char* pathName, const char* prefixString,
                                UINT unique, char* tempFileName);
 
-/// SHCreateDirectoryExW: makes a folder with all that lead to it. TRUE also when it is there already (last error 183 or
+/// SHCreateDirectoryExW: makes a folder and every missing folder above it. TRUE also when it is there already (last error 183 or
 /// 80) and for a root, for which the system is not asked. The last error is the shell's code unless that is 0.
 QEL_API BOOL SHCreateDirectoryExX(int line, const char* sourceFile, const wchar_t* pathName);
 

@@ -5,7 +5,7 @@
 /// sleep between two attempts. Time spent in the calls themselves does not count.
 ///
 /// Mind an interval of 0: CreateFileX and CopyFileX then take nothing from a budget that is not 0, so a sharing
-/// violation keeps them trying, without a pause, until it is over (kept behaviour; see docs/kept-behaviour.md).
+/// violation keeps them trying, without a pause, until it is over. Hosts rely on it as it is.
 #pragma once
 #include "qelibaselib/base/export.h"
 

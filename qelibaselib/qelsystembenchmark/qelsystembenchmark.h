@@ -36,7 +36,7 @@ class QEL_CLASS CQelSystemBenchmark {
 
   /// The mean rate over the timed runs, in MiB a second: memory, or with `useMappedFile` other than 0 views of the
   /// temporary file, which is gone again afterwards. The thread runs time-critical meanwhile. 0 when a buffer cannot be
-  /// had; a mapped file that is only read, or only written, is refused by the system so, since its mapping is for both.
+  /// had, and for a mapped file that is only read or only written: it is mapped for both, which the system refuses.
   double GetMemTransferRate(E_BENCH_ACCESSTYPE access, E_BENCH_READWRITE readWrite, int useMappedFile);
 
   /// Times the pixel loop with 1 to m_maximumThreads threads into m_threadRates. Ends before the first count that the

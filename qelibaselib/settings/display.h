@@ -1,11 +1,11 @@
 /// @file
-/// The display of a text: nothing is shown today, see docs/kept-behaviour.md.
+/// The display of a text: nothing is shown, only a short beep may be heard.
 #pragma once
 #include "qelibaselib/base/export.h"
 
 QEL_FUNCTIONS_BEGIN
 
-/// Puts `text` on display: nothing is shown, a short beep may be heard. Returns at once, or with `waitForEnd` non-zero
+/// Takes `text` for display, which shows nothing. Returns at once, or with `waitForEnd` non-zero
 /// when the display has ended. `text` is copied.
 QEL_API void VemoDispInf(const char* text, int waitForEnd);
 

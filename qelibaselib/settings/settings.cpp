@@ -17,7 +17,7 @@ constinit FolderSetting g_baseFolder;
 constinit FolderSetting g_executableFolder;
 constinit DWORD g_debugMode = 0;
 constinit DWORD g_noCacheFlushLimitBytes = 0x2000000;
-constinit DWORD g_noCacheFlushLimitSecond = 50;
+constinit DWORD g_noCacheMemoryLoad = 50;
 
 // The path is read before the flag is taken, so that a bad pointer does not use up the only chance; once the folder is
 // set it is not read at all.
@@ -57,13 +57,13 @@ DWORD VemoResetDebugMode(DWORD bits) {
 
 DWORD VemoGetDebugMode() { return g_debugMode; }
 
-DWORD VemoSetNoCacheFlushLimit(DWORD size, DWORD second) {
+DWORD VemoSetNoCacheFlushLimit(DWORD size, DWORD memoryLoad) {
   g_noCacheFlushLimitBytes = size;
-  g_noCacheFlushLimitSecond = second;
+  g_noCacheMemoryLoad = memoryLoad;
   return size;
 }
 
-DWORD VemoGetNoCacheFlushLimit(DWORD* second) {
-  qel::Guarded(QEL_HERE, [&] { *second = g_noCacheFlushLimitSecond; });
+DWORD VemoGetNoCacheFlushLimit(DWORD* memoryLoad) {
+  qel::Guarded(QEL_HERE, [&] { *memoryLoad = g_noCacheMemoryLoad; });
   return g_noCacheFlushLimitBytes;
 }

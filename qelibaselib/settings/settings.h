@@ -17,7 +17,7 @@ QEL_API int VemoSetTmpPath(const wchar_t* path);
 QEL_API int VemoSetDataPath(const wchar_t* path);
 /// The same for the base folder of the product.
 QEL_API int VemoSetBasePath(const wchar_t* path);
-/// The same for the place of the executable.
+/// The same for the folder of the executable.
 QEL_API int VemoSetExePath(const wchar_t* path);
 
 /// The folder of logs and reports, for the life of the process; before it is set "?:\???", on which every use fails.
@@ -28,7 +28,7 @@ QEL_API const wchar_t* VemoGetTmpPath();
 QEL_API const wchar_t* VemoGetDataPath();
 /// The same for the base folder of the product.
 QEL_API const wchar_t* VemoGetBasePath();
-/// The same for the place of the executable.
+/// The same for the folder of the executable.
 QEL_API const wchar_t* VemoGetExePath();
 
 /// Sets `bits` in the debug mode and returns them. The bits are the host's own: the library gives none a meaning.
@@ -38,9 +38,10 @@ QEL_API DWORD VemoResetDebugMode(DWORD bits);
 /// The bits that are set.
 QEL_API DWORD VemoGetDebugMode();
 
-/// Stores both values and returns `size`, which is in bytes.
-QEL_API DWORD VemoSetNoCacheFlushLimit(DWORD size, DWORD second);
-/// Returns the size (33,554,432 at first) and stores the second value (50 at first).
-QEL_API DWORD VemoGetNoCacheFlushLimit(DWORD* second);
+/// Sets the limits of the no-cache decision (qelibaselib/file/file.h): a file's size in bytes and the memory load in
+/// percent. Returns `size`.
+QEL_API DWORD VemoSetNoCacheFlushLimit(DWORD size, DWORD memoryLoad);
+/// Returns the size (33,554,432 at first) and stores the memory load (50 at first).
+QEL_API DWORD VemoGetNoCacheFlushLimit(DWORD* memoryLoad);
 
 QEL_FUNCTIONS_END

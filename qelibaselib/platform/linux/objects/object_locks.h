@@ -1,5 +1,5 @@
 /// @file
-/// Locks on the file of a named object: they alone say who is there.
+/// Locks on the file of a named object: they alone say which processes use the object.
 ///
 /// The locks belong to the open file description (OFD locks), so that a thread that opens and closes the same file does
 /// not drop them, and the kernel lifts them when the last process that shares the description ends.
@@ -13,7 +13,7 @@ enum class FileHolder { kNone, kMaker, kUser };
 /// Becomes the maker (or remover) of the file; false when anyone holds it (errno EAGAIN or EACCES), or when the system
 /// gives no locks (any other errno).
 bool TryHoldExclusive(int file);
-/// Becomes a user of the file, from maker or from nothing. False while a maker is at work.
+/// Becomes one of the processes that use the object, from maker or from nothing. False while a maker is at work.
 bool TryHoldShared(int file);
 /// Takes the number of a process; false when another has it. The kernel lifts the lock when the process ends, also
 /// after SIGKILL.
@@ -27,7 +27,7 @@ FileHolder HolderOf(int file);
 
 /// Takes the name from the file if it is still this file's.
 void UnlinkFile(int folder, int file, const char* fileName);
-/// Whether it is an ordinary file of this user that nobody else may open.
+/// Whether it is an ordinary file of the account `user` that no other account may open.
 bool IsOwnFile(int file, unsigned user);
 /// Gives up all holds; the last user removes the file.
 void LeaveFile(int folder, int file, const char* fileName);

@@ -1,5 +1,6 @@
 // Files as a Linux machine has them: of other owners, with several names, with holes; links, pipes, devices, sockets.
 #include <fcntl.h>
+#include <stdio_ext.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -9,6 +10,7 @@
 
 #include <csignal>
 
+#include "qelibaselib/modulestatus/status_report.h"
 #include "test/platform/files/file_calls.h"
 #include "test/platform/files/forked_child.h"
 #include "test/support/small_disk.h"
@@ -212,10 +214,17 @@ TEST_F(SpecialFilesTest, FileSizeLimitFailsTheWriteAndSparesTheHost) {
               if (Copy(L"long", L"copy") != 223 || IsThere("copy")) return 4;
               if (CreateFileMappingW(file.get(), nullptr, PAGE_READWRITE, 0, 100'000, nullptr)) return 5;
               if (CreateFileMappingW(nullptr, nullptr, PAGE_READWRITE, 0, 100'000, nullptr)) return 6;
-              FILE* stream = _wfopen(L"stream", L"at");
-              const bool failed = std::fputs(data.c_str(), stream) < 0 || std::fflush(stream) != 0;
-              std::fclose(stream);
-              return failed ? 0 : 7;
+              for (const wchar_t* mode : {L"at", L"ab", L"w+b"}) {
+                FILE* stream = _wfopen(L"stream", mode);
+                const bool failed = std::fputs(data.c_str(), stream) < 0 || std::fflush(stream) != 0;
+                std::fclose(stream);
+                if (!failed) return 7;
+              }
+              FILE* report = std::fopen("report", "w");
+              std::fseek(report, 8192, SEEK_SET);
+              ModuleStatusLogOut(report, L"title", "message");
+              __fpurge(report);  // what is left would be written by the host
+              return std::filesystem::file_size("report") == 0 ? 0 : 8;
             }),
             0);
   EXPECT_EQ(RunInChild([&] {

@@ -100,6 +100,15 @@ TEST_F(TextStreamTest, BinaryModesKeepTheBytes) {
   EXPECT_EQ(Read("f"), "a\r\nb\n");
   Put("f", L"wb", "c\n");
   EXPECT_EQ(Read("f"), "c\n");
+  FILE* file = OpenFile("f", L"r+b");
+  EXPECT_EQ(std::fgetc(file), 'c');
+  EXPECT_EQ(std::ftell(file), 1);
+  EXPECT_EQ(std::fseek(file, 0, SEEK_END), 0);
+  EXPECT_EQ(std::fputs("\r\n", file) >= 0, true);
+  std::rewind(file);
+  EXPECT_EQ(std::fgetc(file), 'c');
+  std::fclose(file);
+  EXPECT_EQ(Read("f"), "c\n\r\n");
 }
 
 TEST_F(TextStreamTest, Refusals) {

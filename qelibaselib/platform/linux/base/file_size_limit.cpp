@@ -8,6 +8,8 @@ extern "C" int __sigaction(int signal, const struct sigaction* action, struct si
 namespace qel::layer {
 namespace {
 
+bool (*g_isInGuard)() = nullptr;
+
 struct sigaction DefaultAction() {
   struct sigaction action = {};
   action.sa_handler = SIG_DFL;
@@ -15,7 +17,7 @@ struct sigaction DefaultAction() {
 }
 
 void OnFileSizeLimit(int signal) {
-  if (t_fileGrowths > 0) return;
+  if (t_fileGrowths > 0 || (g_isInGuard && g_isInGuard())) return;
   const struct sigaction action = DefaultAction();
   __sigaction(signal, &action, nullptr);
   syscall(SYS_tgkill, getpid(), gettid(), signal);  // takes effect when the handler returns
@@ -34,7 +36,8 @@ struct sigaction OwnAction() {
 
 }  // namespace
 
-void GuardFileSizeLimit() {
+void GuardFileSizeLimit(bool (*isInGuard)()) {
+  g_isInGuard = isInGuard;
   const struct sigaction action = DefaultAction();
   struct sigaction present;
   if (__sigaction(SIGXFSZ, nullptr, &present) == 0 && IsHandler(present, SIG_DFL))

@@ -1,5 +1,6 @@
 // What happens when the layer is loaded and unloaded.
 #include "qelibaselib/platform/linux/base/file_size_limit.h"
+#include "qelibaselib/platform/linux/faults/fault_internal.h"
 #include "qelibaselib/platform/linux/files/delete_on_close.h"
 #include "qelibaselib/platform/linux/files/sharing_board.h"
 #include "qelibaselib/platform/linux/modules/fork.h"
@@ -10,7 +11,7 @@ namespace qel::layer {
 namespace {
 
 __attribute__((constructor)) void Load() {
-  GuardFileSizeLimit();
+  GuardFileSizeLimit([] { return t_faultThread.innermost != nullptr; });
   InstallForkHandlers();
   AdoptInheritedEvents();
 }

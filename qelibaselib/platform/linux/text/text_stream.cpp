@@ -168,6 +168,19 @@ int Seek(void* cookie, off64_t* offset, int whence) {
   return 0;
 }
 
+// A binary stream is a cookie stream too, since a write of the C library's own beyond RLIMIT_FSIZE would end the host.
+ssize_t WritePlain(void* cookie, const char* data, size_t length) {
+  return WriteAll(static_cast<TextStream*>(cookie)->descriptor, data, length) ? static_cast<ssize_t>(length) : 0;
+}
+ssize_t ReadPlain(void* cookie, char* data, size_t length) {
+  return RetryOnInterrupt([&] { return read(static_cast<TextStream*>(cookie)->descriptor, data, length); });
+}
+int SeekPlain(void* cookie, off64_t* offset, int whence) {
+  const off64_t at = lseek64(static_cast<TextStream*>(cookie)->descriptor, *offset, whence);
+  if (at >= 0) *offset = at;
+  return at < 0 ? -1 : 0;
+}
+
 int Close(void* cookie) {
   auto* stream = static_cast<TextStream*>(cookie);
   const int result = static_cast<int>(syscall(SYS_close, stream->descriptor));  // no point of cancellation
@@ -237,11 +250,12 @@ DWORD OpenDescriptor(const wchar_t* name, const OpenMode& mode, int& result) {
   return ERROR_SUCCESS;
 }
 
-FILE* OpenTextStream(int descriptor, const char* mode) {
+FILE* OpenCookieStream(int descriptor, const OpenMode& mode) {
   auto* stream = new (std::nothrow) TextStream{descriptor};
   if (!stream) return nullptr;
-  // The descriptor appends, the stream need not know: it would ask for the end of the file at every ftell.
-  FILE* file = fopencookie(stream, mode[0] == 'r' ? "r" : "w", {Read, Write, Seek, Close});
+  // The descriptor appends, a text stream need not know: it would ask for the end of the file at every ftell.
+  FILE* file = mode.text ? fopencookie(stream, mode.stdio[0] == 'r' ? "r" : "w", {Read, Write, Seek, Close})
+                         : fopencookie(stream, mode.stdio, {ReadPlain, WritePlain, SeekPlain, Close});
   if (file)
     stream->file = file;
   else
@@ -252,7 +266,7 @@ FILE* OpenTextStream(int descriptor, const char* mode) {
 DWORD OpenStream(const wchar_t* name, const OpenMode& mode, FILE*& file) {
   int descriptor = -1;
   if (const DWORD error = OpenDescriptor(name, mode, descriptor)) return error;
-  file = mode.text ? OpenTextStream(descriptor, mode.stdio) : fdopen(descriptor, mode.stdio);
+  file = OpenCookieStream(descriptor, mode);
   if (file) return ERROR_SUCCESS;
   close(descriptor);
   return ERROR_NOT_ENOUGH_MEMORY;

@@ -14,7 +14,7 @@ using errno_t = int;
 
 extern "C" {
 /// Modes as fopen's with t (the default) or b; + only with b. Text streams write CR LF for a line feed and read it back
-/// as one; a flush writes what was buffered with one call. fileno() of a text stream is -1. A file that another handle
+/// as one; a flush writes what was buffered with one call. fileno() of the stream is -1. A file that another handle
 /// does not share is refused, but an open stream holds nobody off.
 QEL_LAYER FILE* __cdecl _wfopen(const wchar_t* path, const wchar_t* mode);
 

@@ -27,6 +27,10 @@ TEST_F(TextPositionTest, IsThatOfTheFile) {
                              : bytes.compare(position, 2, "\r\n") == 0 ? '\n'
                                                                        : bytes[position];
         EXPECT_EQ(character, expected) << position;
+        if (character == EOF) continue;
+        std::ungetc(character, file);
+        EXPECT_EQ(std::ftell(file), static_cast<long>(position)) << buffer << seeks;
+        std::fgetc(file);
       }
       std::fclose(file);
     }

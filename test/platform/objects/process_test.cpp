@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
+#include <csignal>
 #include <cstring>
 #include <thread>
 
@@ -71,6 +73,20 @@ TEST(Processes, GoOnWithoutAHandle) {
   const Handle event = CreateEventW(nullptr, FALSE, FALSE, name.c_str());
   StartRole("SignalEvent", Narrow(name));
   EXPECT_EQ(WaitForSingleObject(event, kLongMs), WAIT_OBJECT_0);
+}
+
+// The kernel's entry of a child whose handles were closed before it ended goes with the next such child.
+TEST(Processes, LeaveNoEntryWithoutAHandle) {
+  const auto end = [] {
+    const DWORD id = StartRole("SleepLong").id;
+    kill(static_cast<pid_t>(id), SIGKILL);
+    return id;
+  };
+  const DWORD id = end();
+  siginfo_t status;
+  EXPECT_EQ(waitid(P_PID, id, &status, WEXITED | WNOWAIT), 0);
+  end();
+  EXPECT_NE(waitid(P_PID, id, &status, WEXITED | WNOWAIT | WNOHANG), 0);
 }
 
 const std::vector<std::string>& OddArguments() {

@@ -74,6 +74,38 @@ TEST_F(SpecialFilesTest, AreShownAsDevicesAndNeverCopied) {
   EXPECT_EQ(Copy(L"dangling", L"copy"), DWORD{ERROR_FILE_NOT_FOUND});
 }
 
+TEST_F(SpecialFilesTest, WhatADanglingLinkLeadsToIsMade) {
+  MakeFolder("folder");
+  const auto create = [](const wchar_t* name, DWORD disposition, DWORD attributes) {
+    const HANDLE file = CreateFileW(name, GENERIC_WRITE, 0, nullptr, disposition, attributes, nullptr);
+    const DWORD error = GetLastError();
+    return file != INVALID_HANDLE_VALUE && CloseHandle(file) ? std::to_string(error) : "failed";
+  };
+  // The link, what it and the next link lead to, and the file that is made.
+  const struct {
+    const char *link, *target, *next;
+    const char* made;
+  } rows[] = {{"l", "made", nullptr, "made"},
+              {"folder/l", "../made", nullptr, "made"},
+              {"l", "folder/m", "../made", "made"},
+              {"l", "folder/made", nullptr, "folder/made"}};
+  for (const auto& row : rows) {
+    for (const DWORD disposition : {CREATE_ALWAYS, OPEN_ALWAYS}) {
+      SCOPED_TRACE(testing::Message() << row.link << " to " << row.target << ", " << disposition);
+      EXPECT_EQ(symlink(row.target, row.link), 0);
+      EXPECT_EQ(row.next ? symlink(row.next, row.target) : 0, 0);
+      const std::wstring link = std::filesystem::path(row.link).wstring();
+      EXPECT_EQ(create(link.c_str(), disposition, FILE_ATTRIBUTE_READONLY), "0");
+      EXPECT_EQ(ModeOf(row.made) & 0222, 0u) << "has the attributes of a new file";
+      chmod(row.made, 0644);
+      EXPECT_EQ(create(link.c_str(), disposition, 0), "183");
+      for (const char* name : {row.made, row.next ? row.target : row.made, row.link}) std::filesystem::remove(name);
+    }
+  }
+  EXPECT_EQ(symlink("round", "round"), 0);
+  EXPECT_EQ(create(L"round", CREATE_ALWAYS, 0), "failed");
+}
+
 TEST_F(SpecialFilesTest, StreamsNeverWaitForAPipe) {
   MakeFolder("folder");
   const int reader = open("fifo", O_RDONLY | O_NONBLOCK);
@@ -247,5 +279,6 @@ TEST_F(SpecialFilesTest, FailedCopyRemovesOnlyWhatItMade) {
   EXPECT_FALSE(std::filesystem::exists(disk.Path() / "new"));
   EXPECT_TRUE(std::filesystem::is_symlink(disk.Path() / "link"));
   EXPECT_TRUE(std::filesystem::is_symlink(disk.Path() / "to nothing"));
+  EXPECT_EQ(std::filesystem::file_size(disk.Path() / "not there"), 0u) << "no part passes for the whole";
   EXPECT_EQ(std::filesystem::file_size(disk.Path() / "old"), 0u);
 }

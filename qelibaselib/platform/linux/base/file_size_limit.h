@@ -5,9 +5,10 @@
 /// default action ends the process. A log line too many would take the host with it.
 ///
 /// The idea: where the host has the default action, a handler of the layer stands in its place, from the load on. It
-/// does nothing for a thread that is about to make a file of the layer longer, nor for one in a guard, where the library
-/// may be writing to a stream of the host, so that only the write fails. For any other thread it puts the default action back and sends the signal again, as if the layer were not there. A host with
-/// a handler of its own, or one that ignores the signal, is left alone.
+/// does nothing for a thread that is about to make a file of the layer longer, nor for one in a guard, where the
+/// library may be writing to a stream of the host, so that only the write fails. For any other thread it puts the
+/// default action back and sends the signal again, as if the layer were not there. A host with a handler of its own, or
+/// one that ignores the signal, is left alone.
 ///
 /// The invariant: every call of the layer that can lengthen a file stands in the scope of a FileGrowth.
 #pragma once

@@ -125,18 +125,18 @@ DWORD CheckLockedRanges(const OpenedFile& source) {
   return CheckRange(source.descriptor(), 0, size > 0 ? size : 1, false);
 }
 
+bool RemoveWhileNamed(const SystemPath& path, const OpenedFile& target) {
+  const SharingGate gate(KeyOf(target.descriptor()));
+  FileStatus made, named;
+  return ReadStatus(target.descriptor(), made) == 0 &&
+         ReadStatus(AT_FDCWD, path.text(), AT_SYMLINK_NOFOLLOW, named) == 0 && named.SameFile(made) &&
+         unlink(path.text()) == 0;
+}
+
 // A target that was there before keeps its name and loses its contents, since a part of the copy could pass for the
 // whole. One that this copy made is removed while the name still leads to it; a link never does.
 void TakeBack(const SystemPath& path, const OpenedFile& target) {
-  if (target.existed()) {
-    CutUnmappedFile(target.descriptor(), 0);
-    return;
-  }
-  const SharingGate gate(KeyOf(target.descriptor()));
-  FileStatus made, named;
-  if (ReadStatus(target.descriptor(), made) == 0 &&
-      ReadStatus(AT_FDCWD, path.text(), AT_SYMLINK_NOFOLLOW, named) == 0 && named.SameFile(made))
-    unlink(path.text());
+  if (target.existed() || !RemoveWhileNamed(path, target)) CutUnmappedFile(target.descriptor(), 0);
 }
 
 }  // namespace

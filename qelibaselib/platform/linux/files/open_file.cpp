@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstring>
 #include <utility>
 
 #include "qelibaselib/platform/linux/base/descriptor.h"
@@ -30,6 +32,35 @@ int FlagsFor(const FileRequest& request) {
 // A server of a network file system may be interrupted. The numbers of the standard streams stay the host's.
 int OpenDescriptorOf(const SystemPath& path, int flags, mode_t permissions = 0) {
   return MoveBehindStandard(RetryOnInterrupt([&] { return open(path.text(), flags, permissions); }));
+}
+
+using PathBuffer = char[PATH_MAX];
+
+// Puts what a link leads to in the place of its name. False when there is no link of that name.
+bool ReplaceLinkByTarget(PathBuffer& name) {
+  PathBuffer target;
+  const ssize_t length = readlink(name, target, sizeof target);
+  if (length < 0) return false;
+  const char* const separator = std::strrchr(name, '/');
+  const size_t folder = separator && target[0] != '/' ? separator + 1 - name : 0;
+  if (folder + length >= sizeof name) return false;
+  std::memcpy(name + folder, target, length);
+  name[folder + length] = 0;
+  return true;
+}
+
+// Makes the file that a dangling link leads to. O_EXCL follows no link, and without it nobody could tell whether the
+// file was there. -1 with errno EEXIST when it is there by now.
+int MakeBehindLink(const SystemPath& path, int flags, mode_t permissions) {
+  constexpr int kMostLinks = 40;
+  PathBuffer name = "";
+  if (std::strlen(path.text()) < sizeof name) std::strcpy(name, path.text());
+  for (int i = 0; i < kMostLinks && ReplaceLinkByTarget(name); ++i) {
+    const int made = RetryOnInterrupt([&] { return open(name, flags | O_CREAT | O_EXCL, permissions); });
+    if (made >= 0 || errno != EEXIST) return MoveBehindStandard(made);
+  }
+  errno = EEXIST;
+  return -1;
 }
 
 bool IsFolder(const SystemPath& path) {
@@ -110,7 +141,11 @@ DWORD OpenedFile::OpenDescriptor(const SystemPath& path, const FileRequest& requ
     if (descriptor_ >= 0) return ERROR_SUCCESS;
     if (errno != ENOENT) return ErrorOfExisting(errno, path, request);
   }
-  // Another process made or removed it a moment ago, or it is a link to a file that does not exist yet.
+  descriptor_ = MakeBehindLink(path, FlagsFor(request), permissions);
+  existed_ = descriptor_ < 0;
+  if (!existed_) return ERROR_SUCCESS;
+  if (errno != EEXIST) return PathError(errno, path);
+  // Another process made or removed it a moment ago.
   descriptor_ = OpenDescriptorOf(path, FlagsFor(request) | O_CREAT, permissions);
   return descriptor_ >= 0 ? ERROR_SUCCESS : PathError(errno, path);
 }

@@ -6,9 +6,9 @@
 #include "qelibaselib/qelibaselib.h"
 #include "test/modulestatus/captured_fault.h"
 #include "test/modulestatus/report_reader.h"
-#include "test/platform/target.h"
 #include "test/support/log_folder.h"
 #include "test/support/replace_call.h"
+#include "test/support/target.h"
 
 namespace qel::test {
 namespace {

@@ -5,10 +5,13 @@
 #include <ostream>
 #include <string>
 
-#include "test/platform/files/files_here.h"
 #include "test/platform/objects/handles.h"
+#include "test/support/scratch_folder.h"
 
 namespace qel::test {
+
+inline constexpr DWORD kR = GENERIC_READ, kW = GENERIC_WRITE, kRW = GENERIC_READ | GENERIC_WRITE;
+inline constexpr DWORD kShareAll = 7;
 
 struct Outcome {
   bool succeeded;
@@ -57,11 +60,27 @@ inline Outcome Find(const wchar_t* pattern) {
   return {find != INVALID_HANDLE_VALUE && FindClose(find), error};
 }
 
-class FileTest : public testing::Test, protected FilesHere {
+// The test's own folder, which is the current one meanwhile, so that relative names lead into it.
+class FileTest : public testing::Test {
  protected:
+  FileTest() : before_(std::filesystem::current_path()) { std::filesystem::current_path(scratch.Path()); }
+  ~FileTest() override { std::filesystem::current_path(before_); }
+
+  std::wstring At(const std::string& name) const { return scratch.Wide(name); }
+  void Write(const std::string& name, const std::string& bytes = "text") const {
+    WriteWholeFile(scratch.Path() / name, bytes);
+  }
+  std::string Read(const std::string& name) const { return ReadWholeFile(scratch.Path() / name); }
+  bool Exists(const std::string& name) const { return GetFileAttributesW(At(name).c_str()) != INVALID_FILE_ATTRIBUTES; }
+  void MakeFolder(const std::string& name) const { std::filesystem::create_directory(scratch.Path() / name); }
   void SetAttributes(const std::string& name, DWORD attributes) const {
     ASSERT_TRUE(SetFileAttributesW(At(name).c_str(), attributes));
   }
+
+  ScratchFolder scratch;
+
+ private:
+  std::filesystem::path before_;
 };
 
 }  // namespace qel::test

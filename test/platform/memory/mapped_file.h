@@ -55,7 +55,6 @@ class View {
     if (base_) UnmapViewOfFile(base_);
   }
   explicit operator bool() const { return base_ != nullptr; }
-  operator const void*() const { return base_; }  // NOLINT: implicit by purpose
   char* base() const { return base_; }
   char& operator[](size_t index) const { return base_[index]; }
   char* Release() { return std::exchange(base_, nullptr); }

@@ -3,8 +3,6 @@
 #include <string>
 #include <utility>
 
-#include "test/platform/target.h"
-#include "test/support/record.h"
 #include "test/support/worker.h"
 
 namespace qel::test {
@@ -22,6 +20,7 @@ auto WithLastError(DWORD before, Call call) {
   return std::pair{std::move(result), error};
 }
 
+inline constexpr DWORD kUntouched = 0x2BAD;
 #define EXPECT_CALL(call, result, error)                                                        \
   do {                                                                                          \
     const auto outcome = qel::test::WithLastError(qel::test::kUntouched, [&] { return call; }); \

@@ -51,7 +51,7 @@ TEST(MemoryStatus, Figures) {
   EXPECT_LE(status.dwMemoryLoad, 100u);
   EXPECT_GT(status.ullTotalPhys, 64u << 20);
   EXPECT_TRUE(status.ullAvailPhys > 0 && status.ullAvailPhys <= status.ullTotalPhys);
-  EXPECT_GE(status.ullTotalPageFile, ByTarget(status.ullTotalPhys, DWORDLONG{1}));
+  EXPECT_GE(status.ullTotalPageFile, status.ullTotalPhys);
   EXPECT_LE(status.ullAvailPageFile, status.ullTotalPageFile);
   EXPECT_EQ(status.ullTotalVirtual, 0x7FFE0000u);
   EXPECT_LE(status.ullAvailVirtual, status.ullTotalVirtual);
@@ -123,7 +123,7 @@ TEST(Module, NameOfTheProgram) {
   EXPECT_CALL(GetModuleFileNameA(nullptr, cut.data(), path.size()), path.size(), ERROR_INSUFFICIENT_BUFFER);
   EXPECT_EQ(path.substr(0, path.size() - 1), std::string(cut.data(), path.size() - 1));
   EXPECT_EQ(cut[path.size()], '#') << "nothing is written behind the buffer";
-  EXPECT_EQ(cut[path.size() - 1], ByTarget('\0', path.back()));
+  EXPECT_EQ(cut[path.size() - 1], '\0');
 }
 
 TEST(Module, InformationOfTheProgram) {
@@ -151,9 +151,7 @@ TEST(Module, LibrariesHaveNames) {
   const auto library = static_cast<HMODULE>(region.AllocationBase);
   char path[1024] = "";
   EXPECT_GT(GetModuleFileNameA(library, path, sizeof path), 0u);
-  if (kLinux) {
-    EXPECT_NE(std::string(path).find("libc.so"), std::string::npos) << path;
-  }
+  EXPECT_NE(std::string(path).find("libc.so"), std::string::npos) << path;
   EXPECT_CALL(GetModuleFileNameA(reinterpret_cast<HMODULE>(0x10000), path, sizeof path), 0u, ERROR_MOD_NOT_FOUND);
 }
 
@@ -178,14 +176,10 @@ TEST(Version, OfTheSystem) {
   EXPECT_CALL(query(&version), 0, kUntouched);
   EXPECT_EQ(version.dwPlatformId, 2u);
   EXPECT_EQ(version.wProductType, 1);
-  if (kLinux || OnWine()) {
-    EXPECT_EQ(version.dwMajorVersion, 6u);
-    EXPECT_EQ(version.dwMinorVersion, 1u);
-    EXPECT_EQ(version.dwBuildNumber, 7601u);
-  }
-  if (kLinux) {
-    EXPECT_EQ(std::wstring(version.szCSDVersion).substr(0, 6), L"Linux ");
-  }
+  EXPECT_EQ(version.dwMajorVersion, 6u);
+  EXPECT_EQ(version.dwMinorVersion, 1u);
+  EXPECT_EQ(version.dwBuildNumber, 7601u);
+  EXPECT_EQ(std::wstring(version.szCSDVersion).substr(0, 6), L"Linux ");
   OSVERSIONINFOEXW plain;
   std::memset(&plain, 0xEE, sizeof plain);
   plain.dwOSVersionInfoSize = 0;
@@ -207,7 +201,7 @@ TEST(Disks, RootsTypesAndSpace) {
   EXPECT_EQ(GetLogicalDriveStringsA(1, small), length + 1);
   bool anyFixed = false;
   for (const char* root = roots; *root; root += std::strlen(root) + 1) {
-    EXPECT_TRUE(root[std::strlen(root) - 1] == (kLinux ? '/' : '\\')) << root;
+    EXPECT_EQ(root[std::strlen(root) - 1], '/') << root;
     const UINT type = GetDriveTypeA(root);
     EXPECT_GE(type, DRIVE_REMOVABLE) << root;
     ULARGE_INTEGER available = {}, total = {}, free = {};
@@ -220,14 +214,11 @@ TEST(Disks, RootsTypesAndSpace) {
   }
   EXPECT_TRUE(anyFixed);
   EXPECT_TRUE(GetDiskFreeSpaceExA(nullptr, nullptr, nullptr, nullptr)) << "the current disk";
-  const char* const missing = kLinux ? "/no-such-folder/x" : "C:\\no-such-folder\\x";
-  EXPECT_CALL(GetDiskFreeSpaceExA(missing, nullptr, nullptr, nullptr), FALSE,
-              ByTarget<DWORD>(ERROR_PATH_NOT_FOUND, GetLastError()));
+  EXPECT_CALL(GetDiskFreeSpaceExA("/no-such-folder/x", nullptr, nullptr, nullptr), FALSE, ERROR_PATH_NOT_FOUND);
   EXPECT_EQ(GetDriveTypeA("no-such-disk"), DRIVE_NO_ROOT_DIR);
 }
 
 TEST(Beeper, Frequencies) {
-  if (OnWine()) GTEST_SKIP() << "Wine takes any frequency and returns at once";
   for (const DWORD frequency : {0ul, 36ul, 32768ul}) EXPECT_CALL(Beep(frequency, 1), FALSE, ERROR_INVALID_PARAMETER);
   EXPECT_CALL(Beep(37, 1), TRUE, kUntouched);
 }
@@ -240,7 +231,6 @@ TEST(Profile, MissingKey) {
   EXPECT_STREQ(text, "abc");
   EXPECT_CALL(GetProfileStringA("qel-no-such-section", "key", "abcdef", text, 4), 3u, 0);
   EXPECT_STREQ(text, "abc");
-  if (OnWine()) return;
   EXPECT_CALL(GetProfileStringA(nullptr, "key", nullptr, text, sizeof text), 0u, ERROR_INVALID_PARAMETER);
   EXPECT_CALL(GetProfileStringA("section", nullptr, nullptr, text, sizeof text), 0u, ERROR_INVALID_PARAMETER);
 }

@@ -45,4 +45,5 @@ TEST(SystemPathServicesTest, Parts) {
   EXPECT_STREQ(folder.c_str(), L"/a");
   EXPECT_STREQ(PathFindFileNameW(L"/log/12:30.txt"), L"12:30.txt");
   EXPECT_FALSE(PathIsRootW(L"/a"));
+  EXPECT_TRUE(PathIsRootW(L"/"));
 }

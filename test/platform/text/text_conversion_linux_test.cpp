@@ -13,6 +13,15 @@ TEST(EscapedBytesTest, RoundTrip) {
   }
 }
 
+TEST(EscapedBytesTest, CharactersOfFourBytes) {
+  wchar_t wide[4];
+  char narrow[8];
+  EXPECT_EQ(MultiByteToWideChar(CP_UTF8, 0, "\U0001F600", -1, wide, 4), 2);
+  EXPECT_STREQ(wide, L"\U0001F600");
+  EXPECT_EQ(WideCharToMultiByte(CP_UTF8, 0, wide, -1, narrow, 8, nullptr, nullptr), 5);
+  EXPECT_STREQ(narrow, "\U0001F600");
+}
+
 TEST(EscapedBytesTest, WhatIsNoCharacterIsReplaced) {
   for (const wchar_t bad : {static_cast<wchar_t>(0xD800), static_cast<wchar_t>(0x110000), static_cast<wchar_t>(-1)}) {
     const wchar_t wide[] = {L'a', bad, 0};

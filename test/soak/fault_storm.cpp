@@ -31,12 +31,13 @@ namespace {
 using namespace qel::test;
 using Random = std::mt19937;
 
-constexpr int kFaultsOfOneThread = 50;        // then it ends and another one, with another stack, takes its place
-constexpr size_t kRemainderOfGuard = 12'288;  // with less stack left a guard need not give the failure value
+constexpr int kFaultsOfOneThread = 50;  // then it ends and another one, with another stack, takes its place
 #ifdef QEL_SANITIZE
+constexpr size_t kRemainderOfGuard = 512 * 1024;  // all runs on the thread's own stack
 constexpr size_t kStackKilobytes[] = {1024};
 constexpr void (*kOtherFaults[])(int&) = {&FaultInDestructor, &FaultInDestructorWhileUnwinding, &FaultInNoexcept};
 #else
+constexpr size_t kRemainderOfGuard = 12'288;  // with less stack left a guard need not give the failure value
 constexpr size_t kStackKilobytes[] = {16, 20, 32, 64, 256, 1024};
 constexpr void (*kOtherFaults[])(int&) = {
     &FaultInDestructor,      &FaultInDestructorWhileUnwinding,      &FaultInNoexcept,

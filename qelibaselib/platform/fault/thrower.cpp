@@ -69,9 +69,14 @@ bool CanReachGuard(const GuardFrame* guard) {
 extern "C" void __asan_unpoison_memory_region(const volatile void* address, size_t bytes);
 #define QEL_NOT_SANITIZED __attribute__((no_sanitize_address))
 QEL_NOT_SANITIZED void ForgetSkippedFrames(const GuardFrame* guard) {
-  constexpr uintptr_t kThrowerBytes = 64 * 1024;
-  const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
-  const uintptr_t low = (guard->esp < here && here - guard->esp < kThrowerBytes ? guard->esp : here) - kThrowerBytes;
+  constexpr uintptr_t kThrowerBytes = 64 * 1024, kLargestStack = 8 * 1024 * 1024;
+  // Either may be on another stack than the guard.
+  const uintptr_t places[] = {guard->esp, reinterpret_cast<uintptr_t>(__builtin_frame_address(0))};
+  uintptr_t low = guard->frame;
+  for (const uintptr_t place : places) {
+    const bool isBelow = place < guard->frame && guard->frame - place < kLargestStack;
+    if (isBelow && place - kThrowerBytes < low) low = place - kThrowerBytes;
+  }
   __asan_unpoison_memory_region(reinterpret_cast<void*>(low), guard->frame - low);
 }
 #else

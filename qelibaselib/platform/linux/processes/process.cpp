@@ -7,6 +7,7 @@
 #include <atomic>
 #include <bit>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "qelibaselib/platform/linux/base/descriptor.h"
@@ -60,6 +61,18 @@ class ChildEnvironment {
   std::vector<char*> variables_;
 };
 
+// A folder of PATH that may not be searched makes posix_spawnp answer EACCES for a program that is nowhere, too.
+bool IsAnywhere(const std::string& program) {
+  const char* const path = std::getenv("PATH");
+  if (program.find('/') != program.npos || !path) return true;
+  for (const char* folder = path;; ++folder) {
+    const char* const end = strchrnul(folder, ':');
+    if (faccessat(AT_FDCWD, (std::string(folder, end) + '/' + program).c_str(), F_OK, AT_EACCESS) == 0) return true;
+    if (!*end) return false;
+    folder = end;
+  }
+}
+
 DWORD Spawn(std::string program, std::vector<std::string> arguments, bool inherit, pid_t* child) {
   std::replace(program.begin(), program.end(), '\\', '/');
   std::vector<char*> pointers;
@@ -75,6 +88,7 @@ DWORD Spawn(std::string program, std::vector<std::string> arguments, bool inheri
   const int result = posix_spawnp(child, program.c_str(), &actions, nullptr, pointers.data(), environment.get());
   posix_spawn_file_actions_destroy(&actions);
   if (result == ENOEXEC) return ERROR_BAD_EXE_FORMAT;
+  if (result == EACCES && !IsAnywhere(program)) return ERROR_FILE_NOT_FOUND;
   return result == 0 ? ERROR_SUCCESS : ErrorFromErrno(result);
 }
 

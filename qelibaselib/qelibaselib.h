@@ -18,6 +18,7 @@
 #include "qelibaselib/winapiwrap/winapiwrap.h"
 
 #ifdef __cplusplus
+static_assert(sizeof(void*) == 4, "QelIBaseLib is a 32-bit library: build the host with -m32 (Linux) or for i686");
 #include "qelibaselib/qelsystembenchmark/qelsystembenchmark.h"
 #include "qelibaselib/watchthreadstat/watchthreadstat.h"
 #endif

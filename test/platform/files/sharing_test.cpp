@@ -18,7 +18,7 @@ bool MayShare(Kind first, Kind second) {
 
 std::vector<Kind> AllKinds() {
   std::vector<Kind> kinds;
-  for (const DWORD access : {DWORD{0}, kR, kW, kRW, kR | DELETE, kW | DELETE, DWORD{DELETE}})
+  for (const DWORD access : {DWORD{0}, kR, kW, kRW, DWORD{kR | DELETE}, DWORD{kW | DELETE}, DWORD{DELETE}})
     for (DWORD share = 0; share <= kShareAll; ++share) kinds.push_back({access, share});
   return kinds;
 }

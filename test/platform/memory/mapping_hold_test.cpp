@@ -36,7 +36,7 @@ void ExpectHeld(const MappedFile& file, bool forWriting) {
   EXPECT_CALL(OpenSharing(file, GENERIC_WRITE, kShareAll, CREATE_ALWAYS), INVALID_HANDLE_VALUE, ERROR_USER_MAPPED_FILE);
   EXPECT_CALL(OpenSharing(file, GENERIC_WRITE, kShareAll, TRUNCATE_EXISTING), INVALID_HANDLE_VALUE,
               ERROR_USER_MAPPED_FILE);
-  for (const LONG size : {0l, 1l, static_cast<LONG>(kBytes - 1)}) {
+  for (const LONG size : {LONG{0}, LONG{1}, static_cast<LONG>(kBytes - 1)}) {
     EXPECT_CALL(Cut(file, size), FALSE, ERROR_USER_MAPPED_FILE);
   }
   EXPECT_CALL(CopyOnto(file), FALSE, ERROR_USER_MAPPED_FILE);

@@ -131,7 +131,7 @@ Handle InheritableEvent() {
 }
 std::string ValueOf(HANDLE handle) {
   char text[16];
-  std::snprintf(text, sizeof text, "%lx", static_cast<DWORD>(reinterpret_cast<uintptr_t>(handle)));
+  std::snprintf(text, sizeof text, "%lx", static_cast<unsigned long>(reinterpret_cast<uintptr_t>(handle)));
   return text;
 }
 

@@ -118,7 +118,7 @@ TEST(ThreadLocalSlots, HoldAValueForEachThread) {
   EXPECT_EQ(TlsAlloc(), slot);  // the first free one
   EXPECT_EQ(TlsGetValue(slot), nullptr);
   TlsFree(slot);
-  for (const DWORD none : {DWORD{1088}, TLS_OUT_OF_INDEXES}) {
+  for (const DWORD none : {DWORD{1088}, DWORD{TLS_OUT_OF_INDEXES}}) {
     EXPECT_CALL(TlsGetValue(none), nullptr, ERROR_INVALID_PARAMETER);
     EXPECT_CALL(TlsSetValue(none, nullptr), FALSE, ERROR_INVALID_PARAMETER);
     EXPECT_CALL(TlsFree(none), FALSE, ERROR_INVALID_PARAMETER);

@@ -28,11 +28,11 @@ class PatientMutex {
   void Unlock() { pthread_mutex_unlock(&mutex_); }
 
   void LockBeforeFork() { pthread_mutex_lock(&mutex_); }
+  /// The C library refuses to unlock it in the child, whose thread it knows by another number, so there the mutex is
+  /// made anew. Whoever watches the locks has seen it unlocked in both processes.
   void UnlockAfterFork(bool inChild) {
-    if (inChild)
-      mutex_ = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;  // which knows its owner by another number
-    else
-      Unlock();
+    Unlock();
+    if (inChild) mutex_ = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
   }
 
  private:

@@ -11,45 +11,12 @@
 
 #include <csignal>
 #include <cstdint>
-#include <optional>
 
 #include "qelibaselib/platform/fault/guard_frame.h"
-#include "qelibaselib/platform/linux/base/forked_part.h"
-#include "qelibaselib/platform/linux/faults/thread_timer.h"
+#include "qelibaselib/platform/linux/faults/fault_thread.h"
 
 namespace qel::layer {
 
-/// Where a stack lies: from its lowest byte to the first one behind it; zeros where that is not known.
-struct StackBounds {
-  uintptr_t low, high;
-  bool Contains(uintptr_t address) const { return address > low && address <= high; }
-};
-
-/// What a guard needs of its thread. One access with a segment register: the module is there when the process starts.
-struct FaultThread {
-  fault::GuardFrame* innermost;
-  fault::Translator translator;
-  bool ready;              ///< the thread was prepared
-  bool faultInAllocator;   ///< the last fault passed a function of the allocator, which may hold its lock
-  bool asksFilter;         ///< the filter runs
-  uint32_t reports;        ///< that the thread is in
-  bool maskIsKnown;        ///< the last fault passed a handler of the host; `mask` is that of the code it interrupted
-  uint32_t wishedMask;     ///< signals of faults that the host believes to have blocked: bits 1 << signal
-  uintptr_t handlerFrame;  ///< where on the stack a handler of the host was called; 0 when none runs
-  uint32_t handlerMask;    ///< what the host believes to be blocked while that handler runs, besides
-  struct LockWatch {
-    const fault::GuardFrame* outer;  ///< the innermost guard outside the report
-    const uint32_t* awaited;         ///< what the thread slept on at the last look
-    std::optional<ThreadTimer> timer;
-  } lockWatch;
-  sigset_t mask;
-  StackBounds stack;  ///< the stack that the thread runs on
-  void* stacks;       ///< memory of the signal stack and the spare stack; null when there was none
-};
-extern thread_local constinit FaultThread t_faultThread __attribute__((visibility("hidden")));
-
-/// First guard or probe of a thread, or its start.
-void PrepareFaultThread();
 /// Where a thrower starts that cannot use the thread's own stack; 0 when there is no such place.
 uintptr_t SpareStackTop(const FaultThread& thread);
 
@@ -86,15 +53,12 @@ void UnblockSignals();
 void PassToHost(int signal, siginfo_t* info, void* machine);
 void PassToOriginal(int signal, siginfo_t* info, void* machine);
 
-extern const ForkedPart kFaultSignalsAtFork;
-
 /// Takes the descriptors that are kept for reports, where they are not there and no report needs them now. See
 /// report_descriptors.cpp.
 void KeepReportDescriptors();
 /// Leaves them to a report; keeps them again after the last one.
 void GiveUpReportDescriptors();
 void TakeBackReportDescriptors();
-extern const ForkedPart kReportDescriptorsAtFork;
 
 /// The call of the kernel for the mask of this thread, without any wish. Returns an error number.
 int ChangeKernelMask(int how, const sigset_t* set, sigset_t* former);

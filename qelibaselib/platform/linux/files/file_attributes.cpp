@@ -95,7 +95,8 @@ int ChangeText(const Target& target, mode_t& mode, Change change) {
 template <class Target>
 int StoreText(const Target& target, mode_t& mode, DWORD stored) {
   char text[16];
-  const auto length = static_cast<size_t>(std::snprintf(text, sizeof text, "0x%lx", stored));
+  const auto length =
+      static_cast<size_t>(std::snprintf(text, sizeof text, "0x%lx", static_cast<unsigned long>(stored)));
   return ChangeText(target, mode, [&] { return target.SetText(text, length); });
 }
 

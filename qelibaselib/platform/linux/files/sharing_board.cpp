@@ -21,7 +21,8 @@
 namespace qel::layer {
 namespace {
 
-constexpr char kFileName[] = "file-sharing-1";  // the number is that of the layout
+// The number is that of the layout; a program of 64 bits, whose mutexes are longer, has a page of its own.
+constexpr const char* kFileName = sizeof(void*) == 4 ? "file-sharing-1" : "file-sharing-1-64";
 constexpr uint32_t kReady = 0x51454C31;
 static_assert(sizeof(SharingBoard) <= kPageSize);
 

@@ -75,7 +75,7 @@ HandleParts SplitHandle(HANDLE handle) {
 }
 
 HANDLE MakeHandle(uint32_t slot, uint32_t generation) {
-  return reinterpret_cast<HANDLE>(((generation << kSlotBits) | slot) << 2);
+  return reinterpret_cast<HANDLE>(uintptr_t{((generation << kSlotBits) | slot) << 2});
 }
 
 HANDLE OpenSlot(uint32_t slot, uint32_t generation, Object* object) {

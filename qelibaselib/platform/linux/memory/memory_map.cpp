@@ -29,7 +29,7 @@ constexpr uint64_t kReadable = 1, kWritable = 2, kExecutable = 4, kShared = 8;
 
 }  // namespace
 
-MemoryMapReader::MemoryMapReader(uint32_t from)
+MemoryMapReader::MemoryMapReader(uintptr_t from)
     : file_(open("/proc/self/maps", O_RDONLY | O_CLOEXEC)),
       next_(from),
       error_(file_.get() >= 0 ? ERROR_SUCCESS : ErrorFromErrno(errno)) {}
@@ -55,8 +55,8 @@ bool MemoryMapReader::AskForNext(MapLine* line) {
     return false;
   }
   const auto has = [&](uint64_t permission) { return (question.permissions & permission) != 0; };
-  *line = {static_cast<uint32_t>(question.start),
-           static_cast<uint32_t>(question.end),
+  *line = {static_cast<uintptr_t>(question.start),
+           static_cast<uintptr_t>(question.end),
            has(kReadable),
            has(kWritable),
            has(kExecutable),

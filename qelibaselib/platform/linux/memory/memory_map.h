@@ -14,7 +14,7 @@ namespace qel::layer {
 class MemoryMapReader {
  public:
   /// Starts at the first mapping that ends above `from`.
-  explicit MemoryMapReader(uint32_t from = 0);
+  explicit MemoryMapReader(uintptr_t from = 0);
 
   /// False at the end of the map and after an error.
   bool Next(MapLine* line);

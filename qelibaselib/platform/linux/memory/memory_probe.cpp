@@ -1,6 +1,6 @@
 #include "qelibaselib/platform/linux/base/page_size.h"
-#include "qelibaselib/platform/linux/faults/fault_internal.h"
 #include "qelibaselib/platform/linux/faults/fault_probe.h"
+#include "qelibaselib/platform/linux/faults/fault_thread.h"
 #include "qelibaselib/platform/linux/win32/memoryapi.h"
 
 namespace {

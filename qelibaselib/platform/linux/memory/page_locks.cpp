@@ -28,10 +28,10 @@ PageSet& LockedPages() {
 }
 
 // Not through the C library: under a sanitizer its calls do nothing.
-bool LockPages(uint32_t start, uint64_t end) {
+bool LockPages(uintptr_t start, uint64_t end) {
   return syscall(SYS_mlock, start, static_cast<size_t>(end - start)) == 0;
 }
-void UnlockPages(uint32_t start, uint64_t end) { syscall(SYS_munlock, start, static_cast<size_t>(end - start)); }
+void UnlockPages(uintptr_t start, uint64_t end) { syscall(SYS_munlock, start, static_cast<size_t>(end - start)); }
 
 bool IsValid(SIZE_T size, const PageRange& pages) { return size != 0 && pages.IsInAddressSpace(); }
 
@@ -45,7 +45,7 @@ bool AreAllAccessible(const PageRange& pages) {
 void UndoLock(const PageRange& pages) {
   UnlockPages(pages.start, pages.end);
   const std::lock_guard lock(g_mutex);
-  LockedPages().Within(pages.start, pages.end).ForEach([](uint32_t start, uint64_t end) { LockPages(start, end); });
+  LockedPages().Within(pages.start, pages.end).ForEach([](uintptr_t start, uint64_t end) { LockPages(start, end); });
 }
 
 DWORD LockInMemory(LPVOID address, SIZE_T size) try {
@@ -87,7 +87,7 @@ const ForkedPart kPageLocksAtFork = {[] { g_mutex.lock(); },
                                        g_mutex.unlock();
                                      }};
 
-void ForgetLocks(uint32_t start, uint64_t bytes) {
+void ForgetLocks(uintptr_t start, uint64_t bytes) {
   if (!g_anyLocks.load(std::memory_order_relaxed)) return;
   const std::lock_guard lock(g_mutex);
   try {

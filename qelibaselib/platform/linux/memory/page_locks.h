@@ -8,7 +8,7 @@
 namespace qel::layer {
 
 /// Memory that is given back takes its locks along.
-void ForgetLocks(uint32_t start, uint64_t bytes);
+void ForgetLocks(uintptr_t start, uint64_t bytes);
 
 extern const ForkedPart kPageLocksAtFork;
 

@@ -59,7 +59,7 @@ bool ViewAllows(DWORD mapped, DWORD wanted) {
 
 // Pages that are shared with the file become private ones over the same part of it. Nothing is lost: a shared page
 // holds what the file does.
-DWORD MapPrivately(uint32_t base, const MemoryRegion& view, const PageRange& pages) {
+DWORD MapPrivately(uintptr_t base, const MemoryRegion& view, const PageRange& pages) {
   const off_t offset = static_cast<off_t>(view.offset + (pages.start - base));
   void* const got = mmap(PointerTo(pages.start), pages.bytes(), SystemProtection(PAGE_WRITECOPY),
                          MAP_PRIVATE | MAP_FIXED, view.contents->get(), offset);
@@ -69,11 +69,11 @@ DWORD MapPrivately(uint32_t base, const MemoryRegion& view, const PageRange& pag
 }
 
 // Pages that were made private earlier keep their changes, so they are only protected anew.
-DWORD MakeCopyOnWrite(uint32_t base, MemoryRegion* view, const PageRange& pages) try {
+DWORD MakeCopyOnWrite(uintptr_t base, MemoryRegion* view, const PageRange& pages) try {
   PageSet copied = view->copied;
   copied.Add(pages.start, pages.end);
   for (uint64_t at = pages.start; at < pages.end;) {
-    const auto start = static_cast<uint32_t>(at);
+    const auto start = static_cast<uintptr_t>(at);
     const PageRange part = {start, view->copied.ChangeAfter(start, pages.end)};
     const bool isPrivate = view->protection == PAGE_WRITECOPY || view->copied.Contains(start, part.end);
     const DWORD error = isPrivate ? SetProtection(part, PAGE_WRITECOPY) : MapPrivately(base, *view, part);
@@ -86,7 +86,7 @@ DWORD MakeCopyOnWrite(uint32_t base, MemoryRegion* view, const PageRange& pages)
   return ERROR_NOT_ENOUGH_MEMORY;
 }
 
-DWORD ProtectView(uint32_t base, MemoryRegion* view, const PageRange& pages, DWORD protection) {
+DWORD ProtectView(uintptr_t base, MemoryRegion* view, const PageRange& pages, DWORD protection) {
   if (!ViewAllows(view->protection, protection)) return ERROR_INVALID_PARAMETER;
   if (protection == PAGE_WRITECOPY) return MakeCopyOnWrite(base, view, pages);
   // Writing into these pages would no longer reach the file, which is what PAGE_READWRITE of a view promises.
@@ -95,7 +95,7 @@ DWORD ProtectView(uint32_t base, MemoryRegion* view, const PageRange& pages, DWO
 }
 
 struct CommittedPages {
-  uint32_t allocation;
+  uintptr_t allocation;
   DWORD protection, type;  // of the first page
 };
 

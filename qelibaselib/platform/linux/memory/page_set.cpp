@@ -11,7 +11,7 @@ PageSet::Ranges::const_iterator PageSet::Holding(uint64_t address) const {
   return address < next->second ? next : ranges_.end();
 }
 
-void PageSet::Add(uint32_t start, uint64_t end) {
+void PageSet::Add(uintptr_t start, uint64_t end) {
   if (start >= end) return;
   uint64_t first = start;
   auto next = ranges_.lower_bound(start);
@@ -28,7 +28,7 @@ void PageSet::Add(uint32_t start, uint64_t end) {
   }
 }
 
-void PageSet::Remove(uint32_t start, uint64_t end) {
+void PageSet::Remove(uintptr_t start, uint64_t end) {
   if (start >= end) return;
   if (const auto last = Holding(end); last != ranges_.end() && last->first < end)
     ranges_.emplace(end, last->second);  // what goes on behind; done first, for it alone needs memory
@@ -37,20 +37,20 @@ void PageSet::Remove(uint32_t start, uint64_t end) {
   while (next != ranges_.end() && next->first < end) next = ranges_.erase(next);
 }
 
-bool PageSet::Contains(uint32_t start, uint64_t end) const {
+bool PageSet::Contains(uintptr_t start, uint64_t end) const {
   const auto range = Holding(start);
   return range != ranges_.end() && end <= range->second;
 }
 
-bool PageSet::Touches(uint32_t start, uint64_t end) const {
+bool PageSet::Touches(uintptr_t start, uint64_t end) const {
   const auto next = ranges_.lower_bound(start);
   return (next != ranges_.end() && next->first < end) || Holding(start) != ranges_.end();
 }
 
-PageSet PageSet::Within(uint32_t start, uint64_t end) const {
+PageSet PageSet::Within(uintptr_t start, uint64_t end) const {
   PageSet part;
   for (uint64_t at = start; at < end;) {
-    const auto address = static_cast<uint32_t>(at);
+    const auto address = static_cast<uintptr_t>(at);
     const uint64_t change = ChangeAfter(address, end);
     if (Holding(at) != ranges_.end()) part.Add(address, change);
     at = change;
@@ -58,7 +58,7 @@ PageSet PageSet::Within(uint32_t start, uint64_t end) const {
   return part;
 }
 
-uint64_t PageSet::ChangeAfter(uint32_t address, uint64_t limit) const {
+uint64_t PageSet::ChangeAfter(uintptr_t address, uint64_t limit) const {
   if (const auto range = Holding(address); range != ranges_.end()) return std::min(range->second, limit);
   const auto next = ranges_.upper_bound(address);
   return next == ranges_.end() ? limit : std::min(next->first, limit);

@@ -9,21 +9,21 @@ namespace qel::layer {
 /// Not safe for several threads at once. Without memory, Add and Remove throw std::bad_alloc and change nothing.
 class PageSet {
  public:
-  void Add(uint32_t start, uint64_t end);
-  void Remove(uint32_t start, uint64_t end);
+  void Add(uintptr_t start, uint64_t end);
+  void Remove(uintptr_t start, uint64_t end);
   /// Whether all of the range is in the set.
-  bool Contains(uint32_t start, uint64_t end) const;
+  bool Contains(uintptr_t start, uint64_t end) const;
   /// Whether any of the range is in the set.
-  bool Touches(uint32_t start, uint64_t end) const;
+  bool Touches(uintptr_t start, uint64_t end) const;
   bool empty() const { return ranges_.empty(); }
   /// Where the answer for this address changes, at most `limit`.
-  uint64_t ChangeAfter(uint32_t address, uint64_t limit) const;
+  uint64_t ChangeAfter(uintptr_t address, uint64_t limit) const;
   /// What of the range is in the set.
-  PageSet Within(uint32_t start, uint64_t end) const;
+  PageSet Within(uintptr_t start, uint64_t end) const;
   /// Calls `take(start, end)` for each range, in rising order.
   template <class Take>
   void ForEach(Take&& take) const {
-    for (const auto& [start, end] : ranges_) take(static_cast<uint32_t>(start), end);
+    for (const auto& [start, end] : ranges_) take(static_cast<uintptr_t>(start), end);
   }
 
  private:

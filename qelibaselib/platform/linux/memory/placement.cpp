@@ -11,17 +11,17 @@
 namespace qel::layer {
 namespace {
 
-constexpr uint32_t kLowEnd = 0x80000000;
+constexpr uintptr_t kLowEnd = 0x80000000;
 // The lower places are used last, so that a null pointer with an offset hits nothing.
-constexpr uint32_t kFirstPlace = 0x10010000;
-constexpr uint32_t kLowestPlace = 0x00100000;
+constexpr uintptr_t kFirstPlace = 0x10010000;
+constexpr uintptr_t kLowestPlace = 0x00100000;
 
-constinit std::atomic<uint32_t> g_nextPlace{0};  // 0 until something is placed
+constinit std::atomic<uintptr_t> g_nextPlace{0};  // 0 until something is placed
 
 bool IsFullyLow(uint64_t base, size_t bytes) { return base + bytes <= kLowEnd; }
 
 // The lowest gap of this size in the range; 0 when there is none.
-uint32_t FindGap(uint32_t from, size_t bytes) {
+uintptr_t FindGap(uintptr_t from, size_t bytes) {
   uint64_t candidate = from;
   MemoryMapReader map(from);
   for (MapLine line; IsFullyLow(candidate, bytes) && map.Next(&line);) {
@@ -32,10 +32,10 @@ uint32_t FindGap(uint32_t from, size_t bytes) {
 }
 
 // Another thread can take a gap between the reading of the map and the call: a few tries are enough.
-void* MapInGap(uint32_t from, const MappingRequest& request) {
+void* MapInGap(uintptr_t from, const MappingRequest& request) {
   constexpr int kTries = 4;
   for (int i = 0; i < kTries; ++i) {
-    const uint32_t gap = FindGap(from, request.bytes);
+    const uintptr_t gap = FindGap(from, request.bytes);
     if (gap == 0) break;
     if (void* const got = MapAt(gap, request)) {
       g_nextPlace.store(RoundUp(gap + request.bytes, kGranularityBytes), std::memory_order_relaxed);
@@ -54,8 +54,8 @@ void* MapHigh(const MappingRequest& request) {
   const size_t room = whole + kGranularityBytes - kPageSize;
   void* const raw = mmap(nullptr, room, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (raw == MAP_FAILED) return nullptr;
-  const uint32_t start = AddressOf(raw);
-  const uint32_t base = RoundUp(start, kGranularityBytes);
+  const uintptr_t start = AddressOf(raw);
+  const uintptr_t base = RoundUp(start, kGranularityBytes);
   void* const got = mmap(PointerTo(base), request.bytes, request.protection, request.flags | MAP_FIXED,
                          request.descriptor, request.offset);
   if (got == MAP_FAILED) {
@@ -72,7 +72,7 @@ void* MapHigh(const MappingRequest& request) {
 }  // namespace
 
 // Kernels before 4.17 do not know MAP_FIXED_NOREPLACE and take the address as a hint, so the answer is compared.
-void* MapAt(uint32_t base, const MappingRequest& request) {
+void* MapAt(uintptr_t base, const MappingRequest& request) {
   void* const wanted = PointerTo(base);
   void* const got = mmap(wanted, request.bytes, request.protection, request.flags | MAP_FIXED_NOREPLACE,
                          request.descriptor, request.offset);
@@ -87,19 +87,19 @@ namespace {
 
 // The first call also maps an unused neighbour for good. Without it the kernel would free the page
 // tables of this area whenever its last region goes, and the next region would take half as long again.
-uint32_t FindNextPlace() {
-  const uint32_t next = g_nextPlace.load(std::memory_order_relaxed);
+uintptr_t FindNextPlace() {
+  const uintptr_t next = g_nextPlace.load(std::memory_order_relaxed);
   if (next != 0) return next;
   MapAt(kFirstPlace - kGranularityBytes,
         {kGranularityBytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0});
-  uint32_t none = 0;
+  uintptr_t none = 0;
   return g_nextPlace.compare_exchange_strong(none, kFirstPlace, std::memory_order_relaxed) ? kFirstPlace : none;
 }
 
 }  // namespace
 
 void* MapAnywhere(const MappingRequest& request) {
-  const uint32_t place = FindNextPlace();
+  const uintptr_t place = FindNextPlace();
   if (IsFullyLow(place, request.bytes)) {
     if (void* const got = MapAt(place, request)) {
       g_nextPlace.store(RoundUp(place + request.bytes, kGranularityBytes), std::memory_order_relaxed);
@@ -107,15 +107,15 @@ void* MapAnywhere(const MappingRequest& request) {
     }
     if (errno != EEXIST) return nullptr;
   }
-  for (const uint32_t from : {kFirstPlace, kLowestPlace}) {
+  for (const uintptr_t from : {kFirstPlace, kLowestPlace}) {
     if (void* const got = MapInGap(from, request)) return got;
     if (errno != EEXIST) return nullptr;
   }
   return MapHigh(request);
 }
 
-void OfferPlace(uint32_t base, uint32_t bytes) {
-  uint32_t end = RoundUp(uint64_t{base} + bytes, kGranularityBytes);
+void OfferPlace(uintptr_t base, uint32_t bytes) {
+  uintptr_t end = RoundUp(uint64_t{base} + bytes, kGranularityBytes);
   if (base < kLowEnd) g_nextPlace.compare_exchange_strong(end, base, std::memory_order_relaxed);
 }
 

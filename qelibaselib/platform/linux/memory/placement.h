@@ -25,12 +25,12 @@ struct MappingRequest {
 };
 
 /// At this very address or not at all (EEXIST when something is there).
-void* MapAt(uint32_t base, const MappingRequest& request);
+void* MapAt(uintptr_t base, const MappingRequest& request);
 
 /// Null, with the error of the system in errno, when there is no room.
 void* MapAnywhere(const MappingRequest& request);
 
 /// The place of a region that was just unmapped can be the next one.
-void OfferPlace(uint32_t base, uint32_t bytes);
+void OfferPlace(uintptr_t base, uint32_t bytes);
 
 }  // namespace qel::layer

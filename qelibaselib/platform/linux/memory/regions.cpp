@@ -129,7 +129,7 @@ void RegionBuilder::FollowForeignBase(const MapLine& line) {
   lastLine_ = line;
 }
 
-AddressRegion RegionBuilder::Describe(const MapLine& line, uint32_t start, uint64_t end,
+AddressRegion RegionBuilder::Describe(const MapLine& line, uintptr_t start, uint64_t end,
                                       const MemoryOwner& owner) const {
   const bool noAccess = !line.read && !line.write && !line.execute;
   const bool anonymous = line.inode == 0 && !line.shared;
@@ -165,7 +165,7 @@ bool RegionBuilder::Finish() { return AddFree(kAddressSpaceEnd) && PushCurrent()
 
 bool RegionBuilder::AddFree(uint64_t end) {
   if (end <= position_) return true;
-  return AddRegion({static_cast<uint32_t>(position_), end, 0, 0, MEM_FREE, PAGE_NOACCESS, 0});
+  return AddRegion({static_cast<uintptr_t>(position_), end, 0, 0, MEM_FREE, PAGE_NOACCESS, 0});
 }
 
 bool RegionBuilder::AddRegion(const AddressRegion& region) {

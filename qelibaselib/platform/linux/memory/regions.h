@@ -26,18 +26,19 @@
 
 namespace qel::layer {
 
-inline constexpr uint32_t kGranularityBytes = 0x10000;
-inline constexpr uint64_t kAddressSpaceEnd = 0x100000000;
+inline constexpr uintptr_t kGranularityBytes = 0x10000;
+/// 4 GiB for a program of 32 bits, which the layer is made for.
+inline constexpr uint64_t kAddressSpaceEnd = sizeof(void*) == 4 ? 0x100000000 : 0x800000000000;
 
-constexpr uint32_t PageOf(uint32_t address) { return address & ~uint32_t{kPageSize - 1}; }
+constexpr uintptr_t PageOf(uintptr_t address) { return address & ~uintptr_t{kPageSize - 1}; }
 /// The next multiple, which is 4 GiB for the last few addresses.
-constexpr uint64_t RoundUp(uint64_t value, uint32_t step) { return (value + step - 1) / step * step; }
-inline uint32_t AddressOf(const void* pointer) { return reinterpret_cast<uintptr_t>(pointer); }
-inline void* PointerTo(uint32_t address) { return reinterpret_cast<void*>(address); }
+constexpr uint64_t RoundUp(uint64_t value, uintptr_t step) { return (value + step - 1) / step * step; }
+inline uintptr_t AddressOf(const void* pointer) { return reinterpret_cast<uintptr_t>(pointer); }
+inline void* PointerTo(uintptr_t address) { return reinterpret_cast<void*>(address); }
 
 /// Whole pages; `end` is at most 4 GiB unless the bytes wrapped around.
 struct PageRange {
-  uint32_t start;
+  uintptr_t start;
   uint64_t end;
   bool IsInAddressSpace() const { return end <= kAddressSpaceEnd; }
   size_t bytes() const { return end - start; }
@@ -45,13 +46,13 @@ struct PageRange {
 
 /// The pages that hold any of the bytes.
 inline PageRange PagesHolding(const void* address, SIZE_T bytes) {
-  const uint32_t start = AddressOf(address);
+  const uintptr_t start = AddressOf(address);
   return {PageOf(start), RoundUp(uint64_t{start} + bytes, kPageSize)};
 }
 
 /// One mapping of the kernel's, as a line of /proc/self/maps.
 struct MapLine {
-  uint32_t start, end;
+  uintptr_t start, end;
   bool read, write, execute, shared;
   uint64_t offset;
   uint32_t device;  ///< any number that two lines of the same device share
@@ -76,9 +77,9 @@ class LineCutter {
 
 /// Pages of one state, type, protection and allocation.
 struct AddressRegion {
-  uint32_t start;
+  uintptr_t start;
   uint64_t end;
-  uint32_t allocationBase;
+  uintptr_t allocationBase;
   DWORD allocationProtect, state, protect, type;
 };
 
@@ -112,7 +113,7 @@ class RegionList {
 /// Whom an address belongs to, and up to where this holds.
 struct MemoryOwner {
   DWORD type = 0;  ///< MEM_IMAGE, MEM_MAPPED or MEM_PRIVATE; 0 when it is nobody's that we know
-  uint32_t base = 0;
+  uintptr_t base = 0;
   uint64_t until = kAddressSpaceEnd;
   DWORD allocationProtect = 0;
   bool reserved = false;  ///< without pages that could be used
@@ -120,7 +121,7 @@ struct MemoryOwner {
 
 class MemoryOwners {
  public:
-  virtual MemoryOwner At(uint32_t address) = 0;
+  virtual MemoryOwner At(uintptr_t address) = 0;
 
  protected:
   ~MemoryOwners() = default;
@@ -130,7 +131,7 @@ class MemoryOwners {
 /// when the map changes while it is read, lose the overlap.
 class RegionBuilder {
  public:
-  RegionBuilder(uint32_t from, MemoryOwners* owners, RegionList* regions)
+  RegionBuilder(uintptr_t from, MemoryOwners* owners, RegionList* regions)
       : from_(from), owners_(owners), regions_(regions) {}
   /// False when the list is full: what it holds is right, and ends early.
   bool Add(const MapLine& line);
@@ -139,18 +140,18 @@ class RegionBuilder {
 
  private:
   void FollowForeignBase(const MapLine& line);
-  AddressRegion Describe(const MapLine& line, uint32_t start, uint64_t end, const MemoryOwner& owner) const;
+  AddressRegion Describe(const MapLine& line, uintptr_t start, uint64_t end, const MemoryOwner& owner) const;
   bool AddRegion(const AddressRegion& region);
   bool AddFree(uint64_t end);
   bool PushCurrent();
 
-  const uint32_t from_;
+  const uintptr_t from_;
   MemoryOwners* const owners_;
   RegionList* const regions_;
   AddressRegion current_ = {};
   uint64_t position_ = 0;  // what lies below was seen
   MapLine lastLine_ = {};
-  uint32_t foreignBase_ = 0;
+  uintptr_t foreignBase_ = 0;
 };
 
 }  // namespace qel::layer

@@ -83,7 +83,7 @@ DWORD MapView(HANDLE handle, DWORD access, uint64_t offset, SIZE_T bytes, void**
 
 DWORD UnmapView(LPCVOID address) {
   MemoryRegion removed;
-  uint32_t base;
+  uintptr_t base;
   {
     RegionTable table;
     const auto region = table.Find(AddressOf(address));
@@ -104,7 +104,7 @@ struct FlushRange {
   off_t offset, length;
 };
 
-DWORD FindFlushRange(uint32_t address, SIZE_T bytes, FlushRange* range) {
+DWORD FindFlushRange(uintptr_t address, SIZE_T bytes, FlushRange* range) {
   {
     RegionTable table;
     const auto found = table.Find(address);
@@ -114,7 +114,7 @@ DWORD FindFlushRange(uint32_t address, SIZE_T bytes, FlushRange* range) {
       if (region.kind != MemoryRegion::Kind::kView || bytes > left) return ERROR_INVALID_PARAMETER;
       const bool hasChanges = region.isFile && region.protection == PAGE_READWRITE;
       *range = {hasChanges ? region.contents : nullptr, static_cast<off_t>(region.offset + (address - base)),
-                bytes ? bytes : left};
+                static_cast<off_t>(bytes ? bytes : left)};
       return ERROR_SUCCESS;
     }
   }
@@ -127,7 +127,7 @@ DWORD WriteBack(LPCVOID address, const FlushRange& range) {
   constexpr unsigned kWriteAndWait = SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
   if (sync_file_range(range.file->get(), range.offset, range.length, kWriteAndWait) == 0) return ERROR_SUCCESS;
   if (errno != ESPIPE && errno != EINVAL && errno != ENOSYS) return ErrorFromErrno(errno);
-  const uint32_t start = PageOf(AddressOf(address));
+  const uintptr_t start = PageOf(AddressOf(address));
   const size_t length = AddressOf(address) - start + range.length;
   return msync(PointerTo(start), length, MS_SYNC) == 0 ? ERROR_SUCCESS : ErrorFromErrno(errno);
 }

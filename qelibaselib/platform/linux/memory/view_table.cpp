@@ -27,16 +27,16 @@ RegionTable::RegionTable() : lock_(g_mutex) {}
 
 RegionTable::Regions::iterator RegionTable::end() { return All().end(); }
 
-RegionTable::Regions::iterator RegionTable::After(uint32_t address) { return All().upper_bound(address); }
+RegionTable::Regions::iterator RegionTable::After(uintptr_t address) { return All().upper_bound(address); }
 
-RegionTable::Regions::iterator RegionTable::Find(uint32_t address) {
+RegionTable::Regions::iterator RegionTable::Find(uintptr_t address) {
   auto region = After(address);
   if (region == All().begin()) return end();
   --region;
   return address - region->first < region->second.bytes ? region : end();
 }
 
-bool RegionTable::Insert(uint32_t base, MemoryRegion region) try {
+bool RegionTable::Insert(uintptr_t base, MemoryRegion region) try {
   All().insert_or_assign(base, std::move(region));
   CountOpened();
   g_changes.fetch_add(1, std::memory_order_relaxed);

@@ -40,14 +40,14 @@ uint32_t RegionChanges();
 /// The table, locked while this lives. It is counted among what a process can leak.
 class RegionTable {
  public:
-  using Regions = std::map<uint32_t, MemoryRegion>;
+  using Regions = std::map<uintptr_t, MemoryRegion>;
 
   RegionTable();
-  Regions::iterator Find(uint32_t address);  ///< the region that holds the address, or end()
-  Regions::iterator After(uint32_t address);
+  Regions::iterator Find(uintptr_t address);  ///< the region that holds the address, or end()
+  Regions::iterator After(uintptr_t address);
   Regions::iterator end();
   /// False without memory.
-  bool Insert(uint32_t base, MemoryRegion region);
+  bool Insert(uintptr_t base, MemoryRegion region);
   MemoryRegion Remove(Regions::iterator region);
 
  private:

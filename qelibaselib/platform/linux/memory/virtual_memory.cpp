@@ -33,7 +33,7 @@ DWORD FindReasonOfShortage(size_t bytes) {
 DWORD ReserveBlock(void* wanted, SIZE_T size, DWORD type, DWORD protection, void** block) {
   const bool commits = (type & MEM_COMMIT) != 0;
   const PageRange pages = wanted ? PagesHolding(wanted, size) : PageRange{0, RoundUp(size, kPageSize)};
-  const uint32_t place = pages.start & ~(kGranularityBytes - 1);
+  const uintptr_t place = pages.start & ~(kGranularityBytes - 1);
   const size_t bytes = pages.end - place;
   const int flags = commits ? kBlockFlags : kBlockFlags | MAP_NORESERVE;
   const MappingRequest request = {bytes, commits ? PrivateProtection(protection) : PROT_NONE, flags, -1, 0};
@@ -70,7 +70,7 @@ class ReservedBefore {
       : reserved_(reserved), pages_(pages), before_(reserved->Within(pages.start, pages.end)) {}
   void PutBack() try {
     reserved_->Remove(pages_.start, pages_.end);
-    before_.ForEach([this](uint32_t start, uint64_t end) { reserved_->Add(start, end); });
+    before_.ForEach([this](uintptr_t start, uint64_t end) { reserved_->Add(start, end); });
   } catch (const std::bad_alloc&) {
     // These pages are told of wrongly from now on; none is lost.
   }
@@ -111,7 +111,7 @@ DWORD AllocatePages(LPVOID address, SIZE_T size, DWORD type, DWORD protection, v
 
 DWORD ReleaseBlock(LPVOID address) {
   MemoryRegion removed;
-  uint32_t base;
+  uintptr_t base;
   {
     RegionTable table;
     const auto region = table.Find(AddressOf(address));

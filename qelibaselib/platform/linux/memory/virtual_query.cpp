@@ -24,7 +24,7 @@ constexpr uint32_t kQueriesPerLookAtClock = 8;
 
 struct Snapshot {
   RegionList regions;
-  uint32_t next = 0;      // the address that goes on with the walk; 0 when there is none
+  uintptr_t next = 0;     // the address that goes on with the walk; 0 when there is none
   uint32_t position = 0;  // its region
   int64_t endsMs = 0;
 };
@@ -39,7 +39,7 @@ int64_t CoarseClockMs() {
 // Our own views and blocks, then the loaded modules. The last answer is kept, since lines come in rising order.
 class ProcessOwners : public MemoryOwners {
  public:
-  MemoryOwner At(uint32_t address) override {
+  MemoryOwner At(uintptr_t address) override {
     if (address - start_ >= last_.until - start_) {
       start_ = address;
       last_ = AskTable(address);
@@ -49,14 +49,14 @@ class ProcessOwners : public MemoryOwners {
   }
 
  private:
-  static MemoryOwner AskTable(uint32_t address) {
+  static MemoryOwner AskTable(uintptr_t address) {
     RegionTable table;
     if (const auto region = table.Find(address); region != table.end()) return Ours(address, *region);
     MemoryOwner owner;
     if (const auto next = table.After(address); next != table.end()) owner.until = next->first;
     return owner;
   }
-  MemoryOwner AskLoader(uint32_t address) {
+  MemoryOwner AskLoader(uintptr_t address) {
     MemoryOwner owner = last_;  // what is not ours stays so up to there
     dl_find_object module;
     if (_dl_find_object(PointerTo(address), &module) == 0) {
@@ -67,7 +67,7 @@ class ProcessOwners : public MemoryOwners {
     }
     return owner;
   }
-  static MemoryOwner Ours(uint32_t address, const RegionTable::Regions::value_type& entry) {
+  static MemoryOwner Ours(uintptr_t address, const RegionTable::Regions::value_type& entry) {
     const auto& [base, region] = entry;
     MemoryOwner owner;
     owner.type = region.kind == MemoryRegion::Kind::kView ? MEM_MAPPED : MEM_PRIVATE;
@@ -78,11 +78,11 @@ class ProcessOwners : public MemoryOwners {
     return owner;
   }
 
-  uint32_t start_ = 0;
+  uintptr_t start_ = 0;
   MemoryOwner last_ = {.until = 0};
 };
 
-DWORD ListRegions(uint32_t from, RegionList* regions) {
+DWORD ListRegions(uintptr_t from, RegionList* regions) {
   ArmThreadEnd();
   regions->Clear();
   ProcessOwners owners;
@@ -95,12 +95,12 @@ DWORD ListRegions(uint32_t from, RegionList* regions) {
   return regions->size() == 0 ? ERROR_NOT_ENOUGH_MEMORY : ERROR_SUCCESS;
 }
 
-bool GoesOn(const Snapshot& snapshot, uint32_t page) {
+bool GoesOn(const Snapshot& snapshot, uintptr_t page) {
   return page != 0 && page == snapshot.next && snapshot.position < snapshot.regions.size() &&
          (snapshot.position % kQueriesPerLookAtClock != 0 || CoarseClockMs() <= snapshot.endsMs);
 }
 
-DWORD TakeSnapshot(uint32_t from, Snapshot* snapshot) {
+DWORD TakeSnapshot(uintptr_t from, Snapshot* snapshot) {
   snapshot->next = 0;
   snapshot->position = 0;
   const int64_t beginMs = CoarseClockMs();
@@ -110,7 +110,7 @@ DWORD TakeSnapshot(uint32_t from, Snapshot* snapshot) {
   return error;
 }
 
-DWORD Query(uint32_t page, PMEMORY_BASIC_INFORMATION information) {
+DWORD Query(uintptr_t page, PMEMORY_BASIC_INFORMATION information) {
   Snapshot& snapshot = t_snapshot;
   if (!GoesOn(snapshot, page))
     if (const DWORD error = TakeSnapshot(page, &snapshot)) return error;
@@ -135,7 +135,7 @@ void FreeSnapshot() {
   t_snapshot.regions.Free();
 }
 
-DWORD ReadRegions(uint32_t from, const RegionList** regions) {
+DWORD ReadRegions(uintptr_t from, const RegionList** regions) {
   ForgetSnapshot();
   *regions = &t_snapshot.regions;
   return ListRegions(from, &t_snapshot.regions);

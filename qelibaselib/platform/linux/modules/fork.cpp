@@ -18,7 +18,7 @@
 #include <iterator>
 
 #include "qelibaselib/platform/linux/base/fork_count.h"
-#include "qelibaselib/platform/linux/faults/fault_internal.h"
+#include "qelibaselib/platform/linux/faults/fault_thread.h"
 #include "qelibaselib/platform/linux/files/delete_on_close.h"
 #include "qelibaselib/platform/linux/files/mapping_marks.h"
 #include "qelibaselib/platform/linux/handles/handle_table.h"
@@ -46,7 +46,7 @@ const ForkedPart* const kParts[] = {
     &kNamespaceAtFork,      //
     &kHandleTableAtFork,    //
     &kThreadSlotsAtFork,    //
-    &kFaultSignalsAtFork,
+    &kFaultSignalsAtFork,   //
     &kReportDescriptorsAtFork,
 };
 

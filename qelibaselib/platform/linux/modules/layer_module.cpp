@@ -1,6 +1,6 @@
 // What happens when the layer is loaded and unloaded.
 #include "qelibaselib/platform/linux/base/file_size_limit.h"
-#include "qelibaselib/platform/linux/faults/fault_internal.h"
+#include "qelibaselib/platform/linux/faults/fault_thread.h"
 #include "qelibaselib/platform/linux/files/delete_on_close.h"
 #include "qelibaselib/platform/linux/files/sharing_board.h"
 #include "qelibaselib/platform/linux/modules/fork.h"

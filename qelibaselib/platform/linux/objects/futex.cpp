@@ -9,10 +9,14 @@
 
 namespace qel::layer {
 namespace {
-// What SYS_futex_time64 takes, whatever the C library's timespec is.
+// What the kernel takes, whatever the C library's timespec is.
 struct KernelTime {
   int64_t seconds, nanoseconds;
 };
+// The call that takes KernelTime has a number of its own for programs of 32 bits. The plain one has always taken it for
+// those of 64.
+constexpr long kFutexWithKernelTime = sizeof(void*) == 4 ? 422 : SYS_futex;
+
 int Operation(int operation, Scope scope) { return operation | (scope == Scope::kShared ? 0 : FUTEX_PRIVATE_FLAG); }
 }  // namespace
 
@@ -26,7 +30,7 @@ int64_t DeadlineNs(DWORD ms) { return ms == INFINITE ? kNever : MonotonicNs() + 
 
 void SleepOn(Word& word, uint32_t seen, Scope scope, int64_t untilNs) {
   const KernelTime until = {untilNs / kNsPerSecond, untilNs % kNsPerSecond};
-  syscall(SYS_futex_time64, &word, Operation(FUTEX_WAIT_BITSET, scope), seen, untilNs == kNever ? nullptr : &until,
+  syscall(kFutexWithKernelTime, &word, Operation(FUTEX_WAIT_BITSET, scope), seen, untilNs == kNever ? nullptr : &until,
           nullptr, FUTEX_BITSET_MATCH_ANY);
 }
 

@@ -53,7 +53,6 @@ struct OVERLAPPED {
   HANDLE hEvent;
 };
 using LPOVERLAPPED = OVERLAPPED*;
-static_assert(sizeof(OVERLAPPED) == 20);
 
 struct WIN32_FIND_DATAW {
   DWORD dwFileAttributes;

@@ -34,7 +34,6 @@ struct MEMORY_BASIC_INFORMATION {
   DWORD State, Protect, Type;
 };
 using PMEMORY_BASIC_INFORMATION = MEMORY_BASIC_INFORMATION*;
-static_assert(sizeof(MEMORY_BASIC_INFORMATION) == 28);
 
 extern "C" {
 QEL_LAYER HANDLE WINAPI CreateFileMappingW(HANDLE file, LPSECURITY_ATTRIBUTES security, DWORD protection,

@@ -22,7 +22,6 @@ struct STARTUPINFOA {
   HANDLE hStdInput, hStdOutput, hStdError;
 };
 using LPSTARTUPINFOA = STARTUPINFOA*;
-static_assert(sizeof(STARTUPINFOA) == 68);
 
 struct PROCESS_INFORMATION {
   HANDLE hProcess, hThread;

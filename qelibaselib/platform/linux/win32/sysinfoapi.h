@@ -9,7 +9,6 @@ struct MEMORYSTATUSEX {
       ullAvailExtendedVirtual;
 };
 using LPMEMORYSTATUSEX = MEMORYSTATUSEX*;
-static_assert(sizeof(MEMORYSTATUSEX) == 64);
 
 struct SYSTEM_INFO {
   union {
@@ -25,7 +24,6 @@ struct SYSTEM_INFO {
   WORD wProcessorLevel, wProcessorRevision;
 };
 using LPSYSTEM_INFO = SYSTEM_INFO*;
-static_assert(sizeof(SYSTEM_INFO) == 36);
 
 #define VER_PLATFORM_WIN32_NT 2ul
 /// 284 bytes on Windows; longer here, since wide characters have four bytes. Its size field may hold either number.

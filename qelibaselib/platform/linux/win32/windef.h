@@ -1,8 +1,10 @@
 /// @file
-/// The basic Win32 types as they are on 32-bit x86, so that a host's source means the same on both targets.
+/// The basic Win32 types as they are on 32-bit x86, so that a host's source means the same on both targets. layouts.cpp
+/// holds the records to their sizes there.
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 #define WINAPI
 #define CALLBACK
@@ -21,9 +23,10 @@ using UINT = unsigned int;
 using BYTE = unsigned char;
 using WORD = unsigned short;
 using SHORT = short;
-using LONG = long;
-using ULONG = unsigned long;
-using DWORD = unsigned long;
+// Of 32 bits everywhere: the types that Windows has where `long` is one of them.
+using LONG = std::conditional_t<sizeof(long) == 4, long, int>;
+using ULONG = std::conditional_t<sizeof(long) == 4, unsigned long, unsigned int>;
+using DWORD = ULONG;
 using LONGLONG = long long;
 using ULONGLONG = unsigned long long;
 using DWORD64 = unsigned long long;
@@ -66,7 +69,7 @@ using HWND = HWND__*;
 using FARPROC = int (*)();
 using NTSTATUS = LONG;
 
-static_assert(sizeof(DWORD) == 4 && sizeof(void*) == 4 && sizeof(wchar_t) == 4, "this layer is for 32-bit x86");
+static_assert(sizeof(DWORD) == 4 && sizeof(SIZE_T) == sizeof(void*) && sizeof(wchar_t) == 4);
 
 #ifndef TRUE
 #define TRUE 1
@@ -120,7 +123,6 @@ struct SYSTEMTIME {
   WORD wYear, wMonth, wDayOfWeek, wDay, wHour, wMinute, wSecond, wMilliseconds;
 };
 using LPSYSTEMTIME = SYSTEMTIME*;
-static_assert(sizeof(SYSTEMTIME) == 16);
 
-using INT_PTR = int;
-using UINT_PTR = unsigned int;
+using INT_PTR = std::intptr_t;
+using UINT_PTR = std::uintptr_t;

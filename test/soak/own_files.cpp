@@ -148,6 +148,8 @@ std::string OwnFiles::Verify() {
 }
 
 std::string OwnFiles::CopyTree(const std::wstring& target) {
+  // What a worker that was killed here has left.
+  DeleteDirectoryTree(__LINE__, __FILE__, target.c_str(), TRUE, TRUE);
   if (!CopyDirectoryTree(__LINE__, __FILE__, folder_.c_str(), target.c_str()))
     return Failed("CopyDirectoryTree", target);
   unsigned long long wanted = 0, size = 0;

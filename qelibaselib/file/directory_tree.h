@@ -21,10 +21,10 @@ QEL_API BOOL GetFileSizeDirectoryTree(int line, const char* sourceFile, const wc
 QEL_API BOOL DeleteDirectoryTree(int line, const char* sourceFile, const wchar_t* folder, BOOL removeFolder,
                                  BOOL recurse);
 
-/// Copies a tree into `targetFolder`, which is made with every missing folder above it; files there are overwritten, and folders
-/// take over the attributes of their sources, new ones on Linux their rights too. A device, pipe or socket and a link
-/// that leads nowhere are failures, without any waiting. Fails without copying when the target is the source or lies
-/// inside it. A file in use is waited for, up to 10 s.
+/// Copies a tree into `targetFolder`, which is made with every missing folder above it; files there are overwritten,
+/// and folders take over the attributes of their sources, new ones on Linux their rights too. A device, pipe or socket
+/// and a link that leads nowhere are failures, without any waiting. Fails without copying when the target is the source
+/// or lies inside it. A file in use is waited for, up to 10 s.
 QEL_API BOOL CopyDirectoryTree(int line, const char* sourceFile, const wchar_t* sourceFolder,
                                const wchar_t* targetFolder);
 QEL_FUNCTIONS_END

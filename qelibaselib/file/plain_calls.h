@@ -29,8 +29,9 @@ QEL_API UINT GetTempFileNameX(int line, const char* sourceFile, const wchar_t* p
 QEL_API UINT GetTempFileNameTX(int line, const char* sourceFile, const char* pathName, const char* prefixString,
                                UINT unique, char* tempFileName);
 
-/// SHCreateDirectoryExW: makes a folder and every missing folder above it. TRUE also when it is there already (last error 183 or
-/// 80) and for a root, for which the system is not asked. The last error is the shell's code unless that is 0.
+/// SHCreateDirectoryExW: makes a folder and every missing folder above it. TRUE also when it is there already (last
+/// error 183 or 80) and for a root, for which the system is not asked. The last error is the shell's code unless that
+/// is 0.
 QEL_API BOOL SHCreateDirectoryExX(int line, const char* sourceFile, const wchar_t* pathName);
 
 /// Replaces, in place, every backslash of `path` by the first character of `replacement`.

@@ -9,10 +9,11 @@
 ///       return thing;
 ///     }
 ///
-/// Nothing leaves it but the cancellation of the thread: a fault of the processor, a framework exception or any other exception ends the body with the
-/// destructors run, is written to the assertion channel (the first clause with the given line, the next two with the
-/// next two lines), the heap is checked, the floating-point unit reset and an exception report written. The last error
-/// is then whatever the logging left. A fault outside any guard reaches the host as if the library were not there.
+/// Nothing leaves it but the cancellation of the thread: a fault of the processor, a framework exception or any other
+/// exception ends the body with the destructors run, is written to the assertion channel (the first clause with the
+/// given line, the next two with the next two lines), the heap is checked, the floating-point unit reset and an
+/// exception report written. The last error is then whatever the logging left. A fault outside any guard reaches the
+/// host as if the library were not there.
 #pragma once
 #include <cxxabi.h>
 

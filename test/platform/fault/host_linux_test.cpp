@@ -26,16 +26,6 @@ constexpr int kEndByAccess = 1;
 constexpr int kEndByAccess = -SIGSEGV;
 #endif
 
-bool CatchesFault() {
-  int destroyed = 0;
-  try {
-    fault::Run([&] { ReadBadAddress(destroyed); });
-  } catch (...) {
-    return destroyed == 1;
-  }
-  return false;
-}
-
 OWN_FRAME void Fault() { *static_cast<volatile int*>(BadPointer()) = 1; }
 
 sigjmp_buf g_back;

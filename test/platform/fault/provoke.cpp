@@ -122,6 +122,16 @@ const size_t kFaultKindCount = std::size(kFaultKinds);
 
 void ReadBadAddress(int& destroyed) { ReadThere(destroyed, BadPointer()); }
 
+bool CatchesFault() {
+  int destroyed = 0;
+  try {
+    fault::Run([&] { ReadBadAddress(destroyed); });
+  } catch (...) {
+    return destroyed == 1;
+  }
+  return false;
+}
+
 OWN_FRAME void FaultInDestructor(int& destroyed) { const FaultsInDestructor faults{destroyed}; }
 
 OWN_FRAME void FaultInDestructorWhileUnwinding(int& destroyed) {

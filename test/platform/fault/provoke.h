@@ -38,6 +38,8 @@ extern const FaultKind kFaultKinds[];
 extern const size_t kFaultKindCount;
 
 void ReadBadAddress(int& destroyed);
+// Whether a guard around such a fault catches it, with the destructors run.
+bool CatchesFault();
 void FaultInDestructor(int& destroyed);
 void FaultInDestructorWhileUnwinding(int& destroyed);
 void FaultInNoexcept(int& destroyed);

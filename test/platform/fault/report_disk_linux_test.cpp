@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <iterator>
 #include <string>
 
 #include "qelibaselib/platform/fault/fault.h"
@@ -10,15 +9,11 @@
 #include "test/platform/fault/reports.h"
 #include "test/support/child_process.h"
 #include "test/support/log_folder.h"
+#include "test/support/scratch_folder.h"
 #include "test/support/small_disk.h"
 
 namespace qel::test {
 namespace {
-
-std::string Contents(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 // One report on a full disk, one with the room that is free then.
 CHILD_ROLE(ReportOntoFullDisk) {
@@ -36,7 +31,7 @@ TEST(FullDisk, LosesWholeLinesAndTheNextReportBeginsALine) {
   const SmallDisk disk("64k");
   if (!disk.IsMounted()) GTEST_SKIP() << "no right to mount";
   EXPECT_EQ(ChildProcess("ReportOntoFullDisk", {disk.Path().string()}).Wait(), 0);
-  const std::string text = Contents(disk.Path() / channel::kExceptionReport.fileName);
+  const std::string text = ReadWholeFile(disk.Path() / channel::kExceptionReport.fileName);
   const size_t second = text.rfind("TC=2, ");
   ASSERT_NE(second, std::string::npos);
   const std::string first = text.substr(0, text.rfind("\r\n\r\n", second));

@@ -1,20 +1,17 @@
 #include "test/platform/fault/reports.h"
 
-#include <fstream>
-#include <iterator>
-
 #include "qelibaselib/file/file.h"
 #include "qelibaselib/modulestatus/exception_report.h"
 #include "test/support/bad_pointer.h"
 #include "test/support/log_folder.h"
+#include "test/support/scratch_folder.h"
 
 namespace qel::test {
 
 std::vector<std::string> TakeReports() {
   LogFolder();
   const auto path = ChannelFile(channel::kExceptionReport);
-  std::ifstream file(path, std::ios::binary);
-  const std::string text{std::istreambuf_iterator<char>(file), {}};
+  const std::string text = ReadWholeFile(path);
   std::vector<std::string> reports;
   constexpr char kCounter[] = ">>>>>>>>>> TC=";
   for (size_t at = text.find(kCounter); at != std::string::npos;) {

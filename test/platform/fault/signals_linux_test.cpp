@@ -118,16 +118,6 @@ TEST(ProcessorTrap, InAGuardIsCaughtWithItsCode) {
   fault::SetTranslator(nullptr);
 }
 
-bool CatchesFault() {
-  int destroyed = 0;
-  try {
-    fault::Run([&] { ReadBadAddress(destroyed); });
-  } catch (...) {
-    return true;
-  }
-  return false;
-}
-
 sigset_t SetOf(std::initializer_list<int> signals) {
   sigset_t set;
   sigemptyset(&set);

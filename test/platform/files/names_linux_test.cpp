@@ -124,13 +124,6 @@ TEST_F(LinuxNamesTest, AreListedInTheOrderOfUtf16) {
   FindClose(find);
 }
 
-TEST_F(LinuxNamesTest, SearchesThatGoWrong) {
-  Write("file");
-  for (const wchar_t* name : {L"file\\x", L"file\\x*"}) EXPECT_EQ(Find(name), Failure(267)) << name;
-  for (const wchar_t* name : {L"file\\a\\x", L"file\\a\\x*"}) EXPECT_EQ(Find(name), Failure(3)) << name;
-  EXPECT_EQ(Find(L"\\\\.\\NONE"), Failure(2));
-}
-
 TEST_F(LinuxNamesTest, SpecialFilesAreDevicesWithoutASize) {
   ASSERT_EQ(mkfifo("fifo", 0600), 0);
   ASSERT_EQ(symlink("/dev/zero", "zero"), 0);
@@ -196,18 +189,6 @@ TEST_F(LinuxNamesTest, AFolderAfterATemplate) {
   EXPECT_EQ(make(L"model", L"model"), Failure(183));
   EXPECT_EQ(make(L"model", L"no\\new"), Failure(3));
   EXPECT_EQ(make(L"model", L"a*"), Failure(123));
-}
-
-TEST_F(LinuxNamesTest, SeparatorsAndColons) {
-  MakeFolder("12:30");
-  EXPECT_EQ(Create(scratch.Wide() + L"\\12:30/x", kW, 0, CREATE_NEW), Success(0));
-  EXPECT_TRUE(Exists("12:30/x"));
-  EXPECT_EQ(Create(L"\\\\?\\" + scratch.Wide() + L"\\12:30\\x", kW, 0, OPEN_EXISTING), Success(0));
-  EXPECT_EQ(Create(L"/../../dev/null", kW, 0, OPEN_EXISTING), Success(0));
-  EXPECT_EQ(Create(L"C:", kR, 0, OPEN_EXISTING), Failure(3));
-  EXPECT_EQ(Create(L"/", kR, 0, OPEN_EXISTING), Failure(3));
-  EXPECT_EQ(Create(L"/", kR, 0, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS), Success(0));
-  EXPECT_EQ(Find(L"/"), Failure(2));
 }
 
 TEST_F(LinuxNamesTest, NoWalkLeavesItsTreeByALink) {

@@ -10,6 +10,7 @@
 
 #include "test/platform/files/file_calls.h"
 #include "test/platform/files/forked_child.h"
+#include "test/platform/files/turns_alone.h"
 #include "test/support/child_process.h"
 
 using namespace qel::test;
@@ -54,22 +55,7 @@ CHILD_ROLE(HoldForeignLock) {
   return 0;
 }
 
-// Says how often it had the file for itself, or "overlap" when another had it at the same time.
-CHILD_ROLE(WantAloneBesideLocks) {
-  const std::wstring wanted = Widen(arguments[0]), inside = wanted + L".inside";
-  int had = 0;
-  for (int i = 0; i < 3000 && had < 150; ++i) {
-    FileHandle alone(wanted, kRW, 0, OPEN_ALWAYS);
-    if (!alone.IsOpen()) continue;
-    if (Create(inside, kW, 0, CREATE_NEW) != Success(0) || Delete(inside) != Success()) {
-      Say("overlap");
-      return 1;
-    }
-    ++had;
-  }
-  Say(std::to_string(had));
-  return 0;
-}
+CHILD_ROLE(WantAloneBesideLocks) { return SayTurnsAlone(Widen(arguments[0]), 3000, 150, Leaving::kKeepsTheFile); }
 
 CHILD_ROLE(LockNowAndThen) {
   const int file = open(arguments[0].c_str(), O_RDWR);

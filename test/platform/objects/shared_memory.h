@@ -12,5 +12,4 @@ bool UsePrivateSharedMemory(const std::string& mountOptions = "size=4m");
 // is nothing.
 std::vector<std::string> ListSharedMemory();
 
-
 }  // namespace qel::test

@@ -8,28 +8,13 @@
 #include <fstream>
 #include <string>
 
-#include "qelibaselib/platform/win32.h"
+#include "test/platform/symbols/named_place.h"
 #include "test/support/scratch_folder.h"
 
 namespace qel::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-struct NamedPlace {
-  std::string name;
-  DWORD displacement;
-};
-
-NamedPlace NameOf(DWORD address) {
-  alignas(IMAGEHLP_SYMBOL) char block[1000] = {};
-  auto* symbol = reinterpret_cast<IMAGEHLP_SYMBOL*>(block);
-  symbol->SizeOfStruct = sizeof *symbol;
-  symbol->MaxNameLength = sizeof block - sizeof *symbol;
-  DWORD displacement = 0;
-  if (!SymGetSymFromAddr(GetCurrentProcess(), address, &displacement, symbol)) return {"", GetLastError()};
-  return {symbol->Name, displacement};
-}
 
 struct FileChange {
   const char* name;

@@ -1,5 +1,5 @@
-// The walk against the compiler's own unwinder, at each instruction of a program that steps through itself; and what the
-// debugger asks for that compares it with its own (walk_by_gdb.py).
+// The walk against the compiler's own unwinder, at each instruction of a program that steps through itself; and what
+// the debugger asks for that compares it with its own (walk_by_gdb.py).
 #include <gtest/gtest.h>
 #include <link.h>
 #include <ucontext.h>
@@ -10,7 +10,7 @@
 #include <string>
 
 #include "qelibaselib/platform/fault/fault.h"
-#include "qelibaselib/platform/win32.h"
+#include "test/platform/symbols/named_place.h"
 #include "test/platform/symbols/walked_functions_linux.h"
 #include "test/support/child_process.h"
 #include "test/support/sanitizer.h"
@@ -156,14 +156,9 @@ std::string Describe(const Places& places) {
   std::string text;
   for (int i = 0; i < places.count; ++i) {
     char line[300];
-    alignas(IMAGEHLP_SYMBOL) char block[200] = {};
-    auto* symbol = reinterpret_cast<IMAGEHLP_SYMBOL*>(block);
-    symbol->SizeOfStruct = sizeof *symbol;
-    symbol->MaxNameLength = 150;
-    DWORD displacement = 0;
-    SymGetSymFromAddr(GetCurrentProcess(), places.list[i].counter, &displacement, symbol);
+    const NamedPlace place = NameOf(places.list[i].counter);
     std::snprintf(line, sizeof line, "  %08lx %08lx %s + %lu\n", places.list[i].counter, places.list[i].stack,
-                  symbol->Name, displacement);
+                  place.name.c_str(), place.displacement);
     text += line;
   }
   return text;

@@ -12,7 +12,7 @@
 
 #include "qelibaselib/platform/linux/modules/loaded_module.h"
 #include "qelibaselib/platform/linux/modules/symbol_name.h"
-#include "qelibaselib/platform/win32.h"
+#include "test/platform/symbols/named_place.h"
 #include "test/support/scratch_folder.h"
 
 namespace qel::test {
@@ -213,35 +213,20 @@ TEST(SymbolName, IsWhatAReaderWrote) {
   EXPECT_EQ(Readable("main", 1), "");
 }
 
-__attribute__((noinline)) DWORD SymbolAt(const void* address, std::string* name) {
-  alignas(IMAGEHLP_SYMBOL) char block[1000];
-  auto* symbol = reinterpret_cast<IMAGEHLP_SYMBOL*>(block);
-  symbol->SizeOfStruct = sizeof *symbol;
-  symbol->MaxNameLength = sizeof block - sizeof *symbol;
-  DWORD displacement = 0;
-  if (!SymGetSymFromAddr(GetCurrentProcess(), reinterpret_cast<DWORD>(address), &displacement, symbol)) {
-    return GetLastError();
-  }
-  *name = symbol->Name;
-  return 0;
-}
-
 TEST(Symbols, FollowModulesThatComeAndGo) {
-  std::string name;
   // Something that this program does not load by itself.
   void* module = dlopen("libnsl.so.1", RTLD_NOW);
   if (!module) GTEST_SKIP() << dlerror();
-  const void* function = dlvsym(module, "yp_all", "GLIBC_2.0");
+  const auto function = reinterpret_cast<DWORD>(dlvsym(module, "yp_all", "GLIBC_2.0"));
   if (!function) GTEST_SKIP() << dlerror();
   for (int round = 0; round < 3; ++round) {
     ASSERT_TRUE(SymInitialize(GetCurrentProcess(), nullptr, TRUE));
-    EXPECT_EQ(SymbolAt(function, &name), 0u);
-    EXPECT_EQ(name, "yp_all");
+    EXPECT_EQ(NameOf(function).name, "yp_all");
     SymCleanup(GetCurrentProcess());
   }
   dlclose(module);
   ASSERT_TRUE(SymInitialize(GetCurrentProcess(), nullptr, TRUE));
-  EXPECT_EQ(SymbolAt(function, &name), ERROR_MOD_NOT_FOUND);
+  EXPECT_EQ(NameOf(function).displacement, ERROR_MOD_NOT_FOUND);
   SymCleanup(GetCurrentProcess());
 }
 

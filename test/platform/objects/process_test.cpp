@@ -7,6 +7,7 @@
 
 #include "test/platform/objects/handles.h"
 #include "test/support/child_process.h"
+#include "test/support/open_handles.h"
 
 using namespace qel::test;
 
@@ -148,6 +149,19 @@ TEST(Processes, InheritAnEventUnderTheSameHandleWhenAsked) {
     }
     EXPECT_EQ(WaitForSingleObject(other, 0), WAIT_TIMEOUT);
   }
+}
+
+CHILD_ROLE(CountHandles) { return static_cast<int>(OpenHandleCount()); }
+
+TEST(Processes, CountTheHandlesThatTheyInherit) {
+  const Handle event = InheritableEvent();
+  DWORD counts[2] = {};
+  for (const BOOL inherit : {FALSE, TRUE}) {
+    const Started child = StartRole("CountHandles", {}, inherit);
+    EXPECT_EQ(WaitForSingleObject(child.process, kLongMs), WAIT_OBJECT_0);
+    counts[inherit] = ExitCode(child.process);
+  }
+  EXPECT_EQ(counts[TRUE], counts[FALSE] + 1);
 }
 
 TEST(Processes, TheOwnOne) {

@@ -4,8 +4,9 @@
 /// Problem: the thread that holds it may never go on. It was stopped, or waits in a fork handler of the host for the
 /// very thread that reports.
 ///
-/// Idea: nobody waits longer than a second, which is thousands of times as long as any table is held. Who does not get
-/// the lock does without the table.
+/// Idea: a report does not wait longer than a second, which is thousands of times as long as any table is held. Where
+/// it does not get the lock it does without the table. Everybody else waits: a process that was stopped for a while and
+/// goes on must not lose what the table is for.
 #pragma once
 #include <pthread.h>
 
@@ -13,15 +14,22 @@
 #include <cerrno>
 #include <ctime>
 
+#include "qelibaselib/platform/linux/base/report_depth.h"
+
 namespace qel::layer {
+
+enum class Patience {
+  kOfReports,  ///< without limit, except for a thread that reports
+  kLimited,    ///< a second at most, for a table that is easily done without
+};
 
 class PatientMutex {
  public:
-  /// False for a thread that has it already, and when it was not had in time. After that nobody waits until it was had
-  /// again.
-  bool Lock() {
+  /// False for a thread that has it already, and when it was not had in time: by a report or, with kLimited, by
+  /// anybody. After that no such thread waits until it was had again.
+  bool Lock(Patience patience = Patience::kOfReports) {
     int error = pthread_mutex_trylock(&mutex_);
-    if (error != 0 && !isStuck_.load(std::memory_order_relaxed)) error = LockInTime();
+    if (error != 0) error = Wait(patience == Patience::kLimited || t_reportDepth != 0);
     if (error == 0 && isStuck_.load(std::memory_order_relaxed)) isStuck_.store(false, std::memory_order_relaxed);
     return error == 0;
   }
@@ -36,7 +44,9 @@ class PatientMutex {
   }
 
  private:
-  int LockInTime() {
+  int Wait(bool isLimited) {
+    if (!isLimited) return pthread_mutex_lock(&mutex_);
+    if (isStuck_.load(std::memory_order_relaxed)) return EBUSY;
     timespec end;
     clock_gettime(CLOCK_MONOTONIC, &end);
     end.tv_sec += 1;
@@ -50,7 +60,8 @@ class PatientMutex {
 
 class PatientLock {
  public:
-  explicit PatientLock(PatientMutex& mutex) : mutex_(mutex), owns_(mutex.Lock()) {}
+  explicit PatientLock(PatientMutex& mutex, Patience patience = Patience::kOfReports)
+      : mutex_(mutex), owns_(mutex.Lock(patience)) {}
   PatientLock(const PatientLock&) = delete;
   PatientLock& operator=(const PatientLock&) = delete;
   ~PatientLock() {

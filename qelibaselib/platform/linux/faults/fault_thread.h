@@ -28,7 +28,6 @@ struct FaultThread {
   bool ready;              ///< the thread was prepared
   bool faultInAllocator;   ///< the last fault passed a function of the allocator, which may hold its lock
   bool asksFilter;         ///< the filter runs
-  uint32_t reports;        ///< that the thread is in
   bool maskIsKnown;        ///< the last fault passed a handler of the host; `mask` is that of the code it interrupted
   uint32_t wishedMask;     ///< signals of faults that the host believes to have blocked: bits 1 << signal
   uintptr_t handlerFrame;  ///< where on the stack a handler of the host was called; 0 when none runs

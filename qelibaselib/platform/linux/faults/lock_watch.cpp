@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "qelibaselib/platform/linux/base/report_depth.h"
 #include "qelibaselib/platform/linux/faults/fault_internal.h"
 #include "qelibaselib/platform/linux/faults/fault_probe.h"
 #include "qelibaselib/platform/linux/faults/thread_timer.h"
@@ -54,7 +55,7 @@ LockWatchResult ExamineLockWatch(int signal, const siginfo_t& info, const uconte
   const uint32_t* const word = FindAwaitedWord(machine);
   const bool isTheSame = word && word == std::exchange(thread.lockWatch.awaited, word);
   const bool isInSection = thread.innermost && thread.innermost != thread.lockWatch.outer;
-  return isTheSame && isInSection && thread.reports != 0 ? LockWatchResult::kStuck : LockWatchResult::kGoesOn;
+  return isTheSame && isInSection && t_reportDepth != 0 ? LockWatchResult::kStuck : LockWatchResult::kGoesOn;
 }
 
 }  // namespace qel::layer

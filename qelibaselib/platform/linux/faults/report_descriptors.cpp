@@ -17,6 +17,7 @@
 #include <span>
 
 #include "qelibaselib/platform/linux/base/marked_descriptor.h"
+#include "qelibaselib/platform/linux/base/report_depth.h"
 #include "qelibaselib/platform/linux/faults/fault_internal.h"
 
 namespace qel::layer {
@@ -71,7 +72,7 @@ void TakeBackReportDescriptors() {
 // The reports of other threads do not go on in the child.
 const ForkedPart kReportDescriptorsAtFork = {[] {},
                                              [](bool inChild) {
-                                               if (inChild) g_reports.store(t_faultThread.reports != 0);
+                                               if (inChild) g_reports.store(t_reportDepth != 0);
                                              }};
 
 }  // namespace qel::layer

@@ -1,11 +1,12 @@
 // What a thread does around a report.
 #include <cerrno>
 
+#include "qelibaselib/platform/linux/base/report_depth.h"
 #include "qelibaselib/platform/linux/faults/fault_internal.h"
 
 void fault::BeginReport() {
   using namespace qel::layer;
-  if (t_faultThread.reports++ != 0) return;
+  if (t_reportDepth++ != 0) return;
   const int savedErrno = errno;
   GiveUpReportDescriptors();
   BeginLockWatch();
@@ -14,7 +15,7 @@ void fault::BeginReport() {
 
 void fault::EndReport() {
   using namespace qel::layer;
-  if (--t_faultThread.reports != 0) return;
+  if (--t_reportDepth != 0) return;
   const int savedErrno = errno;
   EndLockWatch();
   TakeBackReportDescriptors();

@@ -148,7 +148,7 @@ bool DescribeUnlisted(uint32_t address, LoadedModule& module) {
 template <class Result, class Use>
 Result AskModule(uint32_t address, Result none, Use use) {
   {
-    const PatientLock lock(g_mutex);
+    const PatientLock lock(g_mutex, Patience::kLimited);
     LoadedModule* const listed = lock ? FindListed(address) : nullptr;
     if (listed) return use(*listed);
     if (lock && !TheStore().isStale) return none;
@@ -167,7 +167,7 @@ void CopyName(std::string_view name, char* text, std::size_t size) {
 }  // namespace
 
 void RefreshModules() {
-  const PatientLock lock(g_mutex);
+  const PatientLock lock(g_mutex, Patience::kLimited);
   if (!lock) return;
   Store& store = TheStore();
   store.isStale = true;

@@ -29,6 +29,7 @@ const CallRegistration kCalls([](auto& calls) {
     scope.Forget(scope.Value<void*>(words[1]));
     return close(scope, words);
   };
+  calls["GetCurrentThread"] = BindLambda([] { return reinterpret_cast<INT_PTR>(GetCurrentThread()); });
   BIND(CancelWaitableTimer);
   BIND(CreateEventW, kClose);
   BIND(CreateMutexW, kClose);

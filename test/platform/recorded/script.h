@@ -12,8 +12,8 @@
 //
 // A number in brackets is the last error where the call has set one. In a text {9} is a character's code, {u} a name
 // that nobody else uses, {here} the section's folder, {5*n} five times n, {rest} what fills {here}\ up to the longest
-// path, {rest12} twelve fewer. A variable may have an offset: block+4096; a pointer is shown so too, or as null, invalid
-// or given. @2 is an OVERLAPPED with that offset. A line that begins with a blank continues the one before it.
+// path, {rest12} twelve fewer. A variable may have an offset: block+4096; a pointer is shown so too, or as null,
+// invalid or given. @2 is an OVERLAPPED with that offset. A line that begins with a blank continues the one before it.
 #pragma once
 #include <functional>
 #include <map>

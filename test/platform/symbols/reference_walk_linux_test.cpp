@@ -188,10 +188,18 @@ TEST(StackWalk, AgreesWithTheCompilersUnwinderAtEachInstruction) {
   SymCleanup(GetCurrentProcess());
 }
 
-// The debugger fills the first, calls the function and reads the second.
-__attribute__((used)) CONTEXT g_debuggersContext;
+// The debugger fills the first, calls the function and reads the second, by their places alone: it knows no types.
+extern "C" {
+__attribute__((used)) DWORD g_debuggersRegisters[9];
 __attribute__((used)) Places g_debuggersPlaces;
-extern "C" __attribute__((used, noipa)) void WalkForDebugger() { g_debuggersPlaces = WalkFrom(g_debuggersContext); }
+__attribute__((used, noipa)) void WalkForDebugger() {
+  CONTEXT context{};
+  DWORD* const registers[] = {&context.Eax, &context.Ebx, &context.Ecx, &context.Edx, &context.Esi,
+                              &context.Edi, &context.Eip, &context.Esp, &context.Ebp};
+  for (int i = 0; i < 9; ++i) *registers[i] = g_debuggersRegisters[i];
+  g_debuggersPlaces = WalkFrom(context);
+}
+}
 
 CHILD_ROLE(WalkedByDebugger) {
   SymInitialize(GetCurrentProcess(), nullptr, TRUE);

@@ -12,9 +12,8 @@ import struct
 
 POINTS = int(os.environ.get("QEL_WALK_POINTS", "300"))
 LONGEST_STEP = 120
-REGISTERS = ("Eax", "Ebx", "Ecx", "Edx", "Esi", "Edi", "Eip", "Esp", "Ebp")
-PLACES = "'qel::test::(anonymous namespace)::g_debuggersPlaces'"
-CONTEXT = "'qel::test::(anonymous namespace)::g_debuggersContext'"
+REGISTERS = ("eax", "ebx", "ecx", "edx", "esi", "edi", "eip", "esp", "ebp")
+MOST_FRAMES = 200
 
 
 def gdbs_frames():
@@ -46,13 +45,17 @@ def is_of_kernel(address):
 
 
 def our_frames():
-    for name in REGISTERS:
-        gdb.execute(f"set var {CONTEXT}.{name} = ${name.lower()}")
+    values = [int(gdb.parse_and_eval(f"(unsigned)${name}")) for name in REGISTERS]
+    memory = gdb.selected_inferior()
+    memory.write_memory(address_of("g_debuggersRegisters"), struct.pack("<9I", *values))
     gdb.execute("call (void)WalkForDebugger()", to_string=True)
-    count = int(gdb.parse_and_eval(f"{PLACES}.count"))
-    start = int(gdb.parse_and_eval(f"(unsigned)&{PLACES}.list[0]"))
-    words = struct.unpack(f"<{2 * count}I", gdb.selected_inferior().read_memory(start, 8 * count).tobytes())
-    return list(zip(words[::2], words[1::2]))
+    *words, count = struct.unpack_from(
+        f"<{2 * MOST_FRAMES + 1}I", memory.read_memory(address_of("g_debuggersPlaces"), 8 * MOST_FRAMES + 4).tobytes())
+    return list(zip(words[::2], words[1::2]))[:count]
+
+
+def address_of(name):
+    return int(gdb.parse_and_eval(f"(unsigned)&{name}"))
 
 
 def describe(frames):

@@ -6,8 +6,9 @@
 //     ...
 //   });
 //
-// The function runs with the 1st call of each name failing, then the 2nd, and so on until a run does not get that far;
-// each time with that one call failing and with all from it on. No handle may be left open by a run.
+// The function runs once without a failure. Then it runs with the 1st call of each name failing, the 2nd and so on, as
+// many as that run has made; each time with that one call failing and with all from it on. No handle may be left open
+// by a run.
 #pragma once
 #include <functional>
 #include <memory>
@@ -39,24 +40,20 @@ struct FailingCall {
   const char* name;
   DWORD error;
   bool mayFailForEver;
-  std::function<std::unique_ptr<InjectedFailure>(int nth, int times)> inject;
+  std::unique_ptr<InjectedFailure> (*inject)(int nth, int times);
 };
 
-class FailedRun {
- public:
-  FailedRun(const FailingCall& call, int nth, bool forEver, const InjectedFailure& failure)
-      : call(call), nth(nth), forEver(forEver), failure_(failure) {}
+struct FailedRun {
   const FailingCall& call;
-  const int nth;
-  const bool forEver;
+  int nth;
+  bool forEver;
+  const InjectedFailure& failure;
   // Whether the library has made the call that fails.
-  bool HasFailed() const { return failure_.CallCount() >= nth; }
-
- private:
-  const InjectedFailure& failure_;
+  bool HasFailed() const { return failure.CallCount() >= nth; }
 };
+using FailingBody = std::function<void(const FailedRun&)>;
 
-void FailEachCall(const std::vector<FailingCall>& calls, const std::function<void(const FailedRun&)>& run);
+void FailEachCall(const std::vector<FailingCall>& calls, const FailingBody& run);
 
 }  // namespace qel::test
 

@@ -2,8 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
-#include <regex>
+#include <string_view>
 
 #include "qelibaselib/qelibaselib.h"
 #include "test/support/scratch_folder.h"
@@ -37,16 +38,43 @@ struct Folder {
   }
 };
 
-const std::regex& LineForm() {
-  static const std::regex form(
-      R"((\d{4}/\d\d/\d\d, \d\d:\d\d:\d\d\.\d{3}), ML=(\d+), (.*?), (\d+), (\d+), ([^\n]*?)\((-?\d+)\):([^]*))");
-  return form;
+constexpr std::string_view kTimeForm = "0000/00/00, 00:00:00.000";
+
+// Whether the text begins with the form, in which a 0 stands for any digit.
+bool BeginsWith(std::string_view text, std::string_view form) {
+  const auto fits = [](char character, char wanted) {
+    return wanted == '0' ? character >= '0' && character <= '9' : character == wanted;
+  };
+  return text.size() >= form.size() && std::equal(form.begin(), form.end(), text.begin(),
+                                                  [&](char wanted, char given) { return fits(given, wanted); });
 }
 
-bool StartsLine(const std::string& text) {
-  static const std::regex start(R"(\d{4}/\d\d/\d\d, \d\d:\d\d:\d\d\.\d{3}, ML=)");
-  return std::regex_search(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(std::min<size_t>(text.size(), 32)),
-                           start, std::regex_constants::match_continuous);
+bool StartsLine(std::string_view text) {
+  return BeginsWith(text, kTimeForm) && text.substr(kTimeForm.size()).starts_with(", ML=");
+}
+
+// Process and thread stand behind the program, whose name may look like numbers too: ", 12, 34, ".
+size_t FindIds(const std::string& text, size_t from, LogLine& line) {
+  for (size_t at = from; (at = text.find(", ", at)) != std::string::npos; ++at) {
+    int length = 0;
+    if (std::sscanf(text.c_str() + at, ", %lu, %lu, %n", &line.processId, &line.threadId, &length) == 2 && length > 0) {
+      line.program = text.substr(from, at - from);
+      return at + static_cast<size_t>(length);
+    }
+  }
+  return std::string::npos;
+}
+
+// "source(line):", the first that has this form.
+size_t FindPosition(const std::string& text, size_t from, LogLine& line) {
+  for (size_t at = from; (at = text.find('(', at)) < text.find('\n', from); ++at) {
+    int length = 0;
+    if (std::sscanf(text.c_str() + at, "(%d):%n", &line.line, &length) == 1 && length > 0) {
+      line.sourceFile = text.substr(from, at - from);
+      return at + static_cast<size_t>(length);
+    }
+  }
+  return std::string::npos;
 }
 
 // Lines as they are in the file, without their CR LF; what does not start one is glued to the line before.
@@ -75,25 +103,24 @@ const fs::path& LogFolder() {
 fs::path ChannelFile(const LogChannel& channel) { return LogFolder() / channel.fileName; }
 
 bool ParseLine(const std::string& text, LogLine& line) {
-  std::smatch match;
-  // The message may be a megabyte: only what stands before it goes through the expression.
-  const std::string head = text.substr(0, std::min<size_t>(text.size(), 2048));
-  if (!std::regex_match(head, match, LineForm())) return false;
-  const size_t messageBegin = static_cast<size_t>(match.position(8));
-  line = {match[1],
-          static_cast<unsigned>(std::stoul(match[2])),
-          match[3],
-          std::stoul(match[4]),
-          std::stoul(match[5]),
-          match[6],
-          std::stoi(match[7]),
-          text.substr(messageBegin)};
+  int length = 0;
+  if (!BeginsWith(text, kTimeForm)) return false;
+  line.time = text.substr(0, kTimeForm.size());
+  if (std::sscanf(text.c_str() + kTimeForm.size(), ", ML=%u, %n", &line.memoryLoad, &length) != 1 || length == 0)
+    return false;
+  const size_t ids = FindIds(text, kTimeForm.size() + static_cast<size_t>(length), line);
+  if (ids == std::string::npos) return false;
+  const size_t message = FindPosition(text, ids, line);
+  if (message == std::string::npos) return false;
+  line.message = text.substr(message);
   return true;
 }
 
-std::vector<LogLine> ReadLines(const LogChannel& channel) {
+std::vector<LogLine> ReadLines(const LogChannel& channel) { return ReadLines(ChannelFile(channel)); }
+
+std::vector<LogLine> ReadLines(const fs::path& file) {
   std::vector<LogLine> lines;
-  for (const std::string& text : SplitLines(ReadWholeFile(ChannelFile(channel)))) {
+  for (const std::string& text : SplitLines(ReadWholeFile(file))) {
     LogLine line;
     if (ParseLine(text, line))
       lines.push_back(std::move(line));
@@ -110,9 +137,16 @@ std::vector<LogLine> TakeLines(const LogChannel& channel) {
   return lines;
 }
 
-std::vector<std::string> TakeMessages(const LogChannel& channel) {
-  std::vector<std::string> messages;
+Messages TakeMessages(const LogChannel& channel) {
+  Messages messages;
   for (auto& line : TakeLines(channel)) messages.push_back(std::move(line.message));
+  return messages;
+}
+
+Messages TakePlacedMessages(const LogChannel& channel) {
+  Messages messages;
+  for (const auto& line : TakeLines(channel))
+    messages.push_back(line.sourceFile + "(" + std::to_string(line.line) + "): " + line.message);
   return messages;
 }
 

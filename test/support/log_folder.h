@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "qelibaselib/log/log_channel.h"
+#include "test/support/text.h"
 
 namespace qel::test {
 
@@ -26,10 +27,13 @@ std::filesystem::path ChannelFile(const LogChannel& channel);
 // The lines of a channel so far. A line that has not the main form fails the test. Messages may hold line feeds: what
 // follows up to the next line that starts with a time belongs to the message.
 std::vector<LogLine> ReadLines(const LogChannel& channel);
+std::vector<LogLine> ReadLines(const std::filesystem::path& file);
 // As ReadLines, and empties the channel: what came since the last call.
 std::vector<LogLine> TakeLines(const LogChannel& channel);
 // Only the messages of TakeLines.
-std::vector<std::string> TakeMessages(const LogChannel& channel);
+Messages TakeMessages(const LogChannel& channel);
+// The messages with the position that they name: "source.cpp(12): message".
+Messages TakePlacedMessages(const LogChannel& channel);
 // One line of the main form; false when it is none.
 bool ParseLine(const std::string& text, LogLine& line);
 

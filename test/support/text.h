@@ -1,0 +1,46 @@
+// Texts as the log lines and reports print them, and names that tests give.
+#pragma once
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "qelibaselib/platform/win32.h"
+
+namespace qel::test {
+
+using Messages = std::vector<std::string>;
+
+template <class... Values>
+std::string Print(const char* format, Values... values) {
+  char text[512];
+  std::snprintf(text, sizeof text, format, values...);
+  return text;
+}
+
+inline unsigned long Number(const volatile void* pointer) {
+  return static_cast<unsigned long>(reinterpret_cast<ULONG_PTR>(pointer));
+}
+// "0x0012ABCD", a pointer.
+inline std::string Address(const volatile void* pointer) { return Print("0x%08lX", Number(pointer)); }
+// "0x1f", a handle or a number.
+inline std::string Hex(unsigned long value) { return Print("0x%lx", value); }
+inline std::string Hex(HANDLE handle) { return Hex(Number(handle)); }
+
+// Of ASCII only.
+inline std::string Narrow(const std::wstring& text) { return {text.begin(), text.end()}; }
+inline std::wstring Widen(const std::string& text) { return {text.begin(), text.end()}; }
+
+// The path of this program, as log lines name it.
+inline std::string ProgramPath() {
+  char path[MAX_PATH] = "";
+  GetModuleFileNameA(nullptr, path, MAX_PATH);
+  return path;
+}
+
+// The name of a kernel object that no other run of a test uses.
+inline std::wstring UniqueName() {
+  static int number = 0;
+  return L"Local\\qel_test_" + std::to_wstring(GetCurrentProcessId()) + L"_" + std::to_wstring(++number);
+}
+
+}  // namespace qel::test

@@ -1,34 +1,10 @@
 // What a host should never pass: every export answers with its failure value and stays of use.
 #include "test/file/transfer_test.h"
 #include "test/support/open_handles.h"
+#include "test/support/page_buffer.h"
 
 namespace qel::test {
 namespace {
-
-// A page that cannot be read, and readable characters right before it.
-class UnreadablePage {
- public:
-  UnreadablePage() {
-    DWORD previous;
-    block_ = static_cast<BYTE*>(VirtualAlloc(nullptr, 2 * kPage, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
-    VirtualProtect(block_ + kPage, kPage, PAGE_NOACCESS, &previous);
-  }
-  ~UnreadablePage() { VirtualFree(block_, 0, MEM_RELEASE); }
-  UnreadablePage(const UnreadablePage&) = delete;
-  UnreadablePage& operator=(const UnreadablePage&) = delete;
-
-  void* Get() const { return block_ + kPage; }
-  // Text that runs into the page without an end.
-  const wchar_t* Endless() const {
-    auto* text = reinterpret_cast<wchar_t*>(block_ + kPage) - 4;
-    std::fill(text, text + 4, L'x');
-    return text;
-  }
-
- private:
-  static constexpr SIZE_T kPage = 4096;
-  BYTE* block_;
-};
 
 using PathCall = std::function<bool(const wchar_t*)>;  // whether it succeeds
 
@@ -51,14 +27,14 @@ class BadInput : public FileTest {
            DWORD error;
            return GetFileSizeX(path, &data, &error) != 0;
          }},
-        {"MoveFileX from", [&](const wchar_t* path) { return MoveFileX(HOST, path, folder_.Wide("moved").c_str()); }},
+        {"MoveFileX from", [&](const wchar_t* path) { return MoveFileX(HOST, path, Wide("moved").c_str()); }},
         {"MoveFileX to", [&](const wchar_t* path) { return MoveFileX(HOST, there_.c_str(), path); }},
         {"SHCreateDirectoryExX", [](const wchar_t* path) { return SHCreateDirectoryExX(HOST, path); }},
         {"FlushMMF2", [](const wchar_t* path) { return FlushMMF2(HOST, path, FALSE); }},
         {"Mem2FileMMF", [](const wchar_t* path) { return Mem2FileMMF(HOST, "x", 1, path, -1); }},
         {"Mem2File", [](const wchar_t* path) { return Mem2File(HOST, "x", 1, path); }},
         {"CopyFileMMF from",
-         [&](const wchar_t* path) { return CopyFileMMF(HOST, path, folder_.Wide("c").c_str(), FALSE, -1, TRUE); }},
+         [&](const wchar_t* path) { return CopyFileMMF(HOST, path, Wide("c").c_str(), FALSE, -1, TRUE); }},
         {"CopyFileMMF to",
          [&](const wchar_t* path) { return CopyFileMMF(HOST, there_.c_str(), path, FALSE, -1, FALSE); }},
         {"ObjectToFile", [&](const wchar_t* path) { return ObjectToFile(HOST, object_.Name(), 9, 0, path, -1); }},
@@ -70,9 +46,8 @@ class BadInput : public FileTest {
          }},
         {"DeleteDirectoryTree", [](const wchar_t* path) { return DeleteDirectoryTree(HOST, path, TRUE, TRUE); }},
         {"CopyDirectoryTree from",
-         [&](const wchar_t* path) { return CopyDirectoryTree(HOST, path, folder_.Wide("c").c_str()); }},
-        {"CopyDirectoryTree to",
-         [&](const wchar_t* path) { return CopyDirectoryTree(HOST, folder_.Wide().c_str(), path); }},
+         [&](const wchar_t* path) { return CopyDirectoryTree(HOST, path, Wide("c").c_str()); }},
+        {"CopyDirectoryTree to", [&](const wchar_t* path) { return CopyDirectoryTree(HOST, Wide().c_str(), path); }},
     };
   }
   void AllRefuse(const wchar_t* path, const char* what) {
@@ -83,12 +58,12 @@ class BadInput : public FileTest {
       EXPECT_EQ(OpenHandleCount(), handles) << name;
       TakeLines(channel::kFileOperation);
     }
-    EXPECT_EQ(ReadWholeFile(folder_.Path() / "there"), "123456789");
+    EXPECT_EQ(Read("there"), "123456789");
   }
-  void SetUp() override { WriteWholeFile(folder_.Path() / "there", "123456789"); }
+  void SetUp() override { Write("there", "123456789"); }
 
-  const std::wstring there_ = folder_.Wide("there");
-  const NamedObject object_{"bad-input", 9};
+  const std::wstring there_ = Wide("there");
+  const NamedObject object_{9};
 };
 
 TEST_F(BadInput, NoPath) {
@@ -98,23 +73,25 @@ TEST_F(BadInput, NoPath) {
 }
 
 TEST_F(BadInput, NamesThatCannotBe) {
-  AllRefuse(folder_.Wide("no?such*name").c_str(), "wildcards");
-  AllRefuse(folder_.Wide("a|b").c_str(), "a vertical bar");
+  AllRefuse(Wide("no?such*name").c_str(), "wildcards");
+  AllRefuse(Wide("a|b").c_str(), "a vertical bar");
   AllRefuse(L"?:\\???\\x", "the folder that nobody has set");
-  AllRefuse((folder_.Wide("there") + folder_.Wide("x").substr(folder_.Wide().size())).c_str(), "a file as a folder");
+  AllRefuse((Wide("there") + Wide("x").substr(Wide().size())).c_str(), "a file as a folder");
 }
 
 TEST_F(BadInput, PathsThatCannotBeRead) {
-  UnreadablePage page;
+  PageBuffer page;
   TakeLines(channel::kAssert);
-  AllRefuse(static_cast<const wchar_t*>(page.Get()), "an unreadable page");
+  auto* const unreadable = reinterpret_cast<wchar_t*>(page.End());
+  AllRefuse(unreadable, "an unreadable page");
   EXPECT_EQ(FaultCount(), PathCalls().size());
-  AllRefuse(page.Endless(), "a path without an end");
+  std::fill(unreadable - 4, unreadable, L'x');
+  AllRefuse(unreadable - 4, "a path without an end");
 }
 
 TEST_F(BadInput, LongPathsAreCutTo259Characters) {
   for (const size_t length : {259, 260, 300, 40000}) {
-    std::wstring path = folder_.Wide("x");
+    std::wstring path = Wide("x");
     path.resize(length, L'n');
     EXPECT_TRUE(Mem2File(HOST, "x", 1, path.c_str())) << length;
     const std::wstring cut = path.substr(0, MAX_PATH - 1);
@@ -123,8 +100,8 @@ TEST_F(BadInput, LongPathsAreCutTo259Characters) {
 }
 
 TEST_F(BadInput, DotsAndQuotesInsideAPath) {
-  const std::wstring separator = folder_.Wide("x").substr(folder_.Wide().size(), 1);
-  const std::wstring path = folder_.Wide("no") + separator + L".." + separator + L"there";
+  const std::wstring separator = Wide("x").substr(Wide().size(), 1);
+  const std::wstring path = Wide("no") + separator + L".." + separator + L"there";
   WIN32_FIND_DATAW data;
   DWORD error;
   EXPECT_EQ(GetFileSizeX(path.c_str(), &data, &error), 9u);
@@ -132,32 +109,32 @@ TEST_F(BadInput, DotsAndQuotesInsideAPath) {
 }
 
 TEST_F(BadInput, BuffersThatCannotBeUsed) {
-  UnreadablePage page;
+  PageBuffer page;
   FakeClock clock;
   const unsigned long handles = OpenHandleCount();
   const ScopedFile file(OpenPlain(there_, GENERIC_READ | GENERIC_WRITE, 3));
   DWORD count;
   ULONGLONG written;
-  EXPECT_FALSE(ReadFileX(HOST, file.Get(), page.Get(), 4, &count, nullptr));
+  EXPECT_FALSE(ReadFileX(HOST, file.Get(), page.End(), 4, &count, nullptr));
   EXPECT_EQ(GetLastError(), 998u);
-  EXPECT_FALSE(WriteFileX(HOST, file.Get(), page.Get(), 4, &count, nullptr));
+  EXPECT_FALSE(WriteFileX(HOST, file.Get(), page.End(), 4, &count, nullptr));
   EXPECT_EQ(GetLastError(), 1784u);
-  EXPECT_FALSE(WriteFileMMF2(HOST, file.Get(), page.Get(), 4, &written, nullptr, -1, -1));
+  EXPECT_FALSE(WriteFileMMF2(HOST, file.Get(), page.End(), 4, &written, nullptr, -1, -1));
   EXPECT_FALSE(WriteFileMMF2(HOST, file.Get(), "abc", 3, nullptr, nullptr, -1, -1));
   EXPECT_FALSE(WriteFileMMF(HOST, file.Get(), nullptr, 3, &count, nullptr, -1));
   ViewRecorder views;
-  const std::wstring path = folder_.Wide("x");
-  for (const void* buffer : {static_cast<const void*>(page.Get()), static_cast<const void*>(nullptr)}) {
+  const std::wstring path = Wide("x");
+  for (const void* buffer : {static_cast<const void*>(page.End()), static_cast<const void*>(nullptr)}) {
     EXPECT_FALSE(Mem2FileMMF(HOST, buffer, 5000, path.c_str(), -1));
-    EXPECT_TRUE(FileHolds(folder_.Path() / "x", std::string(5000, '\0')));
+    EXPECT_TRUE(FileHolds(Path("x"), std::string(5000, '\0')));
     EXPECT_FALSE(Mem2File(HOST, buffer, 5000, path.c_str()));
     EXPECT_EQ(GetLastError(), 0u);
   }
   EXPECT_EQ(views.Mapped(), 0u);
-  const auto files = [&] { return std::distance(std::filesystem::directory_iterator(folder_.Path()), {}); };
+  const auto files = [&] { return std::distance(std::filesystem::directory_iterator(Path()), {}); };
   const auto before = files();
-  auto* const name = static_cast<wchar_t*>(page.Get());
-  EXPECT_EQ(GetTempFileNameX(HOST, folder_.Wide().c_str(), L"p", 0, name), 0u);
+  auto* const name = reinterpret_cast<wchar_t*>(page.End());
+  EXPECT_EQ(GetTempFileNameX(HOST, Wide().c_str(), L"p", 0, name), 0u);
   EXPECT_EQ(files(), before) << "a file that nobody knows";
   EXPECT_EQ(OpenHandleCount(), handles + 1);
 }
@@ -165,7 +142,7 @@ TEST_F(BadInput, BuffersThatCannotBeUsed) {
 TEST_F(BadInput, ResultsWithoutAPlace) {
   WIN32_FIND_DATAW data;
   EXPECT_EQ(GetFileSizeX(there_.c_str(), &data, nullptr), 0u);
-  EXPECT_FALSE(GetFileSizeDirectoryTree(HOST, folder_.Wide().c_str(), nullptr));
+  EXPECT_FALSE(GetFileSizeDirectoryTree(HOST, Wide().c_str(), nullptr));
   ReplaceBackslashFromPath(nullptr, L"/");
   wchar_t path[] = L"a\\b";
   ReplaceBackslashFromPath(path, nullptr);
@@ -174,16 +151,15 @@ TEST_F(BadInput, ResultsWithoutAPlace) {
 }
 
 TEST_F(BadInput, ASourceNameThatCannotBeRead) {
-  UnreadablePage page;
-  const auto* sourceFile = static_cast<const char*>(page.Get());
+  PageBuffer page;
+  const auto* sourceFile = reinterpret_cast<const char*>(page.End());
   for (const char* source : {sourceFile, static_cast<const char*>(nullptr)}) {
-    EXPECT_EQ(
-        CreateFileX(1, source, folder_.Wide("no").c_str(), GENERIC_READ, 1, nullptr, OPEN_EXISTING, 0, nullptr, 0, 0),
-        INVALID_HANDLE_VALUE);
+    EXPECT_EQ(CreateFileX(1, source, Wide("no").c_str(), GENERIC_READ, 1, nullptr, OPEN_EXISTING, 0, nullptr, 0, 0),
+              INVALID_HANDLE_VALUE);
     EXPECT_EQ(GetLastError(), 2u);
-    EXPECT_TRUE(Mem2FileMMF(1, source, "abc", 3, folder_.Wide("x").c_str(), -1));
+    EXPECT_TRUE(Mem2FileMMF(1, source, "abc", 3, Wide("x").c_str(), -1));
   }
-  EXPECT_EQ(ReadWholeFile(folder_.Path() / "x"), "abc");
+  EXPECT_EQ(Read("x"), "abc");
 }
 
 TEST_F(BadInput, HandlesOfTheWrongKind) {

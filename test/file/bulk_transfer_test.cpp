@@ -7,8 +7,8 @@ namespace {
 class BulkTransfer : public FileTest {
  protected:
   ScopedFile NewFile(const std::string& name, const std::string& bytes = {}) {
-    WriteWholeFile(folder_.Path() / name, bytes);
-    return ScopedFile(OpenPlain(folder_.Wide(name), GENERIC_READ | GENERIC_WRITE, 3));
+    Write(name, bytes);
+    return ScopedFile(OpenPlain(Wide(name), GENERIC_READ | GENERIC_WRITE, 3));
   }
   static ULONGLONG Position(const ScopedFile& file) {
     LARGE_INTEGER position;
@@ -23,19 +23,19 @@ class BulkTransferOfSize : public BulkTransfer, public testing::WithParamInterfa
 TEST_P(BulkTransferOfSize, AllBytesArrive) {
   const DWORD size = GetParam();
   const std::string bytes = Pattern(size);
-  const std::wstring source = folder_.Wide("mapped"), target = folder_.Wide("target");
+  const std::wstring source = Wide("mapped"), target = Wide("target");
   const unsigned long handles = OpenHandleCount();
   ViewRecorder views;
 
   EXPECT_TRUE(Mem2FileMMF(HOST, bytes.data(), size, source.c_str(), -1));
-  EXPECT_TRUE(FileHolds(folder_.Path() / "mapped", bytes));
+  EXPECT_TRUE(FileHolds(Path("mapped"), bytes));
   EXPECT_EQ(views.Views().size(), (size + kChunk - 1) / kChunk);
   EXPECT_TRUE(Mem2File(HOST, bytes.data(), size, target.c_str()));
-  EXPECT_TRUE(FileHolds(folder_.Path() / "target", bytes));
+  EXPECT_TRUE(FileHolds(Path("target"), bytes));
   for (const BOOL mapSource : {TRUE, FALSE}) {
-    WriteWholeFile(folder_.Path() / "target", "what was there before");
+    Write("target", "what was there before");
     EXPECT_TRUE(CopyFileMMF(HOST, source.c_str(), target.c_str(), FALSE, -1, mapSource));
-    EXPECT_TRUE(FileHolds(folder_.Path() / "target", bytes));
+    EXPECT_TRUE(FileHolds(Path("target"), bytes));
   }
   EXPECT_EQ(views.Mapped(), 0u);
   EXPECT_EQ(OpenHandleCount(), handles);
@@ -57,7 +57,7 @@ TEST_P(BulkTransferOfSize, WritesAnywhereInAFile) {
     std::string expected = before;
     expected.resize(std::max<size_t>(expected.size(), static_cast<size_t>(offset) + size));
     expected.replace(static_cast<size_t>(offset), size, bytes);
-    EXPECT_TRUE(FileHolds(folder_.Path() / "x", expected));
+    EXPECT_TRUE(FileHolds(Path("x"), expected));
   }
 }
 
@@ -68,7 +68,7 @@ INSTANTIATE_TEST_SUITE_P(Borders, BulkTransferOfSize,
 TEST_F(BulkTransfer, FortyMebibytesAreThreeViews) {
   const std::string bytes = Pattern(40 << 20);
   ViewRecorder views;
-  EXPECT_TRUE(Mem2FileMMF(HOST, bytes.data(), 40 << 20, folder_.Wide("x").c_str(), -1));
+  EXPECT_TRUE(Mem2FileMMF(HOST, bytes.data(), 40 << 20, Wide("x").c_str(), -1));
   EXPECT_EQ(views.Sizes(), (std::vector<SIZE_T>{kChunk, kChunk, 8 << 20}));
 }
 
@@ -81,7 +81,7 @@ TEST_F(BulkTransfer, AppendingMovesTheFilePointer) {
   EXPECT_TRUE(WriteFileMMF(HOST, file.Get(), "fgh", 3, &count, nullptr, 100));
   EXPECT_EQ(count, 3u);
   EXPECT_EQ(Position(file), 18u);
-  EXPECT_EQ(ReadWholeFile(folder_.Path() / "x"), "0123456789abcdefgh");
+  EXPECT_EQ(Read("x"), "0123456789abcdefgh");
 }
 
 TEST_F(BulkTransfer, ViewsStartAtTheGranularityAndAreGivenBackByTheAddressOfTheData) {
@@ -105,16 +105,13 @@ TEST_F(BulkTransfer, ViewsAreFlushedWhileMemoryIsShort) {
   const std::string bytes = Pattern(kChunk + 1);
   const ScopedFile file = NewFile("x");
   MemoryShortage shortage;
-  auto flush = STAND_IN(FlushViewOfFile, [](int, LPCVOID address, SIZE_T size) {
-    EXPECT_EQ(size, 0u);
-    return FlushViewOfFile(address, size);
-  });
+  auto flush = WATCH_CALL(FlushViewOfFile, [](LPCVOID, SIZE_T size) { EXPECT_EQ(size, 0u); });
   const auto flushesOf = [&](BOOL done) {
     static int before;
     EXPECT_TRUE(done);
     return flush.Calls() - std::exchange(before, flush.Calls());
   };
-  const std::wstring source = folder_.Wide("s"), target = folder_.Wide("t");
+  const std::wstring source = Wide("s"), target = Wide("t");
   const DWORD size = static_cast<DWORD>(bytes.size());
   ULONGLONG written;
   for (const int threshold : {0, 100, -1}) {
@@ -124,7 +121,7 @@ TEST_F(BulkTransfer, ViewsAreFlushedWhileMemoryIsShort) {
     EXPECT_EQ(flushesOf(CopyFileMMF(HOST, source.c_str(), target.c_str(), FALSE, threshold, FALSE)), each);
     EXPECT_EQ(flushesOf(WriteFileMMF2(HOST, file.Get(), bytes.data(), size, &written, nullptr, 7, threshold)), each);
   }
-  EXPECT_TRUE(FileHolds(folder_.Path() / "t", bytes));
+  EXPECT_TRUE(FileHolds(Path("t"), bytes));
 }
 
 TEST_F(BulkTransfer, AFailedWriteNamesItsArguments) {
@@ -138,19 +135,19 @@ TEST_F(BulkTransfer, AFailedWriteNamesItsArguments) {
   EXPECT_EQ(written, 0u);
   EXPECT_FALSE(WriteFileMMF(HOST, bad, text, 3, &count, nullptr, 100));
   EXPECT_EQ(GetLastError(), 6u);
-  EXPECT_EQ(FileMessages(), (Messages{"lastErr=6, WriteFileMMF2(0x7abcdef0, 0x" + Hex(text) + ", 4294967299, 0x" +
-                                          Hex(&written) + ", 0x0000000A, -1, 4294967289)",
-                                      "lastErr=6, WriteFileMMF(0x7abcdef0, 0x" + Hex(text) + ", 3, 0x" + Hex(&count) +
-                                          ", 0x00000000, 100)"}));
+  EXPECT_EQ(FileMessages(), (Messages{"lastErr=6, WriteFileMMF2(0x7abcdef0, " + Address(text) + ", 4294967299, " +
+                                          Address(&written) + ", 0x0000000A, -1, 4294967289)",
+                                      "lastErr=6, WriteFileMMF(0x7abcdef0, " + Address(text) + ", 3, " +
+                                          Address(&count) + ", 0x00000000, 100)"}));
   EXPECT_EQ(Assertions().size(), 1u);
 
-  const ScopedFile readable(OpenPlain(folder_.Wide("r"), GENERIC_READ, 3, CREATE_NEW));
+  const ScopedFile readable(OpenPlain(Wide("r"), GENERIC_READ, 3, CREATE_NEW));
   EXPECT_FALSE(WriteFileMMF2(HOST, readable.Get(), text, 3, &written, nullptr, 5, 0));
   EXPECT_EQ(GetLastError(), 5u);
   const Messages messages = FileMessages();
   ASSERT_EQ(messages.size(), 31u);
-  EXPECT_EQ(messages[30], "lastErr=5, WriteFileMMF2(0x" + LowerHex(readable.Get()) + ", 0x" + Hex(text) + ", 3, 0x" +
-                              Hex(&written) + ", 0x00000000, 5, 0)");
+  EXPECT_EQ(messages[30], "lastErr=5, WriteFileMMF2(" + Hex(readable.Get()) + ", " + Address(text) + ", 3, " +
+                              Address(&written) + ", 0x00000000, 5, 0)");
   EXPECT_EQ(Assertions().size(), 1u);
 }
 
@@ -165,33 +162,33 @@ TEST_F(BulkTransfer, WhatWasWrittenBeforeAFailureCountsAndStays) {
   EXPECT_EQ(written, kChunk);
   EXPECT_EQ(FileMessages().size(), 2u) << "of the view and of the write";
   EXPECT_EQ(Assertions().size(), 1u);
-  EXPECT_TRUE(FileHolds(folder_.Path() / "x", bytes.substr(0, kChunk) + std::string(kChunk, '\0')));
+  EXPECT_TRUE(FileHolds(Path("x"), bytes.substr(0, kChunk) + std::string(kChunk, '\0')));
   EXPECT_EQ(OpenHandleCount(), handles);
 }
 
 TEST_F(BulkTransfer, ThereIsNoMappedFileWithoutBytes) {
   FakeClock clock;
-  WriteWholeFile(folder_.Path() / "empty", "");
-  EXPECT_FALSE(Mem2FileMMF(HOST, "", 0, folder_.Wide("x").c_str(), -1));
+  Write("empty", "");
+  EXPECT_FALSE(Mem2FileMMF(HOST, "", 0, Wide("x").c_str(), -1));
   EXPECT_EQ(GetLastError(), 1006u);
   EXPECT_EQ(FileMessages().size(), 30u);
   EXPECT_EQ(Assertions().size(), 1u);
-  EXPECT_FALSE(CopyFileMMF(HOST, folder_.Wide("empty").c_str(), folder_.Wide("x").c_str(), FALSE, -1, TRUE));
-  EXPECT_FALSE(CopyFileMMF(HOST, folder_.Wide("empty").c_str(), folder_.Wide("x").c_str(), FALSE, -1, FALSE));
-  EXPECT_TRUE(Mem2File(HOST, "", 0, folder_.Wide("x").c_str()));
+  EXPECT_FALSE(CopyFileMMF(HOST, Wide("empty").c_str(), Wide("x").c_str(), FALSE, -1, TRUE));
+  EXPECT_FALSE(CopyFileMMF(HOST, Wide("empty").c_str(), Wide("x").c_str(), FALSE, -1, FALSE));
+  EXPECT_TRUE(Mem2File(HOST, "", 0, Wide("x").c_str()));
 }
 
 TEST_F(BulkTransfer, AFailedWriteOfAWholeFileLeavesNoError) {
   {
     auto write = FAIL_CALL(WriteFile, 1, ERROR_DISK_FULL, FALSE);
-    EXPECT_FALSE(Mem2File(HOST, "abc", 3, folder_.Wide("x").c_str()));
+    EXPECT_FALSE(Mem2File(HOST, "abc", 3, Wide("x").c_str()));
     EXPECT_EQ(GetLastError(), 0u);
     EXPECT_EQ(Assertions(), Messages{});
     EXPECT_EQ(FileMessages().size(), 1u);
   }
   FakeClock clock;
-  EXPECT_TRUE(CreateDirectoryW(folder_.Wide("folder").c_str(), nullptr));
-  EXPECT_FALSE(Mem2File(HOST, "abc", 3, folder_.Wide("folder").c_str()));
+  EXPECT_TRUE(CreateDirectoryW(Wide("folder").c_str(), nullptr));
+  EXPECT_FALSE(Mem2File(HOST, "abc", 3, Wide("folder").c_str()));
   EXPECT_EQ(GetLastError(), 5u);
   EXPECT_EQ(Assertions().size(), 1u);
   EXPECT_EQ(FileMessages().size(), 11u);
@@ -199,24 +196,24 @@ TEST_F(BulkTransfer, AFailedWriteOfAWholeFileLeavesNoError) {
 
 TEST_F(BulkTransfer, CopyKeepsAnExistingFileWhenAsked) {
   FakeClock clock;
-  WriteWholeFile(folder_.Path() / "s", "new");
-  WriteWholeFile(folder_.Path() / "t", "old");
-  EXPECT_FALSE(CopyFileMMF(HOST, folder_.Wide("s").c_str(), folder_.Wide("t").c_str(), TRUE, -1, TRUE));
+  Write("s", "new");
+  Write("t", "old");
+  EXPECT_FALSE(CopyFileMMF(HOST, Wide("s").c_str(), Wide("t").c_str(), TRUE, -1, TRUE));
   EXPECT_EQ(GetLastError(), 80u);
   EXPECT_EQ(clock.Sleeps(), std::vector<DWORD>(10, 1000));
   EXPECT_EQ(Assertions().size(), 1u);
-  EXPECT_EQ(ReadWholeFile(folder_.Path() / "t"), "old");
-  EXPECT_TRUE(CopyFileMMF(HOST, folder_.Wide("s").c_str(), folder_.Wide("new/t").c_str(), TRUE, -1, FALSE));
+  EXPECT_EQ(Read("t"), "old");
+  EXPECT_TRUE(CopyFileMMF(HOST, Wide("s").c_str(), Wide("new/t").c_str(), TRUE, -1, FALSE));
 }
 
 TEST_F(BulkTransfer, AShortReadEndsACopy) {
-  WriteWholeFile(folder_.Path() / "s", Pattern(kChunk + 10));
+  Write("s", Pattern(kChunk + 10));
   auto read = STAND_IN(ReadFile, [](int nth, HANDLE file, LPVOID buffer, DWORD bytes, LPDWORD count, LPOVERLAPPED) {
     return ReadFile(file, buffer, nth == 2 ? bytes - 1 : bytes, count, nullptr);
   });
-  EXPECT_FALSE(CopyFileMMF(HOST, folder_.Wide("s").c_str(), folder_.Wide("t").c_str(), FALSE, -1, FALSE));
+  EXPECT_FALSE(CopyFileMMF(HOST, Wide("s").c_str(), Wide("t").c_str(), FALSE, -1, FALSE));
   EXPECT_EQ(Assertions().size(), 1u);
-  EXPECT_TRUE(FileHolds(folder_.Path() / "t", Pattern(kChunk) + std::string(10, '\0'))) << "the size of the whole";
+  EXPECT_TRUE(FileHolds(Path("t"), Pattern(kChunk) + std::string(10, '\0'))) << "the size of the whole";
 }
 
 }  // namespace

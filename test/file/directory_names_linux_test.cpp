@@ -9,7 +9,6 @@ namespace {
 
 class SystemTree : public DirectoryTree {
  protected:
-  fs::path At(const std::string& path) const { return folder_.Path() / path; }
   static mode_t ModeOf(const fs::path& path) {
     struct stat status = {};
     stat(path.c_str(), &status);
@@ -24,41 +23,41 @@ TEST_F(SystemTree, NoNameLeadsOutOfItsTree) {
   const auto make = [&] {
     unsigned long long size = 0;
     for (const std::string& name : odd) {
-      fs::create_directories(At("t/" + name).parent_path());
-      WriteWholeFile(At("t/" + name), "of " + name);
+      fs::create_directories(Path("t/" + name).parent_path());
+      WriteWholeFile(Path("t/" + name), "of " + name);
       size += name.size() + 3;
     }
     return size;
   };
-  WriteWholeFile(At("outside"), "kept");
-  WriteWholeFile(At("3"), "kept");
+  WriteWholeFile(Path("outside"), "kept");
+  WriteWholeFile(Path("3"), "kept");
   const ScratchFolder current;
   const fs::path before = fs::current_path();
   fs::current_path(current.Path());
   WriteWholeFile("outside", "kept");
   const unsigned long long made = make();
   unsigned long long size;
-  EXPECT_TRUE(Size(folder_.Wide("t"), size));
+  EXPECT_TRUE(Size(Wide("t"), size));
   EXPECT_EQ(size, made);
   EXPECT_TRUE(Copy("t", "copy"));
-  for (const std::string& name : odd) EXPECT_EQ(ReadWholeFile(At("copy/" + name)), "of " + name) << name;
+  for (const std::string& name : odd) EXPECT_EQ(ReadWholeFile(Path("copy/" + name)), "of " + name) << name;
   EXPECT_EQ(EntryCount("copy"), EntryCount("t"));
   for (const char* tree : {"t", "copy"}) {
     EXPECT_TRUE(Delete(tree, TRUE, TRUE));
     EXPECT_FALSE(Exists(tree));
   }
   EXPECT_EQ(Assertions(), Messages{});
-  EXPECT_EQ(ReadWholeFile(At("outside")) + ReadWholeFile(At("3")) + ReadWholeFile("outside"), "keptkeptkept");
+  EXPECT_EQ(ReadWholeFile(Path("outside")) + ReadWholeFile(Path("3")) + ReadWholeFile("outside"), "keptkeptkept");
   fs::current_path(before);
 }
 
 TEST_F(SystemTree, WhatIsNoFileFailsAtOnce) {
   MakeFiles({"t/1", "t/z"});
-  fs::create_symlink("nowhere", At("t/broken"));
-  ASSERT_EQ(mkfifo(At("t/fifo").c_str(), 0600), 0);
-  fs::create_symlink("/dev/zero", At("t/zero"));
+  fs::create_symlink("nowhere", Path("t/broken"));
+  ASSERT_EQ(mkfifo(Path("t/fifo").c_str(), 0600), 0);
+  fs::create_symlink("/dev/zero", Path("t/zero"));
   unsigned long long size;
-  EXPECT_TRUE(Size(folder_.Wide("t"), size));
+  EXPECT_TRUE(Size(Wide("t"), size));
   EXPECT_EQ(size, 6u);
   FakeClock clock;
   EXPECT_FALSE(Copy("t", "copy"));
@@ -72,15 +71,15 @@ TEST_F(SystemTree, WhatIsNoFileFailsAtOnce) {
 
 TEST_F(SystemTree, NewFoldersHaveTheRightsOfTheirSources) {
   MakeFiles({"t/private/f", "t/open/f", "target/open/f"});
-  chmod(At("t").c_str(), 0750);
-  chmod(At("t/private").c_str(), 0700);
-  chmod(At("target/open").c_str(), 0711);
+  chmod(Path("t").c_str(), 0750);
+  chmod(Path("t/private").c_str(), 0700);
+  chmod(Path("target/open").c_str(), 0711);
   EXPECT_TRUE(Copy("t", "new/target"));
-  EXPECT_EQ(ModeOf(At("new/target")), 0750u);
-  EXPECT_EQ(ModeOf(At("new/target/private")), 0700u);
-  EXPECT_EQ(ModeOf(At("new/target/open")), ModeOf(At("t/open")));
+  EXPECT_EQ(ModeOf(Path("new/target")), 0750u);
+  EXPECT_EQ(ModeOf(Path("new/target/private")), 0700u);
+  EXPECT_EQ(ModeOf(Path("new/target/open")), ModeOf(Path("t/open")));
   EXPECT_TRUE(Copy("t", "target"));
-  EXPECT_EQ(ModeOf(At("target/open")), 0711u) << "it was there";
+  EXPECT_EQ(ModeOf(Path("target/open")), 0711u) << "it was there";
 }
 
 // As a user whom rights concern: a folder that may be listed but not searched, and an empty one of that kind.
@@ -111,14 +110,26 @@ TEST_F(SystemTree, AnEntryThatCannotBeAskedAboutIsAFailure) {
   EXPECT_EQ(child.WaitForLine(), "size copy deletion empty");
 }
 
-// Where a folder is made quickly; directory_tree_slow_test.cpp has all three walks on both targets.
 TEST_F(SystemTree, AWalkVisits1024Folders) {
-  for (int i = 1; i < 1024; ++i) MakeFiles({"t/" + std::to_string(i) + "/f"});
+  const auto make = [this](const std::string& root, int folders) {
+    for (int i = 1; i < folders; ++i) MakeFiles({root + "/" + std::to_string(i) + "/f"});
+  };
+  make("full", 1024);
+  make("over", 1025);
   unsigned long long size;
-  EXPECT_TRUE(Size(folder_.Wide("t"), size));
-  MakeFiles({"t/1024/f"});
-  EXPECT_FALSE(Size(folder_.Wide("t"), size));
+  EXPECT_TRUE(Size(Wide("full"), size));
+  EXPECT_TRUE(Copy("full", "copy"));
+  EXPECT_TRUE(Delete("full", TRUE, TRUE));
+  EXPECT_EQ(Assertions(), Messages{});
+
+  EXPECT_FALSE(Size(Wide("over"), size));
   EXPECT_EQ(Assertions().size(), 1u);
+  EXPECT_FALSE(Copy("over", "copy2"));
+  EXPECT_EQ(EntryCount("copy2"), 1023u);
+  EXPECT_EQ(Assertions().size(), 2u) << "of the folder and of the entry";
+  EXPECT_FALSE(Delete("over", TRUE, TRUE));
+  EXPECT_EQ(EntryCount("over"), 1u);
+  EXPECT_EQ(Assertions().size(), 2u) << "the folder too many, and the start folder that is not empty";
 }
 
 }  // namespace

@@ -5,34 +5,34 @@ namespace qel::test {
 namespace {
 TEST_F(DirectoryTree, AllFilesCount) {
   MakeFiles({"t/1", "t/.hidden", "t/a/no extension", "t/a/b/c/deep.txt", "beside"});
-  SetFileAttributesW(folder_.Wide("t/1").c_str(), FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM);
-  fs::create_directories(folder_.Path() / "t/...");  // not a dot entry where the system allows it
+  SetFileAttributesW(Wide("t/1").c_str(), FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM);
+  fs::create_directories(Path("t/..."));  // not a dot entry where the system allows it
   unsigned long long size = 99;
-  EXPECT_TRUE(Size(folder_.Wide("t"), size));
+  EXPECT_TRUE(Size(Wide("t"), size));
   EXPECT_EQ(size, 3u + 9 + 16 + 16);
-  EXPECT_TRUE(Size(L"\"" + folder_.Wide("t") + L"\\\\\\\"", size)) << "quotes and backslashes at the end";
+  EXPECT_TRUE(Size(L"\"" + Wide("t") + L"\\\\\\\"", size)) << "quotes and backslashes at the end";
   EXPECT_EQ(size, 44u);
 
-  fs::create_directories(folder_.Path() / "empty");
-  EXPECT_TRUE(Size(folder_.Wide("empty"), size));
+  fs::create_directories(Path("empty"));
+  EXPECT_TRUE(Size(Wide("empty"), size));
   EXPECT_EQ(size, 0u);
   EXPECT_EQ(Assertions(), Messages{});
 }
 
 TEST_F(DirectoryTree, ThereMustBeAFolder) {
   MakeFiles({"file"});
-  fs::current_path(folder_.Path());  // an empty path must not stand for it
-  const std::wstring missing = folder_.Wide("no"), file = folder_.Wide("file");
+  fs::current_path(Path());  // an empty path must not stand for it
+  const std::wstring missing = Wide("no"), file = Wide("file");
   for (const wchar_t* path : {missing.c_str(), file.c_str(), L"", L"\"\"", static_cast<const wchar_t*>(nullptr)}) {
     unsigned long long size = 99;
     EXPECT_FALSE(GetFileSizeDirectoryTree(HOST, path, &size));
     EXPECT_EQ(size, 0u);
     EXPECT_FALSE(DeleteDirectoryTree(HOST, path, TRUE, TRUE));
-    EXPECT_FALSE(CopyDirectoryTree(HOST, path, folder_.Wide("target").c_str()));
+    EXPECT_FALSE(CopyDirectoryTree(HOST, path, Wide("target").c_str()));
   }
   EXPECT_TRUE(Exists("file"));
   EXPECT_FALSE(Exists("target"));
-  fs::current_path(folder_.Path().parent_path());
+  fs::current_path(Path().parent_path());
 }
 
 TEST_F(DirectoryTree, DeletionGoesAsFarAsAsked) {
@@ -62,7 +62,7 @@ TEST_F(DirectoryTree, DeletionGoesAsFarAsAsked) {
 
 TEST_F(DirectoryTree, AFileInUseIsTheOnlyOneThatStays) {
   MakeFiles({"t/1", "t/a/held", "t/a/x", "t/b/2"});
-  FileHolder holder(folder_.Narrow("t/a/held"));
+  FileHolder holder(Text("t/a/held"));
   FakeClock clock;
   const unsigned long handles = OpenHandleCount();
   EXPECT_FALSE(Delete("t", TRUE, TRUE));
@@ -76,25 +76,25 @@ TEST_F(DirectoryTree, AFileInUseIsTheOnlyOneThatStays) {
 
 TEST_F(DirectoryTree, CopyTakesAllAndOverwrites) {
   MakeFiles({"t/1", "t/a/3", "t/a/b/4", "target/a/3"});
-  fs::create_directories(folder_.Path() / "t/empty");
-  WriteWholeFile(folder_.Path() / "target/a/3", "longer than what comes");
-  WriteWholeFile(folder_.Path() / "target/a/other", "stays");
+  fs::create_directories(Path("t/empty"));
+  Write("target/a/3", "longer than what comes");
+  Write("target/a/other", "stays");
   MakeReadOnly("t/1");
   EXPECT_TRUE(Copy("t", "target"));
   for (const char* file : {"1", "a/3", "a/b/4"}) {
     const std::string name = file;
-    EXPECT_EQ(ReadWholeFile(folder_.Path() / "target" / name), ReadWholeFile(folder_.Path() / "t" / name)) << name;
+    EXPECT_EQ(ReadWholeFile(Path("target") / name), ReadWholeFile(Path("t") / name)) << name;
   }
   EXPECT_TRUE(Exists("target/empty"));
-  EXPECT_EQ(ReadWholeFile(folder_.Path() / "target/a/other"), "stays");
-  EXPECT_TRUE(GetFileAttributesW(folder_.Wide("target/1").c_str()) & FILE_ATTRIBUTE_READONLY);
+  EXPECT_EQ(Read("target/a/other"), "stays");
+  EXPECT_TRUE(GetFileAttributesW(Wide("target/1").c_str()) & FILE_ATTRIBUTE_READONLY);
   EXPECT_EQ(Assertions(), Messages{});
   EXPECT_EQ(FileMessages(), Messages{});
 }
 
 TEST_F(DirectoryTree, RelativePathsStartAtTheCurrentFolder) {
   MakeFiles({"t/1", "t/a/2", "here/3"});
-  fs::current_path(folder_.Path() / "here");
+  fs::current_path(Path("here"));
   unsigned long long size;
   for (const wchar_t* path : {L"..\\t", L"..\\here\\..\\t\\"}) {
     EXPECT_TRUE(Size(path, size)) << path;
@@ -108,14 +108,14 @@ TEST_F(DirectoryTree, RelativePathsStartAtTheCurrentFolder) {
   EXPECT_TRUE(DeleteDirectoryTree(HOST, L"..\\t", TRUE, TRUE));
   EXPECT_FALSE(Exists("t"));
   EXPECT_EQ(Assertions().size(), 1u);
-  fs::current_path(folder_.Path().parent_path());
+  fs::current_path(Path().parent_path());
 }
 
 TEST_F(DirectoryTree, NoCopyGoesIntoItself) {
   MakeFiles({"Tree/1", "Tree/sub/2"});
   const std::vector<std::string> targets = {"Tree", "tREE", "Tree/sub", "Tree/new/deeper", "TREE/new"};
   for (const std::string& target : targets) EXPECT_FALSE(Copy("Tree", target)) << target;
-  EXPECT_FALSE(CopyDirectoryTree(HOST, (folder_.Wide("Tree") + L"\\\\").c_str(), folder_.Wide("Tree/sub").c_str()));
+  EXPECT_FALSE(CopyDirectoryTree(HOST, (Wide("Tree") + L"\\\\").c_str(), Wide("Tree/sub").c_str()));
   EXPECT_EQ(EntryCount(""), 1u);
   EXPECT_EQ(EntryCount("Tree"), 2u);
   EXPECT_EQ(EntryCount("Tree/sub"), 1u);
@@ -126,7 +126,7 @@ TEST_F(DirectoryTree, NoCopyGoesIntoItself) {
 
 TEST_F(DirectoryTree, AFileThatCannotBeCopiedStopsNothing) {
   MakeFiles({"t/1", "t/2", "t/a/3"});
-  FileHolder holder(folder_.Narrow("t/1"));
+  FileHolder holder(Text("t/1"));
   FakeClock clock;
   EXPECT_FALSE(Copy("t", "target"));
   EXPECT_TRUE(Exists("target/2"));
@@ -141,12 +141,12 @@ TEST_F(DirectoryTree, AFileThatCannotBeCopiedStopsNothing) {
 }
 
 TEST_F(DirectoryTree, PathsEndAt259Characters) {
-  fs::path fitting = folder_.Path() / "t";
+  fs::path fitting = Path("t");
   while (fitting.string().size() < 250) fitting /= "d";
   fs::create_directories(fitting);
   WriteWholeFile(fitting / "f", "12345");
   unsigned long long size;
-  EXPECT_TRUE(Size(folder_.Wide("t"), size));
+  EXPECT_TRUE(Size(Wide("t"), size));
   EXPECT_EQ(size, 5u);
   EXPECT_TRUE(Delete("t", TRUE, TRUE)) << "a hundred levels";
 
@@ -158,12 +158,12 @@ TEST_F(DirectoryTree, PathsEndAt259Characters) {
   ScratchFolder current;
   WriteWholeFile(current.Path() / "bystander", "x");
   fs::current_path(current.Path());
-  EXPECT_FALSE(Size(folder_.Wide("t"), size));
+  EXPECT_FALSE(Size(Wide("t"), size));
   EXPECT_FALSE(Copy("t", "copy"));
   EXPECT_FALSE(Delete("t", TRUE, TRUE));
   EXPECT_TRUE(fs::exists(beyond)) << "nothing of it can be reached";
   EXPECT_TRUE(fs::exists("bystander"));
-  fs::current_path(folder_.Path().parent_path());
+  fs::current_path(Path().parent_path());
 }
 
 TEST_F(DirectoryTree, AFolderThatCannotBeReadIsAnError) {
@@ -179,7 +179,7 @@ TEST_F(DirectoryTree, AFolderThatCannotBeReadIsAnError) {
     EXPECT_FALSE(call());
   };
   unsigned long long size;
-  secondFolderFails([&] { return Size(folder_.Wide("t"), size); });
+  secondFolderFails([&] { return Size(Wide("t"), size); });
   EXPECT_EQ(size, 8u) << "all but the unreadable folder";
   EXPECT_EQ(Assertions().size(), 1u);
   secondFolderFails([&] { return Copy("t", "copy"); });
@@ -195,10 +195,10 @@ TEST_F(DirectoryTree, ABrokenEnumerationIsAnError) {
   unsigned long long size;
   {
     auto next = FAIL_CALL(FindNextFileW, 3, ERROR_READ_FAULT, FALSE);
-    EXPECT_FALSE(Size(folder_.Wide("t"), size));
+    EXPECT_FALSE(Size(Wide("t"), size));
     EXPECT_EQ(size, 3u);
   }
-  fs::create_directories(folder_.Path() / "empty");
+  fs::create_directories(Path("empty"));
   auto close = STAND_IN(FindClose, [](int, HANDLE find) {
     FindClose(find);
     return FALSE;

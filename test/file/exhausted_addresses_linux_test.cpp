@@ -36,7 +36,7 @@ CHILD_ROLE(UseFilesWithoutAddresses) {
   const Names names(arguments[0]);
   const std::wstring source = names("source"), target = names("target"), copy = names("copy"), made = names("made"),
                      mapped = names("mapped"), saved = names("saved"), moved = names("moved");
-  NamedObject object("exhausted", kBytes);
+  NamedObject object(kBytes);
   const std::string contents(kBytes, 'o');
   object.Fill(contents);
   ScopedFile file(OpenPlain(target, GENERIC_READ | GENERIC_WRITE, 3));
@@ -70,19 +70,19 @@ class ExhaustedAddresses : public FileTest {};
 TEST_F(ExhaustedAddresses, FailWithError8AndLeaveContentsAlone) {
   SKIP_UNDER_ASAN();
   const std::string source = Pattern(kBytes), target = Pattern(kBytes, 2);
-  WriteWholeFile(folder_.Path() / "source", source);
-  WriteWholeFile(folder_.Path() / "target", target);
-  ChildProcess child("UseFilesWithoutAddresses", {folder_.Narrow()});
+  Write("source", source);
+  Write("target", target);
+  ChildProcess child("UseFilesWithoutAddresses", {Text()});
   for (const char* outcome :
        {"MapViewOfFileX failed 8", "WriteFileMMF2 failed 8", "Mem2FileMMF failed 8", "CopyFileMMF failed 8",
         "ObjectToFile failed 8", "FileToObject failed 8", "Mem2File done", "CopyFileX done", "MoveFileX done"}) {
     EXPECT_EQ(child.WaitForLine(), outcome);
   }
   EXPECT_EQ(child.Wait(), 0);
-  EXPECT_TRUE(FileHolds(folder_.Path() / "source", source));
-  EXPECT_TRUE(FileHolds(folder_.Path() / "target", target));
-  EXPECT_TRUE(FileHolds(folder_.Path() / "moved", source));
-  EXPECT_TRUE(FileHolds(folder_.Path() / "made", std::string(kBytes, 'b')));
+  EXPECT_TRUE(FileHolds(Path("source"), source));
+  EXPECT_TRUE(FileHolds(Path("target"), target));
+  EXPECT_TRUE(FileHolds(Path("moved"), source));
+  EXPECT_TRUE(FileHolds(Path("made"), std::string(kBytes, 'b')));
 }
 
 }  // namespace

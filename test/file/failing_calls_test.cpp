@@ -11,7 +11,7 @@ TEST_F(FailingCalls, Opening) {
            return Close(
                CreateFileX(HOST, Wide("a/x").c_str(), GENERIC_WRITE, 1, nullptr, CREATE_ALWAYS, 0x80, nullptr, 0, 10));
          },
-         [&] { return fs::exists(Path("a/x")); },
+         [&] { return Exists("a/x"); },
          {"CreateFileW", "SHCreateDirectoryExW"},
          false});
 }
@@ -29,12 +29,12 @@ TEST_F(FailingCalls, CopyingMovingDeleting) {
            Write("y", "2");
          },
          [&] { return MoveFileX(HOST, Wide("x").c_str(), Wide("y").c_str()); },
-         [&] { return Holds("y", "1") && !fs::exists(Path("x")); },
+         [&] { return Holds("y", "1") && !Exists("x"); },
          {"MoveFileW", "DeleteFileW"},
          false});
   Drive({[&] { Write("x", "1"); },
          [&] { return DeleteFileX(HOST, Wide("x").c_str(), 30, 10); },
-         [&] { return !fs::exists(Path("x")); },
+         [&] { return !Exists("x"); },
          {"DeleteFileW", "FindFirstFileW"}});
 }
 
@@ -67,7 +67,7 @@ TEST_F(FailingCalls, LookingUpAndNaming) {
          [&] { return fs::path(wide).filename() == "p5.tmp"; },
          {"GetTempFileNameW"}});
   Drive({[] {},
-         [&] { return GetTempFileNameTX(HOST, folder_.Narrow().c_str(), "p", 5, narrow) == 5; },
+         [&] { return GetTempFileNameTX(HOST, Text().c_str(), "p", 5, narrow) == 5; },
          [&] { return fs::path(narrow).filename() == "p5.tmp"; },
          {"GetTempFileNameA"}});
   Drive({[&] { fs::remove_all(Path("a")); },
@@ -85,7 +85,7 @@ TEST_F(FailingCalls, LookingUpAndNaming) {
 }
 
 TEST_F(FailingCalls, MappingsAndViews) {
-  NamedObject object("failing", 0x10000);
+  NamedObject object(0x10000);
   HANDLE mapping = nullptr;
   void* view = nullptr;
   Drive({[] {},
@@ -133,7 +133,7 @@ TEST_F(FailingCalls, Trees) {
          false});
   Drive({make,
          [&] { return DeleteDirectoryTree(HOST, Wide("t").c_str(), TRUE, TRUE); },
-         [&] { return !fs::exists(Path("t")); },
+         [&] { return !Exists("t"); },
          {"GetFullPathNameW", "FindFirstFileW", "FindNextFileW", "PathCombineW", "DeleteFileW", "RemoveDirectoryW"},
          false});
 }

@@ -74,10 +74,7 @@ class FailingCalls : public FileTest {
     EXPECT_TRUE(tested.call() && tested.holds()) << "after all failures";
   }
 
-  std::wstring Wide(const char* name) const { return folder_.Wide(name); }
-  fs::path Path(const char* name) const { return folder_.Path() / name; }
-  bool Holds(const char* name, const std::string& bytes) const { return ReadWholeFile(Path(name)) == bytes; }
-  void Write(const char* name, const std::string& bytes) const { WriteWholeFile(Path(name), bytes); }
+  bool Holds(const char* name, const std::string& bytes) const { return Read(name) == bytes; }
 
   ScopedFile OpenFile(const char* name) const {
     return ScopedFile(OpenPlain(Wide(name), GENERIC_READ | GENERIC_WRITE, 3, OPEN_ALWAYS));

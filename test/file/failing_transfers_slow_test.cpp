@@ -61,7 +61,7 @@ TEST_F(FailingCalls, CopyingThroughViews) {
 
 TEST_F(FailingCalls, Objects) {
   const std::string bytes = Pattern(kObjectBytes);
-  NamedObject source("source", kObjectBytes), target("target", kObjectBytes);
+  NamedObject source(kObjectBytes), target(kObjectBytes);
   source.Fill(bytes);
   Write("x", bytes);
   const auto arrived = [&] { return target.Bytes() == bytes; };

@@ -3,8 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdarg>
-#include <cstdio>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -22,24 +21,6 @@
 
 namespace qel::test {
 
-using Messages = std::vector<std::string>;
-
-// A pointer as log lines print it, behind its "0x".
-inline std::string Hex(const void* pointer) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%08lX", static_cast<unsigned long>(reinterpret_cast<std::uintptr_t>(pointer)));
-  return text;
-}
-// A handle or number as log lines print it, behind its "0x".
-inline std::string LowerHex(unsigned long value) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%lx", value);
-  return text;
-}
-inline std::string LowerHex(HANDLE handle) {
-  return LowerHex(static_cast<unsigned long>(reinterpret_cast<std::uintptr_t>(handle)));
-}
-
 // Every test starts with empty channels and a last error that no call sets.
 class FileTest : public testing::Test {
  protected:
@@ -50,6 +31,15 @@ class FileTest : public testing::Test {
     SetLastError(kUntouched);
   }
 
+  std::filesystem::path Path(const std::string& name = {}) const {
+    return name.empty() ? folder_.Path() : folder_.Path() / name;
+  }
+  std::wstring Wide(const std::string& name = {}) const { return folder_.Wide(name); }
+  std::string Text(const std::string& name = {}) const { return folder_.Narrow(name); }  // the path in a log line
+  void Write(const std::string& name, const std::string& bytes) const { WriteWholeFile(Path(name), bytes); }
+  std::string Read(const std::string& name) const { return ReadWholeFile(Path(name)); }
+  bool Exists(const std::string& name) const { return std::filesystem::exists(Path(name)); }
+
   Messages FileMessages() { return TakeMessages(channel::kFileOperation); }
   Messages Assertions() { return TakeMessages(channel::kAssert); }
   // How many faults the guard has caught; its report may add lines of its own.
@@ -58,6 +48,22 @@ class FileTest : public testing::Test {
     return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
       return line.starts_with("ASSERT : ") && line.ends_with(", _CATCH_AE");
     }));
+  }
+
+  // A call that fails, the error that it leaves, and its line without "lastErr=...", if it writes one.
+  struct FailedCall {
+    std::function<bool()> succeeds;
+    DWORD error;
+    std::string line;
+  };
+  void ExpectFailures(const std::vector<FailedCall>& calls) {
+    for (const auto& [succeeds, error, line] : calls) {
+      SetLastError(kUntouched);
+      EXPECT_FALSE(succeeds()) << line;
+      EXPECT_EQ(GetLastError(), error) << line;
+      const std::string whole = "host.cpp(4711): lastErr=" + std::to_string(error) + ", " + line;
+      EXPECT_EQ(TakePlacedMessages(channel::kFileOperation), line.empty() ? Messages{} : Messages{whole});
+    }
   }
 
   ScratchFolder folder_;

@@ -45,7 +45,7 @@ class FlushCalls : public FileTest {
     const size_t from = message.find("ET1="), to = message.find(", ", message.find("ET2="));
     return message.substr(0, from) + message.substr(to + 2);
   }
-  std::string Call() const { return "FlushViewOfFileX(0x" + Hex(view_) + ", 4096)"; }
+  std::string Call() const { return "FlushViewOfFileX(" + Address(view_) + ", 4096)"; }
 
   // Longer than any flush of the process before.
   static double NewRecordMs() {
@@ -53,7 +53,7 @@ class FlushCalls : public FileTest {
     return last += 1e6;
   }
 
-  const ScopedFile file_{OpenPlain(folder_.Wide("x"), GENERIC_READ | GENERIC_WRITE, 1, CREATE_NEW)};
+  const ScopedFile file_{OpenPlain(Wide("x"), GENERIC_READ | GENERIC_WRITE, 1, CREATE_NEW)};
   const ScopedMapping mapping_{CreateFileMappingW(file_.Get(), nullptr, PAGE_READWRITE, 0, kViewBytes, nullptr)};
   BYTE* view_;
 };
@@ -123,7 +123,7 @@ TEST_F(FlushCalls, EveryCallCounts) {
 }
 
 TEST_F(FlushCalls, AWholeFileIsFlushedChunkByChunk) {
-  ScopedFile file(OpenPlain(folder_.Wide("40"), GENERIC_READ | GENERIC_WRITE, 0, CREATE_NEW));
+  ScopedFile file(OpenPlain(Wide("40"), GENERIC_READ | GENERIC_WRITE, 0, CREATE_NEW));
   LARGE_INTEGER size;
   size.QuadPart = 40 << 20;
   ASSERT_TRUE(SetFilePointerEx(file.Get(), size, nullptr, FILE_BEGIN) && SetEndOfFile(file.Get()));
@@ -146,7 +146,7 @@ TEST_F(FlushCalls, AWholeFileIsFlushedChunkByChunk) {
   EXPECT_EQ(VemoGetFVOFInf()->totalBytes, 40u << 20);
 
   file.Close();
-  EXPECT_TRUE(FlushMMF2(HOST, folder_.Wide("40").c_str(), FALSE));
+  EXPECT_TRUE(FlushMMF2(HOST, Wide("40").c_str(), FALSE));
   EXPECT_EQ(flush.Calls(), 6);
   EXPECT_EQ(OpenHandleCount(), handles - 1);
 }
@@ -158,7 +158,7 @@ TEST_F(FlushCalls, OnlyAnUnreadableSizeFailsTheFlushOfAFile) {
   EXPECT_EQ(Assertions().size(), 1u);
   EXPECT_EQ(FileMessages(), Messages{});
 
-  const ScopedFile empty(OpenPlain(folder_.Wide("empty"), GENERIC_READ | GENERIC_WRITE, 0, CREATE_NEW));
+  const ScopedFile empty(OpenPlain(Wide("empty"), GENERIC_READ | GENERIC_WRITE, 0, CREATE_NEW));
   EXPECT_TRUE(FlushMMF(HOST, empty.Get(), FALSE));
   EXPECT_EQ(Assertions().size(), 1u);
   EXPECT_EQ(FileMessages().size(), 30u);
@@ -171,7 +171,7 @@ TEST_F(FlushCalls, OnlyAnUnreadableSizeFailsTheFlushOfAFile) {
 
 TEST_F(FlushCalls, AMissingFileIsWaitedForInTheNameOfTheLibrary) {
   FakeClock clock;
-  EXPECT_FALSE(FlushMMF2(HOST, folder_.Wide("no").c_str(), FALSE));
+  EXPECT_FALSE(FlushMMF2(HOST, Wide("no").c_str(), FALSE));
   EXPECT_EQ(GetLastError(), 2u);
   EXPECT_EQ(clock.Sleeps(), std::vector<DWORD>(10, 1000));
   const std::vector<LogLine> lines = TakeLines(channel::kFileOperation);

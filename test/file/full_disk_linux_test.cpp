@@ -22,8 +22,8 @@ class FullDisk : public FileTest {
 
 TEST_F(FullDisk, EveryWayOfWritingSaysSo) {
   const std::string bytes = Pattern(kBytes);
-  WriteWholeFile(folder_.Path() / "source", bytes);
-  const std::wstring source = folder_.Wide("source");
+  Write("source", bytes);
+  const std::wstring source = Wide("source");
   FakeClock clock;
   const unsigned long handles = OpenHandleCount();
   EXPECT_FALSE(Mem2FileMMF(HOST, bytes.data(), kBytes, target_.c_str(), -1));
@@ -53,22 +53,22 @@ class CutFile : public FileTest {};
 
 TEST_F(CutFile, ATransferEndsWhereItsFileDoes) {
   const std::string bytes = Pattern(3 * kGranularity);
-  WriteWholeFile(folder_.Path() / "source", bytes);
+  Write("source", bytes);
   const unsigned long handles = OpenHandleCount();
   int mapped = 0;
   auto map = STAND_IN(MapViewOfFile, [&](int, HANDLE mapping, DWORD access, DWORD high, DWORD low, SIZE_T size) {
     void* view = MapViewOfFile(mapping, access, high, low, size);
     if (view) ++mapped;
-    if (access == FILE_MAP_ALL_ACCESS) fs::resize_file(folder_.Path() / "target", 10);
+    if (access == FILE_MAP_ALL_ACCESS) fs::resize_file(Path("target"), 10);
     return view;
   });
   auto unmap = STAND_IN(UnmapViewOfFile, [&](int, LPCVOID address) {
     --mapped;
     return UnmapViewOfFile(address);
   });
-  EXPECT_FALSE(CopyFileMMF(HOST, folder_.Wide("source").c_str(), folder_.Wide("target").c_str(), FALSE, -1, TRUE));
-  EXPECT_FALSE(Mem2FileMMF(HOST, bytes.data(), 3 * kGranularity, folder_.Wide("target").c_str(), -1));
-  const ScopedFile file(OpenPlain(folder_.Wide("target"), GENERIC_READ | GENERIC_WRITE, 3));
+  EXPECT_FALSE(CopyFileMMF(HOST, Wide("source").c_str(), Wide("target").c_str(), FALSE, -1, TRUE));
+  EXPECT_FALSE(Mem2FileMMF(HOST, bytes.data(), 3 * kGranularity, Wide("target").c_str(), -1));
+  const ScopedFile file(OpenPlain(Wide("target"), GENERIC_READ | GENERIC_WRITE, 3));
   ULONGLONG written = 9;
   EXPECT_FALSE(WriteFileMMF2(HOST, file.Get(), bytes.data(), bytes.size(), &written, nullptr, 0, -1));
   EXPECT_EQ(written, 0u);

@@ -8,7 +8,7 @@ constexpr ULONGLONG kOffset = 0x123456789;  // 4.6 GiB, no multiple of anything
 
 class LargeOffset : public FileTest {
  protected:
-  const std::wstring path_ = folder_.Wide("large");
+  const std::wstring path_ = Wide("large");
 };
 
 TEST_F(LargeOffset, BothHalvesArriveEverywhere) {
@@ -28,7 +28,7 @@ TEST_F(LargeOffset, BothHalvesArriveEverywhere) {
   DWORD error;
   EXPECT_EQ(GetFileSizeX(path_.c_str(), &data, &error), size);
   unsigned long long treeSize;
-  EXPECT_TRUE(GetFileSizeDirectoryTree(HOST, folder_.Wide().c_str(), &treeSize));
+  EXPECT_TRUE(GetFileSizeDirectoryTree(HOST, Wide().c_str(), &treeSize));
   EXPECT_EQ(treeSize, size);
 
   std::string back(bytes.size() + 10, '\0');
@@ -38,7 +38,7 @@ TEST_F(LargeOffset, BothHalvesArriveEverywhere) {
   EXPECT_TRUE(ReadFileX(HOST, file.Get(), back.data(), static_cast<DWORD>(back.size()), &count, &from));
   EXPECT_EQ(back.substr(0, count), bytes + "abc");
 
-  NamedObject object("large", 4096);
+  NamedObject object(4096);
   file.Close();
   EXPECT_FALSE(FileToObject(HOST, path_.c_str(), Low(size), 0, object.Name(), -1, TRUE)) << "the high half counts";
   EXPECT_EQ(Assertions().size(), 1u);

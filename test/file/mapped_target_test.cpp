@@ -14,10 +14,10 @@ TEST_F(MappedTarget, IsRefusedBeforeAnythingIsLost) {
   constexpr DWORD kBytes = 100000;
   const FakeClock clock;  // a sharing violation is retried
   const std::string kept = Pattern(kBytes, 5);
-  WriteWholeFile(folder_.Path() / "source", Pattern(kBytes));
-  WriteWholeFile(folder_.Path() / "target", kept);
-  NamedObject object("saved", kBytes);
-  const std::wstring source = folder_.Wide("source"), target = folder_.Wide("target");
+  Write("source", Pattern(kBytes));
+  Write("target", kept);
+  NamedObject object(kBytes);
+  const std::wstring source = Wide("source"), target = Wide("target");
   const std::pair<const char*, std::function<BOOL()>> transfers[] = {
       {"Mem2File", [&] { return Mem2File(HOST, kept.data(), 10, target.c_str()); }},
       {"Mem2FileMMF", [&] { return Mem2FileMMF(HOST, kept.data(), 10, target.c_str(), -1); }},
@@ -38,7 +38,7 @@ TEST_F(MappedTarget, IsRefusedBeforeAnythingIsLost) {
       if (sizeof(wchar_t) == 4) {  // Wine's server does not look at writable mappings at every open
         EXPECT_EQ(GetLastError(), opensAlone ? 32u : 1224u);
       }
-      EXPECT_TRUE(FileHolds(folder_.Path() / "target", kept));
+      EXPECT_TRUE(FileHolds(Path("target"), kept));
     }
     UnmapViewOfFile(view);
   }

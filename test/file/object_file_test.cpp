@@ -9,15 +9,15 @@ class ObjectFile : public FileTest {};
 TEST_F(ObjectFile, SavedAndLoadedInThreeChunks) {
   constexpr DWORD kBytes = 40 << 20;
   const std::string bytes = Pattern(kBytes);
-  NamedObject source("source", kBytes), target("target", kBytes);
+  NamedObject source(kBytes), target(kBytes);
   source.Fill(bytes);
-  const std::wstring path = folder_.Wide("a/object");
+  const std::wstring path = Wide("a/object");
   const unsigned long handles = OpenHandleCount();
 
   ViewRecorder views;
   EXPECT_TRUE(ObjectToFile(HOST, source.Name(), kBytes, 0, path.c_str(), -1));
   EXPECT_EQ(views.Sizes(), (std::vector<SIZE_T>{kChunk, kChunk, kChunk, kChunk, 8 << 20, 8 << 20}));
-  EXPECT_TRUE(FileHolds(folder_.Path() / "a/object", bytes));
+  EXPECT_TRUE(FileHolds(Path("a/object"), bytes));
   for (const BOOL mapSource : {TRUE, FALSE}) {
     target.Fill(std::string(kBytes, '\0'));
     EXPECT_TRUE(FileToObject(HOST, path.c_str(), kBytes, 0, target.Name(), -1, mapSource));
@@ -33,10 +33,10 @@ TEST_F(ObjectFile, SavedAndLoadedInThreeChunks) {
 }
 
 TEST_F(ObjectFile, OnlyAFileOfTheObjectsSizeIsLoaded) {
-  NamedObject object("target", 4096);
+  NamedObject object(4096);
   object.Fill(std::string(4096, 'o'));
-  WriteWholeFile(folder_.Path() / "f", Pattern(1000));
-  const std::wstring path = folder_.Wide("f");
+  Write("f", Pattern(1000));
+  const std::wstring path = Wide("f");
   for (const DWORD size : {999, 1001, 0})
     EXPECT_FALSE(FileToObject(HOST, path.c_str(), size, 0, object.Name(), -1, TRUE));
   EXPECT_FALSE(FileToObject(HOST, path.c_str(), 1000, 1, object.Name(), -1, FALSE));
@@ -48,9 +48,9 @@ TEST_F(ObjectFile, OnlyAFileOfTheObjectsSizeIsLoaded) {
 }
 
 TEST_F(ObjectFile, AMissingObjectFailsAtTheOpening) {
-  NamedObject object("there", 4096);
-  WriteWholeFile(folder_.Path() / "f", Pattern(1000));
-  const std::wstring path = folder_.Wide("f");
+  NamedObject object(4096);
+  Write("f", Pattern(1000));
+  const std::wstring path = Wide("f");
   const unsigned long handles = OpenHandleCount();
   const auto failsWith2 = [&](BOOL done) {
     EXPECT_FALSE(done);
@@ -58,8 +58,8 @@ TEST_F(ObjectFile, AMissingObjectFailsAtTheOpening) {
     EXPECT_EQ(FileMessages().size(), 1u);
     EXPECT_EQ(Assertions().size(), 1u);
   };
-  failsWith2(ObjectToFile(HOST, L"Local\\qel-test-none", 10, 0, folder_.Wide("new").c_str(), -1));
-  EXPECT_FALSE(std::filesystem::exists(folder_.Path() / "new"));
+  failsWith2(ObjectToFile(HOST, L"Local\\qel-test-none", 10, 0, Wide("new").c_str(), -1));
+  EXPECT_FALSE(Exists("new"));
   failsWith2(FileToObject(HOST, path.c_str(), 1000, 0, L"Local\\qel-test-none", -1, TRUE));
   failsWith2(FileToObject(HOST, path.c_str(), 1000, 0, L"Local\\qel-test-none", -1, FALSE));
   failsWith2(CopyObject(HOST, L"Local\\qel-test-none", 10, 0, object.Name(), -1));
@@ -68,27 +68,26 @@ TEST_F(ObjectFile, AMissingObjectFailsAtTheOpening) {
 }
 
 TEST_F(ObjectFile, ASizeBeyondTheObjectFailsAtItsView) {
-  NamedObject source("source", 4096), target("target", 8192);
+  NamedObject source(4096), target(8192);
   EXPECT_FALSE(CopyObject(HOST, source.Name(), 8192, 0, target.Name(), -1));
   EXPECT_EQ(GetLastError(), 5u);
   EXPECT_FALSE(CopyObject(HOST, target.Name(), 8192, 0, source.Name(), -1));
   EXPECT_EQ(GetLastError(), 5u);
   EXPECT_EQ(FileMessages().size(), 2u);
   EXPECT_EQ(Assertions().size(), 2u);
-  EXPECT_FALSE(ObjectToFile(HOST, source.Name(), 8192, 0, folder_.Wide("f").c_str(), -1));
-  EXPECT_TRUE(FileHolds(folder_.Path() / "f", std::string(8192, '\0'))) << "the size, no contents";
+  EXPECT_FALSE(ObjectToFile(HOST, source.Name(), 8192, 0, Wide("f").c_str(), -1));
+  EXPECT_TRUE(FileHolds(Path("f"), std::string(8192, '\0'))) << "the size, no contents";
 }
 
 TEST_F(ObjectFile, ViewsAreFlushedWhileMemoryIsShort) {
-  NamedObject source("source", 4096), target("target", 4096);
+  NamedObject source(4096), target(4096);
   MemoryShortage shortage;
-  auto flush =
-      STAND_IN(FlushViewOfFile, [](int, LPCVOID address, SIZE_T size) { return FlushViewOfFile(address, size); });
-  EXPECT_TRUE(ObjectToFile(HOST, source.Name(), 4096, 0, folder_.Wide("f").c_str(), 100));
+  auto flush = COUNT_CALLS(FlushViewOfFile);
+  EXPECT_TRUE(ObjectToFile(HOST, source.Name(), 4096, 0, Wide("f").c_str(), 100));
   EXPECT_TRUE(CopyObject(HOST, source.Name(), 4096, 0, target.Name(), 0));
-  EXPECT_TRUE(FileToObject(HOST, folder_.Wide("f").c_str(), 4096, 0, target.Name(), 0, TRUE));
+  EXPECT_TRUE(FileToObject(HOST, Wide("f").c_str(), 4096, 0, target.Name(), 0, TRUE));
   EXPECT_EQ(flush.Calls(), 6);
-  EXPECT_TRUE(FileToObject(HOST, folder_.Wide("f").c_str(), 4096, 0, target.Name(), 0, FALSE));
+  EXPECT_TRUE(FileToObject(HOST, Wide("f").c_str(), 4096, 0, target.Name(), 0, FALSE));
   EXPECT_EQ(flush.Calls(), 7);
   EXPECT_TRUE(CopyObject(HOST, source.Name(), 4096, 0, target.Name(), -1));
   EXPECT_EQ(flush.Calls(), 7);

@@ -6,7 +6,7 @@ namespace {
 class PlainCalls : public FileTest {};
 
 TEST_F(PlainCalls, ReadingAndWritingKeepTheResultAndTheLastError) {
-  const ScopedFile file(OpenPlain(folder_.Wide("x"), GENERIC_READ | GENERIC_WRITE, 0, CREATE_NEW));
+  const ScopedFile file(OpenPlain(Wide("x"), GENERIC_READ | GENERIC_WRITE, 0, CREATE_NEW));
   SetLastError(kUntouched);
   DWORD count = 0;
   EXPECT_TRUE(WriteFileX(HOST, file.Get(), "abcdef", 6, &count, nullptr));
@@ -22,19 +22,29 @@ TEST_F(PlainCalls, ReadingAndWritingKeepTheResultAndTheLastError) {
   EXPECT_EQ(FileMessages(), Messages{});
 }
 
-TEST_F(PlainCalls, FailedTransfersAreLogged) {
+TEST_F(PlainCalls, AFailureIsOneLineWithTheCallsArguments) {
   const HANDLE bad = HANDLE(0x7ABCDEF0);
-  char buffer[4];
   DWORD count = 99;
   OVERLAPPED overlapped{};
-  EXPECT_FALSE(ReadFileX(HOST, bad, buffer, 4, &count, nullptr));
-  EXPECT_EQ(GetLastError(), 6u);
-  EXPECT_FALSE(WriteFileX(HOST, bad, buffer, 300, &count, &overlapped));
-  EXPECT_EQ(GetLastError(), 6u);
-  EXPECT_EQ(FileMessages(),
-            (Messages{"lastErr=6, ReadFileX(0x7abcdef0, 0x" + Hex(buffer) + ", 0x4, 0x" + Hex(&count) + ", 0x00000000)",
-                      "lastErr=6, WriteFileX(0x7abcdef0, 0x" + Hex(buffer) + ", 0x12c, 0x" + Hex(&count) + ", 0x" +
-                          Hex(&overlapped) + ")"}));
+  char narrow[MAX_PATH];
+  wchar_t wide[MAX_PATH];
+  const std::string missing = Text("no");
+  ExpectFailures({
+      {[&] { return ReadFileX(HOST, bad, narrow, 4, &count, nullptr); }, 6,
+       "ReadFileX(0x7abcdef0, " + Address(narrow) + ", 0x4, " + Address(&count) + ", 0x00000000)"},
+      {[&] { return WriteFileX(HOST, bad, narrow, 300, &count, &overlapped); }, 6,
+       "WriteFileX(0x7abcdef0, " + Address(narrow) + ", 0x12c, " + Address(&count) + ", " + Address(&overlapped) + ")"},
+      {[&] { return MoveFileX(HOST, Wide("no").c_str(), Wide("a/to").c_str()); }, 2,
+       "MoveFileX(" + missing + ", " + Text("a/to") + ")"},
+      {[&] { return GetTempFileNameX(HOST, Wide("no").c_str(), nullptr, 7, wide); }, 267,
+       "GetTempFileNameX(" + missing + ", NULL, 7, " + Address(wide) + ")"},
+      {[&] { return GetTempFileNameTX(HOST, missing.c_str(), "p", 0, narrow); }, 267,
+       "GetTempFileNameTX(" + missing + ", p, 0, " + Address(narrow) + ")"},
+      {[&] { return GetTempFileNameTX(HOST, nullptr, "p", 0, narrow); }, 267,
+       "GetTempFileNameTX(NULL, p, 0, " + Address(narrow) + ")"},
+      {[] { return SHCreateDirectoryExX(HOST, L"relative"); }, 161, "SHCreateDirectoryExX(relative)"},
+      {[] { return SHCreateDirectoryExX(HOST, nullptr); }, 161, "SHCreateDirectoryExX(NULL)"},
+  });
 }
 
 TEST_F(PlainCalls, OnlyAnOverlappedCallMayBePending) {
@@ -43,15 +53,12 @@ TEST_F(PlainCalls, OnlyAnOverlappedCallMayBePending) {
   char byte = 0;
   DWORD count;
   OVERLAPPED overlapped{};
-  EXPECT_FALSE(ReadFileX(HOST, nullptr, &byte, 1, &count, &overlapped));
-  EXPECT_EQ(GetLastError(), 997u);
-  EXPECT_FALSE(WriteFileX(HOST, nullptr, &byte, 1, &count, &overlapped));
-  EXPECT_EQ(GetLastError(), 997u);
-  EXPECT_EQ(FileMessages(), Messages{});
-  EXPECT_FALSE(ReadFileX(HOST, nullptr, &byte, 1, &count, nullptr));
-  EXPECT_FALSE(WriteFileX(HOST, nullptr, &byte, 1, &count, nullptr));
-  EXPECT_EQ(GetLastError(), 997u);
-  EXPECT_EQ(FileMessages().size(), 2u);
+  const std::string arguments = "(0x0, " + Address(&byte) + ", 0x1, " + Address(&count) + ", 0x00000000)";
+  ExpectFailures(
+      {{[&] { return ReadFileX(HOST, nullptr, &byte, 1, &count, &overlapped); }, 997, ""},
+       {[&] { return WriteFileX(HOST, nullptr, &byte, 1, &count, &overlapped); }, 997, ""},
+       {[&] { return ReadFileX(HOST, nullptr, &byte, 1, &count, nullptr); }, 997, "ReadFileX" + arguments},
+       {[&] { return WriteFileX(HOST, nullptr, &byte, 1, &count, nullptr); }, 997, "WriteFileX" + arguments}});
 }
 
 TEST_F(PlainCalls, AShortWriteIsLoggedAndStillASuccess) {
@@ -62,26 +69,26 @@ TEST_F(PlainCalls, AShortWriteIsLoggedAndStillASuccess) {
   });
   DWORD count;
   OVERLAPPED overlapped{};
-  EXPECT_TRUE(WriteFileX(HOST, HANDLE(0x12), "abc", 3, &count, &overlapped));
-  EXPECT_EQ(FileMessages(), Messages{}) << "the count of an overlapped write says nothing";
   const char* text = "abc";
+  EXPECT_TRUE(WriteFileX(HOST, HANDLE(0x12), text, 3, &count, &overlapped));
+  EXPECT_EQ(FileMessages(), Messages{}) << "the count of an overlapped write says nothing";
   EXPECT_TRUE(WriteFileX(HOST, HANDLE(0x12), text, 3, &count, nullptr));
   EXPECT_EQ(GetLastError(), 77u);
   EXPECT_EQ(FileMessages(), Messages{"Error, nNumberOfBytesToWrite(3) != *lpNumberOfBytesWritten(2), lastErr=77, "
-                                     "WriteFileX(0x12, 0x" +
-                                     Hex(text) + ", 0x3, 0x" + Hex(&count) + ", 0x00000000)"});
+                                     "WriteFileX(0x12, " +
+                                     Address(text) + ", 0x3, " + Address(&count) + ", 0x00000000)"});
 }
 
 TEST_F(PlainCalls, TheSizeOfAFile) {
-  WriteWholeFile(folder_.Path() / "x", std::string(1234, 'x'));
+  Write("x", std::string(1234, 'x'));
   WIN32_FIND_DATAW data{};
   DWORD error = 5;
   SetLastError(kUntouched);
-  EXPECT_EQ(GetFileSizeX((L"\"" + folder_.Wide("x") + L"\"").c_str(), &data, &error), 1234u);
+  EXPECT_EQ(GetFileSizeX((L"\"" + Wide("x") + L"\"").c_str(), &data, &error), 1234u);
   EXPECT_EQ(error, kUntouched) << "stored also on success";
   EXPECT_EQ(data.nFileSizeLow, 1234u);
   EXPECT_STREQ(data.cFileName, L"x");
-  EXPECT_EQ(GetFileSizeX(folder_.Wide("no").c_str(), &data, &error), 0u);
+  EXPECT_EQ(GetFileSizeX(Wide("no").c_str(), &data, &error), 0u);
   EXPECT_EQ(error, 2u);
   EXPECT_EQ(FileMessages(), Messages{});
 
@@ -90,92 +97,73 @@ TEST_F(PlainCalls, TheSizeOfAFile) {
     result->nFileSizeHigh = 3;
     return handle;
   });
-  EXPECT_EQ(GetFileSizeX(folder_.Wide("x").c_str(), &data, &error), (3ull << 32) + 1234);
+  EXPECT_EQ(GetFileSizeX(Wide("x").c_str(), &data, &error), (3ull << 32) + 1234);
 }
 
 TEST_F(PlainCalls, MovingReplacesTheTargetAndMakesItsFolder) {
-  WriteWholeFile(folder_.Path() / "from", "1");
-  EXPECT_TRUE(MoveFileX(HOST, folder_.Wide("from").c_str(), folder_.Wide("a/to").c_str()));
-  WriteWholeFile(folder_.Path() / "from", "2");
-  EXPECT_TRUE(MoveFileX(HOST, folder_.Wide("from").c_str(), folder_.Wide("a/to").c_str()));
-  EXPECT_EQ(ReadWholeFile(folder_.Path() / "a/to"), "2");
-  EXPECT_FALSE(std::filesystem::exists(folder_.Path() / "from"));
+  const std::wstring from = Wide("from"), to = Wide("a/to");
+  for (const char* bytes : {"1", "2"}) {
+    Write("from", bytes);
+    EXPECT_TRUE(MoveFileX(HOST, from.c_str(), to.c_str()));
+    EXPECT_EQ(Read("a/to"), bytes);
+    EXPECT_FALSE(Exists("from"));
+  }
   EXPECT_EQ(FileMessages(), Messages{});
-
-  EXPECT_FALSE(MoveFileX(HOST, folder_.Wide("from").c_str(), folder_.Wide("a/to").c_str()));
-  EXPECT_EQ(GetLastError(), 2u);
-  EXPECT_FALSE(std::filesystem::exists(folder_.Path() / "a/to")) << "the target goes first";
-  EXPECT_EQ(FileMessages(),
-            Messages{"lastErr=2, MoveFileX(" + folder_.Narrow("from") + ", " + folder_.Narrow("a/to") + ")"});
+  EXPECT_FALSE(MoveFileX(HOST, from.c_str(), to.c_str()));
+  EXPECT_FALSE(Exists("a/to")) << "the target goes first";
 }
 
 TEST_F(PlainCalls, AHeldTargetIsNotReplaced) {
-  WriteWholeFile(folder_.Path() / "from", "1");
-  WriteWholeFile(folder_.Path() / "to", "2");
-  FileHolder holder(folder_.Narrow("to"));
-  EXPECT_FALSE(MoveFileX(HOST, folder_.Wide("from").c_str(), folder_.Wide("to").c_str()));
+  Write("from", "1");
+  Write("to", "2");
+  FileHolder holder(Text("to"));
+  EXPECT_FALSE(MoveFileX(HOST, Wide("from").c_str(), Wide("to").c_str()));
   EXPECT_EQ(GetLastError(), 183u);
-  EXPECT_EQ(ReadWholeFile(folder_.Path() / "from"), "1");
+  EXPECT_EQ(Read("from"), "1");
 }
 
 TEST_F(PlainCalls, TemporaryNames) {
   wchar_t wide[MAX_PATH];
   char narrow[MAX_PATH];
-  const UINT number = GetTempFileNameX(HOST, folder_.Wide().c_str(), L"pre", 0, wide);
-  EXPECT_NE(number, 0u);
+  EXPECT_NE(GetTempFileNameX(HOST, Wide().c_str(), L"pre", 0, wide), 0u);
   EXPECT_EQ(GetFileAttributesW(wide), FILE_ATTRIBUTE_ARCHIVE);
-  EXPECT_EQ(GetTempFileNameTX(HOST, folder_.Narrow().c_str(), "pre", 5, narrow), 5u);
+  EXPECT_EQ(GetTempFileNameTX(HOST, Text().c_str(), "pre", 5, narrow), 5u);
   EXPECT_EQ(std::filesystem::path(narrow).filename(), "pre5.tmp");
   EXPECT_EQ(FileMessages(), Messages{});
-
-  const std::string missing = folder_.Narrow("no");
-  EXPECT_EQ(GetTempFileNameX(HOST, folder_.Wide("no").c_str(), nullptr, 7, wide), 0u);
-  EXPECT_EQ(GetLastError(), 267u);
-  EXPECT_EQ(GetTempFileNameTX(HOST, missing.c_str(), "p", 0, narrow), 0u);
-  EXPECT_EQ(GetLastError(), 267u);
-  EXPECT_EQ(GetTempFileNameTX(HOST, nullptr, "p", 0, narrow), 0u);
-  EXPECT_EQ(GetLastError(), 267u);
-  EXPECT_EQ(FileMessages(), (Messages{"lastErr=267, GetTempFileNameX(" + missing + ", NULL, 7, 0x" + Hex(wide) + ")",
-                                      "lastErr=267, GetTempFileNameTX(" + missing + ", p, 0, 0x" + Hex(narrow) + ")",
-                                      "lastErr=267, GetTempFileNameTX(NULL, p, 0, 0x" + Hex(narrow) + ")"}));
 }
 
 TEST_F(PlainCalls, FoldersThatAreThereCountAsMade) {
-  EXPECT_TRUE(SHCreateDirectoryExX(HOST, (L"\"" + folder_.Wide("a") + L"\"").c_str()));
-  EXPECT_TRUE(SHCreateDirectoryExX(HOST, folder_.Wide("a").c_str()));
+  EXPECT_TRUE(SHCreateDirectoryExX(HOST, (L"\"" + Wide("a") + L"\"").c_str()));
+  EXPECT_TRUE(SHCreateDirectoryExX(HOST, Wide("a").c_str()));
   EXPECT_EQ(GetLastError(), 183u);
-  EXPECT_TRUE(std::filesystem::is_directory(folder_.Path() / "a"));
+  EXPECT_TRUE(std::filesystem::is_directory(Path("a")));
   EXPECT_EQ(FileMessages(), Messages{});
-
-  EXPECT_FALSE(SHCreateDirectoryExX(HOST, L"relative"));
-  EXPECT_EQ(GetLastError(), 161u);
-  EXPECT_FALSE(SHCreateDirectoryExX(HOST, nullptr));
-  EXPECT_EQ(FileMessages(),
-            (Messages{"lastErr=161, SHCreateDirectoryExX(relative)", "lastErr=161, SHCreateDirectoryExX(NULL)"}));
-
-  auto create = STAND_IN(SHCreateDirectoryExW, [](int, auto...) { return ERROR_FILE_EXISTS; });
+  auto create = ANSWER_CALL(SHCreateDirectoryExW, ERROR_FILE_EXISTS);
   EXPECT_TRUE(SHCreateDirectoryExX(HOST, L"any"));
   EXPECT_EQ(GetLastError(), 80u);
 }
 
 TEST_F(PlainCalls, ARootIsNotAskedFor) {
-  auto create = STAND_IN(SHCreateDirectoryExW, [](int, auto...) { return ERROR_ACCESS_DENIED; });
-  const std::wstring root = folder_.Path().root_path().make_preferred().wstring();
-  EXPECT_TRUE(SHCreateDirectoryExX(HOST, root.c_str()));
+  auto create = ANSWER_CALL(SHCreateDirectoryExW, ERROR_ACCESS_DENIED);
+  EXPECT_TRUE(SHCreateDirectoryExX(HOST, Path().root_path().make_preferred().wstring().c_str()));
   EXPECT_EQ(create.Calls(), 0);
   EXPECT_EQ(GetLastError(), kUntouched);
 }
 
 TEST_F(PlainCalls, BackslashesAreReplaced) {
-  const auto replaced = [](std::wstring path, const wchar_t* replacement) {
+  const struct {
+    std::wstring path;
+    const wchar_t* replacement;
+    const wchar_t* result;
+  } cases[] = {{L"a\\b\\c", L"/", L"a/b/c"},
+               {L"\\\\s\\h\\", L"12", L"11s1h1"},
+               {L"a\\b", L"\\", L"a\\b"},
+               {L"none", nullptr, L"none"},
+               {L"", L"/", L""}};
+  for (auto [path, replacement, result] : cases) {
     ReplaceBackslashFromPath(path.data(), replacement);
-    return path;
-  };
-  EXPECT_EQ(replaced(L"a\\b\\c", L"/"), L"a/b/c");
-  EXPECT_EQ(replaced(L"\\\\s\\h\\", L"12"), L"11s1h1");
-  EXPECT_EQ(replaced(L"a\\b", L"\\"), L"a\\b");
-  EXPECT_EQ(replaced(L"none", nullptr), L"none");
-  EXPECT_EQ(replaced(L"", L"/"), L"");
+    EXPECT_EQ(path, result);
+  }
 }
 
 }  // namespace

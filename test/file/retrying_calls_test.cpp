@@ -5,22 +5,22 @@ namespace {
 
 class RetryingCalls : public FileTest {
  protected:
-  HANDLE Open(const std::wstring& path, DWORD access, DWORD disposition, DWORD timeoutMs, DWORD intervalMs) {
+  static HANDLE Open(const std::wstring& path, DWORD access, DWORD disposition, DWORD timeoutMs = 0,
+                     DWORD intervalMs = 0) {
     return CreateFileX(HOST, path.c_str(), access, FILE_SHARE_READ, nullptr, disposition, FILE_ATTRIBUTE_NORMAL,
                        nullptr, timeoutMs, intervalMs);
   }
-  // The line of Open.
-  static std::string OpenLine(int retryCount, int error, const char* status, const std::string& path, DWORD access,
-                              DWORD disposition, const std::string& times) {
-    return "retryCount=" + std::to_string(retryCount) + ", lastErr=" + std::to_string(error) + ", " + status +
-           ", CreateFileX(" + path + ", 0x" + LowerHex(access) + ", 0x1, 0x00000000, 0x" + LowerHex(disposition) +
-           ", 0x80, 0x0, " + times + ")";
+  BOOL Copy(BOOL failIfExists, DWORD timeoutMs, DWORD intervalMs) {
+    return CopyFileX(HOST, Wide("from").c_str(), Wide("to").c_str(), failIfExists, timeoutMs, intervalMs);
+  }
+  static std::string Attempt(int retryCount, int error, const char* status, const std::string& call) {
+    return Print("host.cpp(4711): retryCount=%d, lastErr=%d, %s, ", retryCount, error, status) + call;
   }
 };
 
 TEST_F(RetryingCalls, OpeningForWritingMakesTheFoldersAndReadsToo) {
-  const std::wstring path = folder_.Wide("a/b/new.bin");
-  ScopedFile file(Open(path, GENERIC_WRITE, CREATE_ALWAYS, 0, 0));
+  const std::wstring path = Wide("a/b/new.bin");
+  ScopedFile file(Open(path, GENERIC_WRITE, CREATE_ALWAYS));
   ASSERT_TRUE(file);
   EXPECT_EQ(GetLastError(), 0u);
   DWORD count = 0;
@@ -29,91 +29,82 @@ TEST_F(RetryingCalls, OpeningForWritingMakesTheFoldersAndReadsToo) {
   EXPECT_TRUE(ReadFile(file.Get(), &byte, 1, &count, nullptr));
   file.Close();
 
-  file = ScopedFile(Open(L"\"" + path + L"\"", GENERIC_WRITE, CREATE_ALWAYS, 0, 0));
+  file = ScopedFile(Open(L"\"" + path + L"\"", GENERIC_WRITE, CREATE_ALWAYS));
   EXPECT_TRUE(file) << "quotes belong to the path";
   EXPECT_EQ(GetLastError(), 183u);
   EXPECT_EQ(FileMessages(), Messages{});
 }
 
 TEST_F(RetryingCalls, OnlyAFileThatMayBeNewGetsItsFolders) {
-  EXPECT_EQ(Open(folder_.Wide("a/x"), GENERIC_WRITE, OPEN_EXISTING, 0, 0), INVALID_HANDLE_VALUE);
+  EXPECT_EQ(Open(Wide("a/x"), GENERIC_WRITE, OPEN_EXISTING), INVALID_HANDLE_VALUE);
   EXPECT_EQ(GetLastError(), 3u);
-  EXPECT_EQ(Open(folder_.Wide("a/x"), GENERIC_READ, CREATE_ALWAYS, 0, 0), INVALID_HANDLE_VALUE);
+  EXPECT_EQ(Open(Wide("a/x"), GENERIC_READ, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
   EXPECT_EQ(GetLastError(), 3u);
-  EXPECT_FALSE(std::filesystem::exists(folder_.Path() / "a"));
+  EXPECT_FALSE(Exists("a"));
 }
 
-TEST_F(RetryingCalls, AHeldFileIsRetriedUntilTheBudgetIsUsedUp) {
-  WriteWholeFile(folder_.Path() / "held", "x");
-  FileHolder holder(folder_.Narrow("held"));
-  FakeClock clock;
-  EXPECT_EQ(Open(folder_.Wide("held"), GENERIC_READ, OPEN_EXISTING, 3000, 1000), INVALID_HANDLE_VALUE);
-  EXPECT_EQ(GetLastError(), 32u);
-  EXPECT_EQ(clock.Sleeps(), (std::vector<DWORD>{1000, 1000, 1000}));
-  const auto line = [&](int retryCount, const char* status) {
-    return OpenLine(retryCount, 32, status, folder_.Narrow("held"), GENERIC_READ, OPEN_EXISTING, "3000, 1000");
+TEST_F(RetryingCalls, FailuresAreRetriedAsTheirErrorAndTheBudgetAllow) {
+  Write("held", "x");
+  Write("from", "x");
+  Write("to", "y");
+  FileHolder holder(Text("held")), targetHolder(Text("to"));
+  const auto open = [this](const char* name, DWORD timeoutMs, DWORD intervalMs) {
+    return Open(Wide(name), GENERIC_READ, OPEN_EXISTING, timeoutMs, intervalMs) != INVALID_HANDLE_VALUE;
   };
-  const std::vector<LogLine> lines = TakeLines(channel::kFileOperation);
-  ASSERT_EQ(lines.size(), 4u);
-  for (int i = 0; i < 4; ++i) {
-    EXPECT_EQ(lines[i].message, line(i, i < 3 ? "Retry" : "Complete"));
-    EXPECT_EQ(lines[i].sourceFile, "host.cpp");
-    EXPECT_EQ(lines[i].line, 4711);
+  const std::string opening = ", 0x80000000, 0x1, 0x00000000, 0x3, 0x80, 0x0, ";
+  const std::string held = "CreateFileX(" + Text("held") + opening, missing = "CreateFileX(" + Text("no") + opening;
+  const std::string copy = "CopyFileX(" + Text("from") + ", " + Text("to");
+  const struct {
+    std::function<bool()> call;
+    int error, retries;
+    DWORD intervalMs;
+    std::string line;
+  } cases[] = {
+      {[&] { return open("held", 3000, 1000); }, 32, 3, 1000, held + "3000, 1000)"},
+      {[&] { return open("no", INFINITE, 120000); }, 2, 10, 60000, missing + "4294967295, 60000)"},
+      {[&] { return open("no", 0, 1000); }, 2, 0, 0, missing + "0, 1000)"},
+      {[&] { return open("no", 999, 1000); }, 2, 0, 0, missing + "999, 1000)"},
+      {[&] { return Copy(TRUE, 1000, 1000) != 0; }, 80, 1, 1000, copy + ", 1, 1000, 1000)"},
+      {[&] { return Copy(FALSE, 0, 1000) != 0; }, 32, 0, 0, copy + ", 0, 0, 1000)"},
+  };
+  for (const auto& [call, error, retries, intervalMs, line] : cases) {
+    FakeClock clock;
+    EXPECT_FALSE(call()) << line;
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(error)) << line;
+    EXPECT_EQ(clock.Sleeps(), std::vector<DWORD>(static_cast<size_t>(retries), intervalMs)) << line;
+    Messages expected;
+    for (int i = 0; i < retries; ++i) expected.push_back(Attempt(i, error, "Retry", line));
+    expected.push_back(Attempt(retries, error, "Complete", line));
+    EXPECT_EQ(TakePlacedMessages(channel::kFileOperation), expected);
   }
 }
 
 TEST_F(RetryingCalls, AHeldFileIsHadWhenItsHolderLetsGo) {
-  WriteWholeFile(folder_.Path() / "held", "x");
-  FileHolder holder(folder_.Narrow("held"));
+  Write("held", "x");
+  FileHolder holder(Text("held"));
   auto sleep = STAND_IN(Sleep, [&](int nth, DWORD ms) {
     EXPECT_EQ(ms, 7u);
     if (nth == 12) holder.LetGo();  // more often than any other error would be retried
   });
-  const ScopedFile file(Open(folder_.Wide("held"), GENERIC_WRITE, OPEN_EXISTING, INFINITE, 7));
+  const ScopedFile file(Open(Wide("held"), GENERIC_WRITE, OPEN_EXISTING, INFINITE, 7));
   ASSERT_TRUE(file);
-  const Messages messages = FileMessages();
+  const Messages messages = TakePlacedMessages(channel::kFileOperation);
   ASSERT_EQ(messages.size(), 13u);
-  EXPECT_EQ(messages[11],
-            OpenLine(11, 32, "Retry", folder_.Narrow("held"), GENERIC_WRITE, OPEN_EXISTING, "4294967295, 7"))
-      << "the access without the read bit, which was refused last";
-  EXPECT_EQ(messages[12], OpenLine(12, 0, "Complete", folder_.Narrow("held"), GENERIC_READ | GENERIC_WRITE,
-                                   OPEN_EXISTING, "4294967295, 7"));
+  const std::string call = "CreateFileX(" + Text("held"), rest = ", 0x1, 0x00000000, 0x3, 0x80, 0x0, 4294967295, 7)";
+  EXPECT_EQ(messages[11], Attempt(11, 32, "Retry", call + ", 0x40000000" + rest)) << "the access refused last";
+  EXPECT_EQ(messages[12], Attempt(12, 0, "Complete", call + ", 0xc0000000" + rest));
 }
 
 TEST_F(RetryingCalls, ASuccessAfterRetriesRestoresNothing) {
-  WriteWholeFile(folder_.Path() / "x", "x");
+  Write("from", "x");
   FakeClock clock;
   auto create = FAIL_CALL(CreateFileW, 1, ERROR_ACCESS_DENIED, INVALID_HANDLE_VALUE);
   auto copy = FAIL_CALL(CopyFileW, 1, ERROR_ACCESS_DENIED, FALSE);
-  const ScopedFile file(Open(folder_.Wide("x"), GENERIC_READ, OPEN_ALWAYS, 1000, 10));
+  const ScopedFile file(Open(Wide("from"), GENERIC_READ, OPEN_ALWAYS, 1000, 10));
   EXPECT_TRUE(file);
   EXPECT_EQ(GetLastError(), 183u) << "what the call itself left";
-  EXPECT_TRUE(CopyFileX(HOST, folder_.Wide("x").c_str(), folder_.Wide("y").c_str(), FALSE, 1000, 10));
+  EXPECT_TRUE(Copy(FALSE, 1000, 10));
   EXPECT_EQ(GetLastError(), 0u);
-}
-
-TEST_F(RetryingCalls, OtherErrorsGetTenRetries) {
-  FakeClock clock;
-  EXPECT_EQ(Open(folder_.Wide("no"), GENERIC_READ, OPEN_EXISTING, INFINITE, 120000), INVALID_HANDLE_VALUE);
-  EXPECT_EQ(GetLastError(), 2u);
-  EXPECT_EQ(clock.Sleeps(), std::vector<DWORD>(10, 60000));
-  const Messages messages = FileMessages();
-  ASSERT_EQ(messages.size(), 11u);
-  const auto line = [&](int retryCount, const char* status) {
-    return OpenLine(retryCount, 2, status, folder_.Narrow("no"), GENERIC_READ, OPEN_EXISTING, "4294967295, 60000");
-  };
-  EXPECT_EQ(messages[9], line(9, "Retry"));
-  EXPECT_EQ(messages[10], line(10, "Complete"));
-}
-
-TEST_F(RetryingCalls, ABudgetThatCoversNoIntervalIsOneAttempt) {
-  FakeClock clock;
-  for (const DWORD timeoutMs : {0, 999}) {
-    EXPECT_EQ(Open(folder_.Wide("no"), GENERIC_READ, OPEN_EXISTING, timeoutMs, 1000), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(FileMessages(), Messages{OpenLine(0, 2, "Complete", folder_.Narrow("no"), GENERIC_READ, OPEN_EXISTING,
-                                                std::to_string(timeoutMs) + ", 1000")});
-  }
-  EXPECT_EQ(clock.Sleeps().size(), 0u);
 }
 
 TEST_F(RetryingCalls, EveryPassAsksForReadingFirst) {
@@ -128,9 +119,9 @@ TEST_F(RetryingCalls, EveryPassAsksForReadingFirst) {
   EXPECT_EQ(CreateFileX(HOST, nullptr, GENERIC_WRITE, 7, &security, OPEN_EXISTING, 0x123, HANDLE(0xABC), 20, 20),
             INVALID_HANDLE_VALUE);
   EXPECT_EQ(accesses, (std::vector<DWORD>{0xC0000000, 0x40000000, 0xC0000000, 0x40000000}));
-  const std::string end = "CreateFileX(NULL, 0x40000000, 0x7, 0x" + Hex(&security) + ", 0x3, 0x123, 0xabc, 20, 20)";
-  EXPECT_EQ(FileMessages(),
-            (Messages{"retryCount=0, lastErr=5, Retry, " + end, "retryCount=1, lastErr=5, Complete, " + end}));
+  const std::string call = "CreateFileX(NULL, 0x40000000, 0x7, " + Address(&security) + ", 0x3, 0x123, 0xabc, 20, 20)";
+  EXPECT_EQ(TakePlacedMessages(channel::kFileOperation),
+            (Messages{Attempt(0, 5, "Retry", call), Attempt(1, 5, "Complete", call)}));
   for (const DWORD access : {0ul, GENERIC_READ, GENERIC_READ | GENERIC_WRITE}) {  // nothing to be added
     accesses.clear();
     EXPECT_EQ(CreateFileX(HOST, nullptr, access, 7, nullptr, OPEN_EXISTING, 0, nullptr, 0, 0), INVALID_HANDLE_VALUE);
@@ -140,85 +131,51 @@ TEST_F(RetryingCalls, EveryPassAsksForReadingFirst) {
 }
 
 TEST_F(RetryingCalls, CopyMakesTheTargetsFolderAndOverwrites) {
-  WriteWholeFile(folder_.Path() / "from", "new");
-  const std::wstring from = folder_.Wide("from"), to = folder_.Wide("a/b/to");
+  Write("from", "new");
+  const std::wstring from = Wide("from"), to = Wide("a/b/to");
   EXPECT_TRUE(CopyFileX(HOST, from.c_str(), to.c_str(), TRUE, 0, 0));
-  WriteWholeFile(folder_.Path() / "a/b/to", "longer than before");
+  Write("a/b/to", "longer than before");
   EXPECT_TRUE(CopyFileX(HOST, from.c_str(), to.c_str(), FALSE, 0, 0));
-  EXPECT_EQ(ReadWholeFile(folder_.Path() / "a/b/to"), "new");
+  EXPECT_EQ(Read("a/b/to"), "new");
   EXPECT_EQ(FileMessages(), Messages{});
-}
-
-TEST_F(RetryingCalls, CopyRetriesAndReportsAsOpening) {
-  WriteWholeFile(folder_.Path() / "from", "x");
-  WriteWholeFile(folder_.Path() / "to", "y");
-  const std::wstring from = folder_.Wide("from"), to = folder_.Wide("to");
-  FakeClock clock;
-  EXPECT_FALSE(CopyFileX(HOST, from.c_str(), to.c_str(), TRUE, 1000, 1000));
-  EXPECT_EQ(GetLastError(), 80u);
-  std::string end = "CopyFileX(" + folder_.Narrow("from") + ", " + folder_.Narrow("to") + ", 1, 1000, 1000)";
-  EXPECT_EQ(FileMessages(),
-            (Messages{"retryCount=0, lastErr=80, Retry, " + end, "retryCount=1, lastErr=80, Complete, " + end}));
-
-  FileHolder holder(folder_.Narrow("to"));
-  EXPECT_FALSE(CopyFileX(HOST, from.c_str(), to.c_str(), FALSE, 0, 1000));
-  EXPECT_EQ(GetLastError(), 32u);
-  EXPECT_EQ(ReadWholeFile(folder_.Path() / "from"), "x");
-  end = "CopyFileX(" + folder_.Narrow("from") + ", " + folder_.Narrow("to") + ", 0, 0, 1000)";
-  EXPECT_EQ(FileMessages(), Messages{"retryCount=0, lastErr=32, Complete, " + end});
 }
 
 TEST_F(RetryingCalls, DeletingAMissingFileSaysNothing) {
   FakeClock clock;
-  EXPECT_FALSE(DeleteFileX(HOST, folder_.Wide("no").c_str(), 5000, 1000));
-  EXPECT_EQ(GetLastError(), 2u);
-  EXPECT_FALSE(DeleteFileX(HOST, folder_.Wide("no/no").c_str(), INFINITE, 1000));
-  EXPECT_EQ(GetLastError(), 3u);
+  ExpectFailures({{[&] { return DeleteFileX(HOST, Wide("no").c_str(), 5000, 1000); }, 2, ""},
+                  {[&] { return DeleteFileX(HOST, Wide("no/no").c_str(), INFINITE, 1000); }, 3, ""}});
   EXPECT_EQ(clock.Sleeps().size(), 0u);
-  EXPECT_EQ(FileMessages(), Messages{});
 }
 
 TEST_F(RetryingCalls, DeletingSleepsFirstAndTriesOnceMoreWithoutABudget) {
-  FakeClock clock;
-  WriteWholeFile(folder_.Path() / "x", "x");
-  auto remove = FAIL_CALL(DeleteFileW, 1, ERROR_ACCESS_DENIED, FALSE, 1000);
-  const std::wstring path = folder_.Wide("x");
-  const auto sleepsOf = [&](DWORD timeoutMs, DWORD intervalMs) {
-    const size_t before = clock.Sleeps().size();
-    SetLastError(kUntouched);
-    EXPECT_FALSE(DeleteFileX(HOST, path.c_str(), timeoutMs, intervalMs));
-    EXPECT_EQ(GetLastError(), 5u);
-    EXPECT_EQ(FileMessages(), Messages{"lastErr=5, DeleteFileX(" + folder_.Narrow("x") + ")"});
-    const std::vector<DWORD> all = clock.Sleeps();
-    return std::vector<DWORD>(all.begin() + static_cast<std::ptrdiff_t>(before), all.end());
-  };
-  EXPECT_EQ(sleepsOf(0, 100), std::vector<DWORD>(1, 100));
-  EXPECT_EQ(sleepsOf(250, 100), std::vector<DWORD>(3, 100));
-  EXPECT_EQ(sleepsOf(0, 70000), std::vector<DWORD>(1, 60000));
-  EXPECT_EQ(sleepsOf(3, 0), std::vector<DWORD>(4, 0)) << "an interval of 0 takes a millisecond of the budget";
+  Write("x", "x");
+  SetFileAttributesW(Wide("x").c_str(), FILE_ATTRIBUTE_READONLY);
+  const struct {
+    DWORD timeoutMs, intervalMs;
+    std::vector<DWORD> sleeps;
+  } cases[] = {{0, 100, {100}},
+               {250, 100, {100, 100, 100}},
+               {0, 70000, {60000}},
+               {3, 0, {0, 0, 0, 0}}};  // an interval of 0 takes a millisecond of the budget
+  for (const auto& [timeoutMs, intervalMs, sleeps] : cases) {
+    FakeClock clock;
+    ExpectFailures({{[&] { return DeleteFileX(HOST, Wide("x").c_str(), timeoutMs, intervalMs); }, 5,
+                     "DeleteFileX(" + Text("x") + ")"}});
+    EXPECT_EQ(clock.Sleeps(), sleeps);
+  }
+  SetFileAttributesW(Wide("x").c_str(), FILE_ATTRIBUTE_NORMAL);
+  EXPECT_TRUE(DeleteFileX(HOST, Wide("x").c_str(), 0, 10));
 }
 
 TEST_F(RetryingCalls, DeletingWaitsForAHolder) {
-  WriteWholeFile(folder_.Path() / "held", "x");
-  FileHolder holder(folder_.Narrow("held"));
+  Write("held", "x");
+  FileHolder holder(Text("held"));
   auto sleep = STAND_IN(Sleep, [&](int nth, DWORD) {
     if (nth == 30) holder.LetGo();
   });
-  EXPECT_TRUE(DeleteFileX(HOST, folder_.Wide("held").c_str(), INFINITE, 5));
-  EXPECT_FALSE(std::filesystem::exists(folder_.Path() / "held"));
-  EXPECT_EQ(FileMessages(), Messages{"lastErr=32, DeleteFileX(" + folder_.Narrow("held") + ")"});
-}
-
-TEST_F(RetryingCalls, AReadOnlyFileIsNotDeleted) {
-  WriteWholeFile(folder_.Path() / "x", "x");
-  SetFileAttributesW(folder_.Wide("x").c_str(), FILE_ATTRIBUTE_READONLY);
-  FakeClock clock;
-  EXPECT_FALSE(DeleteFileX(HOST, folder_.Wide("x").c_str(), 0, 10));
-  EXPECT_EQ(GetLastError(), 5u);
-  EXPECT_EQ(clock.Sleeps(), std::vector<DWORD>{10});
-  EXPECT_EQ(FileMessages().size(), 1u);
-  SetFileAttributesW(folder_.Wide("x").c_str(), FILE_ATTRIBUTE_NORMAL);
-  EXPECT_TRUE(DeleteFileX(HOST, folder_.Wide("x").c_str(), 0, 10));
+  EXPECT_TRUE(DeleteFileX(HOST, Wide("held").c_str(), INFINITE, 5));
+  EXPECT_FALSE(Exists("held"));
+  EXPECT_EQ(FileMessages(), Messages{"lastErr=32, DeleteFileX(" + Text("held") + ")"});
 }
 
 }  // namespace

@@ -43,9 +43,9 @@ class TransferKill : public FileTest {
   // Kills a writer of `target` again and again, each time a little later.
   void KillAgainAndAgain(const char* role, const std::string& argument,
                          const std::function<BOOL(const wchar_t*)>& write) {
-    const std::wstring target = folder_.Wide("target");
+    const std::wstring target = Wide("target");
     for (int kill = 0; kill < kKills; ++kill) {
-      ChildProcess child(role, {folder_.Narrow("target"), argument});
+      ChildProcess child(role, {Text("target"), argument});
       ASSERT_EQ(child.WaitForLine(), "begun");
       std::this_thread::sleep_for(std::chrono::microseconds(kill * 97 % 9000));
       ASSERT_TRUE(child.Running()) << "a writer must not fail by itself";
@@ -53,11 +53,11 @@ class TransferKill : public FileTest {
       child.Wait();
 
       std::error_code missing;
-      const auto size = std::filesystem::file_size(folder_.Path() / "target", missing);
+      const auto size = std::filesystem::file_size(Path("target"), missing);
       ASSERT_TRUE(missing || size == 0 || size == kBytes) << size;
     }
     EXPECT_TRUE(write(target.c_str())) << "nothing is held by the dead";
-    EXPECT_TRUE(FileHolds(folder_.Path() / "target", Pattern(kBytes)));
+    EXPECT_TRUE(FileHolds(Path("target"), Pattern(kBytes)));
     EXPECT_EQ(FileMessages(), Messages{});
     EXPECT_EQ(Assertions(), Messages{});
   }
@@ -70,18 +70,18 @@ TEST_F(TransferKill, OfMemoryToFile) {
 }
 
 TEST_F(TransferKill, OfFileToFile) {
-  WriteWholeFile(folder_.Path() / "source", Pattern(kBytes));
-  KillAgainAndAgain("CopyForEver", folder_.Narrow("source"), [&](const wchar_t* target) {
-    return CopyFileMMF(HOST, folder_.Wide("source").c_str(), target, FALSE, -1, TRUE);
+  Write("source", Pattern(kBytes));
+  KillAgainAndAgain("CopyForEver", Text("source"), [&](const wchar_t* target) {
+    return CopyFileMMF(HOST, Wide("source").c_str(), target, FALSE, -1, TRUE);
   });
-  EXPECT_TRUE(FileHolds(folder_.Path() / "source", Pattern(kBytes)));
+  EXPECT_TRUE(FileHolds(Path("source"), Pattern(kBytes)));
 }
 
 TEST_F(TransferKill, OfObjectToFile) {
-  NamedObject object("killed", kBytes);
+  NamedObject object(kBytes);
   object.Fill(Pattern(kBytes));
   const std::wstring name = object.Name();
-  KillAgainAndAgain("SaveForEver", std::string(name.begin(), name.end()),
+  KillAgainAndAgain("SaveForEver", Narrow(name),
                     [&](const wchar_t* target) { return ObjectToFile(HOST, name.c_str(), kBytes, 0, target, -1); });
   EXPECT_TRUE(SameBytes(object.Bytes(), Pattern(kBytes)));
 }

@@ -79,12 +79,8 @@ class MemoryShortage {
 // A named object of this process, with a view of all of it.
 class NamedObject {
  public:
-  explicit NamedObject(const char* name, DWORD bytes)
-      : name_([&] {
-          const std::string text = "Local\\qel-test-" + std::to_string(GetCurrentProcessId()) + "-" + name;
-          return std::wstring(text.begin(), text.end());
-        }()),
-        bytes_(bytes),
+  explicit NamedObject(DWORD bytes)
+      : bytes_(bytes),
         mapping_(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, bytes, name_.c_str())),
         view_(static_cast<char*>(MapViewOfFile(mapping_.Get(), FILE_MAP_ALL_ACCESS, 0, 0, bytes))) {
     EXPECT_NE(view_, nullptr);
@@ -96,7 +92,7 @@ class NamedObject {
   void Fill(const std::string& bytes) { std::copy(bytes.begin(), bytes.end(), view_); }
 
  private:
-  const std::wstring name_;
+  const std::wstring name_ = UniqueName();
   const DWORD bytes_;
   const ScopedMapping mapping_;
   char* const view_;

@@ -8,7 +8,7 @@
 
 #include "qelibaselib/qelibaselib.h"
 #include "test/modulestatus/captured_fault.h"
-#include "test/modulestatus/report_reader.h"
+#include "test/modulestatus/report_text.h"
 #include "test/support/bad_pointer.h"
 #include "test/support/child_process.h"
 #include "test/support/log_folder.h"
@@ -38,10 +38,7 @@ CHILD_ROLE(ReportWithDamagedHeap) {
   OverrunBlock();
   Say(std::to_string(VemoExceptLogOut(L"damaged", "", &fault.record, &fault.context, 1, "source.cpp")));
   Say(std::to_string(VemoModuleStatusLogOut(L"damaged", "")));
-  const auto standIn = STAND_IN(CreateSemaphoreW, [](int, auto...) -> HANDLE {
-    WriteBadAddress();
-    return nullptr;
-  });
+  const auto faulting = FAULT_IN(CreateSemaphoreW);
   Say(CreateSemaphoreX(7, "host.cpp", nullptr, 0, 1, nullptr) ? "a handle" : "null");
   return kExitCode;
 }
@@ -70,15 +67,14 @@ TEST(DamagedHeap, IsReportedAndTheProcessLives) {
   EXPECT_TRUE(clause[1].ends_with(", _heapchk()")) << clause[1];
   EXPECT_EQ(clause[2], messages[0]);
 
-  ReportReader reports(ReadWholeFile(ChannelFile(channel::kExceptionReport)));
-  const auto report = ReadExceptionReport(reports);
-  EXPECT_EQ(report.title, "damaged()");
-  EXPECT_EQ(report.frames.at(0).function, "ReadThrough");
-  EXPECT_TRUE(ReadExceptionReport(reports).title.ends_with("(Exception CATCH_AE)"));
-  EXPECT_TRUE(reports.AtEnd());
-  ReportReader status(ReadWholeFile(ChannelFile(channel::kModuleStatusReport)));
-  EXPECT_EQ(ReadStatusReport(status).title, "damaged()");
-  EXPECT_TRUE(status.AtEnd());
+  const auto reports = TakeExceptionReports();
+  ASSERT_EQ(reports.size(), 2u);
+  EXPECT_EQ(reports[0].heading, "damaged()");
+  EXPECT_EQ(reports[0].frames.at(0).function, "ReadThrough");
+  EXPECT_TRUE(reports[1].heading.ends_with("(Exception CATCH_AE)"));
+  const auto status = ReadStatusReports(ReadWholeFile(ChannelFile(channel::kModuleStatusReport)));
+  ASSERT_EQ(status.size(), 1u);
+  EXPECT_EQ(status[0].heading, "damaged()");
 }
 
 }  // namespace

@@ -1,13 +1,15 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <utility>
 
 #include "qelibaselib/qelibaselib.h"
 #include "test/modulestatus/captured_fault.h"
-#include "test/modulestatus/report_reader.h"
+#include "test/modulestatus/report_text.h"
+#include "test/support/bad_pointer.h"
 #include "test/support/child_process.h"
 #include "test/support/log_folder.h"
 #include "test/support/replace_call.h"
@@ -17,152 +19,116 @@
 namespace qel::test {
 namespace {
 
-DWORD Profile(const std::string& command, char* text, DWORD size) {
-  const size_t length = std::min<size_t>(command.size(), size - 1);
-  std::memcpy(text, command.data(), length);
-  text[length] = '\0';
-  return static_cast<DWORD>(length);
-}
+// The filter in a process that has no debugger, with a command registered.
+class DebuggerFilter : public testing::Test {
+ protected:
+  // What the filter starts, with this command and a debugger that does not start; empty for nothing.
+  std::string Started(const std::string& command) {
+    registered_ = command;
+    const int before = start_.Calls();
+    command_.clear();
+    EXPECT_EQ(AeDebuggerUnhandledExceptionFilter(), EXCEPTION_CONTINUE_SEARCH);
+    EXPECT_EQ(start_.Calls() - before, command_.empty() ? 0 : 1);
+    return command_;
+  }
+  std::string registered_ = "%lu %lu";
+  std::string command_;
+  HANDLE event_ = nullptr;  // of the last command
+  std::function<BOOL(PROCESS_INFORMATION& started)> startDebugger_ = [](PROCESS_INFORMATION&) { return FALSE; };
 
-// What the filter starts, with this command registered and a debugger that does not start; empty for nothing.
-std::string Started(const std::string& registered, HANDLE* event = nullptr) {
-  std::string started;
-  const auto debugger = STAND_IN(IsDebuggerPresent, [](int) { return FALSE; });
-  const auto profile = STAND_IN(
-      GetProfileStringA, [&](int, const char* section, const char* key, const char* fallback, char* text, DWORD size) {
-        EXPECT_STREQ(section, "AeDebug");
-        EXPECT_STREQ(key, "Debugger");
+  StandIn<"IsDebuggerPresent", decltype(&::IsDebuggerPresent)> debugger_{[](int) { return FALSE; }};
+  StandIn<"GetProfileStringA", decltype(&::GetProfileStringA)> profile_{
+      [this](int, const char* section, const char* key, const char* fallback, char* text, DWORD size) {
+        EXPECT_EQ(std::string(section) + "." + key, "AeDebug.Debugger");
         EXPECT_EQ(fallback, nullptr);
         EXPECT_EQ(size, 259u);
-        return Profile(registered, text, size);
-      });
-  const auto create = STAND_IN(
-      CreateEventW, [&](int, SECURITY_ATTRIBUTES* security, BOOL manualReset, BOOL initialState, const wchar_t* name) {
+        return static_cast<DWORD>(std::snprintf(text, size, "%.258s", registered_.c_str()));
+      }};
+  StandIn<"CreateEventW", decltype(&::CreateEventW)> create_{
+      [this](int, SECURITY_ATTRIBUTES* security, BOOL manualReset, BOOL initialState, const wchar_t* name) {
         EXPECT_TRUE(security && security->bInheritHandle && manualReset && !initialState && !name);
-        const HANDLE made = CreateEventW(security, manualReset, initialState, name);
-        if (event) *event = made;
-        return made;
-      });
-  const auto start = STAND_IN(
-      CreateProcessA,
-      [&](int, const char* application, char* command, SECURITY_ATTRIBUTES*, SECURITY_ATTRIBUTES*, BOOL inherit,
-          DWORD flags, void* environment, const char* folder, STARTUPINFOA* startup, PROCESS_INFORMATION*) -> BOOL {
+        return event_ = CreateEventW(security, manualReset, initialState, name);
+      }};
+  StandIn<"CreateProcessA", decltype(&::CreateProcessA)> start_{
+      [this](int, const char* application, char* command, SECURITY_ATTRIBUTES*, SECURITY_ATTRIBUTES*, BOOL inherit,
+             DWORD flags, void* environment, const char* folder, STARTUPINFOA* startup, PROCESS_INFORMATION* started) {
         EXPECT_TRUE(!application && inherit && flags == 0 && !environment && !folder);
         EXPECT_EQ(startup->cb, sizeof *startup);
         EXPECT_STREQ(startup->lpDesktop, "Winsta0\\Default");
-        started = command;
-        return FALSE;
-      });
-  EXPECT_EQ(AeDebuggerUnhandledExceptionFilter(), EXCEPTION_CONTINUE_SEARCH);
-  EXPECT_EQ(start.Calls(), started.empty() ? 0 : 1);
-  EXPECT_EQ(create.Calls(), started.empty() ? 0 : 1);
-  return started;
-}
+        command_ = command;
+        return startDebugger_(*started);
+      }};
+};
 
-std::string Printed(const char* format, unsigned long value) {
-  char text[64];
-  std::snprintf(text, sizeof text, format, value);
-  return text;
-}
-
-TEST(DebuggerFilter, PutsProcessAndEventIntoTheCommand) {
-  HANDLE event = nullptr;
-  const auto eventAs = [&](const char* format) { return Printed(format, reinterpret_cast<ULONG_PTR>(event)); };
-  const std::string process = std::to_string(GetCurrentProcessId());
-  std::string started = Started("debug -p %ld -e %ld", &event);
-  EXPECT_EQ(started, "debug -p " + process + eventAs(" -e %lu"));
-  started = Started("%d|%08x|%u|%lu|%I64u", &event);
-  EXPECT_EQ(started, process + eventAs("|%08lx|0|0|0"));
-  started = Started("100%% %u %p %p", &event);
-  EXPECT_EQ(started, "100% " + process + eventAs(" %08lX 00000000"));
-  EXPECT_EQ(Started("%-12d|").substr(0, 13), Printed("%-12lu|", GetCurrentProcessId()));
-  EXPECT_EQ(Started("%.8d"), Printed("%.8lu", GetCurrentProcessId()));
-  EXPECT_EQ(Started("plain"), "plain");
+TEST_F(DebuggerFilter, PutsProcessAndEventIntoTheCommand) {
+  const struct {
+    std::string registered;
+    const char* started;  // with the process and the event as numbers
+  } cases[] = {
+      {"debug -p %ld -e %ld", "debug -p %lu -e %lu"},
+      {"%d|%08x|%u|%lu|%I64u", "%lu|%08lx|0|0|0"},
+      {"100%% %u %p %p", "100%% %lu %08lX 00000000"},
+      {"%-12d|", "%-12lu|"},
+      {"%.8d", "%.8lu"},
+      {"plain", "plain"},
+  };
+  for (const auto& [registered, started] : cases) {
+    const std::string command = Started(registered);
+    EXPECT_EQ(command, Print(started, GetCurrentProcessId(), Number(event_))) << registered;
+  }
   EXPECT_EQ(Started(std::string(300, 'x')), std::string(258, 'x'));
+  EXPECT_EQ(create_.Calls(), start_.Calls());
 }
 
-TEST(DebuggerFilter, RefusesOtherConversions) {
+TEST_F(DebuggerFilter, RefusesOtherConversions) {
   for (const char* command : {"", "%s", "debug %n", "%f %d", "%d %c", "%*d", "%.*d", "%d %", "%", "%q", "%ls", "%hn",
                               "%d %d %s", "%5", "% "}) {
     EXPECT_EQ(Started(command), "") << command;
   }
+  EXPECT_EQ(create_.Calls(), 0);
 }
 
-TEST(DebuggerFilter, BoundsTheCommand) {
+TEST_F(DebuggerFilter, BoundsTheCommand) {
   EXPECT_EQ(Started("%9999d").size(), 4095u);
   EXPECT_EQ(Started("%4000d%4000d%.4000d%999999999999999999d").size(), 4095u);
 }
 
-TEST(DebuggerFilter, WaitsUntilTheDebuggerHasSignalled) {
-  const auto debugger = STAND_IN(IsDebuggerPresent, [](int) { return FALSE; });
-  const auto profile = STAND_IN(GetProfileStringA, [](int, const char*, const char*, const char*, char* text,
-                                                      DWORD size) { return Profile("%lu %lu", text, size); });
-  const auto start = STAND_IN(
-      CreateProcessA,
-      [](int, const char*, char* command, SECURITY_ATTRIBUTES*, SECURITY_ATTRIBUTES*, BOOL, DWORD, void*, const char*,
-         STARTUPINFOA*, PROCESS_INFORMATION* information) -> BOOL {
-        const unsigned long event = std::stoul(std::strchr(command, ' '));
-        SetEvent(reinterpret_cast<HANDLE>(event));
-        *information = {CreateEventW(nullptr, TRUE, FALSE, nullptr), CreateEventW(nullptr, TRUE, FALSE, nullptr), 0, 0};
-        return TRUE;
-      });
-  const auto wait =
-      STAND_IN(WaitForMultipleObjects, [](int, DWORD count, const HANDLE* handles, BOOL all, DWORD timeoutMs) {
-        EXPECT_EQ(timeoutMs, INFINITE);
-        return WaitForMultipleObjects(count, handles, all, timeoutMs);
-      });
-  const auto close = STAND_IN(CloseHandle, [](int, HANDLE handle) { return CloseHandle(handle); });
-  EXPECT_EQ(AeDebuggerUnhandledExceptionFilter(), EXCEPTION_CONTINUE_EXECUTION);
-  EXPECT_EQ(wait.Calls(), 1);
-  EXPECT_EQ(close.Calls(), 2);
+TEST_F(DebuggerFilter, WaitsForTheDebuggersSignalOrItsEnd) {
+  const auto wait = WATCH_CALL(WaitForMultipleObjects,
+                               [](DWORD, const HANDLE*, BOOL, DWORD timeoutMs) { EXPECT_EQ(timeoutMs, INFINITE); });
+  const auto close = COUNT_CALLS(CloseHandle);
+  for (const BOOL ends : {FALSE, TRUE}) {
+    startDebugger_ = [&](PROCESS_INFORMATION& started) {
+      if (!ends) SetEvent(event_);
+      started = {CreateEventW(nullptr, TRUE, ends, nullptr), CreateEventW(nullptr, TRUE, FALSE, nullptr), 0, 0};
+      return TRUE;
+    };
+    EXPECT_EQ(AeDebuggerUnhandledExceptionFilter(), ends ? EXCEPTION_CONTINUE_SEARCH : EXCEPTION_CONTINUE_EXECUTION);
+  }
+  EXPECT_EQ(wait.Calls(), 2);
+  EXPECT_EQ(close.Calls(), 4) << "the handles of process and thread";
 }
 
-TEST(DebuggerFilter, DoesNotWaitForADebuggerThatHasEnded) {
-  const auto debugger = STAND_IN(IsDebuggerPresent, [](int) { return FALSE; });
-  const auto profile = STAND_IN(GetProfileStringA, [](int, const char*, const char*, const char*, char* text,
-                                                      DWORD size) { return Profile("%lu %lu", text, size); });
-  const auto start = STAND_IN(
-      CreateProcessA,
-      [](int, const char*, char*, SECURITY_ATTRIBUTES*, SECURITY_ATTRIBUTES*, BOOL, DWORD, void*, const char*,
-         STARTUPINFOA*, PROCESS_INFORMATION* information) -> BOOL {
-        *information = {CreateEventW(nullptr, TRUE, TRUE, nullptr), CreateEventW(nullptr, TRUE, FALSE, nullptr), 0, 0};
-        return TRUE;
-      });
-  const auto close = STAND_IN(CloseHandle, [](int, HANDLE handle) { return CloseHandle(handle); });
+TEST_F(DebuggerFilter, DoesNothingUnderADebugger) {
+  const auto debugger = ANSWER_CALL(IsDebuggerPresent, TRUE);
   EXPECT_EQ(AeDebuggerUnhandledExceptionFilter(), EXCEPTION_CONTINUE_SEARCH);
-  EXPECT_EQ(close.Calls(), 2);
+  EXPECT_EQ(profile_.Calls(), 0);
 }
 
-TEST(DebuggerFilter, DoesNothingUnderADebugger) {
-  const auto debugger = STAND_IN(IsDebuggerPresent, [](int) { return TRUE; });
-  const auto profile = FAIL_CALL(GetProfileStringA, 1, 0, 0u);
-  EXPECT_EQ(AeDebuggerUnhandledExceptionFilter(), EXCEPTION_CONTINUE_SEARCH);
-  EXPECT_EQ(profile.Calls(), 0);
-}
-
-TEST(DebuggerFilter, SearchesOnAfterAFailure) {
-  LogFolder();
+TEST_F(DebuggerFilter, SearchesOnAfterAFailure) {
   TakeLines(channel::kWinApiWrap);
-  const auto debugger = STAND_IN(IsDebuggerPresent, [](int) { return FALSE; });
-  const auto profile =
-      STAND_IN(GetProfileStringA, [](int nth, const char*, const char*, const char*, char* text, DWORD size) -> DWORD {
-        if (nth == 2) return ReadThrough(nullptr);
-        return Profile("debug", text, size);
-      });
-  // Without an event the debugger is started but not waited for.
-  const auto create = FAIL_CALL(CreateEventW, 1, ERROR_NOT_ENOUGH_MEMORY, nullptr);
-  const auto start = STAND_IN(CreateProcessA,
-                              [](int, const char*, char*, SECURITY_ATTRIBUTES*, SECURITY_ATTRIBUTES*, BOOL, DWORD,
-                                 void*, const char*, STARTUPINFOA*, PROCESS_INFORMATION*) -> BOOL { return TRUE; });
-  EXPECT_EQ(AeDebuggerUnhandledExceptionFilter(), EXCEPTION_CONTINUE_SEARCH);
-  EXPECT_EQ(start.Calls(), 1);
-  const auto failures = TakeLines(channel::kWinApiWrap);
+  startDebugger_ = [](PROCESS_INFORMATION&) { return TRUE; };
+  {
+    const auto create = FAIL_CALL(CreateEventW, 1, ERROR_NOT_ENOUGH_MEMORY, nullptr);
+    EXPECT_EQ(AeDebuggerUnhandledExceptionFilter(), EXCEPTION_CONTINUE_SEARCH);
+  }
+  EXPECT_EQ(start_.Calls(), 1) << "started, but not waited for";
+  const Messages failures = TakePlacedMessages(channel::kWinApiWrap);
   ASSERT_EQ(failures.size(), 1u);
-  EXPECT_EQ(failures[0].sourceFile, "modulestatus.cpp");
-  EXPECT_EQ(failures[0].line, 1022);
-  // A fault on the way is swallowed.
-  EXPECT_EQ(AeDebuggerUnhandledExceptionFilter(), EXCEPTION_CONTINUE_SEARCH);
-  EXPECT_EQ(start.Calls(), 1);
+  EXPECT_TRUE(failures[0].starts_with("modulestatus.cpp(1022): lastErr=8, CreateEventX(")) << failures[0];
+  const auto profile = FAULT_IN(GetProfileStringA);
+  EXPECT_EQ(AeDebuggerUnhandledExceptionFilter(), EXCEPTION_CONTINUE_SEARCH) << "a fault on the way is swallowed";
+  EXPECT_EQ(start_.Calls(), 1);
 }
 
 constexpr int kHandedOver = 7;
@@ -184,8 +150,10 @@ CHILD_ROLE(FaultWithDebugger) {
   LogFolder();
   g_registered = arguments[0];
   g_debuggersFile = arguments[1];
-  const auto profile = STAND_IN(GetProfileStringA, [](int, const char*, const char*, const char*, char* text,
-                                                      DWORD size) { return Profile(g_registered, text, size); });
+  const auto profile =
+      STAND_IN(GetProfileStringA, [](int, const char*, const char*, const char*, char* text, DWORD size) {
+        return static_cast<DWORD>(std::snprintf(text, size, "%s", g_registered.c_str()));
+      });
   SetUnhandledExceptionFilter(&ReportAndAskDebugger);
   return CallReadThrough(nullptr);
 }
@@ -196,21 +164,18 @@ CHILD_ROLE(AttachDebugger) {
   return SetEvent(reinterpret_cast<HANDLE>(std::stoul(arguments[1]))) ? 0 : 1;
 }
 
-TEST(DebuggerFilter, HandsAFaultToARealDebugger) {
+TEST(DebuggerFilterOfAHost, HandsAFaultToARealDebugger) {
   SKIP_UNDER_ASAN();
   LogFolder();
   const ScratchFolder folder;
   const auto file = folder.Path() / "debugger.txt";
-  const auto reportFile = ChannelFile(channel::kExceptionReport);
-  char program[MAX_PATH];
-  GetModuleFileNameA(nullptr, program, MAX_PATH);
-  const std::string debugger = std::string(program) + " --role=AttachDebugger %lu %lu " + file.string();
+  const std::string debugger = ProgramPath() + " --role=AttachDebugger %lu %lu " + file.string();
   const int diedOfFault = sizeof(wchar_t) == 2 ? static_cast<int>(EXCEPTION_ACCESS_VIOLATION) : -11;
   for (const auto& [registered, end] : {std::pair{debugger, kHandedOver},
                                         {(folder.Path() / "no debugger").string() + " %lu %lu", diedOfFault},
                                         {std::string(), diedOfFault}}) {
     SCOPED_TRACE(registered);
-    std::filesystem::remove(reportFile);
+    std::filesystem::remove(ChannelFile(channel::kExceptionReport));
     ChildProcess child("FaultWithDebugger", {registered, file.string()});
     EXPECT_EQ(child.Wait(), end);
     if (end == kHandedOver) {
@@ -218,11 +183,10 @@ TEST(DebuggerFilter, HandsAFaultToARealDebugger) {
       std::filesystem::remove(file);
     }
     EXPECT_FALSE(std::filesystem::exists(file));
-    ReportReader reader(ReadWholeFile(reportFile));
-    EXPECT_EQ(ReadExceptionReport(reader).frames.at(0).function, "ReadThrough");
-    EXPECT_TRUE(reader.AtEnd());
+    const auto reports = TakeExceptionReports();
+    ASSERT_EQ(reports.size(), 1u);
+    EXPECT_EQ(reports[0].frames.at(0).function, "ReadThrough");
   }
-  std::filesystem::remove(reportFile);
 }
 
 TEST(ThreadPriority, CorrespondsToAProcessPriority) {
@@ -241,8 +205,7 @@ TEST(ThreadPriority, CorrespondsToAProcessPriority) {
   TakeLines(channel::kModuleStatusError);
   priority = 99;
   EXPECT_EQ(VemoThreadPriToProcPri(), 0x20u);
-  EXPECT_EQ(TakeMessages(channel::kModuleStatusError),
-            (std::vector<std::string>{"VemoThreadPriToProcPri(catch(...))"}));
+  EXPECT_EQ(TakeMessages(channel::kModuleStatusError), Messages{"VemoThreadPriToProcPri(catch(...))"});
 }
 
 }  // namespace

@@ -1,12 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <cstddef>
-#include <cstring>
 #include <stdexcept>
 
 #include "qelibaselib/platform/mfc/exception.h"
 #include "qelibaselib/qelibaselib.h"
-#include "test/modulestatus/report_reader.h"
+#include "test/modulestatus/report_text.h"
 #include "test/support/child_process.h"
 #include "test/support/log_folder.h"
 #include "test/support/replace_call.h"
@@ -23,11 +21,7 @@ struct MadeFault {
   CONTEXT context{};
 
   MadeFault() {
-    record.ExceptionCode = 0xC0000005;
-    record.ExceptionFlags = 1;
-    record.ExceptionRecord = reinterpret_cast<EXCEPTION_RECORD*>(0xABCDEF01);
-    record.ExceptionAddress = reinterpret_cast<void*>(0x00CDEF02);
-    record.NumberParameters = 2;
+    record = {0xC0000005, 1, reinterpret_cast<EXCEPTION_RECORD*>(0xABCDEF01), reinterpret_cast<void*>(0xCDEF02), 2, {}};
     for (DWORD i = 0; i < 15; ++i) record.ExceptionInformation[i] = 0xA0 + i;
     auto* bytes = reinterpret_cast<unsigned char*>(&context);
     for (size_t i = 0; i < sizeof context; ++i) bytes[i] = static_cast<unsigned char>(i * 7 + i / 256);
@@ -35,18 +29,16 @@ struct MadeFault {
   }
 
   // Without the symbols, which take the debug help of Windows a second.
-  ExceptionReport Report(const wchar_t* title = L"title", const char* message = "message",
-                         const char* sourceFile = "source.cpp") const {
+  std::string Text(const wchar_t* title = L"title", const char* message = "message",
+                   const char* sourceFile = "source.cpp") const {
     const auto symbols = FAIL_CALL(SymInitialize, 1, ERROR_INVALID_PARAMETER, FALSE);
-    ReportReader reader(WrittenBy([&](std::FILE* stream) {
+    return WrittenBy([&](std::FILE* stream) {
       EXPECT_EQ(ExceptLogOut(stream, title, message, &record, &context, 17, sourceFile, GetCurrentProcess(), 4711,
                              GetCurrentThread()),
                 _HEAPOK);
-    }));
-    auto report = ReadExceptionReport(reader);
-    EXPECT_TRUE(reader.AtEnd());
-    return report;
+    });
   }
+  qellog::ExceptionReport Report() const { return ReadExceptionReports(Text()).at(0); }
 };
 
 std::string ReportFileText() { return ReadWholeFile(ChannelFile(channel::kExceptionReport)); }
@@ -56,102 +48,127 @@ void RemoveReportFile() {
   fs::remove(ChannelFile(channel::kExceptionReport));
 }
 
-TEST(ExceptionReport, PrintsTheRecord) {
+// What stands before the record.
+std::string Banner(unsigned long count, const std::string& title, const std::string& source) {
+  const std::string separator = Print("%s\n", std::string(87, '>').c_str());
+  const unsigned long process = GetCurrentProcessId(), thread = GetCurrentThreadId();
+  return "\n" + separator + separator + ">>>>>>>>>> 2024/03/05 14:07:09.042\n>>>>>>>>>> " + title + "\n>>>>>>>>>> " +
+         ProgramPath() + Print("\n>>>>>>>>>> TC=%lu, ProcessId()=%lu, ThreadId()=%lu\n", count, process, thread) +
+         separator + separator +
+         "======================= File Information ==============================================\n" + source +
+         "\n======================= Exception Information(EXCEPTION_RECORD) =======================\n" +
+         Print("processID=%lu, threadId=%lu, omp_get_thread_num=0\n", process, thread);
+}
+
+constexpr char kRecord[] = R"(ExceptionCode    = 0xc0000005
+ExceptionFlags   = 0x00000001
+ExceptionRecord  = 0xABCDEF01
+ExceptionAddress = 0x00CDEF02
+NumberParameters = 0x00000002
+ExceptionInformation[0] = 0x000000A0
+ExceptionInformation[1] = 0x000000A1
+======================= Exception Information(CONTEXT) ================================
+Eax    = 0xe5ded7d0
+Ebx    = 0x918a837c
+Ecx    = 0xc9c2bbb4
+Edx    = 0xada69f98
+Esi    = 0x756e6760
+Edi    = 0x59524b44
+Eip    = 0x00000000
+Esp    = 0x00000000
+Ebp    = 0x00000000
+EFlags = 0x554e4740
+SegCs  = 0x39322b24
+SegDs  = 0x3d362f28
+SegEs  = 0x211a130c
+SegSs  = 0x8d867f78
+SegFs  = 0x05fef7f0
+SegGs  = 0xe9e2dbd4
+ContextFlags = 0x150e0700
+Dr0 = 0x312a231c
+Dr1 = 0x4d463f38
+Dr2 = 0x69625b54
+Dr3 = 0x857e7770
+Dr6 = 0xa19a938c
+Dr7 = 0xbdb6afa8
+FloatSave.ControlWord   = 0xd9d2cbc4
+FloatSave.StatusWord    = 0xf5eee7e0
+FloatSave.TagWord       = 0x110a03fc
+FloatSave.ErrorOffset   = 0x2d261f18
+FloatSave.ErrorSelector = 0x49423b34
+FloatSave.DataOffset    = 0x655e5750
+FloatSave.DataSelector  = 0x817a736c
+FloatSave.Cr0NpxState   = 0xcdc6bfb8
+)";
+
+std::string Area(const char* name, const BYTE* bytes, size_t size) {
+  std::string text;
+  for (size_t i = 0; i < size; ++i) {
+    if (i % 16 == 0) text += name + Print("[%3d] :", static_cast<int>(i));
+    text += (i % 16 == 8 ? " - " : " ") + Print("%02x", bytes[i]) + (i % 16 == 15 ? "\n" : "");
+  }
+  return text;
+}
+
+// A clock that stands, so that a report's text is known.
+auto StandingClock() {
+  return STAND_IN(GetLocalTime, [](int, SYSTEMTIME* now) { *now = {2024, 3, 2, 5, 14, 7, 9, 42}; });
+}
+
+TEST(ExceptionReport, HasThisText) {
+  const auto clock = StandingClock();
   const MadeFault fault;
-  const auto report = fault.Report();
-  EXPECT_TRUE(report.hasRecord);
-  EXPECT_EQ(report.record.at("ExceptionCode"), 0xC0000005u);
-  EXPECT_EQ(report.record.at("ExceptionFlags"), 1u);
-  EXPECT_EQ(report.record.at("ExceptionRecord"), 0xABCDEF01u);
-  EXPECT_EQ(report.record.at("ExceptionAddress"), 0x00CDEF02u);
-  EXPECT_EQ(report.record.at("NumberParameters"), 2u);
-  EXPECT_EQ(report.parameters, (std::vector<unsigned long>{0xA0, 0xA1}));
+  const CONTEXT& context = fault.context;
+  const unsigned long count = fault.Report().count;
+  const std::string text = fault.Text(L"\u00DCberschrift", "100 %s %n", "folder/source.cpp");
+  char title[64] = "";
+  WideCharToMultiByte(CP_ACP, 0, L"\u00DCberschrift", -1, title, sizeof title, nullptr, nullptr);
+  const size_t code = text.find("\n======================= Machine Code Dump =====");
+  EXPECT_EQ(text.substr(0, code), Banner(count + 1, title + std::string("(100 %s %n)"), "folder/source.cpp(17)") +
+                                      kRecord + Area("FloatSave.RegisterArea", context.FloatSave.RegisterArea, 80) +
+                                      Area("ExtendedRegisters", context.ExtendedRegisters, 512));
+  EXPECT_NE(text.find(title + std::string("()\n##### ProcessId"), code), std::string::npos) << "of the status report";
+
+  const auto report = qellog::ParseExceptionReport(text);
+  EXPECT_EQ(report.threadId, GetCurrentThreadId());
+  EXPECT_EQ(report.sourceFile + Print("(%d)", report.sourceLine), "folder/source.cpp(17)");
+  EXPECT_EQ(report.exception.value().code, 0xC0000005u);
+  EXPECT_EQ(report.exception->flags, 1u);
+  EXPECT_EQ(report.exception->address, 0xCDEF02u);
+  EXPECT_EQ(report.exception->parameters, (std::vector<std::uint32_t>{0xA0, 0xA1}));
+  EXPECT_EQ(report.registers.size(), 16u + 7u + 8u);
+  EXPECT_EQ(ValueOf(report.registers, "FloatSave.ControlWord"), Print("0x%08lx", context.FloatSave.ControlWord));
+  EXPECT_EQ(report.areas.size(), 5u + 32u);
+  EXPECT_EQ(report.code.size(), 40u);
+  EXPECT_TRUE(report.IsWhole());
+}
+
+TEST(ExceptionReport, SaysWhatIsMissing) {
+  const auto clock = StandingClock();
+  const unsigned long count = MadeFault().Report().count;
+  const std::string text = WrittenBy([](std::FILE* stream) {
+    EXPECT_EQ(ExceptLogOut(stream, nullptr, nullptr, nullptr, nullptr, -3, nullptr, GetCurrentProcess(), 0,
+                           GetCurrentThread()),
+              _HEAPOK);
+  });
+  EXPECT_TRUE(
+      text.starts_with(Banner(count + 1, "()", "(-3)") +
+                       "EXCEPTION_RECORD not exist.\n"
+                       "======================= Exception Information(CONTEXT) ================================\n"
+                       "CONTEXT not exist.\n\n"
+                       "======================= Stack Walk ==============================================\n"
+                       "Context not exist(122)\n\n#####\n#####\n##### 2024/03/05 14:07:09.042\n##### ()\n"))
+      << text;
 }
 
 TEST(ExceptionReport, PrintsAtMostFifteenParameters) {
   MadeFault fault;
   for (const auto& [stated, printed] : {std::pair<DWORD, size_t>{0, 0}, {15, 15}, {20, 15}, {0xFFFFFFFF, 15}}) {
     fault.record.NumberParameters = stated;
-    const auto report = fault.Report();
-    EXPECT_EQ(report.record.at("NumberParameters"), stated);
-    EXPECT_EQ(report.parameters.size(), printed);
+    const auto exception = fault.Report().exception.value();
+    EXPECT_EQ(exception.parameterCount, stated);
+    EXPECT_EQ(exception.parameters.size(), printed);
   }
-}
-
-TEST(ExceptionReport, PrintsEveryRegister) {
-  const MadeFault fault;
-  const auto report = fault.Report();
-  const CONTEXT& context = fault.context;
-  const std::pair<const char*, DWORD> expected[] = {
-      {"Eax", context.Eax},
-      {"Ebx", context.Ebx},
-      {"Ecx", context.Ecx},
-      {"Edx", context.Edx},
-      {"Esi", context.Esi},
-      {"Edi", context.Edi},
-      {"Eip", context.Eip},
-      {"Esp", context.Esp},
-      {"Ebp", context.Ebp},
-      {"SegCs", context.SegCs},
-      {"SegDs", context.SegDs},
-      {"SegEs", context.SegEs},
-      {"SegSs", context.SegSs},
-      {"SegFs", context.SegFs},
-      {"SegGs", context.SegGs},
-      {"EFlags", context.EFlags},
-      {"Dr0", context.Dr0},
-      {"Dr1", context.Dr1},
-      {"Dr2", context.Dr2},
-      {"Dr3", context.Dr3},
-      {"Dr6", context.Dr6},
-      {"Dr7", context.Dr7},
-      {"ContextFlags", context.ContextFlags},
-      {"ControlWord", context.FloatSave.ControlWord},
-      {"StatusWord", context.FloatSave.StatusWord},
-      {"TagWord", context.FloatSave.TagWord},
-      {"ErrorOffset", context.FloatSave.ErrorOffset},
-      {"ErrorSelector", context.FloatSave.ErrorSelector},
-      {"DataOffset", context.FloatSave.DataOffset},
-      {"DataSelector", context.FloatSave.DataSelector},
-  };
-  for (const auto& [name, value] : expected) EXPECT_EQ(report.registers.at(name), value) << name;
-  // The last word of the save area has different names in the systems' headers, but one place.
-  DWORD last;
-  std::memcpy(&last, context.FloatSave.RegisterArea + 80, sizeof last);
-  EXPECT_EQ(report.registers.at("Cr0NpxState"), last);
-  EXPECT_TRUE(std::equal(report.floatArea.begin(), report.floatArea.end(), context.FloatSave.RegisterArea));
-  EXPECT_EQ(report.floatArea.size(), 80u);
-  EXPECT_TRUE(std::equal(report.extendedArea.begin(), report.extendedArea.end(), context.ExtendedRegisters));
-  EXPECT_EQ(report.extendedArea.size(), 512u);
-}
-
-TEST(ExceptionReport, SaysWhatIsMissing) {
-  ReportReader reader(WrittenBy([](std::FILE* stream) {
-    EXPECT_EQ(ExceptLogOut(stream, nullptr, nullptr, nullptr, nullptr, -3, nullptr, GetCurrentProcess(), 0,
-                           GetCurrentThread()),
-              _HEAPOK);
-  }));
-  const auto report = ReadExceptionReport(reader);
-  EXPECT_TRUE(reader.AtEnd());
-  EXPECT_FALSE(report.hasRecord);
-  EXPECT_FALSE(report.hasContext);
-  EXPECT_EQ(report.title, "()");
-  EXPECT_EQ(report.source, "(-3)");
-  EXPECT_EQ(report.status.title, "()");
-}
-
-TEST(ExceptionReport, NamesTheProcessAndCounts) {
-  const MadeFault fault;
-  const auto first = fault.Report(L"Überschrift", "100 %s %n", "folder/source.cpp");
-  EXPECT_EQ(first.processId, GetCurrentProcessId());
-  EXPECT_EQ(first.threadId, GetCurrentThreadId());
-  EXPECT_EQ(first.source, "folder/source.cpp(17)");
-  char title[64] = "";
-  WideCharToMultiByte(CP_ACP, 0, L"Überschrift", -1, title, sizeof title, nullptr, nullptr);
-  EXPECT_EQ(first.title, std::string(title) + "(100 %s %n)");
-  EXPECT_EQ(first.status.title, std::string(title) + "()");
-  EXPECT_EQ(first.status.processId, GetCurrentProcessId());
-  EXPECT_EQ(fault.Report().count, first.count + 1);
 }
 
 TEST(ExceptionReport, AppendsToItsFile) {
@@ -159,22 +176,19 @@ TEST(ExceptionReport, AppendsToItsFile) {
   TakeLines(channel::kAssert);
   const MadeFault fault;
   for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(VemoExceptLogOut(L"title", nullptr, &fault.record, &fault.context, 5, "c:\\folder\\source.cpp"), _HEAPOK);
+    EXPECT_EQ(VemoExceptLogOut(L"title", i == 0 ? nullptr : "two\nlines (1)", &fault.record, &fault.context, 5,
+                               "c:\\folder\\source.cpp"),
+              _HEAPOK);
   }
-  const std::string text = ReportFileText();
-  EXPECT_TRUE(text.starts_with("\r\n>>>"));
-  ReportReader reader(text);
-  const auto first = ReadExceptionReport(reader);
-  const auto second = ReadExceptionReport(reader);
-  EXPECT_TRUE(reader.AtEnd());
-  EXPECT_EQ(first.source, "source.cpp(5)");
-  EXPECT_EQ(first.title, "title()");
-  EXPECT_EQ(second.count, first.count + 1);
-  const auto marks = TakeLines(channel::kAssert);
-  ASSERT_EQ(marks.size(), 2u);
-  EXPECT_EQ(marks[0].message, "ASSERT : modulestatus.cpp(839)");
-  EXPECT_EQ(marks[0].sourceFile, "modulestatus.cpp");
-  EXPECT_EQ(marks[0].line, 839);
+  EXPECT_TRUE(ReportFileText().starts_with("\r\n>>>"));
+  const auto reports = TakeExceptionReports();
+  ASSERT_EQ(reports.size(), 2u);
+  EXPECT_EQ(reports[0].heading, "title()");
+  EXPECT_EQ(reports[1].heading, "title(two\nlines (1))");
+  EXPECT_EQ(reports[0].program, ProgramPath());
+  EXPECT_EQ(reports[0].sourceFile, "source.cpp");
+  EXPECT_EQ(reports[1].count, reports[0].count + 1);
+  EXPECT_EQ(TakePlacedMessages(channel::kAssert), Messages(2, "modulestatus.cpp(839): ASSERT : modulestatus.cpp(839)"));
 }
 
 std::wstring ReportMutexName() {
@@ -200,44 +214,9 @@ TEST(ExceptionReport, TakesTheMutexOverFromADeadWriter) {
   child.Kill();
   VemoExceptLogOut(L"after", nullptr, nullptr, nullptr, 1, "source.cpp");
   CloseHandle(mutex);
-  ReportReader reader(ReportFileText());
-  EXPECT_EQ(ReadExceptionReport(reader).title, "after()");
-}
-
-TEST(ExceptionReport, IsGivenUpWithoutTheMutex) {
-  RemoveReportFile();
-  TakeLines(channel::kAssert);
-  {
-    // The first mutex is that of the mark in the assertion channel.
-    const auto create = FAIL_CALL(CreateMutexW, 2, ERROR_ACCESS_DENIED, nullptr);
-    EXPECT_EQ(VemoExceptLogOut(L"title", "", nullptr, nullptr, 1, "source.cpp"), _HEAPOK);
-  }
-  EXPECT_EQ(TakeMessages(channel::kAssert),
-            (std::vector<std::string>{"ASSERT : modulestatus.cpp(839)", "ASSERT : modulestatus.cpp(845)"}));
-  {
-    const auto wait = STAND_IN(WaitForSingleObject, [](int nth, HANDLE object, DWORD timeoutMs) {
-      EXPECT_EQ(timeoutMs, 60000u);
-      return nth == 2 ? 258ul : WaitForSingleObject(object, timeoutMs);
-    });
-    EXPECT_EQ(VemoExceptLogOut(L"title", "", nullptr, nullptr, 1, "source.cpp"), _HEAPOK);
-  }
-  EXPECT_EQ(TakeMessages(channel::kAssert),
-            (std::vector<std::string>{"ASSERT : modulestatus.cpp(839)", "ASSERT : modulestatus.cpp(849)"}));
-  EXPECT_EQ(ReportFileText(), "");
-}
-
-std::FILE* OpenNothing(const wchar_t*, const wchar_t*) { return nullptr; }
-
-TEST(ExceptionReport, IsGivenUpWithoutItsFile) {
-  RemoveReportFile();
-  TakeLines(channel::kAssert);
-  {
-    const ReplaceCall open("_wfopen", &OpenNothing);
-    EXPECT_EQ(VemoExceptLogOut(L"title", "", nullptr, nullptr, 1, "source.cpp"), _HEAPOK);
-  }
-  EXPECT_EQ(ReportFileText(), "");
-  VemoExceptLogOut(L"title", "", nullptr, nullptr, 1, "source.cpp");
-  EXPECT_NE(ReportFileText(), "") << "the mutex was not given back";
+  const auto reports = TakeExceptionReports();
+  ASSERT_EQ(reports.size(), 1u);
+  EXPECT_EQ(reports[0].heading, "after()");
 }
 
 int BadHeap() { return -4; }
@@ -250,7 +229,7 @@ TEST(ExceptionReport, ChecksTheHeapAroundEverySection) {
     const ReplaceCall check("_heapchk", &BadHeap);
     EXPECT_EQ(VemoExceptLogOut(L"title", "", &fault.record, &fault.context, 1, "source.cpp"), -4);
   }
-  std::vector<std::string> expected;
+  Messages expected;
   for (const int line :
        {832, 0, 287, 226, 265, 106, 213, 433, 721, 750, 540, 487, 504, 512, 532, 656, 714, 480, 419, 895}) {
     expected.push_back(line == 0 ? "ASSERT : modulestatus.cpp(839)"
@@ -312,8 +291,7 @@ TEST(ExceptionReport, SaysWhichExceptionInterruptedIt) {
     });
     EXPECT_EQ(VemoExceptLogOut(L"title", "", nullptr, nullptr, 1, "source.cpp"), _HEAPOK);
   }
-  EXPECT_EQ(TakeMessages(channel::kModuleStatusError),
-            (std::vector<std::string>{"ExceptLogOut(catch(CException* e))"}));
+  EXPECT_EQ(TakeMessages(channel::kModuleStatusError), Messages{"ExceptLogOut(catch(CException* e))"});
 }
 
 }  // namespace

@@ -28,10 +28,7 @@ int CallWithoutMemory() {
 
 CHILD_ROLE(CallFirstWithoutMemory) {
   LogFolder();
-  const auto faulting = STAND_IN(CreateSemaphoreW, [](int, auto...) -> HANDLE {
-    WriteBadAddress();
-    return nullptr;
-  });
+  const auto faulting = FAULT_IN(CreateSemaphoreW);
   std::atomic<bool> taken = false, called = false;
   int failures = -1;
   std::thread thread([&] {
@@ -54,7 +51,7 @@ TEST(NothingLeft, AThreadsFirstCallEndsInItsFailureValue) {
   TakeLines(channel::kMisc);
   ChildProcess child("CallFirstWithoutMemory");
   EXPECT_EQ(child.Wait(), 0);
-  EXPECT_EQ(TakeMessages(channel::kMisc), (std::vector<std::string>{"after"}));
+  EXPECT_EQ(TakeMessages(channel::kMisc), Messages{"after"});
 }
 
 }  // namespace

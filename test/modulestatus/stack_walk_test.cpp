@@ -1,83 +1,52 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 
 #include "qelibaselib/qelibaselib.h"
 #include "test/modulestatus/captured_fault.h"
-#include "test/modulestatus/report_reader.h"
+#include "test/modulestatus/report_text.h"
 #include "test/support/log_folder.h"
+#include "test/support/page_buffer.h"
 #include "test/support/replace_call.h"
 #include "test/support/target.h"
 
 namespace qel::test {
 namespace {
 
-DWORD AddressOf(const void* pointer) { return static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(pointer)); }
-DWORD AddressOf(int (*function)(const volatile int*)) {
-  return static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(function));
-}
-
-constexpr DWORD kPage = 4096;
-
-// One readable page between two that are not, filled with a pattern.
-class LonePage {
+// A readable page of a pattern.
+class LonePage : public PageBuffer {
  public:
-  LonePage() : reserved_(static_cast<BYTE*>(VirtualAlloc(nullptr, 3 * kPage, MEM_RESERVE, PAGE_READWRITE))) {
-    VirtualAlloc(begin(), kPage, MEM_COMMIT, PAGE_READWRITE);
-    for (DWORD i = 0; i < kPage; ++i) begin()[i] = Pattern(i);
+  LonePage() {
+    for (DWORD i = 0; i < Size(); ++i) Begin()[i] = static_cast<BYTE>(i * 11 + i / 256);
   }
-  LonePage(const LonePage&) = delete;
-  LonePage& operator=(const LonePage&) = delete;
-  ~LonePage() { VirtualFree(reserved_, 0, MEM_RELEASE); }
-  BYTE* begin() const { return reserved_ + kPage; }
-  BYTE* end() const { return begin() + kPage; }
-  static BYTE Pattern(DWORD offset) { return static_cast<BYTE>(offset * 11 + offset / 256); }
-  // The pattern that lies there, read back from a dump.
-  void ExpectBytes(const DumpLine& line, size_t count) const {
-    for (size_t i = 0; i < count; ++i) {
-      EXPECT_EQ(line.bytes.at(i), Pattern(line.address + i - AddressOf(begin()))) << std::hex << line.address + i;
-    }
-  }
-
- private:
-  BYTE* const reserved_;
 };
 
-struct Walk {
-  std::vector<Frame> frames;
-  std::vector<DumpLine> stack;
-};
-
-Walk WalkFrom(const CONTEXT& context) {
-  ReportReader reader(WrittenBy([&](std::FILE* stream) {
-    EXPECT_EQ(StackWalkLogOut(stream, GetCurrentProcess(), GetCurrentThread(), &context), _HEAPOK);
-  }));
-  Walk walk;
-  ReadStackWalk(reader, walk.frames, walk.stack);
-  EXPECT_TRUE(reader.AtEnd());
-  return walk;
+std::string WalkText(const CONTEXT* context) {
+  return WrittenBy([&](std::FILE* stream) {
+    EXPECT_EQ(StackWalkLogOut(stream, GetCurrentProcess(), GetCurrentThread(), context), _HEAPOK);
+  });
 }
+qellog::ExceptionReport WalkFrom(const CONTEXT& context) { return qellog::ParseExceptionReport(WalkText(&context)); }
 
 CONTEXT ContextAt(const void* code, const void* stack, const void* frame) {
   CONTEXT context{};
-  context.Eip = AddressOf(code);
-  context.Esp = AddressOf(stack);
-  context.Ebp = AddressOf(frame);
+  context.Eip = Number(code);
+  context.Esp = Number(stack);
+  context.Ebp = Number(frame);
   return context;
 }
 
 const void* Inside(int (*function)(const volatile int*), int displacement) {
-  return reinterpret_cast<const char*>(AddressOf(function)) + displacement;
+  return reinterpret_cast<const char*>(function) + displacement;
 }
 
-std::vector<DumpLine> CodeAround(const void* address) {
+std::vector<std::string> CodeAround(const void* address) {
   const auto symbols = FAIL_CALL(SymInitialize, 1, ERROR_INVALID_PARAMETER, FALSE);
   const CONTEXT context = ContextAt(address, nullptr, nullptr);
-  ReportReader reader(WrittenBy([&](std::FILE* stream) {
+  const std::string text = WrittenBy([&](std::FILE* stream) {
     ExceptLogOut(stream, L"", "", nullptr, &context, 1, "", GetCurrentProcess(), 0, GetCurrentThread());
-  }));
-  return ReadExceptionReport(reader).code;
+  });
+  return qellog::ParseExceptionReport(text).code;
 }
 
 std::string g_walkOfFault;
@@ -85,22 +54,18 @@ std::string g_walkOfFault;
 TEST(StackWalk, NamesTheFaultingFunctionAndItsCaller) {
   CapturedFault fault;
   ASSERT_TRUE(Capture(
-      fault, [] { CallReadThrough(nullptr); },
-      [](CapturedFault& now) {
-        g_walkOfFault = WrittenBy(
-            [&](std::FILE* stream) { StackWalkLogOut(stream, GetCurrentProcess(), GetCurrentThread(), &now.context); });
-      }));
-  Walk walk;
-  ReportReader reader(g_walkOfFault);
-  ReadStackWalk(reader, walk.frames, walk.stack);
+      fault, [] { CallReadThrough(nullptr); }, [](CapturedFault& now) { g_walkOfFault = WalkText(&now.context); }));
+  const auto walk = qellog::ParseExceptionReport(g_walkOfFault);
   ASSERT_GE(walk.frames.size(), 2u);
   EXPECT_EQ(walk.frames[0].address, fault.context.Eip);
   EXPECT_EQ(walk.frames[0].function, "ReadThrough");
-  EXPECT_EQ(walk.frames[0].displacement, fault.context.Eip - AddressOf(&ReadThrough));
+  EXPECT_EQ(walk.frames[0].displacement, fault.context.Eip - Number(Inside(&ReadThrough, 0)));
   EXPECT_EQ(walk.frames[1].function, "CallReadThrough");
-  EXPECT_EQ(walk.frames[1].displacement, walk.frames[1].address - AddressOf(&CallReadThrough));
-  EXPECT_EQ(walk.stack.size(), 64u);
-  EXPECT_EQ(walk.stack[0].address, fault.context.Esp);
+  EXPECT_EQ(walk.frames[1].displacement, walk.frames[1].address - Number(Inside(&CallReadThrough, 0)));
+  EXPECT_EQ(walk.rawStack.size(), 64u);
+  const std::string start = Print("0x%08lx ReadThrough() + 0x%x\n0x", fault.context.Eip, walk.frames[0].displacement);
+  EXPECT_NE(g_walkOfFault.find(start), std::string::npos) << g_walkOfFault;
+  EXPECT_NE(g_walkOfFault.find(Print("%08lX    ", fault.context.Esp)), std::string::npos);
 }
 
 struct ChainFrame {
@@ -129,116 +94,93 @@ TEST(StackWalk, EndsWithTheChain) {
     for (int i = 0; i < 3; ++i) chain[i] = {shape.next[i], i == 1 ? second : first, {}};
     const auto walk = WalkFrom(ContextAt(called, chain, chain));
     ASSERT_EQ(walk.frames.size(), shape.frames) << shape.name;
-    EXPECT_EQ(walk.frames[0].address, AddressOf(called)) << shape.name;
+    EXPECT_EQ(walk.frames[0].address, Number(called)) << shape.name;
     const ChainFrame* frame = chain;
     for (size_t i = 1; i < shape.frames; ++i, frame = static_cast<const ChainFrame*>(frame->next)) {
-      EXPECT_EQ(walk.frames[i].address, AddressOf(frame->caller)) << shape.name;
+      EXPECT_EQ(walk.frames[i].address, Number(frame->caller)) << shape.name;
     }
   }
 }
 
 TEST(StackWalk, StopsTheRawDumpAtTheFirstUnreadableByte) {
   const LonePage page;
-  const auto walk = WalkFrom(ContextAt(nullptr, page.end() - 40, nullptr));
-  ASSERT_EQ(walk.stack.size(), 3u);
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(walk.stack[i].address, AddressOf(page.end() - 40 + 16 * i));
-    EXPECT_EQ(walk.stack[i].bytes.size(), i < 2 ? 16u : 8u);
-    page.ExpectBytes(walk.stack[i], walk.stack[i].bytes.size());
-  }
-  const auto full = WalkFrom(ContextAt(nullptr, page.begin(), nullptr));
-  ASSERT_EQ(full.stack.size(), 64u);
-  page.ExpectBytes(full.stack[63], 16);
-  const auto none = WalkFrom(ContextAt(nullptr, page.end(), nullptr));
-  ASSERT_EQ(none.stack.size(), 1u);
-  EXPECT_TRUE(none.stack[0].bytes.empty());
+  const BYTE* const begin = page.End() - 40;
+  EXPECT_EQ(WalkFrom(ContextAt(nullptr, begin, nullptr)).rawStack,
+            (Messages{DumpLine(begin), DumpLine(begin + 16), DumpLine(begin + 32, 8)}));
+  EXPECT_EQ(WalkFrom(ContextAt(nullptr, page.End(), nullptr)).rawStack, Messages{DumpLine(page.End(), 0)});
+  const auto full = WalkFrom(ContextAt(nullptr, page.Begin(), nullptr)).rawStack;
+  ASSERT_EQ(full.size(), 64u);
+  EXPECT_EQ(full[63], DumpLine(page.Begin() + 63 * 16));
 }
 
-TEST(StackWalk, SaysThatTheContextIsMissing) {
-  EXPECT_EQ(WrittenBy([](std::FILE* stream) {
-              EXPECT_EQ(StackWalkLogOut(stream, GetCurrentProcess(), GetCurrentThread(), nullptr), _HEAPOK);
-            }),
-            "\n======================= Stack Walk ==============================================\n"
-            "Context not exist(122)\n");
-}
-
-TEST(StackWalk, SaysThatMemoryIsMissing) {
+TEST(StackWalk, SaysWhatIsMissing) {
   LogFolder();
   TakeLines(channel::kAssert);
+  const std::string heading = "\n======================= Stack Walk ==============================================\n";
+  EXPECT_EQ(WalkText(nullptr), heading + "Context not exist(122)\n");
+  EXPECT_EQ(TakeMessages(channel::kAssert), Messages{});
   const CONTEXT context = ContextAt(nullptr, &context, nullptr);
   const auto allocate = FAIL_CALL(GlobalAlloc, 1, ERROR_NOT_ENOUGH_MEMORY, nullptr);
-  EXPECT_EQ(WrittenBy([&](std::FILE* stream) {
-              EXPECT_EQ(StackWalkLogOut(stream, GetCurrentProcess(), GetCurrentThread(), &context), _HEAPOK);
-            }),
-            "\n======================= Stack Walk ==============================================\n"
-            "Not enough memory(130)\n");
-  EXPECT_EQ(TakeMessages(channel::kAssert), (std::vector<std::string>{"ASSERT : modulestatus.cpp(127)"}));
+  EXPECT_EQ(WalkText(&context), heading + "Not enough memory(130)\n");
+  EXPECT_EQ(TakeMessages(channel::kAssert), Messages{"ASSERT : modulestatus.cpp(127)"});
 }
 
-TEST(StackWalk, PrintsAddressesWithoutSymbols) {
-  ChainFrame chain[1] = {{nullptr, Inside(&CallReadThrough, 9), {}}};
+// A walk of one frame while the debug help does what it should not.
+class DebugHelp : public testing::Test {
+ protected:
+  DebugHelp() {
+    LogFolder();
+    TakeLines(channel::kModuleStatusError);
+  }
+  // The frames' functions, or addresses, and whether the stack follows.
+  std::string Walk() {
+    ChainFrame chain[1] = {{nullptr, Inside(&CallReadThrough, 9), {}}};
+    const auto walk = WalkFrom(ContextAt(called_, chain, chain));
+    std::string frames;
+    for (const auto& frame : walk.frames) frames += frame.function + Print("(%08x) ", frame.address);
+    return frames + (walk.rawStack.empty() ? "no stack" : "stack");
+  }
+  const void* const called_ = Inside(&ReadThrough, 6);
+};
+
+TEST_F(DebugHelp, WithoutTheSymbolsAddressesArePrinted) {
   const auto find = FAIL_CALL(SymGetSymFromAddr, 1, ERROR_INVALID_ADDRESS, FALSE, 1000);
-  const auto walk = WalkFrom(ContextAt(Inside(&ReadThrough, 6), chain, chain));
-  ASSERT_EQ(walk.frames.size(), 1u);
-  EXPECT_EQ(walk.frames[0].function, "");
+  EXPECT_EQ(Walk(), Print("(%08lx) stack", Number(called_)));
+  EXPECT_EQ(TakeMessages(channel::kModuleStatusError), Messages{});
 }
 
-TEST(StackWalk, DumpsTheStackAlthoughTheWalkFaults) {
-  LogFolder();
-  TakeLines(channel::kModuleStatusError);
-  ChainFrame chain[1] = {{nullptr, Inside(&CallReadThrough, 9), {}}};
-  const auto find = STAND_IN(SymGetSymFromAddr,
-                             [](int, HANDLE, DWORD, DWORD*, IMAGEHLP_SYMBOL*) -> BOOL { return ReadThrough(nullptr); });
-  const auto cleanup = STAND_IN(SymCleanup, [](int, HANDLE process) { return SymCleanup(process); });
-  const auto free = STAND_IN(GlobalFree, [](int, HGLOBAL block) { return GlobalFree(block); });
-  const auto walk = WalkFrom(ContextAt(Inside(&ReadThrough, 6), chain, chain));
-  EXPECT_TRUE(walk.frames.empty());
-  EXPECT_FALSE(walk.stack.empty());
+TEST_F(DebugHelp, ThatFaultsAtAFrameEndsTheWalk) {
+  const auto find = STAND_IN(SymGetSymFromAddr, [](auto...) { return ReadThrough(nullptr); });
+  const auto cleanup = COUNT_CALLS(SymCleanup);
+  const auto free = COUNT_CALLS(GlobalFree);
+  EXPECT_EQ(Walk(), "stack");
   EXPECT_EQ(cleanup.Calls(), 1);
   EXPECT_EQ(free.Calls(), 1);
-  EXPECT_EQ(TakeMessages(channel::kModuleStatusError), (std::vector<std::string>{"StackWalkLogOut(catch(...))"}));
+  EXPECT_EQ(TakeMessages(channel::kModuleStatusError), Messages{"StackWalkLogOut(catch(...))"});
 }
 
-TEST(StackWalk, GoesOnAlthoughTheDebugHelpFaults) {
-  LogFolder();
-  TakeLines(channel::kModuleStatusError);
-  ChainFrame chain[1] = {{nullptr, Inside(&CallReadThrough, 9), {}}};
-  const auto start = STAND_IN(SymInitialize, [](int, HANDLE, LPCSTR, BOOL) -> BOOL { return ReadThrough(nullptr); });
-  const auto walk = WalkFrom(ContextAt(Inside(&ReadThrough, 6), chain, chain));
-  ASSERT_EQ(walk.frames.size(), 1u);
-  EXPECT_EQ(walk.frames[0].address, AddressOf(Inside(&ReadThrough, 6)));
-  EXPECT_FALSE(walk.stack.empty());
-  EXPECT_EQ(TakeMessages(channel::kModuleStatusError), (std::vector<std::string>{"StackWalkLogOut(catch(...))"}));
+TEST_F(DebugHelp, ThatFaultsAtTheStartCostsTheNames) {
+  const auto start = STAND_IN(SymInitialize, [](auto...) { return ReadThrough(nullptr); });
+  EXPECT_TRUE(Walk().ends_with(Print("(%08lx) stack", Number(called_))));
+  EXPECT_EQ(TakeMessages(channel::kModuleStatusError), Messages{"StackWalkLogOut(catch(...))"});
 }
 
 TEST(CodeDump, MarksTheLineOfTheAddress) {
   const LonePage page;
-  const auto lines = CodeAround(page.begin() + 1000);
+  const auto lines = CodeAround(page.Begin() + 1000);
   ASSERT_EQ(lines.size(), 40u);
-  for (size_t i = 0; i < lines.size(); ++i) {
-    EXPECT_EQ(lines[i].address, AddressOf(page.begin()) + 1000 - 320 + 16 * i);
-    EXPECT_EQ(lines[i].marked, i == 20);
-    page.ExpectBytes(lines[i], 16);
-  }
+  for (size_t i = 0; i < lines.size(); ++i)
+    EXPECT_EQ(lines[i], (i == 20 ? ">" : "") + DumpLine(page.Begin() + 1000 - 320 + 16 * i));
 }
 
 TEST(CodeDump, StandsStillAtAnUnreadableByte) {
   const LonePage page;
-  for (const auto& line : CodeAround(page.begin() + 16)) {
-    EXPECT_EQ(line.address, AddressOf(page.begin()) + 16 - 320);
-    EXPECT_FALSE(line.marked);
-    EXPECT_EQ(std::count(line.bytes.begin(), line.bytes.end(), -1), 16);
-  }
-  const auto lines = CodeAround(page.end() - 8);
+  EXPECT_EQ(CodeAround(page.Begin() + 16), Messages(40, DumpLine(page.Begin() + 16 - 320, 0, "?? ")));
+  const auto lines = CodeAround(page.End() - 8);
   ASSERT_EQ(lines.size(), 40u);
-  page.ExpectBytes(lines[19], 16);
-  EXPECT_TRUE(lines[20].marked);
-  page.ExpectBytes(lines[20], 8);
-  EXPECT_EQ(std::count(lines[20].bytes.begin(), lines[20].bytes.end(), -1), 8);
-  for (size_t i = 21; i < lines.size(); ++i) {
-    EXPECT_EQ(lines[i].address, AddressOf(page.end()));
-    EXPECT_EQ(std::count(lines[i].bytes.begin(), lines[i].bytes.end(), -1), 16);
-  }
+  EXPECT_EQ(lines[19], DumpLine(page.End() - 24));
+  EXPECT_EQ(lines[20], ">" + DumpLine(page.End() - 8, 8, "?? "));
+  for (size_t i = 21; i < lines.size(); ++i) EXPECT_EQ(lines[i], DumpLine(page.End(), 0, "?? "));
 }
 
 }  // namespace

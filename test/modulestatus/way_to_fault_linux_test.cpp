@@ -7,7 +7,7 @@
 
 #include "qelibaselib/qelibaselib.h"
 #include "test/modulestatus/captured_fault.h"
-#include "test/modulestatus/report_reader.h"
+#include "test/modulestatus/report_text.h"
 #include "test/support/bad_pointer.h"
 #include "test/support/sanitizer.h"
 
@@ -54,25 +54,21 @@ static QEL_OWN_FRAME int ReadDeep(int depth) {
 
 std::string g_walk;
 
-std::vector<Frame> WalkOfFault(void (*body)()) {
+std::vector<qellog::StackFrame> WalkOfFault(void (*body)()) {
   CapturedFault fault;
   EXPECT_TRUE(Capture(fault, body, [](CapturedFault& now) {
     g_walk = WrittenBy(
         [&](std::FILE* stream) { StackWalkLogOut(stream, GetCurrentProcess(), GetCurrentThread(), &now.context); });
   }));
-  std::vector<Frame> frames;
-  std::vector<DumpLine> stack;
-  ReportReader reader(g_walk);
-  ReadStackWalk(reader, frames, stack);
-  return frames;
+  return qellog::ParseExceptionReport(g_walk).frames;
 }
 
 // The names that are looked for, in the order in which the walk has them.
-std::string FoundInOrder(const std::vector<Frame>& frames, const std::vector<std::string>& names) {
+std::string FoundInOrder(const std::vector<qellog::StackFrame>& frames, const std::vector<std::string>& names) {
   std::string found;
   auto from = frames.begin();
   for (const auto& name : names) {
-    const auto at = std::find_if(from, frames.end(), [&](const Frame& frame) { return frame.function == name; });
+    const auto at = std::find_if(from, frames.end(), [&](const auto& frame) { return frame.function == name; });
     if (at == frames.end()) return found + "no " + name;
     found += name + " ";
     from = at + 1;
@@ -97,13 +93,13 @@ TEST(WayToFault, IsShownWithoutFramePointers) {
     names.insert(names.end(), {"qel::test::CaptureBody", "main", "__libc_start_main", "_start"});
     const auto frames = WalkOfFault(body);
     EXPECT_EQ(FoundInOrder(frames, names), "all") << g_walk;
-    for (const Frame& frame : frames) EXPECT_NE(frame.function, "") << "code of a module without a name\n" << g_walk;
+    for (const auto& frame : frames) EXPECT_NE(frame.function, "") << "code of a module without a name\n" << g_walk;
   }
 }
 
 TEST(WayToFault, KeepsAddressAndDistanceOfACallThatDoesNotReturn) {
   SKIP_UNDER_ASAN();
-  for (const Frame& frame : WalkOfFault([] { CallWithoutReturn(); })) {
+  for (const auto& frame : WalkOfFault([] { CallWithoutReturn(); })) {
     if (frame.function != "CallWithoutReturn") continue;
     const auto start = reinterpret_cast<unsigned long>(&CallWithoutReturn);
     EXPECT_EQ(frame.address - frame.displacement, start);

@@ -1,0 +1,29 @@
+// The reports that a test has the library write. Exact texts are compared as they stand; single values come from the
+// reader of log folders.
+#pragma once
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "qellog/report/exception_report.h"
+
+namespace qel::test {
+
+std::string WrittenBy(const std::function<void(std::FILE* stream)>& write);
+
+// Those of the reports of a file or stream that go on to their last section.
+std::vector<qellog::ExceptionReport> FindWholeExceptionReports(const std::string& text);
+// All reports of a file or stream. What stands between them, or ends before its last section, fails the test.
+std::vector<qellog::ExceptionReport> ReadExceptionReports(const std::string& text);
+std::vector<qellog::StatusReport> ReadStatusReports(const std::string& text);
+// As the file of the reports holds them; the file is gone then.
+std::vector<qellog::ExceptionReport> TakeExceptionReports();
+
+// "0x1234abcd"; empty when there is none.
+std::string ValueOf(const std::vector<qellog::NamedValue>& values, const std::string& name);
+
+// A line of a dump: its address, up to sixteen bytes, and `missing` for each of those behind the readable ones.
+std::string DumpLine(const unsigned char* at, int readable = 16, const char* missing = "");
+
+}  // namespace qel::test

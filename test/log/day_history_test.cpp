@@ -13,10 +13,8 @@ struct DayHistory : LogCase {
   std::string Day(const char* name) const { return ReadWholeFile(folder.Path() / name); }
   void SetDay(const char* name, const std::string& bytes) { WriteWholeFile(folder.Path() / name, bytes); }
   static std::string Line(const char* date, const char* message) {
-    char program[MAX_PATH];
-    GetModuleFileNameA(nullptr, program, MAX_PATH);
-    return std::string(date) + ", 23:05:59.007, " + program + ", " + std::to_string(GetCurrentProcessId()) + ", " +
-           std::to_string(GetCurrentThreadId()) + ", source.cpp(9):" + message + "\r\n";
+    return std::string(date) + ", 23:05:59.007, " + ProgramPath() + ", " + std::to_string(GetCurrentProcessId()) +
+           ", " + std::to_string(GetCurrentThreadId()) + ", source.cpp(9):" + message + "\r\n";
   }
 };
 

@@ -2,7 +2,6 @@
 #pragma once
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <string>
 #include <vector>
 
@@ -11,28 +10,6 @@
 #include "test/support/scratch_folder.h"
 
 namespace qel::test {
-
-// Text that starts on one page and would end on the next one, which cannot be read.
-template <class Character>
-class UnterminatedText {
- public:
-  UnterminatedText() {
-    constexpr SIZE_T kPage = 4096;
-    memory_ = static_cast<char*>(VirtualAlloc(nullptr, 2 * kPage, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
-    DWORD previous;
-    EXPECT_TRUE(VirtualProtect(memory_ + kPage, kPage, PAGE_NOACCESS, &previous));
-    text_ = reinterpret_cast<Character*>(memory_ + kPage) - 3;
-    text_[0] = text_[1] = text_[2] = Character('x');
-  }
-  UnterminatedText(const UnterminatedText&) = delete;
-  UnterminatedText& operator=(const UnterminatedText&) = delete;
-  ~UnterminatedText() { VirtualFree(memory_, 0, MEM_RELEASE); }
-  const Character* get() const { return text_; }
-
- private:
-  char* memory_;
-  Character* text_;
-};
 
 // "Local\<stem>_<user>", as the writers build it.
 inline std::wstring MutexName(const std::wstring& stem) {
@@ -44,10 +21,6 @@ inline std::wstring MutexName(const std::wstring& stem) {
 
 class LogCase : public testing::Test {
  protected:
-  LogCase() {
-    static std::atomic<int> number;
-    stem = L"qel_test_" + std::to_wstring(GetCurrentProcessId()) + L"_" + std::to_wstring(++number);
-  }
   void Write(const char* message, DWORD timeoutMs = 60000) {
     VemoLogOutFile(stem.c_str(), path.c_str(), timeoutMs, 17, "source.cpp", message);
   }
@@ -56,7 +29,7 @@ class LogCase : public testing::Test {
 
   ScratchFolder folder;
   std::wstring path = folder.Wide("log.txt");
-  std::wstring stem;
+  std::wstring stem = UniqueName().substr(6);  // the writer puts the session's name before it
 };
 
 }  // namespace qel::test

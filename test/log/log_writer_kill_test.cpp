@@ -20,7 +20,7 @@ constexpr int kKillsOfARound = 20;
 
 // Writes numbered lines and acknowledges each, until it is told to end or killed.
 CHILD_ROLE(WriteAndAcknowledge) {
-  const std::wstring stem(arguments[0].begin(), arguments[0].end());
+  const std::wstring stem = Widen(arguments[0]);
   const std::wstring path = std::filesystem::path(arguments[1]).wstring();
   const int lines = std::stoi(arguments[3]);
   for (int number = 1; number <= lines; ++number) {
@@ -60,8 +60,7 @@ class KilledWriters : public LogCase {
  protected:
   std::unique_ptr<ChildProcess> Start(const std::string& name, int lines) const {
     return std::make_unique<ChildProcess>(
-        "WriteAndAcknowledge", std::vector<std::string>{std::string(stem.begin(), stem.end()), folder.Narrow("log.txt"),
-                                                        name, std::to_string(lines)});
+        "WriteAndAcknowledge", Messages{Narrow(stem), folder.Narrow("log.txt"), name, std::to_string(lines)});
   }
 };
 

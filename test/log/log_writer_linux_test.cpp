@@ -14,40 +14,34 @@ namespace {
 using namespace qel::test;
 
 // The limit of a file's size is met as a full disk is: the write takes what fits and fails with the rest.
-CHILD_ROLE(WriteOnFullDisk) {
+void LimitFiles(rlim_t bytes) {
   signal(SIGXFSZ, SIG_IGN);
-  const std::wstring path(arguments[0].begin(), arguments[0].end());
-  const auto write = [&](const char* message) {
-    VemoLogOutFile(L"qel_test_full", path.c_str(), 60000, 1, "s", message);
-  };
-  const auto limit = [&](rlim_t bytes) {
-    rlimit limits;
-    getrlimit(RLIMIT_FSIZE, &limits);
-    limits.rlim_cur = bytes;
-    setrlimit(RLIMIT_FSIZE, &limits);
-  };
-  write("first");
+  const rlimit limits{bytes, RLIM_INFINITY};
+  setrlimit(RLIMIT_FSIZE, &limits);
+}
+
+void WriteTo(const std::string& path, const char* message) {
+  VemoLogOutFile(L"qel_test_full", Widen(path).c_str(), 60000, 1, "s", message);
+}
+
+CHILD_ROLE(WriteOnFullDisk) {
+  WriteTo(arguments[0], "first");
   const rlim_t size = std::filesystem::file_size(arguments[0]);
   for (const rlim_t fits : {0, 1, 20, static_cast<int>(size) - 1}) {
-    limit(size + fits);
-    write("lost!");
+    LimitFiles(size + fits);
+    WriteTo(arguments[0], "lost!");
   }
-  limit(RLIM_INFINITY);
-  write("second");
+  LimitFiles(RLIM_INFINITY);
+  WriteTo(arguments[0], "second");
   return 0;
 }
 
 // What was in the file stays, whether it ends in a line end or not.
 CHILD_ROLE(WriteBehindForeignText) {
-  signal(SIGXFSZ, SIG_IGN);
-  const std::wstring path(arguments[0].begin(), arguments[0].end());
   const rlim_t size = std::filesystem::file_size(arguments[0]);
   for (const rlim_t fits : {0, 1, 2, 60}) {
-    rlimit limits;
-    getrlimit(RLIMIT_FSIZE, &limits);
-    limits.rlim_cur = size + fits;
-    setrlimit(RLIMIT_FSIZE, &limits);
-    VemoLogOutFile(L"qel_test_foreign", path.c_str(), 60000, 1, "s", "two\nlines");
+    LimitFiles(size + fits);
+    WriteTo(arguments[0], "two\nlines");
     if (std::filesystem::file_size(arguments[0]) != size) return 1;
   }
   return 0;
@@ -63,16 +57,13 @@ TEST_F(LogCase, FullDiskTakesNothingOfOthersAway) {
 
 // Another program that does not know the mutex writes before ours fails: its text stays too.
 CHILD_ROLE(WriteWhileAnotherWrites) {
-  signal(SIGXFSZ, SIG_IGN);
-  const std::wstring path(arguments[0].begin(), arguments[0].end());
   auto find = STAND_IN(FindFirstFileW, [&](int, LPCWSTR pattern, LPWIN32_FIND_DATAW data) {
     const HANDLE search = FindFirstFileW(pattern, data);
     std::ofstream(arguments[0], std::ios::app) << "foreign";
-    const rlimit limits{std::filesystem::file_size(arguments[0]) + 3, RLIM_INFINITY};
-    setrlimit(RLIMIT_FSIZE, &limits);
+    LimitFiles(std::filesystem::file_size(arguments[0]) + 3);
     return search;
   });
-  VemoLogOutFile(L"qel_test_foreign", path.c_str(), 60000, 1, "s", "lost");
+  WriteTo(arguments[0], "lost");
   return 0;
 }
 
@@ -98,13 +89,11 @@ TEST_F(LogCase, FullDiskLeavesTextThatCameMeanwhile) {
 
 TEST_F(LogCase, FullDiskLeavesNoPartOfALine) {
   EXPECT_EQ(ChildProcess("WriteOnFullDisk", {folder.Narrow("log.txt")}).Wait(), 0);
-  const std::string content = Content();
-  const size_t end = content.find("\r\n") + 2;
-  LogLine line;
-  ASSERT_TRUE(ParseLine(content.substr(0, end - 2), line)) << content;
-  EXPECT_EQ(line.message, "first");
-  ASSERT_TRUE(ParseLine(content.substr(end, content.size() - end - 2), line)) << content;
-  EXPECT_EQ(line.message, "second");
+  const auto lines = ReadLines(folder.Path() / "log.txt");
+  ASSERT_EQ(lines.size(), 2u) << Content();
+  EXPECT_EQ(lines[0].message, "first");
+  EXPECT_EQ(lines[1].message, "second");
+  EXPECT_TRUE(Content().ends_with(":second\r\n"));
 }
 
 }  // namespace

@@ -1,9 +1,9 @@
-#include <thread>
-
 #include "test/log/log_case.h"
 #include "test/support/child_process.h"
 #include "test/support/open_handles.h"
+#include "test/support/page_buffer.h"
 #include "test/support/replace_call.h"
+#include "test/support/threads.h"
 
 namespace {
 
@@ -12,8 +12,7 @@ using namespace qel::test;
 constexpr size_t kLimit = 1048576;
 
 CHILD_ROLE(HoldMutex) {
-  const std::wstring name(arguments[0].begin(), arguments[0].end());
-  const HANDLE mutex = CreateMutexW(nullptr, FALSE, name.c_str());
+  const HANDLE mutex = CreateMutexW(nullptr, FALSE, Widen(arguments[0]).c_str());
   Say(WaitForSingleObject(mutex, INFINITE) == WAIT_OBJECT_0 ? "held" : "failed");
   Hear();
   ReleaseMutex(mutex);
@@ -27,7 +26,6 @@ struct MutexHolder {
     EXPECT_EQ(child.WaitForLine(), "held");
   }
   ~MutexHolder() { CloseHandle(open); }
-  static std::string Narrow(const std::wstring& text) { return {text.begin(), text.end()}; }
   HANDLE open;
   ChildProcess child;
 };
@@ -40,9 +38,7 @@ TEST_F(LogCase, LineHasEveryFieldInItsPlace) {
     return TRUE;
   });
   VemoLogOutFile(stem.c_str(), path.c_str(), 60000, -5, "C:\\a b\\source.cpp", "100% of\t\xE9\x01");
-  char program[MAX_PATH];
-  GetModuleFileNameA(nullptr, program, MAX_PATH);
-  EXPECT_EQ(Content(), "2024/03/05, 14:07:09.042, ML=37, " + std::string(program) + ", " +
+  EXPECT_EQ(Content(), "2024/03/05, 14:07:09.042, ML=37, " + ProgramPath() + ", " +
                            std::to_string(GetCurrentProcessId()) + ", " + std::to_string(GetCurrentThreadId()) +
                            ", C:\\a b\\source.cpp(-5):100% of\t\xE9\x01\r\n");
 }
@@ -57,11 +53,9 @@ TEST_F(LogCase, AppendsWithoutTouchingTheLastError) {
     VemoLogOutAssert("kept", 1, "source.cpp");
     EXPECT_EQ(GetLastError(), error);
   }
-  LogLine line;
-  const std::string content = Content();
-  ASSERT_TRUE(ParseLine(content.substr(0, content.find("\r\n")), line));
-  EXPECT_EQ(line.message, "first");
-  EXPECT_EQ(content.size(), 2 * (content.find("\r\n") + 2));
+  const auto lines = ReadLines(folder.Path() / "log.txt");
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0].message + lines[1].message, "firstfirst");
 }
 
 TEST_F(LogCase, TakesALineUpToTheLimitAndNoneAbove) {
@@ -128,11 +122,9 @@ TEST_F(LogCase, TakesOverAnAbandonedMutexAndEndsTheCutLine) {
 
 TEST_F(LogCase, NamesTheMutexByUserOrByTwoDollars) {
   std::vector<std::wstring> names;
-  auto create = STAND_IN(CreateMutexW, [&](int, LPSECURITY_ATTRIBUTES security, BOOL owned, LPCWSTR name) {
-    EXPECT_EQ(security, nullptr);
-    EXPECT_FALSE(owned);
+  auto create = WATCH_CALL(CreateMutexW, [&](LPSECURITY_ATTRIBUTES security, BOOL owned, LPCWSTR name) {
+    EXPECT_TRUE(!security && !owned);
     names.push_back(name);
-    return CreateMutexW(security, owned, name);
   });
   Write("user known");
   {
@@ -158,17 +150,13 @@ TEST_F(LogCase, MutexFailureIsToldByTheWrapperWithTheWritersPosition) {
   Write("dropped");
   EXPECT_EQ(create.Calls(), 2);  // the second one is the wrapper's own channel
   EXPECT_EQ(Content(), "");
-  const auto lines = TakeLines(qel::channel::kWinApiWrap);
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].line, 555);
-  EXPECT_EQ(lines[0].sourceFile, "log_writer.cpp");
-  const std::wstring name = MutexName(stem);
-  EXPECT_EQ(lines[0].message, "lastErr=8, CreateMutexX(0x00000000, 0, " + std::string(name.begin(), name.end()) + ")");
+  EXPECT_EQ(TakePlacedMessages(qel::channel::kWinApiWrap),
+            Messages{"log_writer.cpp(555): lastErr=8, CreateMutexX(0x00000000, 0, " + Narrow(MutexName(stem)) + ")"});
 }
 
 TEST_F(LogCase, FailedWaitDropsTheLineAndClosesTheMutex) {
   auto wait = FAIL_CALL(WaitForSingleObject, 1, ERROR_INVALID_HANDLE, WAIT_FAILED);
-  auto close = STAND_IN(CloseHandle, [](int, HANDLE handle) { return CloseHandle(handle); });
+  auto close = COUNT_CALLS(CloseHandle);
   Write("dropped");
   EXPECT_EQ(Content(), "");
   EXPECT_EQ(close.Calls(), 1);
@@ -189,25 +177,26 @@ TEST_F(LogCase, GivesBackWhatALineTook) {
   SetContent(std::string(kLimit + 1, '-'));
   Write("dropped");
   EXPECT_EQ(OpenHandleCount(), before + 1);
-  std::thread([&] {
+  OnThread([&] {
     EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
     ReleaseMutex(mutex);
-  }).join();
+  });
   CloseHandle(mutex);
 }
 
 TEST_F(LogCase, SurvivesEveryBadString) {
-  const auto* low = reinterpret_cast<const char*>(16);
-  const auto* lowWide = reinterpret_cast<const wchar_t*>(16);
-  const UnterminatedText<char> narrow;
-  const UnterminatedText<wchar_t> wide;
-  for (const char* bad : {low, narrow.get()}) {
+  // An address that is not there, and text that would end on a page that cannot be read.
+  const PageBuffer page;
+  std::fill(page.Begin(), page.End(), 'x');
+  const auto* narrow = reinterpret_cast<const char*>(page.End() - 3);
+  const auto* wide = reinterpret_cast<const wchar_t*>(page.End()) - 3;
+  for (const char* bad : {reinterpret_cast<const char*>(16), narrow}) {
     VemoLogOutFile(stem.c_str(), path.c_str(), 60000, 1, bad, "message");
     VemoLogOutFile(stem.c_str(), path.c_str(), 60000, 1, "source", bad);
     VemoLogOutAssert(bad, 1, bad);
     VemoFileLogOut(bad, 1, bad);
   }
-  for (const wchar_t* bad : {lowWide, wide.get()}) {
+  for (const wchar_t* bad : {reinterpret_cast<const wchar_t*>(16), wide}) {
     VemoLogOutFile(bad, path.c_str(), 60000, 1, "source", "message");
     VemoLogOutFile(stem.c_str(), bad, 60000, 1, "source", "message");
     VemoLogOutFileDayHis(stem.c_str(), bad, L"base", L"txt", 60000, 1, "source", "message");
@@ -255,24 +244,12 @@ TEST(LogChannels, EntryPointsWriteToTheirFiles) {
   for (const auto& [write, channel, ofNull] : channels) {
     TakeLines(channel);
     std::vector<std::wstring> mutexes;
-    auto create = STAND_IN(CreateMutexW, [&](int, LPSECURITY_ATTRIBUTES security, BOOL owned, LPCWSTR name) {
-      mutexes.push_back(name);
-      return CreateMutexW(security, owned, name);
-    });
+    auto create = WATCH_CALL(CreateMutexW, [&](auto, auto, LPCWSTR name) { mutexes.push_back(name); });
     std::vector<DWORD> timeouts;
-    auto wait = STAND_IN(WaitForSingleObject, [&](int, HANDLE handle, DWORD ms) {
-      timeouts.push_back(ms);
-      return WaitForSingleObject(handle, ms);
-    });
+    auto wait = WATCH_CALL(WaitForSingleObject, [&](HANDLE, DWORD ms) { timeouts.push_back(ms); });
     write("text", 3, "source.cpp");
     write(nullptr, 4, nullptr);
-    const auto lines = TakeLines(channel);
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0].message, "text");
-    EXPECT_EQ(lines[0].line, 3);
-    EXPECT_EQ(lines[0].sourceFile, "source.cpp");
-    EXPECT_EQ(lines[1].message, ofNull);
-    EXPECT_EQ(lines[1].sourceFile, "(null)");
+    EXPECT_EQ(TakePlacedMessages(channel), (Messages{"source.cpp(3): text", std::string("(null)(4): ") + ofNull}));
     EXPECT_EQ(mutexes, std::vector<std::wstring>(2, MutexName(channel.mutexStem)));
     EXPECT_EQ(timeouts, std::vector<DWORD>(2, 60000));
   }

@@ -17,12 +17,6 @@ namespace {
 constexpr int kLine = 4711;
 constexpr char kSource[] = "host.cpp";
 
-std::string Address(const void* pointer) {
-  char text[16];
-  std::snprintf(text, sizeof text, "0x%08lX", reinterpret_cast<unsigned long>(pointer));
-  return text;
-}
-
 void* Copy(void* destination, const void* source, DWORD size) {
   return _MemCpy(destination, source, size, kLine, kSource);
 }
@@ -120,13 +114,8 @@ class BadBuffer : public testing::Test {
     EXPECT_EQ(
         std::vector<ULONG_PTR>(record.ExceptionInformation, record.ExceptionInformation + record.NumberParameters),
         parameters);
-    const auto lines = TakeLines(channel::kMemoryOperation);
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].message, message);
-    EXPECT_EQ(lines[0].sourceFile, kSource);
-    EXPECT_EQ(lines[0].line, kLine);
+    EXPECT_EQ(TakePlacedMessages(channel::kMemoryOperation), Messages{"host.cpp(4711): " + message});
   }
-  static ULONG_PTR Number(const void* pointer) { return reinterpret_cast<ULONG_PTR>(pointer); }
 
   PageBuffer good_, other_;
 };

@@ -1,19 +1,20 @@
 #include "qelibaselib/memory/guarded_allocation.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <new>
-#include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "gtest/gtest.h"
 #include "test/memory/replace_allocator.h"
 #include "test/support/child_process.h"
+#include "test/support/exhaustion.h"
 #include "test/support/fake_clock.h"
 #include "test/support/log_folder.h"
 #include "test/support/replace_call.h"
+#include "test/support/threads.h"
 
 namespace qel::test {
 namespace {
@@ -36,30 +37,20 @@ BOOL FreePages(void* base) { return _VMemFree(kSource, kLine, base); }
 
 // What one failed attempt has written.
 struct Failure {
-  unsigned long size = 0, load = 0, count = 0;
+  unsigned long size = 0, load = 0, largest = 0, sum = 0, count = 0;
   unsigned long long physical = 0, virtualMemory = 0;
-  unsigned long largest = 0, sum = 0;
 };
 
 Failure ParseFailure(const std::string& message) {
-  static const std::regex form(
-      "allocSize=(\\d+), MemoryLoad=(\\d+), AvailPhys=(\\d+), AvailVirtual=(\\d+), MaxFreeSize=(\\d+), "
-      "FreeMemSize=(\\d+), errCount1=(\\d+)");
-  std::smatch fields;
-  if (!std::regex_match(message, fields, form)) {
-    ADD_FAILURE() << message;
-    return {};
-  }
-  auto number = [&](int field) { return std::stoull(fields[field]); };
-  Failure failure;
-  failure.size = number(1);
-  failure.load = number(2);
-  failure.physical = number(3);
-  failure.virtualMemory = number(4);
-  failure.largest = number(5);
-  failure.sum = number(6);
-  failure.count = number(7);
-  return failure;
+  Failure found;
+  int length = 0;
+  std::sscanf(message.c_str(),
+              "allocSize=%lu, MemoryLoad=%lu, AvailPhys=%llu, AvailVirtual=%llu, MaxFreeSize=%lu, FreeMemSize=%lu, "
+              "errCount1=%lu%n",
+              &found.size, &found.load, &found.physical, &found.virtualMemory, &found.largest, &found.sum, &found.count,
+              &length);
+  EXPECT_EQ(static_cast<size_t>(length), message.size()) << message;
+  return found;
 }
 
 class GuardedAllocation : public testing::Test {
@@ -69,8 +60,7 @@ class GuardedAllocation : public testing::Test {
   std::vector<Failure> TakeFailures() {
     std::vector<Failure> failures;
     for (const auto& line : TakeLines(channel::kMemoryAllocation)) {
-      EXPECT_EQ(line.sourceFile, kSource);
-      EXPECT_EQ(line.line, kLine);
+      EXPECT_EQ(line.sourceFile + std::to_string(line.line), "host.cpp815");
       failures.push_back(ParseFailure(line.message));
     }
     return failures;
@@ -78,28 +68,29 @@ class GuardedAllocation : public testing::Test {
 };
 
 TEST_F(GuardedAllocation, AsksForSizeClasses) {
-  const DWORD asked[] = {0, 1, 7, 8, 55, 56, 247, 248, 1015, 1016, 4088, 4089, 5000, 0xFFFFFFF8, 0xFFFFFFFF};
-  const std::size_t granted[] = {16, 16, 16, 64, 64, 256, 256, 1024, 1024, 4096, 4096, 8192, 8192, 16, 16};
+  const std::pair<DWORD, std::size_t> cases[] = {{0, 16},      {1, 16},          {7, 16},         {8, 64},
+                                                 {55, 64},     {56, 256},        {247, 256},      {248, 1024},
+                                                 {1015, 1024}, {1016, 4096},     {4088, 4096},    {4089, 8192},
+                                                 {5000, 8192}, {0xFFFFFFF8, 16}, {0xFFFFFFFF, 16}};
   ReplaceAllocator allocator;
-  for (const DWORD size : asked) {
-    char* block = static_cast<char*>(Allocate(size));
-    ASSERT_NE(block, nullptr) << size;
-    std::memset(block, 0xCC, allocator.sizes.back());
+  for (const auto& [asked, granted] : cases) {
+    char* block = static_cast<char*>(Allocate(asked));
+    ASSERT_NE(block, nullptr) << asked;
+    EXPECT_EQ(allocator.sizes.back(), granted) << asked;
+    std::memset(block, 0xCC, granted);
     Free(block);
   }
-  EXPECT_EQ(allocator.sizes, std::vector<std::size_t>(std::begin(granted), std::end(granted)));
-  EXPECT_EQ(allocator.freed, static_cast<int>(std::size(granted)));
+  EXPECT_EQ(allocator.freed, static_cast<int>(std::size(cases)));
   EXPECT_EQ(TakeFailures().size(), 0u);
 }
 
 TEST_F(GuardedAllocation, PagesAreFreshCommittedAndOfTheSameClasses) {
   std::vector<SIZE_T> sizes;
   {
-    auto allocate = STAND_IN(VirtualAlloc, [&](int, LPVOID address, SIZE_T size, DWORD type, DWORD protection) {
+    auto allocate = WATCH_CALL(VirtualAlloc, [&](LPVOID, SIZE_T size, DWORD type, DWORD protection) {
       sizes.push_back(size);
       EXPECT_EQ(type, MEM_COMMIT | MEM_RESERVE);
       EXPECT_EQ(protection, static_cast<DWORD>(PAGE_READWRITE));
-      return VirtualAlloc(address, size, type, protection);
     });
     for (const DWORD size : {0ul, 8ul, 1016ul, 5000ul}) EXPECT_TRUE(FreePages(AllocatePages(size))) << size;
   }
@@ -192,17 +183,15 @@ TEST_F(GuardedAllocation, HandlerNamesTheAllocationUnderWay) {
   EXPECT_EQ(clock.Sleeps().size(), 3u);
 
   EXPECT_EQ(MemAllocHandler(0xFFFFFFFF), 1);
-  const auto outside = TakeLines(channel::kMemoryAllocation);
+  const Messages outside = TakePlacedMessages(channel::kMemoryAllocation);
   ASSERT_EQ(outside.size(), 1u);
-  EXPECT_EQ(outside[0].sourceFile, "????????.???");
-  EXPECT_EQ(outside[0].line, 0);
-  EXPECT_EQ(ParseFailure(outside[0].message).size, 0xFFFFFFFFu);
+  EXPECT_TRUE(outside[0].starts_with("????????.?\?\?(0): allocSize=4294967295, ")) << outside[0];
 }
 
 TEST_F(GuardedAllocation, PositionsOfThreadsDoNotMix) {
   FakeClock clock;
   ReplaceAllocator allocator([](int) {
-    std::thread([] { MemAllocHandler(1); }).join();
+    OnThread([] { MemAllocHandler(1); });
     return false;
   });
   Free(Allocate(10));
@@ -219,10 +208,9 @@ TEST_F(GuardedAllocation, NothingEscapes) {
     EXPECT_EQ(Allocate(10, INFINITE), nullptr);
   }
   EXPECT_EQ(_MemAlloc(reinterpret_cast<const char*>(16), 1, 10, 0), nullptr);
-  const auto messages = TakeMessages(channel::kAssert);
-  EXPECT_EQ(std::count_if(messages.begin(), messages.end(),
-                          [](const std::string& message) { return message.ends_with("_CATCH_AE"); }),
-            2);
+  const Messages messages = TakeMessages(channel::kAssert);
+  const auto isClause = [](const std::string& message) { return message.ends_with("_CATCH_AE"); };
+  EXPECT_EQ(std::count_if(messages.begin(), messages.end(), isClause), 2);
 }
 
 // The heap checks of a process of its own, from its first call on.
@@ -241,22 +229,18 @@ CHILD_ROLE(HeapCheckSchedule) {
     call();
     return g_heapChecks - before;
   };
+  const auto allocateAndFree = [](int times) {
+    while (--times >= 0) Free(Allocate(1));
+  };
   EXPECT_EQ(checksOf([] { Free(nullptr); }), 1) << "before the first allocation";
   void* block = nullptr;
   EXPECT_EQ(checksOf([&] { block = Allocate(1); }), 0);
   EXPECT_EQ(checksOf([&] { Free(block), Free(nullptr); }), 0);
-  EXPECT_EQ(checksOf([] {
-              for (int i = 2; i < 10000; ++i) Free(Allocate(1));
-            }),
-            0);
+  EXPECT_EQ(checksOf([&] { allocateAndFree(9998); }), 0);
   EXPECT_EQ(checksOf([&] { block = Allocate(1); }), 1) << "the 10000th";
   EXPECT_EQ(checksOf([&] { Free(block), Free(nullptr); }), 2);
-  EXPECT_EQ(checksOf([] { Free(Allocate(1)); }), 0);
-  EXPECT_EQ(checksOf([] {
-              for (int i = 10002; i < 20000; ++i) Free(Allocate(1));
-            }),
-            0);
-  EXPECT_EQ(checksOf([] { Free(Allocate(1)); }), 2);
+  EXPECT_EQ(checksOf([&] { allocateAndFree(9999); }), 0);
+  EXPECT_EQ(checksOf([&] { allocateAndFree(1); }), 2) << "the 20000th";
   return testing::Test::HasFailure();
 }
 
@@ -269,8 +253,8 @@ CHILD_ROLE(CorruptHeap) {
   LogFolder();
   ReplaceCall check("_heapchk", &CountHeapCheck);
   g_heapCode = _HEAPBADNODE;
-  auto beep = STAND_IN(Beep, [](int, DWORD, DWORD) { return TRUE; });
-  auto threads = STAND_IN(CreateThread, [](int, auto... arguments) { return CreateThread(arguments...); });
+  auto beep = ANSWER_CALL(Beep, TRUE);
+  auto threads = COUNT_CALLS(CreateThread);
   _MemFree("free.cpp", 11, nullptr);
   EXPECT_GE(threads.Calls(), 1) << "the display";
   for (int i = 1; i < 10000; ++i) Free(Allocate(1));
@@ -286,27 +270,18 @@ TEST(HeapCheck, ReportsACorruptHeapAndGoesOn) {
   TakeLines(channel::kMemoryAllocation);
   TakeLines(channel::kAssert);
   ASSERT_EQ(ChildProcess("CorruptHeap").Wait(), 0);
-  const auto memory = TakeLines(channel::kMemoryAllocation);
-  ASSERT_EQ(memory.size(), 2u);
-  for (const auto& line : memory) EXPECT_EQ(line.message, "_heapchk()=-4");
-  EXPECT_EQ(memory[0].sourceFile, "free.cpp");
-  EXPECT_EQ(memory[0].line, 11);
-  EXPECT_EQ(memory[1].sourceFile, "alloc.cpp");
-  EXPECT_EQ(memory[1].line, 22);
-  EXPECT_EQ(TakeMessages(channel::kAssert),
-            (std::vector<std::string>{"ASSERT : memory.cpp(322)", "ASSERT : memory.cpp(249)"}));
+  EXPECT_EQ(TakePlacedMessages(channel::kMemoryAllocation),
+            (Messages{"free.cpp(11): _heapchk()=-4", "alloc.cpp(22): _heapchk()=-4"}));
+  EXPECT_EQ(TakeMessages(channel::kAssert), (Messages{"ASSERT : memory.cpp(322)", "ASSERT : memory.cpp(249)"}));
 }
 
 // A process without any free region of 64 KiB left.
 CHILD_ROLE(ExhaustedAddressSpace) {
   LogFolder();
-  std::vector<void*> taken;
-  taken.reserve(100000);
-  for (SIZE_T size = 1u << 30; size >= 0x10000; size /= 2)
-    while (void* region = VirtualAlloc(nullptr, size, MEM_RESERVE, PAGE_NOACCESS)) taken.push_back(region);
+  TakeAll(Resource::kAddressSpace);
   EXPECT_EQ(Allocate(1 << 20, 1), nullptr);
   EXPECT_EQ(AllocatePages(1 << 20, 1), nullptr);
-  VirtualFree(taken.front(), 0, MEM_RELEASE);
+  GiveBack();
   void* block = Allocate(1 << 20, 1);
   void* pages = AllocatePages(1 << 20, 1);
   EXPECT_NE(block, nullptr);

@@ -5,6 +5,7 @@
 #include "qelibaselib/memory/memory.h"
 #include "qelibaselib/memory/size_warning.h"
 #include "test/support/log_folder.h"
+#include "test/support/page_buffer.h"
 
 namespace qel::test {
 namespace {
@@ -34,15 +35,10 @@ TEST_F(SizeWarning, NamesRequestsAboveTheLimit) {
   CallAll(100);
   EXPECT_TRUE(TakeLines(channel::kMemoryAllocation).empty());
   CallAll(101);
-  const auto lines = TakeLines(channel::kMemoryAllocation);
-  ASSERT_EQ(lines.size(), 3u) << "neither comparison nor fill warns";
-  EXPECT_EQ(lines[0].message, "Warning : _MemAllocSize=101");
-  EXPECT_EQ(lines[0].sourceFile, "alloc.cpp");
-  EXPECT_EQ(lines[1].message, "Warning : _VMemAllocSize=101");
-  EXPECT_EQ(lines[1].sourceFile, "pages.cpp");
-  EXPECT_EQ(lines[2].message, "Warning : __MemCpySize=101");
-  EXPECT_EQ(lines[2].sourceFile, "copy.cpp");
-  EXPECT_EQ(lines[2].line, 3);
+  EXPECT_EQ(TakePlacedMessages(channel::kMemoryAllocation),
+            (Messages{"alloc.cpp(1): Warning : _MemAllocSize=101", "pages.cpp(2): Warning : _VMemAllocSize=101",
+                      "copy.cpp(3): Warning : __MemCpySize=101"}))
+      << "neither comparison nor fill warns";
 }
 
 // A fault inside an operation, and the one raised for a bad buffer, unwind the caller.
@@ -51,10 +47,9 @@ TEST(FaultingOperation, RunsTheDestructorsOfItsCaller) {
     int& count;
     ~Counter() { ++count; }
   };
-  auto* pages = static_cast<char*>(VirtualAlloc(nullptr, 3 * 4096, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
-  DWORD before;
-  ASSERT_TRUE(VirtualProtect(pages + 4096, 4096, PAGE_NOACCESS, &before));
-  char* other = static_cast<char*>(VirtualAlloc(nullptr, 3 * 4096, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
+  PageBuffer block(3), whole(3);
+  block.Protect(1, PAGE_NOACCESS);
+  BYTE *const pages = block.Begin(), *const other = whole.Begin();
   const std::function<void()> operations[] = {
       [&] { _MemCpy(pages, other, 3 * 4096, 1, "x"); }, [&] { _MemCpy(other, pages, 3 * 4096, 1, "x"); },
       [&] { _MemCmp(pages, other, 3 * 4096, 1, "x"); }, [&] { _MemSet(pages, 0, 3 * 4096, 1, "x"); },
@@ -67,8 +62,6 @@ TEST(FaultingOperation, RunsTheDestructorsOfItsCaller) {
     }));
     EXPECT_EQ(destroyed, 1);
   }
-  VirtualFree(pages, 0, MEM_RELEASE);
-  VirtualFree(other, 0, MEM_RELEASE);
 }
 
 TEST(OwnedBlock, IsCheckedAndFreed) {

@@ -28,10 +28,8 @@ class Threads {
  private:
   std::atomic<int> count_ = 0;
   HANDLE handles_[16];
-  StandIn<"CreateThread", decltype(&::CreateThread)> create_{[this](int, LPSECURITY_ATTRIBUTES security, SIZE_T stack,
-                                                                    LPTHREAD_START_ROUTINE start, LPVOID argument,
-                                                                    DWORD flags, LPDWORD id) {
-    const HANDLE thread = CreateThread(security, stack, start, argument, flags, id);
+  StandIn<"CreateThread", decltype(&::CreateThread)> create_{[this](int, auto... arguments) {
+    const HANDLE thread = CreateThread(arguments...);
     EXPECT_TRUE(DuplicateHandle(GetCurrentProcess(), thread, GetCurrentProcess(), &handles_[count_++], 0, FALSE,
                                 DUPLICATE_SAME_ACCESS));
     return thread;
@@ -41,10 +39,8 @@ class Threads {
 TEST(Display, EndsBeforeItReturnsWhenAsked) {
   TakeLines(qel::channel::kAssert);
   std::atomic<int> timeCritical = 0;
-  auto priority = STAND_IN(SetThreadPriority, [&](int, HANDLE thread, int value) {
-    timeCritical += value == THREAD_PRIORITY_TIME_CRITICAL;
-    return SetThreadPriority(thread, value);
-  });
+  auto priority =
+      WATCH_CALL(SetThreadPriority, [&](HANDLE, int value) { timeCritical += value == THREAD_PRIORITY_TIME_CRITICAL; });
   auto beep = STAND_IN(Beep, [](int, DWORD frequency, DWORD ms) {
     EXPECT_EQ(frequency, 7000u);
     EXPECT_EQ(ms, 300u);
@@ -64,7 +60,7 @@ TEST(Display, EndsBeforeItReturnsWhenAsked) {
 }
 
 TEST(Display, LeavesNoHandleBehind) {
-  auto beep = STAND_IN(Beep, [](int, DWORD, DWORD) { return TRUE; });
+  auto beep = ANSWER_CALL(Beep, TRUE);
   const auto display = [](int waitForEnd) {
     Threads threads;
     VemoDispInf("text", waitForEnd);
@@ -77,7 +73,7 @@ TEST(Display, LeavesNoHandleBehind) {
 
 TEST(Display, GoesOnAloneOtherwise) {
   TakeLines(qel::channel::kAssert);
-  auto beep = STAND_IN(Beep, [](int, DWORD, DWORD) { return TRUE; });
+  auto beep = ANSWER_CALL(Beep, TRUE);
   Threads threads;
   for (int i = 0; i < 4; ++i) VemoDispInf("text", 0);
   threads.Wait();
@@ -85,7 +81,7 @@ TEST(Display, GoesOnAloneOtherwise) {
 }
 
 TEST(Display, BeepsUntilTheTextIsThere) {
-  auto beep = STAND_IN(Beep, [](int, DWORD, DWORD) { return TRUE; });
+  auto beep = ANSWER_CALL(Beep, TRUE);
   // The first answers of the beeper's look at its event: not signalled yet.
   std::atomic<int> looks = 0;
   auto wait = STAND_IN(WaitForSingleObject, [&](int, HANDLE handle, DWORD ms) {

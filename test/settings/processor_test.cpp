@@ -2,10 +2,10 @@
 #include <gtest/gtest.h>
 #include <omp.h>
 
-#include <string>
 #include <vector>
 
 #include "qelibaselib/qelibaselib.h"
+#include "test/settings/assertions.h"
 #include "test/support/log_folder.h"
 #include "test/support/replace_call.h"
 
@@ -13,11 +13,7 @@ namespace {
 
 using namespace qel::test;
 
-void ExpectOneAssertion() {
-  const auto lines = TakeLines(qel::channel::kAssert);
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].message, "ASSERT : " + lines[0].sourceFile + "(" + std::to_string(lines[0].line) + ")");
-}
+void ExpectOneAssertion() { EXPECT_EQ(TakeAssertions(), Messages{""}); }
 
 TEST(Processor, CountsTheBitsOfTheAffinityMask) {
   TakeLines(qel::channel::kAssert);

@@ -2,13 +2,14 @@
 
 #include <set>
 #include <string>
-#include <thread>
+#include <tuple>
 #include <vector>
 
 #include "qelibaselib/qelibaselib.h"
 #include "test/support/child_process.h"
 #include "test/support/log_folder.h"
 #include "test/support/replace_call.h"
+#include "test/support/threads.h"
 
 namespace {
 
@@ -23,11 +24,6 @@ constexpr Folder kFolders[] = {{&VemoSetLogPath, &VemoGetLogPath},
                                {&VemoSetDataPath, &VemoGetDataPath},
                                {&VemoSetBasePath, &VemoGetBasePath},
                                {&VemoSetExePath, &VemoGetExePath}};
-
-std::string Narrow(const wchar_t* wide) {
-  const std::wstring text(wide);
-  return {text.begin(), text.end()};
-}
 
 // Folders can be set only once in a process, so they are set in one of their own.
 CHILD_ROLE(SetFolders) {
@@ -55,9 +51,7 @@ TEST(Settings, FoldersAreSetOnceAndCut) {
 CHILD_ROLE(RaceForFolder) {
   std::vector<std::wstring> paths;
   for (wchar_t letter = L'a'; letter < L'i'; ++letter) paths.emplace_back(250, letter);
-  std::vector<std::thread> threads;
-  for (const std::wstring& path : paths) threads.emplace_back([&path] { VemoSetDataPath(path.c_str()); });
-  for (std::thread& thread : threads) thread.join();
+  OnThreads(8, [&](int i) { VemoSetDataPath(paths[static_cast<size_t>(i)].c_str()); });
   return std::set<std::wstring>(paths.begin(), paths.end()).contains(VemoGetDataPath()) ? 0 : 1;
 }
 
@@ -99,7 +93,7 @@ TEST(Settings, NoCacheFlushLimit) {
 }
 
 TEST(MemoryStatus, FillsTheStatusWithoutAWalk) {
-  auto query = STAND_IN(VirtualQuery, [](int, LPCVOID, PMEMORY_BASIC_INFORMATION, SIZE_T) { return SIZE_T{0}; });
+  auto query = ANSWER_CALL(VirtualQuery, SIZE_T{0});
   MEMORYSTATUSEX status;
   memset(&status, 0xAA, sizeof(status));
   double seconds = -1;
@@ -115,23 +109,14 @@ TEST(MemoryStatus, FillsTheStatusWithoutAWalk) {
 }
 
 TEST(MemoryStatus, WalksBelowTwoGigabytes) {
-  std::vector<MEMORY_BASIC_INFORMATION> regions;
-  const auto add = [&](SIZE_T size, DWORD state) {
-    MEMORY_BASIC_INFORMATION region = {};
-    region.RegionSize = size;
-    region.State = state;
-    regions.push_back(region);
-  };
-  add(0x10000, MEM_FREE);
-  add(0x200000, MEM_COMMIT);
-  add(0x30000, MEM_FREE);
-  add(0x400000, MEM_RESERVE);
-  add(0x20000, MEM_FREE);
+  std::vector<std::pair<SIZE_T, DWORD>> regions = {
+      {0x10000, MEM_FREE}, {0x200000, MEM_COMMIT}, {0x30000, MEM_FREE}, {0x400000, MEM_RESERVE}, {0x20000, MEM_FREE}};
   std::vector<DWORD> asked;
   auto query = STAND_IN(VirtualQuery, [&](int nth, LPCVOID address, PMEMORY_BASIC_INFORMATION region, SIZE_T length) {
     asked.push_back(reinterpret_cast<ULONG_PTR>(address));
     if (static_cast<size_t>(nth) > regions.size()) return SIZE_T{0};
-    *region = regions[nth - 1];
+    *region = {};
+    std::tie(region->RegionSize, region->State) = regions[static_cast<size_t>(nth) - 1];
     return length;
   });
   DWORD largest = 1;

@@ -2,12 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "qelibaselib/qelibaselib.h"
+#include "test/settings/assertions.h"
 #include "test/support/child_process.h"
 #include "test/support/fake_clock.h"
 #include "test/support/log_folder.h"
@@ -17,13 +18,11 @@ namespace {
 
 using namespace qel::test;
 
-std::string Stem() {
-  static std::atomic<int> number;
-  return "qel_test_start_" + std::to_string(GetCurrentProcessId()) + "_" + std::to_string(++number);
-}
+// The library puts the session's name before it.
+std::string Stem() { return Narrow(UniqueName()).substr(6); }
 
 int Check(const std::string& stem, DWORD timeoutMs, bool showError = false) {
-  return VemoChkMultiStartUp(21, "host.cpp", std::wstring(stem.begin(), stem.end()).c_str(), showError, timeoutMs);
+  return VemoChkMultiStartUp(21, "host.cpp", Widen(stem).c_str(), showError, timeoutMs);
 }
 
 CHILD_ROLE(Start) {
@@ -35,10 +34,9 @@ CHILD_ROLE(Start) {
   return 0;
 }
 
-std::string Program() {
-  char path[MAX_PATH];
-  GetModuleFileNameA(nullptr, path, MAX_PATH);
-  return path;
+// Both ends of a line: "Warning" or "Error" before, the position behind is the host's.
+std::string Line(const std::string& kind) {
+  return "host.cpp(21): " + kind + " : Multi Start Up, " + ProgramPath() + ", lc=0xb7";
 }
 
 void ForgetLines() {
@@ -58,23 +56,13 @@ TEST(MultiStartUp, SecondInstanceTriesOnceASecond) {
   ForgetLines();
   const std::string stem = Stem();
   ASSERT_EQ(Check(stem, 0), 0);
-  const std::string warning = "Warning : Multi Start Up, " + Program() + ", lc=0xb7";
   for (const auto& [timeoutMs, attempts] : {std::pair{0ul, 1u}, {1ul, 1u}, {1000ul, 1u}, {1001ul, 2u}, {3000ul, 3u}}) {
     FakeClock clock;
     clock.now = 0xFFFFFFFF - 500;  // the ticks wrap meanwhile
     EXPECT_EQ(Check(stem, timeoutMs), 1);
     EXPECT_EQ(clock.Sleeps(), std::vector<DWORD>(attempts, 1000));
-    const auto lines = TakeLines(qel::channel::kMisc);
-    ASSERT_EQ(lines.size(), attempts);
-    for (const LogLine& line : lines) {
-      EXPECT_EQ(line.message, warning);
-      EXPECT_EQ(line.line, 21);
-      EXPECT_EQ(line.sourceFile, "host.cpp");
-    }
-    const auto assertions = TakeLines(qel::channel::kAssert);
-    ASSERT_EQ(assertions.size(), 1u);
-    EXPECT_EQ(assertions[0].message,
-              "ASSERT : " + assertions[0].sourceFile + "(" + std::to_string(assertions[0].line) + ")");
+    EXPECT_EQ(TakePlacedMessages(qel::channel::kMisc), Messages(attempts, Line("Warning")));
+    EXPECT_EQ(TakeAssertions(), Messages{""});
   }
 }
 
@@ -83,15 +71,11 @@ TEST(MultiStartUp, ErrorIsWrittenAndDisplayedOnRequest) {
   const std::string stem = Stem();
   ASSERT_EQ(Check(stem, 0), 0);
   FakeClock clock;
-  auto beep = STAND_IN(Beep, [](int, DWORD, DWORD) { return TRUE; });
-  auto threads = STAND_IN(
-      CreateThread, [](int, LPSECURITY_ATTRIBUTES security, SIZE_T stack, LPTHREAD_START_ROUTINE start, LPVOID argument,
-                       DWORD flags, LPDWORD id) { return CreateThread(security, stack, start, argument, flags, id); });
+  auto beep = ANSWER_CALL(Beep, TRUE);
+  auto threads = COUNT_CALLS(CreateThread);
   EXPECT_EQ(Check(stem, 0, true), 1);
   EXPECT_EQ(threads.Calls(), 2);
-  EXPECT_EQ(TakeMessages(qel::channel::kMisc),
-            (std::vector<std::string>{"Warning : Multi Start Up, " + Program() + ", lc=0xb7",
-                                      "Error : Multi Start Up, " + Program() + ", lc=0xb7"}));
+  EXPECT_EQ(TakePlacedMessages(qel::channel::kMisc), (Messages{Line("Warning"), Line("Error")}));
 }
 
 TEST(MultiStartUp, MarkThatCannotBeMadeEndsTheTries) {
@@ -108,7 +92,7 @@ TEST(MultiStartUp, MarkThatCannotBeMadeEndsTheTries) {
 TEST(MultiStartUp, GoesOnWhenTheFirstInstanceEnds) {
   ForgetLines();
   const std::string stem = Stem();
-  auto first = std::make_unique<ChildProcess>("Start", std::vector<std::string>{stem});
+  auto first = std::make_unique<ChildProcess>("Start", Messages{stem});
   ASSERT_EQ(first->WaitForLine(), "ready");
   first->Tell("go");
   ASSERT_EQ(first->WaitForLine(), "0");
@@ -125,13 +109,12 @@ TEST(MultiStartUp, OneOfManyThatStartTogetherIsFirst) {
   LogFolder();
   const std::string stem = Stem();
   constexpr int kProcesses = 20;
-  std::vector<std::unique_ptr<ChildProcess>> children;
-  for (int i = 0; i < kProcesses; ++i)
-    children.push_back(std::make_unique<ChildProcess>("Start", std::vector<std::string>{stem}));
-  for (auto& child : children) ASSERT_EQ(child->WaitForLine(), "ready");
-  for (auto& child : children) child->Tell("go");
+  std::vector<ChildProcess> children;
+  for (int i = 0; i < kProcesses; ++i) children.emplace_back("Start", Messages{stem});
+  for (auto& child : children) ASSERT_EQ(child.WaitForLine(), "ready");
+  for (auto& child : children) child.Tell("go");
   int first = 0;
-  for (auto& child : children) first += child->WaitForLine() == "0";
+  for (auto& child : children) first += child.WaitForLine() == "0";
   EXPECT_EQ(first, 1);
   ForgetLines();
 }
@@ -163,22 +146,21 @@ TEST(SystemVersion, OldSystemsPassWithAnotherValue) {
     EXPECT_STREQ(name, "RtlGetVersion");
     return reinterpret_cast<FARPROC>(reinterpret_cast<void*>(&FakeVersion));
   });
-  const auto check = [](DWORD platform, DWORD major, DWORD minor) {
+  const std::pair<std::tuple<DWORD, DWORD, DWORD>, bool> cases[] = {
+      {{2, 5, 1}, true},  {{2, 6, 0}, true},  {{2, 10, 0}, true}, {{2, 5, 0}, false},
+      {{2, 4, 9}, false}, {{1, 6, 0}, false}, {{0, 0, 0}, false}};
+  for (const auto& [version, isSupported] : cases) {
+    const auto& [platform, major, minor] = version;
     g_version = {platform, major, minor, 0};
-    return VemoChkOSVer();
-  };
-  EXPECT_EQ(check(2, 5, 1), 1);
-  EXPECT_EQ(check(2, 6, 0), 1);
-  EXPECT_EQ(check(2, 10, 0), 1);
-  for (const int old : {check(2, 5, 0), check(2, 4, 9), check(1, 6, 0), check(0, 0, 0)}) {
-    EXPECT_NE(old, 0);
-    EXPECT_NE(old, 1);
+    const int answer = VemoChkOSVer();
+    EXPECT_NE(answer, 0) << platform << major << minor;
+    EXPECT_EQ(answer == 1, isSupported) << platform << major << minor;
   }
 }
 
 TEST(SystemVersion, UnreadableOneIsRefusedAndDisplayed) {
-  auto beep = STAND_IN(Beep, [](int, DWORD, DWORD) { return TRUE; });
-  auto free = STAND_IN(FreeLibrary, [](int, HMODULE module) { return FreeLibrary(module); });
+  auto beep = ANSWER_CALL(Beep, TRUE);
+  auto free = COUNT_CALLS(FreeLibrary);
   {
     auto load = FAIL_CALL(LoadLibraryA, 1, 126, nullptr);
     EXPECT_EQ(VemoChkOSVer(), 0);

@@ -5,13 +5,13 @@
 
 #include <atomic>
 #include <cstring>
-#include <thread>
-#include <vector>
 
 #include "qelibaselib/qelibaselib.h"
+#include "test/settings/assertions.h"
 #include "test/support/log_folder.h"
 #include "test/support/open_handles.h"
 #include "test/support/replace_call.h"
+#include "test/support/threads.h"
 
 namespace {
 
@@ -21,11 +21,6 @@ using namespace qel::test;
 qel::ThreadRecord* RecordOf(T_FVOF_INFORMATION* statistics) {
   return reinterpret_cast<qel::ThreadRecord*>(reinterpret_cast<char*>(statistics) -
                                               offsetof(qel::ThreadRecord, flushStatistics));
-}
-
-template <class Body>
-void OnThread(Body body) {
-  std::thread(body).join();
 }
 
 TEST(ThreadRecord, StartsWithThePlaceholder) {
@@ -62,18 +57,10 @@ TEST(ThreadRecord, IsFreedWithItsThread) {
   OnThread([] {});
   const unsigned long handles = OpenHandleCount();
   {
-    auto allocate = STAND_IN(GlobalAlloc, [&](int, UINT flags, SIZE_T size) {
-      held += size == sizeof(qel::ThreadRecord);
-      return GlobalAlloc(flags, size);
-    });
-    auto free = STAND_IN(GlobalFree, [&](int, HGLOBAL block) {
-      --held;
-      return GlobalFree(block);
-    });
+    auto allocate = WATCH_CALL(GlobalAlloc, [&](UINT, SIZE_T size) { held += size == sizeof(qel::ThreadRecord); });
+    auto free = WATCH_CALL(GlobalFree, [&](HGLOBAL) { --held; });
     for (int round = 0; round < 5; ++round) {
-      std::vector<std::thread> threads;
-      for (int i = 0; i < 8; ++i) threads.emplace_back([] { VemoGetFVOFInf()->callCount = 1; });
-      for (std::thread& thread : threads) thread.join();
+      OnThreads(8, [](int) { VemoGetFVOFInf()->callCount = 1; });
     }
     EXPECT_GE(allocate.Calls(), 40);
   }
@@ -91,16 +78,6 @@ TEST(ThreadRecord, KeepsTheLastError) {
   });
 }
 
-std::vector<std::string> TakeAssertions() {
-  std::vector<std::string> ends;
-  for (const LogLine& line : TakeLines(qel::channel::kAssert)) {
-    const std::string head = "ASSERT : " + line.sourceFile + "(" + std::to_string(line.line) + ")";
-    EXPECT_EQ(line.message.substr(0, head.size()), head);
-    ends.push_back(line.message.substr(head.size()));
-  }
-  return ends;
-}
-
 // Only calls of a thread that has no record yet come so far; where threads attach by the loader the attach itself
 // fails.
 TEST(ThreadRecord, WithoutOneEachCallSaysSoAndIsSafe) {
@@ -113,17 +90,17 @@ TEST(ThreadRecord, WithoutOneEachCallSaysSoAndIsSafe) {
   OnThread([] {
     TakeAssertions();
     EXPECT_EQ(VemoGetFVOFInf(), nullptr);
-    EXPECT_EQ(TakeAssertions(), std::vector<std::string>{", lec=8"});
+    EXPECT_EQ(TakeAssertions(), Messages{", lec=8"});
     VemoClearFVOFInf();
-    EXPECT_EQ(TakeAssertions(), std::vector<std::string>{", lec=8"});
+    EXPECT_EQ(TakeAssertions(), Messages{", lec=8"});
     EXPECT_EQ(VemoOMPGetNumThreads(), 1);
-    EXPECT_EQ(TakeAssertions(), std::vector<std::string>(2, ", lec=8"));
+    EXPECT_EQ(TakeAssertions(), Messages(2, ", lec=8"));
     VemoOMPSetNumThreads(1);
-    EXPECT_EQ(TakeAssertions(), std::vector<std::string>(2, ", lec=8"));
+    EXPECT_EQ(TakeAssertions(), Messages(2, ", lec=8"));
     SetLastError(321);
     void* block = _MemAlloc("caller.cpp", 1, 1, 0);  // registers its caller and takes that back
     EXPECT_NE(block, nullptr);
-    EXPECT_EQ(TakeAssertions(), (std::vector<std::string>{", lec=8", ", lec=321", ", lec=8", ", lec=8"}));
+    EXPECT_EQ(TakeAssertions(), (Messages{", lec=8", ", lec=321", ", lec=8", ", lec=8"}));
     _MemFree("caller.cpp", 1, block);
   });
 }
@@ -136,16 +113,13 @@ TEST(ThreadRecord, FreesTheBlockWhenTheSlotRefusesIt) {
     SetLastError(87);
     return FALSE;
   });
-  auto free = STAND_IN(GlobalFree, [&](int, HGLOBAL block) {
-    ++freed;
-    return GlobalFree(block);
-  });
+  auto free = WATCH_CALL(GlobalFree, [&](HGLOBAL) { ++freed; });
   OnThread([&] {
     freed = 0;
     TakeAssertions();
     EXPECT_EQ(VemoGetFVOFInf(), nullptr);
     EXPECT_EQ(freed, 1);
-    EXPECT_EQ(TakeAssertions(), std::vector<std::string>{", lec=87"});
+    EXPECT_EQ(TakeAssertions(), Messages{", lec=87"});
   });
 }
 

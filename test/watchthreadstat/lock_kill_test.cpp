@@ -6,10 +6,8 @@
 namespace qel::test {
 namespace {
 
-std::wstring Wide(const std::string& text) { return {text.begin(), text.end()}; }
-
 CHILD_ROLE(HoldLock) {
-  HANDLE mutex = CreateMutexW(nullptr, FALSE, Wide(arguments[0]).c_str());
+  HANDLE mutex = CreateMutexW(nullptr, FALSE, Widen(arguments[0]).c_str());
   const CLockMtx lock(mutex, 60000, 1, "child.cpp");
   Say(lock.LockCount() == 1 ? "held" : "not held");
   Hear();
@@ -19,8 +17,8 @@ CHILD_ROLE(HoldLock) {
 // Whoever waits when the owner is killed gets the mutex and knows nothing of it.
 TEST(Lock, OutlivesKilledOwners) {
   LogFolder();
-  const std::string name = "Local\\qel-lock-test-" + std::to_string(GetCurrentProcessId());
-  HANDLE mutex = CreateMutexW(nullptr, FALSE, Wide(name).c_str());
+  const std::string name = Narrow(UniqueName());
+  HANDLE mutex = CreateMutexW(nullptr, FALSE, Widen(name).c_str());
   ASSERT_NE(mutex, nullptr);
   for (int round = 0; round < 200; ++round) {
     ChildProcess owner("HoldLock", {name});

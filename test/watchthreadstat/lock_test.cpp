@@ -1,7 +1,5 @@
-#include <cstdio>
 #include <deque>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "gtest/gtest.h"
@@ -9,14 +7,13 @@
 #include "test/support/log_folder.h"
 #include "test/support/replace_call.h"
 #include "test/support/scratch_folder.h"
+#include "test/support/threads.h"
 
 namespace qel::test {
 namespace {
 
 constexpr int kLine = 1234;
 constexpr char kSource[] = "user.cpp";
-
-using Messages = std::vector<std::string>;
 
 // The calls are those of this program, which the lock is compiled into.
 class Lock : public testing::Test {
@@ -29,22 +26,15 @@ class Lock : public testing::Test {
 
   // "tim=..., errCode=..., m_hMutex=..." as every line of a wait ends.
   std::string Tail(DWORD timeMs, DWORD error) const {
-    char text[64];
-    std::snprintf(text, sizeof text, "tim=%lu, errCode=%lu, m_hMutex=0x%lx)", timeMs, error,
-                  reinterpret_cast<unsigned long>(mutex_));
-    return text;
+    return Print("tim=%lu, errCode=%lu, m_hMutex=0x%lx)", timeMs, error, Number(mutex_));
   }
   std::string WaitLine(const char* outcome, DWORD timeMs, DWORD error = 0) const {
     return std::string("CLockMtx::_Lock(") + outcome + ", " + Tail(timeMs, error);
   }
-  Messages TakeLockMessages() {
-    Messages messages;
-    for (const auto& line : TakeLines(channel::kLock)) {
-      EXPECT_EQ(line.sourceFile, kSource);
-      EXPECT_EQ(line.line, kLine);
-      messages.push_back(line.message);
-    }
-    return messages;
+  // With the position of the lock's user.
+  static void ExpectLines(Messages messages) {
+    for (auto& message : messages) message = "user.cpp(1234): " + message;
+    EXPECT_EQ(TakePlacedMessages(channel::kLock), messages);
   }
 
   HANDLE mutex_;
@@ -84,7 +74,7 @@ TEST_F(Lock, WaitsInSlicesOfAMinuteAndLogsEachThatFailed) {
     Messages messages;
     for (const DWORD slice : expected.slices) messages.push_back(WaitLine("WAIT_TIMEOUT", slice));
     messages.push_back("CLockMtx::Lock(ERROR, " + Tail(expected.timeout, 0));
-    EXPECT_EQ(TakeLockMessages(), messages) << expected.timeout;
+    ExpectLines(messages);
   }
 }
 
@@ -93,27 +83,23 @@ TEST_F(Lock, SuccessIsLoggedOnlyAfterAFailedSlice) {
     ScriptedWait wait({WAIT_TIMEOUT, WAIT_TIMEOUT, WAIT_OBJECT_0});
     EXPECT_EQ(CLockMtx(mutex_, 150000, kLine, kSource).LockCount(), 1u);
   }
-  EXPECT_EQ(TakeLockMessages(), (Messages{WaitLine("WAIT_TIMEOUT", 60000), WaitLine("WAIT_TIMEOUT", 60000),
-                                          WaitLine("RETRY_SUCCESS", 30000)}));
+  ExpectLines({WaitLine("WAIT_TIMEOUT", 60000), WaitLine("WAIT_TIMEOUT", 60000), WaitLine("RETRY_SUCCESS", 30000)});
   EXPECT_EQ(CLockMtx(mutex_, 150000, kLine, kSource).LockCount(), 1u);
-  EXPECT_EQ(TakeLockMessages(), Messages{});
+  ExpectLines({});
 }
 
 TEST_F(Lock, WithoutALimitGoesOnAfterEveryFailure) {
   ScriptedWait wait({WAIT_FAILED, WAIT_TIMEOUT, WAIT_FAILED, WAIT_ABANDONED});
   EXPECT_EQ(CLockMtx(mutex_, INFINITE, kLine, kSource).LockCount(), 1u);
   EXPECT_EQ(wait.slices, std::vector<DWORD>(4, 60000));
-  EXPECT_EQ(TakeLockMessages(), (Messages{WaitLine("WAIT_FAILED", 60000, 6), WaitLine("WAIT_TIMEOUT", 60000),
-                                          WaitLine("WAIT_FAILED", 60000, 6), WaitLine("RETRY_SUCCESS", 60000)}));
+  ExpectLines({WaitLine("WAIT_FAILED", 60000, 6), WaitLine("WAIT_TIMEOUT", 60000), WaitLine("WAIT_FAILED", 60000, 6),
+               WaitLine("RETRY_SUCCESS", 60000)});
   EXPECT_EQ(TakeMessages(channel::kAssert), (Messages{"ASSERT : lockmtx.h(144)", "ASSERT : lockmtx.h(144)"}));
 }
 
 TEST_F(Lock, NestsWithOneWaitAndOneRelease) {
-  // Taken before they are replaced: the test's own calls are the program's too.
-  const auto realWait = &WaitForSingleObject;
-  const auto realRelease = &ReleaseMutex;
-  auto wait = STAND_IN_PROGRAM(WaitForSingleObject, [=](int, HANDLE mutex, DWORD ms) { return realWait(mutex, ms); });
-  auto release = STAND_IN_PROGRAM(ReleaseMutex, [=](int, HANDLE mutex) { return realRelease(mutex); });
+  auto wait = COUNT_CALLS_PROGRAM(WaitForSingleObject);
+  auto release = COUNT_CALLS_PROGRAM(ReleaseMutex);
   {
     CLockMtx lock(mutex_, 0, kLine, kSource);
     EXPECT_EQ(lock.Lock(60000), 1);
@@ -131,8 +117,8 @@ TEST_F(Lock, NestsWithOneWaitAndOneRelease) {
     EXPECT_EQ(wait.Calls(), 2);
   }
   EXPECT_EQ(release.Calls(), 2) << "the end releases once, whatever the count";
-  std::thread([this] { EXPECT_EQ(CLockMtx(mutex_, 0, kLine, kSource).LockCount(), 1u); }).join();
-  EXPECT_EQ(TakeLockMessages(), Messages{});
+  OnThread([this] { EXPECT_EQ(CLockMtx(mutex_, 0, kLine, kSource).LockCount(), 1u); });
+  ExpectLines({});
 }
 
 TEST_F(Lock, OfNothingIsAsserted) {
@@ -143,45 +129,39 @@ TEST_F(Lock, OfNothingIsAsserted) {
     EXPECT_EQ(lock._Lock(FALSE, 0), 0);
     EXPECT_EQ(TakeMessages(channel::kAssert), Messages{"ASSERT : lockmtx.h(119)"});
   }
-  const auto lines = TakeLines(channel::kAssert);
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].message, "ASSERT : lockmtx.h(164)");
-  EXPECT_EQ(lines[0].sourceFile, "lockmtx.h");
-  EXPECT_EQ(lines[0].line, 164);
+  EXPECT_EQ(TakePlacedMessages(channel::kAssert), Messages{"lockmtx.h(164): ASSERT : lockmtx.h(164)"});
   EXPECT_TRUE(wait.slices.empty());
 }
 
 TEST_F(Lock, ExcludesOtherThreadsAndTakesOverFromDeadOnes) {
   {
     const CLockMtx held(mutex_, 0, kLine, kSource);
-    std::thread([this] { EXPECT_EQ(CLockMtx(mutex_, 0, kLine, kSource).LockCount(), 0u); }).join();
+    OnThread([this] { EXPECT_EQ(CLockMtx(mutex_, 0, kLine, kSource).LockCount(), 0u); });
   }
-  EXPECT_EQ(TakeLockMessages().size(), 2u);
-  std::thread([this] { WaitForSingleObject(mutex_, 0); }).join();
+  EXPECT_EQ(TakeLines(channel::kLock).size(), 2u);
+  OnThread([this] { WaitForSingleObject(mutex_, 0); });
   EXPECT_EQ(CLockMtx(mutex_, 0, kLine, kSource).LockCount(), 1u);
-  EXPECT_EQ(TakeLockMessages(), Messages{});
+  ExpectLines({});
 }
 
 // The mutex was released behind the lock's back.
 TEST_F(Lock, FailedReleaseIsLogged) {
-  char message[80];
-  std::snprintf(message, sizeof message, "CLockMtx::_Unlock(errCode=288, m_hMutex=0x%lx)",
-                reinterpret_cast<unsigned long>(mutex_));
+  const std::string message = "CLockMtx::_Unlock(errCode=288, m_hMutex=" + Hex(mutex_) + ")";
   CLockMtx lock(mutex_, 0, kLine, kSource);
   ReleaseMutex(mutex_);
   EXPECT_EQ(lock._Unlock(FALSE), 0);
   EXPECT_EQ(lock.ErrorCode(), static_cast<DWORD>(ERROR_NOT_OWNER));
-  EXPECT_EQ(TakeLockMessages(), Messages{message});
+  ExpectLines({message});
   EXPECT_EQ(TakeMessages(channel::kAssert), Messages{"ASSERT : lockmtx.h(189)"});
   EXPECT_EQ(lock.Lock(0), 1);
   ReleaseMutex(mutex_);
   EXPECT_EQ(lock._Unlock(TRUE), 0);
   EXPECT_EQ(lock.LockCount(), 0u);
-  EXPECT_EQ(TakeLockMessages(), Messages{message});
+  ExpectLines({message});
   EXPECT_EQ(TakeMessages(channel::kAssert), Messages{"ASSERT : lockmtx.h(175)"});
 }
 
-// Each function's clauses name two lines of their own, which lie in the order of the functions.
+// The first exception is the framework's, the second any other; each clause names a line of its own.
 TEST_F(Lock, ExceptionsStayInside) {
   static int left;  // exceptions that nobody has deleted
   struct CountedException : CException {
@@ -190,43 +170,40 @@ TEST_F(Lock, ExceptionsStayInside) {
     BOOL GetErrorMessage(LPSTR text, UINT size, PUINT) const override { return std::snprintf(text, size, "told") > 0; }
   };
   left = 0;
-  const auto misbehave = [](int nth) {
+  const auto misbehave = [](int nth, auto...) -> DWORD {
     if (nth == 1) throw new CountedException;
     throw std::string("other");
   };
+  std::filesystem::remove(ChannelFile(channel::kExceptionReport));
   CLockMtx lock(mutex_, 0, kLine, kSource);
   TakeLines(channel::kAssert);
-  const auto wait = STAND_IN_PROGRAM(WaitForSingleObject, [&](int nth, HANDLE, DWORD) -> DWORD {
-    misbehave(nth);
-    return 0;
-  });
-  const auto release = STAND_IN_PROGRAM(ReleaseMutex, [&](int nth, HANDLE) -> BOOL {
-    misbehave(nth);
-    return 0;
-  });
+  const auto wait = STAND_IN_PROGRAM(WaitForSingleObject, misbehave);
+  const auto release = STAND_IN_PROGRAM(ReleaseMutex, misbehave);
   EXPECT_EQ(lock._Unlock(TRUE), 0);
   EXPECT_EQ(lock._Unlock(TRUE), 0);
   CLockMtx waiting(mutex_, 0, kLine, kSource);
   EXPECT_EQ(waiting._Lock(FALSE, 0), 0);
   EXPECT_EQ(left, 0);
-  const std::string report = ReadWholeFile(ChannelFile(channel::kExceptionReport));
-  for (const char* title : {"Exception CATCH_CE : told", "Exception CATCH_AE"})
-    EXPECT_NE(report.find(title), std::string::npos) << title;
   std::vector<int> lines;
-  std::string clauses;
+  Messages clauses;
   for (const auto& line : TakeLines(channel::kAssert)) {
-    const auto comma = line.message.rfind(", _CATCH");
-    if (comma == std::string::npos) continue;
-    EXPECT_EQ(line.message.substr(0, comma), "ASSERT : lockmtx.h(" + std::to_string(line.line) + ")");
-    EXPECT_EQ(line.sourceFile, "lockmtx.h");
-    clauses += line.message.substr(comma);
+    if (line.message.find(", _CATCH") == std::string::npos) continue;
     lines.push_back(line.line);
+    clauses.push_back(line.message);
   }
-  EXPECT_EQ(clauses, ", _CATCH_CE, _CATCH_AE, _CATCH_CE, _CATCH_AE");
+  const std::string reports = ReadWholeFile(ChannelFile(channel::kExceptionReport));
   ASSERT_EQ(lines.size(), 4u);
-  EXPECT_EQ(lines[1], lines[0] + 1);
-  EXPECT_EQ(lines[3], lines[2] + 1);
+  for (const size_t i : {size_t{0}, size_t{2}}) {
+    EXPECT_EQ(lines[i + 1], lines[i] + 1);
+    const std::string framework = Print("lockmtx.h(%d)", lines[i]), other = Print("lockmtx.h(%d)", lines[i + 1]);
+    EXPECT_EQ(clauses[i], "ASSERT : " + framework + ", _CATCH_CE");
+    EXPECT_EQ(clauses[i + 1], "ASSERT : " + other + ", _CATCH_AE");
+    EXPECT_NE(reports.find("\n" + framework + "\r\n"), std::string::npos) << framework;
+    EXPECT_NE(reports.find("\n" + other + "\r\n"), std::string::npos) << other;
+  }
   EXPECT_LT(lines[3], lines[0]) << "_Lock stands before _Unlock";
+  EXPECT_NE(reports.find("> ?\?\?(Exception CATCH_CE : told)"), std::string::npos) << "the program's folder is no title";
+  EXPECT_NE(reports.find("(Exception CATCH_AE)"), std::string::npos);
 }
 
 }  // namespace

@@ -8,7 +8,10 @@
 #include "gtest/gtest.h"
 #include "qelibaselib/platform/mfc/exception.h"
 #include "qelibaselib/qelibaselib.h"
+#include "test/support/failing_calls.h"
 #include "test/support/log_folder.h"
+#include "test/support/open_handles.h"
+#include "test/support/threads.h"
 #include "test/watchthreadstat/watch_case.h"
 
 namespace qel::test {
@@ -108,11 +111,11 @@ struct Inside {
 };
 void __stdcall LookAround(unsigned long, void*, unsigned long, void* argument) {
   auto& inside = *static_cast<Inside*>(argument);
-  std::thread([&inside] {
+  OnThread([&inside] {
     inside.ownRecord = WaitForSingleObject(MutexOf(inside.registration), 0);
     int calls = 0;
     inside.listWasFree = inside.watch->End(inside.watch->Start(1, 1, &Count, &calls));
-  }).join();
+  });
 }
 
 TEST_F(ThreadWatch2, CallsBackOutsideTheListUnderTheRecord) {
@@ -121,10 +124,10 @@ TEST_F(ThreadWatch2, CallsBackOutsideTheListUnderTheRecord) {
   watch_.Tick();
   EXPECT_EQ(inside.ownRecord, WAIT_TIMEOUT);
   EXPECT_TRUE(inside.listWasFree);
-  std::thread([&] {
+  OnThread([&] {
     EXPECT_EQ(WaitForSingleObject(MutexOf(inside.registration), 0), WAIT_OBJECT_0) << "released after the call";
     ReleaseMutex(MutexOf(inside.registration));
-  }).join();
+  });
   watch_.End(inside.registration);
 }
 
@@ -176,7 +179,7 @@ TEST_F(ThreadWatch2, WhatACallbackThrowsEndsInTheGuard) {
   watch_.Tick();
   EXPECT_EQ(calls, 1) << "those behind are called";
   for (void* registration : registrations)
-    std::thread([&] { EXPECT_TRUE(watch_.End(registration)) << "nothing stays locked"; }).join();
+    OnThread([&] { EXPECT_TRUE(watch_.End(registration)) << "nothing stays locked"; });
   int caught = 0;
   for (const auto& message : TakeMessages(channel::kAssert)) caught += message.find("_CATCH_") != std::string::npos;
   EXPECT_EQ(caught, 3);
@@ -188,26 +191,18 @@ TEST(ThreadWatch2Lifecycle, AWatcherThatIsNotWaitedForEndsWithItsCallback) {
   LogFolder();
   LongCall call;
   int calls = 0;
-  HANDLE watcher, timer = nullptr;
-  {
-    auto create = STAND_IN(CreateWaitableTimerA, [&](int, auto...) {
-      timer = CreateEventW(nullptr, FALSE, FALSE, nullptr);  // ticks when the test says so
-      return DuplicateOf(timer);
-    });
-    const StillTimer still;
-    const NoPatience impatient;
-    ManualWatch watch;
+  ScopedObject timer;  // ticks when the test says so
+  auto create = STAND_IN(CreateWaitableTimerA, [&](auto...) {
+    timer = ScopedObject(CreateEventW(nullptr, FALSE, FALSE, nullptr));
+    return DuplicateOf(timer.Get());
+  });
+  const StillTimer still;
+  ExpectWatcherToEndWith<ManualWatch>(call, [&](ManualWatch& watch) {
     watch.Start(1, 1, &StayLong, &call);
     watch.Start(1, 1, &Count, &calls);
-    SetEvent(timer);
-    ASSERT_EQ(WaitForSingleObject(call.entered, 30000), WAIT_OBJECT_0);
-    watcher = DuplicateOf(watch.Thread()->m_hThread);
-  }
-  SetEvent(call.leave);
-  EXPECT_EQ(WaitForSingleObject(watcher, 20000), WAIT_OBJECT_0);
+    SetEvent(timer.Get());
+  });
   EXPECT_EQ(calls, 0) << "the other registration was freed meanwhile";
-  CloseHandle(watcher);
-  CloseHandle(timer);
 }
 
 TEST_F(ThreadWatch2, EndOfWhatWasNeverGivenIsALine) {
@@ -226,12 +221,8 @@ TEST_F(ThreadWatch2, EndOfWhatWasNeverGivenIsALine) {
 
 TEST(ThreadWatch2Priority, FollowsTheFirstAndTheLastRegistration) {
   StillTimer timer;
-  std::vector<int> priorities;
-  auto priority = STAND_IN(SetThreadPriority, [&](int, HANDLE, int value) {
-    priorities.push_back(value);
-    return TRUE;
-  });
-  auto take = [&] { return std::exchange(priorities, {}); };
+  Priorities priorities;
+  auto take = [&] { return std::exchange(priorities.values, {}); };
   int calls = 0;
   {
     ManualWatch watch;
@@ -248,23 +239,17 @@ TEST(ThreadWatch2Priority, FollowsTheFirstAndTheLastRegistration) {
   EXPECT_EQ(take(), std::vector<int>{THREAD_PRIORITY_HIGHEST});
 }
 
-DWORD OpenHandles() {
-  DWORD count = 0;
-  GetProcessHandleCount(GetCurrentProcess(), &count);
-  return count;
-}
-
 TEST(ThreadWatch2Lifecycle, KeepsNoHandles) {
   LogFolder();
   StillTimer timer;
   int calls = 0;
   { ManualWatch once; }
-  const DWORD before = OpenHandles();
+  const unsigned long before = OpenHandleCount();
   {
     ManualWatch watch;
     watch.End(watch.Start(1, 1, &Count, &calls));
   }
-  EXPECT_EQ(OpenHandles(), before);
+  EXPECT_EQ(OpenHandleCount(), before);
   {
     ManualWatch watch;
     for (int i = 0; i < 3; ++i) watch.Start(1, 1, &Count, &calls);
@@ -277,43 +262,33 @@ TEST(ThreadWatch2Lifecycle, SurvivesAFailedStart) {
   LogFolder();
   StillTimer timer;
   int calls = 0;
-  auto use = [&] {
-    ManualWatch watch;
-    EXPECT_EQ(watch.Thread(), nullptr);
-    watch.End(watch.Start(1, 1, &Count, &calls));
-    return std::tuple(watch.Param().m_hStopEvent != nullptr, watch.Param().m_hListMutex != nullptr,
-                      watch.Param().m_hTimer != nullptr);
+  const std::pair<FailingCall, std::tuple<bool, bool, bool>> cases[] = {
+      {FAILING_CALL(CreateEventW, ERROR_NOT_ENOUGH_MEMORY, nullptr), {false, false, false}},
+      {FAILING_CALL(CreateMutexW, ERROR_NOT_ENOUGH_MEMORY, nullptr), {true, false, false}},
+      {FAILING_CALL(CreateWaitableTimerA, ERROR_NOT_ENOUGH_MEMORY, nullptr), {true, true, false}},
+      {FAILING_CALL(SetWaitableTimer, ERROR_INVALID_PARAMETER, FALSE), {true, true, true}},
   };
-  {
-    auto create = FAIL_CALL(CreateEventW, 1, ERROR_NOT_ENOUGH_MEMORY, nullptr);
-    EXPECT_EQ(use(), std::tuple(false, false, false));
-  }
-  {
-    auto create = FAIL_CALL(CreateMutexW, 1, ERROR_NOT_ENOUGH_MEMORY, nullptr);
-    EXPECT_EQ(use(), std::tuple(true, false, false));
-  }
-  {
-    auto create = FAIL_CALL(CreateWaitableTimerA, 1, ERROR_NOT_ENOUGH_MEMORY, nullptr);
-    EXPECT_EQ(use(), std::tuple(true, true, false));
-  }
-  {
-    auto arm = FAIL_CALL(SetWaitableTimer, 1, ERROR_INVALID_PARAMETER, FALSE);
-    EXPECT_EQ(use(), std::tuple(true, true, true));
+  for (const auto& [call, made] : cases) {
+    const auto failure = call.inject(1, 1);
+    ManualWatch watch;
+    EXPECT_EQ(watch.Thread(), nullptr) << call.name;
+    watch.End(watch.Start(1, 1, &Count, &calls));
+    const auto& param = watch.Param();
+    EXPECT_EQ(std::tuple(param.m_hStopEvent != nullptr, param.m_hListMutex != nullptr, param.m_hTimer != nullptr), made)
+        << call.name;
   }
   EXPECT_EQ(calls, 0);
 }
 
-TEST_F(ThreadWatch2, StartWithoutAHandleOfTheThreadFails) {
-  auto duplicate = FAIL_CALL(DuplicateHandle, 1, ERROR_NOT_ENOUGH_MEMORY, FALSE);
-  int calls = 0;
-  EXPECT_EQ(watch_.Start(1, 1, &Count, &calls), nullptr);
-}
-
-TEST_F(ThreadWatch2, StartWithoutAMutexLooksLikeASuccessAndNeverCalls) {
+TEST_F(ThreadWatch2, AStartThatFailsNeverCalls) {
   int calls = 0;
   {
+    auto duplicate = FAIL_CALL(DuplicateHandle, 1, ERROR_NOT_ENOUGH_MEMORY, FALSE);
+    EXPECT_EQ(watch_.Start(1, 1, &Count, &calls), nullptr) << "no handle of the thread";
+  }
+  {
     auto create = FAIL_CALL(CreateMutexW, 1, ERROR_NOT_ENOUGH_MEMORY, nullptr);
-    EXPECT_NE(watch_.Start(1, 1, &Count, &calls), nullptr);
+    EXPECT_NE(watch_.Start(1, 1, &Count, &calls), nullptr) << "looks like a success";
   }
   EXPECT_TRUE(watch_.Param().m_watchList.IsEmpty());
   watch_.Tick();

@@ -1,10 +1,10 @@
 #include <atomic>
-#include <deque>
-#include <thread>
+#include <tuple>
 #include <vector>
 
 #include "gtest/gtest.h"
 #include "qelibaselib/qelibaselib.h"
+#include "test/support/failing_calls.h"
 #include "test/support/log_folder.h"
 #include "test/watchthreadstat/watch_case.h"
 
@@ -57,17 +57,13 @@ TEST(ThreadWatch, WithoutAPeriodCallsOnce) {
 
 TEST(ThreadWatch, TimesReachTheTimerUnchanged) {
   StillTimer timer;
-  std::vector<int> priorities;
-  auto priority = STAND_IN(SetThreadPriority, [&](int, HANDLE, int value) {
-    priorities.push_back(value);
-    return TRUE;
-  });
+  Priorities priorities;
   Seen seen;
   { const CWatchThreadStat watch(0xFFFFFFFF, -3, &See, &seen); }
   { const CWatchThreadStat watch(25, 7, &See, &seen); }
   EXPECT_EQ(timer.dueTimes, (std::vector<LONGLONG>{-42949672950000, -250000}));
   EXPECT_EQ(timer.periods, (std::vector<LONG>{-3, 7}));
-  EXPECT_EQ(priorities, (std::vector<int>{15, 15})) << "time-critical from the start, left so at the end";
+  EXPECT_EQ(priorities.values, (std::vector<int>{15, 15})) << "time-critical from the start, left so at the end";
   EXPECT_EQ(seen.calls, 0);
 }
 
@@ -103,41 +99,30 @@ TEST(ThreadWatch, WaitsAgainAfterAnythingButStopAndTimer) {
 void __stdcall StayLong(void*, unsigned long, void* call) { static_cast<LongCall*>(call)->Stay(); }
 
 TEST(ThreadWatch, AWatcherThatIsNotWaitedForEndsWithItsCallback) {
+  struct StayingWatch : OpenWatch {
+    explicit StayingWatch(LongCall& call) : OpenWatch(0, 1, &StayLong, &call) {}
+  };
   LongCall call;
-  HANDLE watcher;
-  {
-    const NoPatience impatient;
-    OpenWatch watch(0, 1, &StayLong, &call);
-    ASSERT_EQ(WaitForSingleObject(call.entered, 30000), WAIT_OBJECT_0);
-    watcher = DuplicateOf(watch.Thread()->m_hThread);
-  }
-  SetEvent(call.leave);
-  EXPECT_EQ(WaitForSingleObject(watcher, 20000), WAIT_OBJECT_0);
-  CloseHandle(watcher);
+  ExpectWatcherToEndWith<StayingWatch>(
+      call, [](StayingWatch&) {}, call);
 }
 
+// The first step that fails ends the start; those before it leave their handles.
 TEST(ThreadWatch, AFailedStartNeverCalls) {
   LogFolder();
   Seen seen;
-  {
-    auto create = FAIL_CALL(CreateEventW, 1, ERROR_NOT_ENOUGH_MEMORY, nullptr);
-    auto timer = STAND_IN(CreateWaitableTimerA, [](int, auto...) -> HANDLE { return nullptr; });
+  const std::pair<FailingCall, std::tuple<bool, bool, bool>> cases[] = {
+      {FAILING_CALL(DuplicateHandle, ERROR_NOT_ENOUGH_MEMORY, FALSE), {false, false, false}},
+      {FAILING_CALL(CreateEventW, ERROR_NOT_ENOUGH_MEMORY, nullptr), {true, false, false}},
+      {FAILING_CALL(CreateThread, ERROR_NOT_ENOUGH_MEMORY, nullptr), {true, true, true}},
+  };
+  for (const auto& [call, made] : cases) {
+    const auto failure = call.inject(1, 1);
     OpenWatch watch(0, 1, &See, &seen);
-    EXPECT_EQ(timer.Calls(), 0);
-    EXPECT_EQ(watch.Thread(), nullptr);
-    EXPECT_NE(watch.Param().m_hThread, nullptr);
-  }
-  {
-    auto duplicate = FAIL_CALL(DuplicateHandle, 1, ERROR_NOT_ENOUGH_MEMORY, FALSE);
-    OpenWatch watch(0, 1, &See, &seen);
-    EXPECT_EQ(watch.Param().m_hThread, nullptr);
-    EXPECT_EQ(watch.Param().m_hStopEvent, nullptr);
-  }
-  {
-    auto thread = FAIL_CALL(CreateThread, 1, ERROR_NOT_ENOUGH_MEMORY, nullptr);
-    OpenWatch watch(0, 1, &See, &seen);
-    EXPECT_EQ(watch.Thread(), nullptr);
-    EXPECT_NE(watch.Param().m_hTimer, nullptr);
+    EXPECT_EQ(watch.Thread(), nullptr) << call.name;
+    const auto& param = watch.Param();
+    EXPECT_EQ(std::tuple(param.m_hThread != nullptr, param.m_hStopEvent != nullptr, param.m_hTimer != nullptr), made)
+        << call.name;
   }
   EXPECT_EQ(seen.calls, 0);
 }

@@ -1,7 +1,10 @@
 // Watchdogs whose ticks the test makes itself.
 #pragma once
+#include <functional>
 #include <vector>
 
+#include "gtest/gtest.h"
+#include "qelibaselib/base/scoped_handles.h"
 #include "qelibaselib/watchthreadstat/watchthreadstat.h"
 #include "test/support/replace_call.h"
 
@@ -26,17 +29,22 @@ struct NoPatience {
   }};
 };
 
+// While it lives, no priority is changed; notes which would be.
+struct Priorities {
+  std::vector<int> values;
+  StandIn<"SetThreadPriority", decltype(&::SetThreadPriority)> standIn{[this](int, HANDLE, int value) {
+    values.push_back(value);
+    return TRUE;
+  }};
+};
+
 // A callback that stays until it is let go.
 struct LongCall {
-  HANDLE entered = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  HANDLE leave = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  ~LongCall() {
-    CloseHandle(entered);
-    CloseHandle(leave);
-  }
-  void Stay() {
-    SetEvent(entered);
-    WaitForSingleObject(leave, INFINITE);
+  const ScopedObject entered{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  const ScopedObject leave{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  void Stay() const {
+    SetEvent(entered.Get());
+    WaitForSingleObject(leave.Get(), INFINITE);
   }
 };
 
@@ -52,5 +60,20 @@ class ManualWatch : public CWatchThreadStat2 {
   T_WatchThreadParam& Param() { return m_param; }
   CWinThread* Thread() { return m_pWatchThread; }
 };
+
+// A watchdog that goes away while its callback stays: the watcher ends when it is let go.
+template <class Watch, class... Arguments>
+void ExpectWatcherToEndWith(LongCall& call, const std::function<void(Watch&)>& start, Arguments&... arguments) {
+  ScopedObject watcher;
+  {
+    const NoPatience impatient;
+    Watch watch(arguments...);
+    start(watch);
+    ASSERT_EQ(WaitForSingleObject(call.entered.Get(), 30000), WAIT_OBJECT_0);
+    watcher = ScopedObject(DuplicateOf(watch.Thread()->m_hThread));
+  }
+  SetEvent(call.leave.Get());
+  EXPECT_EQ(WaitForSingleObject(watcher.Get(), 20000), WAIT_OBJECT_0);
+}
 
 }  // namespace qel::test

@@ -5,7 +5,6 @@
 #include <cstring>
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "qelibaselib/base/floating_point_guard.h"
@@ -14,6 +13,7 @@
 #include "test/guard/recorder.h"
 #include "test/support/bad_pointer.h"
 #include "test/support/sanitizer.h"
+#include "test/support/threads.h"
 
 namespace qel::test {
 namespace {
@@ -105,7 +105,7 @@ TEST_F(Guard, TranslatorsNestAndBelongToTheirThread) {
   { const CSEREG inner; }
   EXPECT_FALSE(Guarded(kPlace, &Fault));
   EXPECT_TRUE(g_recorded.hasRecord);
-  std::thread([] { Guarded(kPlace, &Fault); }).join();
+  OnThread([] { Guarded(kPlace, &Fault); });
   EXPECT_FALSE(g_recorded.hasRecord);
 }
 

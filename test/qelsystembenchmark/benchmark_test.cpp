@@ -44,14 +44,11 @@ TEST_F(Benchmark, MappedFilesAreOpenedForWhatIsMeasuredAndGoneAfterwards) {
   std::vector<DWORD> accesses;
   {
     auto create =
-        STAND_IN(CreateFileW, [&](int, LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
-                                  DWORD disposition, DWORD flags, HANDLE model) {
-          if (std::wcsstr(name, L"bench.tmp")) {
-            accesses.push_back(access);
-            EXPECT_EQ(share, DWORD{FILE_SHARE_READ});
-            EXPECT_EQ(disposition, DWORD{CREATE_ALWAYS});
-          }
-          return CreateFileW(name, access, share, security, disposition, flags, model);
+        WATCH_CALL(CreateFileW, [&](LPCWSTR name, DWORD access, DWORD share, auto, DWORD disposition, auto, auto) {
+          if (!std::wcsstr(name, L"bench.tmp")) return;
+          accesses.push_back(access);
+          EXPECT_EQ(share, DWORD{FILE_SHARE_READ});
+          EXPECT_EQ(disposition, DWORD{CREATE_ALWAYS});
         });
     EXPECT_GT(benchmark_.GetMemTransferRate(E_BENCH_SEQUENTIAL, E_BENCH_READ_AND_WRITE, 1), 0);
     EXPECT_GT(benchmark_.GetMemTransferRate(E_BENCH_RANDOM, E_BENCH_READ_AND_WRITE, 1), 0);
@@ -71,6 +68,7 @@ TEST_F(Benchmark, TheReportNamesTheErrorOfTheStepThatFailed) {
     std::filesystem::remove(qel::test::ChannelFile(qel::channel::kBenchmarkReport));
     benchmark_.LogOutResult("", L"", 0);
     const auto text = qel::test::ReadWholeFile(qel::test::ChannelFile(qel::channel::kBenchmarkReport));
+    EXPECT_EQ(text.find("Line = 000000"), std::string::npos) << "the step's line";
     return text.substr(text.find("LastErrNum = "), 19);
   };
   std::wcscpy(benchmark_.m_temporaryFile, folder_.Wide("missing/bench.tmp").c_str());
@@ -99,10 +97,7 @@ TEST_F(Benchmark, TheReportNamesTheErrorOfTheStepThatFailed) {
 
 TEST_F(Benchmark, ThePriorityIsRaisedForTheMeasurementAndPutBack) {
   std::vector<int> priorities;
-  auto set = STAND_IN(SetThreadPriority, [&](int, HANDLE thread, int priority) {
-    priorities.push_back(priority);
-    return SetThreadPriority(thread, priority);
-  });
+  auto set = WATCH_CALL(SetThreadPriority, [&](HANDLE, int priority) { priorities.push_back(priority); });
   benchmark_.GetMemTransferRate(E_BENCH_SEQUENTIAL, E_BENCH_READ, 0);
   EXPECT_EQ(priorities, (std::vector<int>{THREAD_PRIORITY_TIME_CRITICAL, THREAD_PRIORITY_NORMAL}));
   priorities.clear();
@@ -198,6 +193,13 @@ TEST_F(Benchmark, TheReportHasItsLinesInOrder) {
   for (size_t i = 0; i < expected.size(); ++i) EXPECT_EQ(lines[i], expected[i] + "\r");
 
   const auto file = qel::test::ChannelFile(qel::channel::kBenchmarkReport);
+  benchmark_.LogOutResult(nullptr, nullptr, 8);
+  EXPECT_TRUE(qel::test::ReadWholeFile(file).ends_with("\r\n(), 8\r\n"));
+  {
+    const auto mutex = FAIL_CALL(CreateMutexW, 1, ERROR_ACCESS_DENIED, nullptr);
+    benchmark_.LogOutResult("lost", L"title", 7);
+    EXPECT_EQ(qel::test::ReadWholeFile(file).find("lost"), std::string::npos);
+  }
   for (const size_t bytes : {qel::kChannelLimitBytes, qel::kChannelLimitBytes + 1}) {
     SCOPED_TRACE(bytes);
     std::filesystem::resize_file(file, bytes);

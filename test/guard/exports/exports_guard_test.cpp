@@ -74,10 +74,7 @@ TEST(UnguardedExport, RaisesToTheHost) {
 TEST(GuardOfExports, CorruptHeapIsWrittenAfterTheClause) {
   const ReplaceCall heap("_heapchk", &CorruptHeap);
   TakeLines(channel::kAssert);
-  const auto standIn = STAND_IN(CreateSemaphoreW, [](int, auto...) -> HANDLE {
-    WriteBadAddress();
-    return nullptr;
-  });
+  const auto faulting = FAULT_IN(CreateSemaphoreW);
   EXPECT_EQ(CreateSemaphoreX(7, "host.cpp", nullptr, 0, 1, nullptr), nullptr);
   const auto lines = TakeLines(channel::kAssert);
   ASSERT_GE(lines.size(), 2u);

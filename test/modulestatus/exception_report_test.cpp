@@ -4,6 +4,7 @@
 
 #include "qelibaselib/platform/mfc/exception.h"
 #include "qelibaselib/qelibaselib.h"
+#include "test/modulestatus/own_debug_help.h"
 #include "test/modulestatus/report_text.h"
 #include "test/support/child_process.h"
 #include "test/support/log_folder.h"
@@ -172,6 +173,7 @@ TEST(ExceptionReport, PrintsAtMostFifteenParameters) {
 }
 
 TEST(ExceptionReport, AppendsToItsFile) {
+  const auto symbols = OwnDebugHelpOnly();
   RemoveReportFile();
   TakeLines(channel::kAssert);
   const MadeFault fault;
@@ -222,6 +224,7 @@ TEST(ExceptionReport, TakesTheMutexOverFromADeadWriter) {
 int BadHeap() { return -4; }
 
 TEST(ExceptionReport, ChecksTheHeapAroundEverySection) {
+  const auto symbols = OwnDebugHelpOnly();
   RemoveReportFile();
   TakeLines(channel::kAssert);
   const MadeFault fault;
@@ -240,6 +243,7 @@ TEST(ExceptionReport, ChecksTheHeapAroundEverySection) {
 }
 
 TEST(ExceptionReport, LivesOnBadArguments) {
+  const auto symbols = OwnDebugHelpOnly();
   LogFolder();
   const MadeFault fault;
   const auto* const badAddress = reinterpret_cast<const char*>(0x11);

@@ -10,6 +10,7 @@
 
 #include "qelibaselib/qelibaselib.h"
 #include "test/modulestatus/captured_fault.h"
+#include "test/modulestatus/own_debug_help.h"
 #include "test/modulestatus/report_text.h"
 #include "test/support/bad_pointer.h"
 #include "test/support/child_process.h"
@@ -56,8 +57,7 @@ CHILD_ROLE(FaultWithNothingLeft) {
   std::fputs("own\n", g_ownReport);  // now it has its buffer
   VemoExceptLogOut(L"before", "", nullptr, nullptr, 1, "source.cpp");
   const auto faulting = FAULT_IN(CreateSemaphoreW);
-  // The debug help of Windows needs ten seconds to find out that there is no memory.
-  const auto symbols = FAIL_CALL(SymInitialize, 1, ERROR_INVALID_PARAMETER, FALSE, sizeof(wchar_t) == 2 ? 100 : 0);
+  const auto symbols = OwnDebugHelpOnly();
   g_semaphore = &g_semaphore;
   GrowStack();
   CapturedFault captured;

@@ -7,10 +7,10 @@
 
 #include "qelibaselib/qelibaselib.h"
 #include "test/modulestatus/captured_fault.h"
+#include "test/modulestatus/own_debug_help.h"
 #include "test/modulestatus/report_text.h"
 #include "test/support/child_process.h"
 #include "test/support/log_folder.h"
-#include "test/support/replace_call.h"
 #include "test/support/scratch_folder.h"
 
 namespace qel::test {
@@ -20,11 +20,6 @@ namespace fs = std::filesystem;
 using std::chrono::steady_clock;
 
 constexpr int kKills = sizeof(wchar_t) == 2 ? 20 : 100;  // a process takes its time to start there
-
-// Without the debug help of Windows, which reads the symbols anew for each report.
-auto OwnDebugHelpOnly() {
-  return FAIL_CALL(SymInitialize, 1, ERROR_INVALID_PARAMETER, FALSE, sizeof(wchar_t) == 2 ? 1'000'000 : 0);
-}
 
 void WriteReport(CapturedFault& fault) {
   VemoExceptLogOut(L"killed", "", &fault.record, &fault.context, __LINE__, __FILE__);

@@ -4,6 +4,7 @@
 
 #include "qelibaselib/qelibaselib.h"
 #include "test/modulestatus/captured_fault.h"
+#include "test/modulestatus/own_debug_help.h"
 #include "test/modulestatus/report_text.h"
 #include "test/support/log_folder.h"
 #include "test/support/page_buffer.h"
@@ -75,6 +76,7 @@ struct ChainFrame {
 };
 
 TEST(StackWalk, EndsWithTheChain) {
+  const auto symbols = OwnDebugHelpOnly();
   const void* const called = Inside(&ReadThrough, 6);
   const void* const first = Inside(&CallReadThrough, 9);
   const void* const second = Inside(&ReadThrough, 7);
@@ -103,6 +105,7 @@ TEST(StackWalk, EndsWithTheChain) {
 }
 
 TEST(StackWalk, StopsTheRawDumpAtTheFirstUnreadableByte) {
+  const auto symbols = OwnDebugHelpOnly();
   const LonePage page;
   const BYTE* const begin = page.End() - 40;
   EXPECT_EQ(WalkFrom(ContextAt(nullptr, begin, nullptr)).rawStack,

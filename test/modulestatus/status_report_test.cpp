@@ -79,6 +79,10 @@ LONG WINAPI ReadMadeVersion(OSVERSIONINFOEXW* version) {
   return 0;
 }
 
+// A name as the system's header has it: some stand for another.
+#define NAME_OF(call) NAME_AS_TEXT(call)
+#define NAME_AS_TEXT(call) #call
+
 // A machine whose report is known.
 struct MadeMachine {
   StandIn<"GetLocalTime", decltype(&::GetLocalTime)> time{
@@ -99,7 +103,7 @@ struct MadeMachine {
     const char* const text = module == kModule ? "C:\\folder\\made.dll" : module ? "" : "C:\\folder\\viewer.exe";
     return static_cast<DWORD>(std::snprintf(path, size, "%s", text));
   }};
-  StandIn<"GetModuleInformation", decltype(&::GetModuleInformation)> module{
+  StandIn<NAME_OF(GetModuleInformation), decltype(&::GetModuleInformation)> module{
       [](int, HANDLE, HMODULE, MODULEINFO* information, DWORD) {
         *information = {reinterpret_cast<void*>(0x2400000), 0x5000, reinterpret_cast<void*>(0x2401234)};
         return TRUE;

@@ -96,25 +96,6 @@ CHILD_ROLE(UseFlags) {
 }
 TEST(FloatingPointGuard, FlagsOfTheFirstHoldAndMasksOfX87ComeBack) { EXPECT_EQ(ChildProcess("UseFlags").Wait(), 0); }
 
-// The x87 unit raises an exception with its next instruction only. One that is pending at either end of a guard is
-// dropped: it belongs to what lies behind.
-TEST(FloatingPointGuard, DropsWhatIsPending) {
-  const Masks before = ReadMasks();
-  const float zero = 0;
-  const auto leavePendingDivision = [&] { __asm__ __volatile__("fld1\n\tfdivs %0" : : "m"(zero)); };
-  const auto dropNumber = [] { __asm__ __volatile__("fstp %st(0)"); };
-  SetMasks({_MCW_EM & ~_EM_ZERODIVIDE, before.sse2});
-  leavePendingDivision();
-  {
-    const CNdpCtrl87 guard(1, 1, 0, 1, 1, 1);
-    dropNumber();
-    leavePendingDivision();
-  }
-  dropNumber();
-  EXPECT_EQ(_clearfp(), 0u);
-  SetMasks(before);
-}
-
 TEST(StringConverter, MakesTheOtherFormAndKeepsIt) {
   CStrCnv fromNarrow("text");
   EXPECT_STREQ(fromNarrow.Narrow(), "text");

@@ -29,7 +29,7 @@ class LogCase : public testing::Test {
 
   ScratchFolder folder;
   std::wstring path = folder.Wide("log.txt");
-  std::wstring stem = UniqueName().substr(6);  // the writer puts the session's name before it
+  std::wstring stem = UniqueName();
 };
 
 }  // namespace qel::test

@@ -137,7 +137,7 @@ TEST_F(LogCase, NamesTheMutexByUserOrByTwoDollars) {
   VemoLogOutFile(nullptr, path.c_str(), 0, 0, "", "null stem");
   ASSERT_EQ(names.size(), 4u);
   stem.resize(0);
-  EXPECT_EQ(names[0].substr(0, 15), L"Local\\qel_test_");
+  EXPECT_EQ(names[0].substr(0, 15), L"Local\\qel-test-");
   EXPECT_EQ(names[0].substr(names[0].rfind(L"_")), MutexName(L"").substr(6));
   EXPECT_EQ(names[1].substr(names[1].rfind(L"_")), L"_$$");
   EXPECT_EQ(names[2], L"Local\\" + std::wstring(253, L's'));

@@ -21,7 +21,7 @@ int g_calls, g_answer;
 
 // As a host installs it. What MemAllocHandler itself allocates comes here once more; endless recursion ends the
 // process.
-void Handle() {
+void AnswerNewHandler() {
   constexpr int kFarTooMany = 1000;
   if (++g_calls > kFarTooMany) std::_Exit(100);
   g_answer = MemAllocHandler(kAsked);
@@ -30,7 +30,7 @@ void Handle() {
 
 void AllocateWithNothingLeft() {
   TakeAll(Resource::kMemory);
-  std::set_new_handler(&Handle);
+  std::set_new_handler(&AnswerNewHandler);
   void* const block = operator new(1 << 16);
   std::set_new_handler(nullptr);
   operator delete(block);

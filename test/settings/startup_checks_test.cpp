@@ -18,8 +18,7 @@ namespace {
 
 using namespace qel::test;
 
-// The library puts the session's name before it.
-std::string Stem() { return Narrow(UniqueName()).substr(6); }
+std::string Stem() { return Narrow(UniqueName()); }
 
 int Check(const std::string& stem, DWORD timeoutMs, bool showError = false) {
   return VemoChkMultiStartUp(21, "host.cpp", Widen(stem).c_str(), showError, timeoutMs);

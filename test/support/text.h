@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "qelibaselib/platform/win32.h"
+#include "test/support/handle.h"
 
 namespace qel::test {
 
@@ -35,12 +35,6 @@ inline std::string ProgramPath() {
   char path[MAX_PATH] = "";
   GetModuleFileNameA(nullptr, path, MAX_PATH);
   return path;
-}
-
-// The name of a kernel object that no other run of a test uses.
-inline std::wstring UniqueName() {
-  static int number = 0;
-  return L"Local\\qel_test_" + std::to_wstring(GetCurrentProcessId()) + L"_" + std::to_wstring(++number);
 }
 
 }  // namespace qel::test

@@ -7,10 +7,6 @@
 
 namespace qel::test {
 
-// Names of objects on the command line of a child.
-inline std::string Narrow(const std::wstring& name) { return {name.begin(), name.end()}; }
-inline std::wstring Widen(const std::string& name) { return {name.begin(), name.end()}; }
-
 // What the call leaves as last error, and its result.
 template <class Call>
 auto WithLastError(DWORD before, Call call) {

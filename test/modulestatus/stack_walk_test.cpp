@@ -76,7 +76,6 @@ struct ChainFrame {
 };
 
 TEST(StackWalk, EndsWithTheChain) {
-  const auto symbols = OwnDebugHelpOnly();
   const void* const called = Inside(&ReadThrough, 6);
   const void* const first = Inside(&CallReadThrough, 9);
   const void* const second = Inside(&ReadThrough, 7);

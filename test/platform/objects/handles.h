@@ -3,6 +3,7 @@
 #include <string>
 #include <utility>
 
+#include "test/support/text.h"
 #include "test/support/worker.h"
 
 namespace qel::test {

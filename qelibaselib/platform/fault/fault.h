@@ -18,7 +18,7 @@
 #ifdef _WIN32
 #define QEL_FAULT_API
 #else
-#define QEL_FAULT_API QEL_LAYER __attribute__((noplt))  // one indirect call less for each guard
+#define QEL_FAULT_API QEL_LAYER
 #endif
 
 /// A structured exception as a C++ exception: what the translator throws, by value. Holds no pointer into the frame

@@ -113,6 +113,8 @@ void Answer(int, siginfo_t* information, void* machine) {
   const SystemCallErrors* row = FailsNow(number) && !IsSafeStatus(number, registers) && !IsWake(number, registers)
                                     ? FindSystemCallErrors(number)
                                     : nullptr;
+  // A busy machine may have put another call, a wait for a lock, in the place of the counted one.
+  if (row && std::ranges::find(row->errors, g_failure.error) == row->errors.end()) row = nullptr;
   if (row && row->isMadeAllTheSame) syscall(number, registers[REG_EBX], registers[REG_ECX], registers[REG_EDX]);
   if (row)
     registers[REG_EAX] = -g_failure.error;

@@ -176,7 +176,8 @@ TEST_F(SpecialFilesTest, AttributesOfOrdinaryUsers) {
   chmod("shared", 0666);
   if (geteuid() != 0) GTEST_SKIP() << "only root becomes another user";
   EXPECT_EQ(RunAsOtherUser([] {
-              if (_wfopen(L"own", L"wb") == nullptr) return 1;
+              FILE* const own = _wfopen(L"own", L"wb");
+              if (own == nullptr || fclose(own) != 0) return 1;
               // Hidden and system stay with read-only, set at once and one after the other.
               for (const DWORD attributes : {0x27ul, 0x21ul, 0x23ul, 0x22ul, 0x81ul, 0x05ul}) {
                 if (!SetFileAttributesW(L"own", attributes)) return 2;

@@ -202,7 +202,8 @@ TEST_F(Lock, ExceptionsStayInside) {
     EXPECT_NE(reports.find("\n" + other + "\r\n"), std::string::npos) << other;
   }
   EXPECT_LT(lines[3], lines[0]) << "_Lock stands before _Unlock";
-  EXPECT_NE(reports.find("> ?\?\?(Exception CATCH_CE : told)"), std::string::npos) << "the program's folder is no title";
+  EXPECT_NE(reports.find("> ?\?\?(Exception CATCH_CE : told)"), std::string::npos)
+      << "the program's folder is no title";
   EXPECT_NE(reports.find("(Exception CATCH_AE)"), std::string::npos);
 }
 

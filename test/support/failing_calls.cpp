@@ -12,9 +12,11 @@ constexpr int kForEver = Failing<int(WINAPI*)()>::kForEver;
 // How often an undisturbed run makes each call.
 std::vector<int> CountCalls(const std::vector<FailingCall>& calls, const FailingBody& run) {
   std::vector<std::unique_ptr<InjectedFailure>> never;
+  never.reserve(calls.size());
   for (const FailingCall& call : calls) never.push_back(call.inject(kForEver, 1));
   run({calls.front(), kForEver, false, *never.front()});
   std::vector<int> counts;
+  counts.reserve(calls.size());
   for (const auto& failure : never) counts.push_back(failure->CallCount());
   return counts;
 }

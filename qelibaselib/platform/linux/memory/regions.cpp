@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <type_traits>
 
 #include "qelibaselib/platform/linux/win32/memoryapi.h"
@@ -114,7 +113,7 @@ bool RegionList::Grow() {
   const uint32_t capacity = std::max(kFirstCapacity, capacity_ * 2);
   auto* larger = static_cast<AddressRegion*>(std::realloc(heap_, capacity * sizeof(AddressRegion)));
   if (!larger) return false;
-  if (!heap_) std::memcpy(larger, spare_, size_ * sizeof(AddressRegion));
+  if (!heap_) std::copy_n(spare_, size_, larger);
   heap_ = larger;
   capacity_ = capacity;
   return true;

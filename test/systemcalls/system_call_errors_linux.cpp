@@ -72,7 +72,7 @@ const std::vector<SystemCallErrors> kRows = {
     ROW(sendfile64, EIO, EINVAL),
     ROW(ioctl, ENOTTY, EOPNOTSUPP),
     ROW(fcntl64, ENOLCK, EMFILE, EINTR),
-    ROW(flock, EINTR, ENOLCK),
+    ROW(flock, ENOLCK, EINTR),
     ROW(mmap2, ENOMEM),
     ROW(mremap, ENOMEM),
     ROW(mprotect, ENOMEM),

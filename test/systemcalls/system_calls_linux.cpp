@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <iterator>
 #include <thread>
@@ -119,7 +120,7 @@ void SystemCalls::FailEach(const TestedExport& tested, Report& report, int most,
     if (!row) return report.Add("no row for call " + std::to_string(number));
     for (size_t i = 0; i < row->errors.size(); ++i) {
       for (const bool forEver : {false, true}) {
-        if (forEver && i != 0) continue;
+        if (forEver && (i != 0 || row->errors[i] == EINTR)) continue;  // no wait is interrupted for ever
         const SystemCallFailure failure{nth, row->errors[i], forEver};
         std::strcpy(report.current, Describe(tested, failure, number).c_str());
         run(failure);

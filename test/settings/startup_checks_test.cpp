@@ -160,10 +160,16 @@ TEST(SystemVersion, OldSystemsPassWithAnotherValue) {
 TEST(SystemVersion, UnreadableOneIsRefusedAndDisplayed) {
   auto beep = ANSWER_CALL(Beep, TRUE);
   auto free = COUNT_CALLS(FreeLibrary);
+  int waits = 0;  // for the end of the display
+  auto wait = STAND_IN(WaitForSingleObject, [&, own = GetCurrentThreadId()](int, HANDLE handle, DWORD ms) {
+    waits += ms == INFINITE && GetCurrentThreadId() == own;
+    return WaitForSingleObject(handle, ms);
+  });
   {
     auto load = FAIL_CALL(LoadLibraryA, 1, 126, nullptr);
     EXPECT_EQ(VemoChkOSVer(), 0);
     EXPECT_EQ(free.Calls(), 0);
+    EXPECT_EQ(waits, 1);
   }
   auto find = FAIL_CALL(GetProcAddress, 1, 127, nullptr);
   EXPECT_EQ(VemoChkOSVer(), 0);

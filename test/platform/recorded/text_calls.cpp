@@ -75,9 +75,9 @@ const CallRegistration kCalls([](auto& calls) {
   calls["make-folders"] =
       BindLambda([](const wchar_t* path) { return std::to_string(SHCreateDirectoryExW(nullptr, path, nullptr)); });
   calls["wcsncpy_s"] = BindLambda([](const wchar_t* text, DWORD count) {
-    wchar_t target[4] = L"zzz";
+    wchar_t target[8] = L"zzzzzzz";  // the call is told of four
     const int result = wcsncpy_s(target, 4, text, static_cast<size_t>(static_cast<int>(count)));
-    return std::to_string(result) + " " + Quoted(std::wstring(target, result == ERANGE ? std::wcslen(target) : 3));
+    return std::to_string(result) + " " + Quoted(std::wstring(target, result == ERANGE ? std::wcslen(target) : 6));
   });
   calls["_mbsnbcmp"] = BindLambda([](const char* first, const char* second, DWORD count) {
     return Sign(_mbsnbcmp(Bytes(first), Bytes(second), count));

@@ -98,6 +98,7 @@ TEST(SymbolTable, TakesNothingFromAFileThatLies) {
   EXPECT_TRUE(refused([](auto& m) { m.sections[1].sh_link = 77; }));
   EXPECT_TRUE(refused([](auto& m) { m.sections[1].sh_link = 1; }));
   EXPECT_TRUE(refused([](auto& m) { m.sections[2].sh_size = 0x40000000; }));
+  EXPECT_TRUE(refused([](auto& m) { ++m.sections[2].sh_size; }));  // a byte beyond the file
   EXPECT_TRUE(refused([](auto& m) { m.sections[2].sh_offset = 0xFFFFFFFF; }));
   EXPECT_TRUE(refused([](auto& m) { m.symbols[1].st_name = m.symbols[2].st_name = m.symbols[3].st_name = 0xFFFF; }));
   EXPECT_EQ(ReadFileSymbols(-1).size(), 0u);

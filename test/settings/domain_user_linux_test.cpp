@@ -27,8 +27,17 @@ CHILD_ROLE(StartAsUser) {
   return 0;
 }
 
+// Removes what the layer keeps for the users, who never come back.
+struct UsersObjects {
+  ~UsersObjects() {
+    for (const auto& each : std::filesystem::directory_iterator("/dev/shm"))
+      if (each.path().filename().string().starts_with("qel-5432")) std::filesystem::remove_all(each.path());
+  }
+};
+
 TEST(DomainUser, WritesLinesAndStartsOnce) {
   if (geteuid() != 0) GTEST_SKIP() << "only root may become another user";
+  const UsersObjects objects;
   const ScratchFolder folder;
   const std::string users = folder.Narrow("passwd");
   WriteWholeFile(users, "DOM\\Jane Doe:x:54321:54321::/tmp:/bin/sh\nDOM\\jd:x:54322:54322::/tmp:/bin/sh\n");

@@ -19,6 +19,9 @@ void FileObject::MovePosition() const {
   }
 }
 
-FileObject::~FileObject() { FreeRangeLocks(); }
+FileObject::~FileObject() {
+  FreeRangeLocks();
+  if (marks_) marks_->TakeOver(opened_.HandOver());
+}
 
 }  // namespace qel::layer

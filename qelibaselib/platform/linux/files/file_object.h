@@ -1,6 +1,7 @@
 /// @file
 /// The object behind a file handle. Its parts end in this order with the last handle: range locks are freed, the file
-/// is deleted if that was asked for, the place among the other opens is left, and the descriptor is closed.
+/// is deleted if that was asked for, the place among the other opens is left, and the descriptor is closed, or left to
+/// the mappings that are made of it.
 #pragma once
 #include <atomic>
 #include <memory>
@@ -47,7 +48,7 @@ class FileObject final : public Object {
   RangeLocks* Ranges();
 
   /// The marks of the mappings that are made of this file; null without memory.
-  std::shared_ptr<MappingMarks> Marks() const { return ShareMarks(&marks_); }
+  std::shared_ptr<MappingMarks> Marks() const { return ShareMarks(&marks_, descriptor()); }
 
   /// Deletes the file with the last handle.
   void DeleteLater() { deletion_.Intend(descriptor()); }
@@ -60,13 +61,13 @@ class FileObject final : public Object {
   static constexpr off_t kDescriptorsOwn = -1;
   static constinit std::atomic<bool> g_rangesEverLocked;
 
+  mutable std::shared_ptr<MappingMarks> marks_;  // ends last: it may have the descriptor then
   OpenedFile opened_;
   const bool overlapped_, checksRanges_;
   mutable std::atomic<off_t> position_{kDescriptorsOwn};
   mutable std::mutex positionMutex_;
   std::atomic<RangeLocks*> ranges_{nullptr};
   DeleteOnClose deletion_;  // ends before the file is closed
-  mutable std::shared_ptr<MappingMarks> marks_;
 };
 
 }  // namespace qel::layer

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <mutex>
 #include <new>
-#include <utility>
 
 #include "qelibaselib/platform/linux/base/error.h"
 #include "qelibaselib/platform/linux/base/fork_count.h"
@@ -21,30 +20,34 @@ constinit std::mutex g_mutex;
 
 const ForkedPart kMappingMarksAtFork = {[] { g_mutex.lock(); }, [](bool) { g_mutex.unlock(); }};
 
-MappingMarks::MappingMarks() : forks_(g_forkCount) {}
+MappingMarks::MappingMarks(int descriptor) : descriptor_(descriptor), forks_(g_forkCount) {}
 
-DWORD MappingMarks::Add(int descriptor, bool forWriting) {
+MappingMarks::~MappingMarks() {
+  if (owned_ >= 0) CloseDescriptor(owned_);
+}
+
+DWORD MappingMarks::Add(bool forWriting) {
   const std::lock_guard lock(g_mutex);
-  if (!PlaceMappedMark(descriptor, forWriting)) return ERROR_USER_MAPPED_FILE;
+  if (!PlaceMappedMark(descriptor_, forWriting)) return ERROR_USER_MAPPED_FILE;
   ++mappings_;
   writable_ += forWriting ? 1 : 0;
   return ERROR_SUCCESS;
 }
 
-void MappingMarks::Remove(int descriptor, bool forWriting) {
+void MappingMarks::Remove(bool forWriting) {
   const std::lock_guard lock(g_mutex);
   --mappings_;
   writable_ -= forWriting ? 1 : 0;
   if (forks_ != g_forkCount) return;
   if (mappings_ == 0)
-    LiftMappedMark(descriptor, LiftedMark::kAll);
+    LiftMappedMark(descriptor_, LiftedMark::kAll);
   else if (forWriting && writable_ == 0)
-    LiftMappedMark(descriptor, LiftedMark::kForWriting);
+    LiftMappedMark(descriptor_, LiftedMark::kForWriting);
 }
 
-DWORD MappingMarks::CutFile(int descriptor, off_t size) {
+DWORD MappingMarks::CutFile(off_t size) {
   const std::lock_guard lock(g_mutex);
-  return mappings_ > 0 ? ERROR_USER_MAPPED_FILE : CutUnmappedFile(descriptor, size);
+  return mappings_ > 0 ? ERROR_USER_MAPPED_FILE : CutUnmappedFile(descriptor_, size);
 }
 
 DWORD CutUnmappedFile(int descriptor, off_t size) {
@@ -53,23 +56,22 @@ DWORD CutUnmappedFile(int descriptor, off_t size) {
   return ftruncate(descriptor, size) == 0 ? ERROR_SUCCESS : ErrorFromErrno(errno);
 }
 
-std::shared_ptr<MappingMarks> ShareMarks(std::shared_ptr<MappingMarks>* marks) try {
+std::shared_ptr<MappingMarks> ShareMarks(std::shared_ptr<MappingMarks>* marks, int descriptor) try {
   const std::lock_guard lock(g_mutex);
-  if (!*marks) *marks = std::make_shared<MappingMarks>();
+  if (!*marks) *marks = std::make_shared<MappingMarks>(descriptor);
   return *marks;
 } catch (const std::bad_alloc&) {
   return nullptr;
 }
 
 MappedDescriptor::~MappedDescriptor() {
-  if (marks_) marks_->Remove(descriptor_, forWriting_);
-  close(descriptor_);
+  if (holdsFile_) marks_->Remove(forWriting_);
+  if (!marks_) CloseDescriptor(descriptor_);
 }
 
-DWORD MappedDescriptor::HoldFile(std::shared_ptr<MappingMarks> marks, bool forWriting) {
-  if (!marks) return ERROR_NOT_ENOUGH_MEMORY;
-  if (const DWORD error = marks->Add(descriptor_, forWriting)) return error;
-  marks_ = std::move(marks);
+DWORD MappedDescriptor::HoldFile(bool forWriting) {
+  if (const DWORD error = marks_->Add(forWriting)) return error;
+  holdsFile_ = true;
   forWriting_ = forWriting;
   return ERROR_SUCCESS;
 }

@@ -5,9 +5,9 @@
 /// views would lose their contents, and touching them would raise faults. A writable mapping moreover holds off opens
 /// that do not share writing. Both must outlive the handle that the mapping was made of.
 ///
-/// The idea: a mapping keeps a duplicate of the file's descriptor, and the open file description behind both carries
-/// marks, two more of the bytes by which opens tell each other of their share modes (file_sharing.h). Whoever empties
-/// or cuts takes the first of these bytes for himself alone for that moment.
+/// The idea: a mapping shares the descriptor of the file object, which hands it over when it ends first, and the open
+/// file description carries marks, two more of the bytes by which opens tell each other of their share modes
+/// (file_sharing.h). Whoever empties or cuts takes the first of these bytes for himself alone for that moment.
 ///
 /// The invariant: the marks stand exactly while one of the mappings and views lives that were made of this open file
 /// description; so they are counted for each description. The kernel lifts them when the process ends, also after
@@ -16,6 +16,7 @@
 #include <sys/types.h>
 
 #include <memory>
+#include <utility>
 
 #include "qelibaselib/platform/linux/base/descriptor.h"
 #include "qelibaselib/platform/linux/base/forked_part.h"
@@ -23,20 +24,29 @@
 
 namespace qel::layer {
 
-/// The marks of one open file description. All its functions may be called by several threads.
+/// The marks of one open file description, which a file object and the mappings of it share. All functions but
+/// TakeOver may be called by several threads.
 class MappingMarks {
  public:
-  MappingMarks();
+  /// `descriptor` stays open as long as this lives.
+  explicit MappingMarks(int descriptor);
   MappingMarks(const MappingMarks&) = delete;
   MappingMarks& operator=(const MappingMarks&) = delete;
+  ~MappingMarks();
+
+  int descriptor() const { return descriptor_; }
+  /// Has this close the descriptor at its end. For its owner so far, who still shares the marks.
+  void TakeOver(int descriptor) { owned_ = descriptor; }
 
   /// ERROR_USER_MAPPED_FILE when another has been cutting the file for too long.
-  DWORD Add(int descriptor, bool forWriting);
-  void Remove(int descriptor, bool forWriting);
+  DWORD Add(bool forWriting);
+  void Remove(bool forWriting);
   /// Cuts the file, unless any mapping of it exists: ERROR_USER_MAPPED_FILE.
-  DWORD CutFile(int descriptor, off_t size);
+  DWORD CutFile(off_t size);
 
  private:
+  const int descriptor_;
+  int owned_ = -1;
   unsigned mappings_ = 0, writable_ = 0;
   const unsigned forks_;
 };
@@ -45,26 +55,28 @@ class MappingMarks {
 DWORD CutUnmappedFile(int descriptor, off_t size);
 
 /// Gives the marks, which are made at the first use; null without memory.
-std::shared_ptr<MappingMarks> ShareMarks(std::shared_ptr<MappingMarks>* marks);
+std::shared_ptr<MappingMarks> ShareMarks(std::shared_ptr<MappingMarks>* marks, int descriptor);
 
-/// The descriptor that a mapping and its views share. It is closed, and the file held no longer, with the last of them.
+/// The descriptor that a mapping and its views share. The last of them lets it go, and holds the file no longer.
 class MappedDescriptor {
  public:
-  /// Takes the descriptor over.
-  explicit MappedDescriptor(Descriptor& descriptor) : descriptor_(descriptor.Detach()) {}
+  /// Of memory that no file stands behind. Takes the descriptor over.
+  explicit MappedDescriptor(Descriptor& memory) : descriptor_(memory.Detach()) {}
+  /// Of a file.
+  explicit MappedDescriptor(std::shared_ptr<MappingMarks> marks)
+      : descriptor_(marks->descriptor()), marks_(std::move(marks)) {}
   MappedDescriptor(const MappedDescriptor&) = delete;
   MappedDescriptor& operator=(const MappedDescriptor&) = delete;
   ~MappedDescriptor();
 
-  /// Holds the file from now on, with the marks of its open file description. To be called once, and not for memory
-  /// that no file stands behind.
-  DWORD HoldFile(std::shared_ptr<MappingMarks> marks, bool forWriting);
+  /// Holds the file from now on. To be called once, and not for memory.
+  DWORD HoldFile(bool forWriting);
   int get() const { return descriptor_; }
 
  private:
   const int descriptor_;
-  bool forWriting_ = false;
-  std::shared_ptr<MappingMarks> marks_;
+  bool holdsFile_ = false, forWriting_ = false;
+  const std::shared_ptr<MappingMarks> marks_;  // null for memory
 };
 
 extern const ForkedPart kMappingMarksAtFork;

@@ -88,7 +88,8 @@ OpenedFile::~OpenedFile() { Close(); }
 void OpenedFile::Close() {
   if (descriptor_ < 0) return;
   place_.Leave(descriptor_);
-  CloseDescriptor(std::exchange(descriptor_, -1));
+  if (closes_) CloseDescriptor(descriptor_);
+  descriptor_ = -1;
 }
 
 DWORD OpenedFile::Open(const SystemPath& path, const FileRequest& request) {

@@ -44,6 +44,11 @@ class OpenedFile {
   DWORD Open(const SystemPath& path, const FileRequest& request);
 
   int descriptor() const { return descriptor_; }
+  /// Gives the descriptor to another owner, who keeps it open until this has ended.
+  int HandOver() {
+    closes_ = false;
+    return descriptor_;
+  }
   bool existed() const { return existed_; }
   bool rangesLocked() const { return rangesLocked_; }
   unsigned access() const { return access_; }
@@ -64,7 +69,7 @@ class OpenedFile {
   void Close();
 
   int descriptor_ = -1;
-  bool existed_ = false, rangesLocked_ = false;
+  bool closes_ = true, existed_ = false, rangesLocked_ = false;
   unsigned access_ = 0;
   SharePlace place_;
   FileStatus status_ = {};

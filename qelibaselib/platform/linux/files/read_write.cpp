@@ -175,7 +175,7 @@ DWORD EndFileHere(const FileObject& file) {
   if (end > size) return GrowFile(file.descriptor(), size, end);
   if (end == size) return ERROR_SUCCESS;
   const std::shared_ptr<MappingMarks> marks = file.Marks();
-  return marks ? marks->CutFile(file.descriptor(), end) : ERROR_NOT_ENOUGH_MEMORY;
+  return marks ? marks->CutFile(end) : ERROR_NOT_ENOUGH_MEMORY;
 }
 
 }  // namespace

@@ -125,8 +125,10 @@ DWORD OpenRecordedFile(const Storage& storage, Mapping::Contents* contents) {
   const bool forWriting = contents->protection == PAGE_READWRITE;
   Descriptor opened(OpenByAnyWay(*record, forWriting ? O_RDWR : O_RDONLY));
   if (opened.get() < 0) return ERROR_FILE_NOT_FOUND;
-  const auto held = std::make_shared<MappedDescriptor>(opened);
-  if (const DWORD error = held->HoldFile(std::make_shared<MappingMarks>(), forWriting)) return error;
+  const auto marks = std::make_shared<MappingMarks>(opened.get());
+  marks->TakeOver(opened.Detach());
+  const auto held = std::make_shared<MappedDescriptor>(marks);
+  if (const DWORD error = held->HoldFile(forWriting)) return error;
   contents->descriptor = held;
   contents->start = 0;
   contents->bytes = record->bytes;

@@ -1,12 +1,12 @@
 #include "qelibaselib/platform/linux/memory/mapping.h"
 
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <new>
+#include <utility>
 
 #include "qelibaselib/platform/linux/base/descriptor.h"
 #include "qelibaselib/platform/linux/base/error.h"
@@ -85,10 +85,10 @@ DWORD HoldFileOf(HANDLE handle, uint64_t wanted, Mapping::Contents* contents) {
   const auto* const file = pin.As<FileObject>(Kind::kFile);
   if (!file) return ERROR_INVALID_HANDLE;
   if (!file->MayRead() || (contents->protection == PAGE_READWRITE && !file->MayWrite())) return ERROR_ACCESS_DENIED;
-  Descriptor duplicate(fcntl(file->descriptor(), F_DUPFD_CLOEXEC, 0));
-  if (duplicate.get() < 0) return ErrorFromErrno(errno);
-  const auto held = std::make_shared<MappedDescriptor>(duplicate);
-  if (const DWORD error = held->HoldFile(file->Marks(), contents->protection == PAGE_READWRITE)) return error;
+  std::shared_ptr<MappingMarks> marks = file->Marks();
+  if (!marks) return ERROR_NOT_ENOUGH_MEMORY;
+  const auto held = std::make_shared<MappedDescriptor>(std::move(marks));
+  if (const DWORD error = held->HoldFile(contents->protection == PAGE_READWRITE)) return error;
   contents->descriptor = held;
   contents->isFile = true;
   return DecideSize(held->get(), wanted, contents);  // once nobody can cut it any more

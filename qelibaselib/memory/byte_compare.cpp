@@ -4,13 +4,14 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <utility>
 
 namespace qel::memory {
 namespace {
 
 constexpr DWORD kPageBytes = 4096;
 constexpr DWORD kLaneBytes = sizeof(__m128i);
-constexpr DWORD kBlockBytes = 4 * kLaneBytes;
+constexpr DWORD kLanes = 8, kBlockBytes = kLanes * kLaneBytes;
 
 DWORD BytesToPageEnd(const BYTE* address) {
   return kPageBytes - (reinterpret_cast<uintptr_t>(address) & (kPageBytes - 1));
@@ -21,17 +22,18 @@ __m128i EqualLanes(const BYTE* first, const BYTE* second) {
                         _mm_loadu_si128(reinterpret_cast<const __m128i*>(second)));
 }
 
-bool BlocksEqual(const BYTE* first, const BYTE* second) {
-  const __m128i low = _mm_and_si128(EqualLanes(first, second), EqualLanes(first + kLaneBytes, second + kLaneBytes));
-  const __m128i high = _mm_and_si128(EqualLanes(first + 2 * kLaneBytes, second + 2 * kLaneBytes),
-                                     EqualLanes(first + 3 * kLaneBytes, second + 3 * kLaneBytes));
-  return _mm_movemask_epi8(_mm_and_si128(low, high)) == 0xFFFF;
+template <size_t... kLane>
+bool BlocksEqual(const BYTE* first, const BYTE* second, std::index_sequence<kLane...>) {
+  __m128i equal = EqualLanes(first, second);
+  ((equal = _mm_and_si128(equal, EqualLanes(first + kLane * kLaneBytes, second + kLane * kLaneBytes))), ...);
+  return _mm_movemask_epi8(equal) == 0xFFFF;
 }
 
 // How many bytes from the start on are equal.
 DWORD EqualBytes(const BYTE* first, const BYTE* second, DWORD size) {
   DWORD equal = 0;
-  while (size - equal >= kBlockBytes && BlocksEqual(first + equal, second + equal)) equal += kBlockBytes;
+  while (size - equal >= kBlockBytes && BlocksEqual(first + equal, second + equal, std::make_index_sequence<kLanes>{}))
+    equal += kBlockBytes;
   while (size - equal >= kLaneBytes && _mm_movemask_epi8(EqualLanes(first + equal, second + equal)) == 0xFFFF)
     equal += kLaneBytes;
   while (equal < size && first[equal] == second[equal]) ++equal;

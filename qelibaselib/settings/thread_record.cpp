@@ -4,7 +4,9 @@
 // number of the slot is shared by all threads and set once, by an atomic exchange.
 #include "qelibaselib/settings/thread_record.h"
 
+#include <algorithm>
 #include <cstddef>
+#include <iterator>
 
 #include "qelibaselib/base/saved_error.h"
 #include "qelibaselib/log/log_channel.h"
@@ -21,8 +23,9 @@ constinit LONG g_slot = static_cast<LONG>(TLS_OUT_OF_INDEXES);
 
 DWORD RecordSlot() { return static_cast<DWORD>(__atomic_load_n(&g_slot, __ATOMIC_RELAXED)); }
 
-bool AllocateSlot() {
-  if (RecordSlot() != TLS_OUT_OF_INDEXES) return true;
+bool HasSlot() { return RecordSlot() != TLS_OUT_OF_INDEXES; }
+
+[[gnu::cold]] bool AllocateSlot() {
   const DWORD slot = TlsAlloc();
   if (slot == TLS_OUT_OF_INDEXES) {
     WriteAssertion(QEL_HERE, GetLastError());
@@ -42,18 +45,12 @@ void SetPosition(ThreadRecord& record, SourcePosition position) {
   record.line = position.line;
 }
 
-// Returns the record; null when there is none.
-ThreadRecord* RegisterPosition(SourcePosition position) {
-  const DWORD errorAtEntry = GetLastError();
-  ThreadRecord* record = GetThreadRecord();
-  if (record)
-    SetPosition(*record, position);
-  else
-    WriteAssertion(QEL_HERE, errorAtEntry);
-  return record;
+void ClearPosition(ThreadRecord& record) {
+  std::copy_n(kNoSourceFile, std::size(kNoSourceFile), record.sourceFile);
+  record.line = kNoSourcePosition.line;
 }
 
-ThreadRecord* CreateRecord() {
+[[gnu::cold]] ThreadRecord* CreateRecord() {
   auto* record = static_cast<ThreadRecord*>(GlobalAlloc(GMEM_FIXED, sizeof(ThreadRecord)));
   if (!record) {
     WriteAssertion(QEL_HERE, GetLastError());
@@ -69,23 +66,36 @@ ThreadRecord* CreateRecord() {
   }
   record->threadId = GetCurrentThreadId();
   record->ompThreadCount = static_cast<int>(ProcessorCount());
-  SetPosition(*record, kNoSourcePosition);
+  ClearPosition(*record);
+  return record;
+}
+
+// `errorAtEntry` is the last error that stays.
+ThreadRecord* FindOrCreateRecord(DWORD errorAtEntry) {
+  if (!HasSlot() && !AllocateSlot()) return nullptr;
+  auto* record = static_cast<ThreadRecord*>(TlsGetValue(RecordSlot()));  // clears the last error
+  if (!record) record = CreateRecord();
+  if (record) SetLastError(errorAtEntry);
+  return record;
+}
+
+// Returns the record; null when there is none.
+ThreadRecord* RegisterPosition(SourcePosition position) {
+  const DWORD errorAtEntry = GetLastError();
+  ThreadRecord* record = FindOrCreateRecord(errorAtEntry);
+  if (record)
+    SetPosition(*record, position);
+  else
+    WriteAssertion(QEL_HERE, errorAtEntry);
   return record;
 }
 
 }  // namespace
 
-ThreadRecord* GetThreadRecord() {
-  const DWORD error = GetLastError();  // TlsGetValue clears it
-  if (!AllocateSlot()) return nullptr;
-  auto* record = static_cast<ThreadRecord*>(TlsGetValue(RecordSlot()));
-  if (!record) record = CreateRecord();
-  if (record) SetLastError(error);
-  return record;
-}
+ThreadRecord* GetThreadRecord() { return FindOrCreateRecord(GetLastError()); }
 
 void FreeThreadRecord() {
-  if (RecordSlot() == TLS_OUT_OF_INDEXES) return;
+  if (!HasSlot()) return;
   auto* record = static_cast<ThreadRecord*>(TlsGetValue(RecordSlot()));
   if (!record) return;
   GlobalFree(record);
@@ -93,7 +103,7 @@ void FreeThreadRecord() {
 }
 
 void FreeThreadRecordSlot() {
-  if (RecordSlot() == TLS_OUT_OF_INDEXES) return;
+  if (!HasSlot()) return;
   if (!TlsFree(RecordSlot())) WriteAssertion(QEL_HERE, GetLastError());
   InterlockedExchange(&g_slot, static_cast<LONG>(TLS_OUT_OF_INDEXES));
 }
@@ -102,7 +112,7 @@ ScopedSourcePosition::ScopedSourcePosition(SourcePosition position) : record_(Re
 
 ScopedSourcePosition::~ScopedSourcePosition() {
   if (record_)
-    SetPosition(*record_, kNoSourcePosition);
+    ClearPosition(*record_);
   else
     RegisterPosition(kNoSourcePosition);
 }

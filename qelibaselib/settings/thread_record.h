@@ -37,7 +37,8 @@ class ScopedSourcePosition {
 };
 
 /// What a record holds while nothing is registered.
-inline constexpr SourcePosition kNoSourcePosition{0, "????????.???"};
+inline constexpr char kNoSourceFile[] = "????????.???";
+inline constexpr SourcePosition kNoSourcePosition{0, kNoSourceFile};
 
 /// The position that the calling thread registered last, the name inside the thread's record. Without a record an
 /// assertion line is written and `position` stays as it is.

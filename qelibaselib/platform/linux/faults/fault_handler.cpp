@@ -166,14 +166,29 @@ void RestoreCancellation(int state) { pthread_setcancelstate(state, nullptr); }
 
 }  // namespace fault
 
-extern "C" __attribute__((used)) void fault_enter(GuardFrame* guard) {
+namespace {
+
+void MakeInnermost(GuardFrame* guard) {
   qel::layer::FaultThread& thread = qel::layer::t_faultThread;
-  if (!thread.ready) [[unlikely]]
-    qel::layer::PrepareFaultThread();
   guard->state = GuardState::kQuiet;
   guard->outer = thread.innermost;
   std::atomic_signal_fence(std::memory_order_seq_cst);
   thread.innermost = guard;
+}
+
+// A function of its own, so that the entry on a prepared thread calls nothing and saves no registers.
+[[gnu::noinline]] void PrepareThreadAndEnter(GuardFrame* guard) {
+  qel::layer::PrepareFaultThread();
+  MakeInnermost(guard);
+}
+
+}  // namespace
+
+extern "C" __attribute__((used)) void fault_enter(GuardFrame* guard) {
+  if (qel::layer::t_faultThread.ready) [[likely]]
+    MakeInnermost(guard);
+  else
+    PrepareThreadAndEnter(guard);
 }
 
 extern "C" __attribute__((used)) void fault_leave(GuardFrame* guard) {

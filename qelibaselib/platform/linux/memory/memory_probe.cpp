@@ -7,18 +7,29 @@ namespace {
 
 using qel::layer::kPageSize;
 
+constexpr bool LiesInOnePage(uintptr_t first, ULONG_PTR size) {
+  return size - 1 < kPageSize - (first & (kPageSize - 1));  // false for no bytes: size - 1 wraps
+}
+
 // Whether a byte of each page of the range fails the probe. A range that wraps around is bad.
 template <class Probe>
-bool IsBad(uintptr_t first, ULONG_PTR size, Probe probe) {
-  if (size == 0) return false;
+[[gnu::noinline]] BOOL IsBadRange(uintptr_t first, ULONG_PTR size, Probe probe) {
+  if (size == 0) return FALSE;
   if (!qel::layer::t_faultThread.ready) [[unlikely]]
     qel::layer::PrepareFaultThread();
   const uintptr_t last = first + size - 1;
-  if (last < first) return true;
+  if (last < first) return TRUE;
   for (uintptr_t address = first;; address = (address | (kPageSize - 1)) + 1) {
-    if (probe(address)) return true;
-    if ((address ^ last) < kPageSize) return false;
+    if (probe(address)) return TRUE;
+    if ((address ^ last) < kPageSize) return FALSE;
   }
+}
+
+template <class Probe>
+BOOL IsBad(uintptr_t first, ULONG_PTR size, Probe probe) {
+  if (qel::layer::t_faultThread.ready && LiesInOnePage(first, size)) [[likely]]
+    return probe(first);
+  return IsBadRange(first, size, probe);
 }
 
 }  // namespace

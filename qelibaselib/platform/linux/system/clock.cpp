@@ -2,7 +2,6 @@
 
 #include <chrono>
 
-#include "qelibaselib/platform/linux/base/coarse_clock.h"
 #include "qelibaselib/platform/linux/system/time_zone.h"
 #include "qelibaselib/platform/linux/win32/sysinfoapi.h"
 
@@ -34,7 +33,11 @@ void GetLocalTime(LPSYSTEMTIME time) {
 }
 
 // In steps of the system's timer, as on Windows: costs a quarter of the exact time.
-DWORD GetTickCount() { return static_cast<DWORD>(qel::layer::CoarseNs() / kNanosecondsPerMs); }
+DWORD GetTickCount() {
+  constexpr DWORD kMsPerSecond = 1000;
+  const timespec now = Now(CLOCK_MONOTONIC_COARSE);
+  return static_cast<DWORD>(now.tv_sec) * kMsPerSecond + static_cast<DWORD>(now.tv_nsec / kNanosecondsPerMs);
+}
 
 BOOL QueryPerformanceCounter(PLARGE_INTEGER count) {
   const timespec now = Now(CLOCK_MONOTONIC);

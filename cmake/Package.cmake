@@ -3,6 +3,7 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME Runtime)
+set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)  # tests need not be built to lay out the product
 
 set(package_include ${CMAKE_INSTALL_INCLUDEDIR}/qelibaselib-${PROJECT_VERSION_MAJOR})
 set(package_cmake ${CMAKE_INSTALL_LIBDIR}/cmake/QelIBaseLib)

@@ -1,4 +1,5 @@
 // Writers killed at any instruction: what they leave is nothing, or a file of the full size that the next one replaces.
+#include <chrono>
 #include <thread>
 
 #include "test/file/transfer_test.h"
@@ -6,7 +7,8 @@
 namespace qel::test {
 namespace {
 
-constexpr int kKills = 200;
+constexpr int kKills = 60;
+constexpr std::chrono::microseconds kLater{150};  // from one kill to the next: the last comes after three copies or so
 constexpr DWORD kBytes = 3 << 20;
 
 std::wstring Wide(const std::string& path) { return std::filesystem::path(path).wstring(); }
@@ -47,7 +49,7 @@ class TransferKill : public FileTest {
     for (int kill = 0; kill < kKills; ++kill) {
       ChildProcess child(role, {Text("target"), argument});
       ASSERT_EQ(child.WaitForLine(), "begun");
-      std::this_thread::sleep_for(std::chrono::microseconds(kill * 97 % 9000));
+      std::this_thread::sleep_for(kill * kLater);
       ASSERT_TRUE(child.Running()) << "a writer must not fail by itself";
       child.Kill();
       child.Wait();

@@ -1,7 +1,5 @@
 // What a host should never pass: every export answers with its failure value and stays of use.
 #include "test/file/transfer_test.h"
-#include "test/support/open_handles.h"
-#include "test/support/page_buffer.h"
 
 namespace qel::test {
 namespace {

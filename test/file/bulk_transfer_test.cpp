@@ -1,5 +1,4 @@
 #include "test/file/transfer_test.h"
-#include "test/support/open_handles.h"
 
 namespace qel::test {
 namespace {
@@ -103,23 +102,28 @@ TEST_F(BulkTransfer, ViewsStartAtTheGranularityAndAreGivenBackByTheAddressOfTheD
 
 TEST_F(BulkTransfer, ViewsAreFlushedWhileMemoryIsShort) {
   const std::string bytes = Pattern(kChunk + 1);
-  const ScopedFile file = NewFile("x");
-  MemoryShortage shortage;
-  auto flush = WATCH_CALL(FlushViewOfFile, [](LPCVOID, SIZE_T size) { EXPECT_EQ(size, 0u); });
-  const auto flushesOf = [&](BOOL done) {
-    static int before;
-    EXPECT_TRUE(done);
-    return flush.Calls() - std::exchange(before, flush.Calls());
-  };
-  const std::wstring source = Wide("s"), target = Wide("t");
   const DWORD size = static_cast<DWORD>(bytes.size());
+  const ScopedFile file = NewFile("x");
+  const std::wstring source = Wide("s"), target = Wide("t");
+  NamedObject first(size), second(size);
+  MemoryShortage shortage;
   ULONGLONG written;
   for (const int threshold : {0, 100, -1}) {
-    const int each = threshold < 0 ? 0 : 2;
-    EXPECT_EQ(flushesOf(Mem2FileMMF(HOST, bytes.data(), size, source.c_str(), threshold)), each);
-    EXPECT_EQ(flushesOf(CopyFileMMF(HOST, source.c_str(), target.c_str(), FALSE, threshold, TRUE)), 2 * each);
-    EXPECT_EQ(flushesOf(CopyFileMMF(HOST, source.c_str(), target.c_str(), FALSE, threshold, FALSE)), each);
-    EXPECT_EQ(flushesOf(WriteFileMMF2(HOST, file.Get(), bytes.data(), size, &written, nullptr, 7, threshold)), each);
+    const std::pair<int, std::function<BOOL()>> transfers[] = {
+        // and how many views each of its two chunks has
+        {1, [&] { return Mem2FileMMF(HOST, bytes.data(), size, source.c_str(), threshold); }},
+        {2, [&] { return CopyFileMMF(HOST, source.c_str(), target.c_str(), FALSE, threshold, TRUE); }},
+        {1, [&] { return CopyFileMMF(HOST, source.c_str(), target.c_str(), FALSE, threshold, FALSE); }},
+        {1, [&] { return WriteFileMMF2(HOST, file.Get(), bytes.data(), size, &written, nullptr, 7, threshold); }},
+        {2, [&] { return FileToObject(HOST, source.c_str(), size, 0, first.Name(), threshold, TRUE); }},
+        {1, [&] { return FileToObject(HOST, source.c_str(), size, 0, first.Name(), threshold, FALSE); }},
+        {2, [&] { return CopyObject(HOST, first.Name(), size, 0, second.Name(), threshold); }},
+        {2, [&] { return ObjectToFile(HOST, second.Name(), size, 0, target.c_str(), threshold); }}};
+    for (const auto& [views, transfer] : transfers) {
+      const auto flush = WATCH_CALL(FlushViewOfFile, [](LPCVOID, SIZE_T flushed) { EXPECT_EQ(flushed, 0u); });
+      EXPECT_TRUE(transfer());
+      EXPECT_EQ(flush.Calls(), threshold < 0 ? 0 : 2 * views);
+    }
   }
   EXPECT_TRUE(FileHolds(Path("t"), bytes));
 }

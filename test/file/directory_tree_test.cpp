@@ -1,5 +1,4 @@
 #include "test/file/tree_test.h"
-#include "test/support/open_handles.h"
 
 namespace qel::test {
 namespace {

@@ -1,9 +1,6 @@
 // A process whose address space is used up: what needs a view fails with error 8, what needs none works, and contents
 // that were there stay as they were.
 #include "test/file/transfer_test.h"
-#include "test/support/exhaustion.h"
-#include "test/support/open_handles.h"
-#include "test/support/sanitizer.h"
 
 namespace qel::test {
 namespace {

@@ -2,10 +2,10 @@
 // error of the call, and leaves nothing open.
 #pragma once
 #include "test/file/transfer_test.h"
-#include "test/support/failing_calls.h"
+#include "test/support/library.h"
+#include "test/support/tested_exports.h"
 
 namespace qel::test {
-namespace fs = std::filesystem;
 
 // The calls that the file operations are made of, and those of the log writer under them. Left out are those that give
 // something back: a handle that the system does not close stays open.
@@ -42,24 +42,17 @@ inline const std::vector<FailingCall> kCalls = {
 
 class FailingCalls : public FileTest {
  protected:
-  // An export as the driver sees it.
-  struct Export {
-    std::function<void()> prepare;  // makes things as they are before the call
-    std::function<bool()> call;     // whether it reports success
-    std::function<bool()> holds;    // whether what a success promises is there
-    // The calls without which there is no success, where their error is the last error then.
-    std::vector<std::string> needs;
-    bool keepsError = true;
-  };
-
-  void Drive(const Export& tested) {
-    FakeClock clock;
+  static void Drive(const std::vector<TestedExport>& exports) {
+    for (const TestedExport& each : exports) Drive(each);
+  }
+  static void Drive(const TestedExport& tested) {
+    SCOPED_TRACE(tested.name);
+    const FakeClock clock;
     // No flush takes longer than all before it, which would be logged, once.
-    const StandIn<"QueryPerformanceCounter", decltype(&::QueryPerformanceCounter)> noTimePasses{
-        [](int, LARGE_INTEGER* count) {
-          count->QuadPart = 0;
-          return TRUE;
-        }};
+    const auto counter = STAND_IN(QueryPerformanceCounter, [](int, LARGE_INTEGER* now) {
+      now->QuadPart = 1;
+      return TRUE;
+    });
     tested.prepare();
     tested.call();  // what is made once in a process is made now
     FailEachCall(kCalls, [&](const FailedRun& failed) {
@@ -72,20 +65,13 @@ class FailingCalls : public FileTest {
       if (failed.forEver && failed.HasFailed() && failed.nth == 1) {
         EXPECT_EQ(succeeded, !isNeeded);
       }
-      EXPECT_TRUE(succeeded || !tested.keepsError || error == failed.call.error) << error;
+      EXPECT_TRUE(succeeded || tested.tells != Tells::kItsError || error == failed.call.error) << error;
       TakeLines(channel::kFileOperation);
       TakeLines(channel::kAssert);
     });
     tested.prepare();
     EXPECT_TRUE(tested.call() && tested.holds()) << "after all failures";
   }
-
-  bool Holds(const char* name, const std::string& bytes) const { return Read(name) == bytes; }
-
-  ScopedFile OpenFile(const char* name) const {
-    return ScopedFile(OpenPlain(Wide(name), GENERIC_READ | GENERIC_WRITE, 3, OPEN_ALWAYS));
-  }
-  static bool Close(HANDLE file) { return file != INVALID_HANDLE_VALUE && file != nullptr && CloseHandle(file); }
 };
 
 }  // namespace qel::test

@@ -1,5 +1,3 @@
-#include <filesystem>
-
 #include "test/file/file_test.h"
 
 CHILD_ROLE(HoldFile) {

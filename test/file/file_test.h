@@ -1,23 +1,7 @@
 // What the tests of the file operations share.
 #pragma once
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <functional>
-#include <string>
-#include <vector>
-
-#include "qelibaselib/base/scoped_handles.h"
 #include "qelibaselib/file/chunked_view.h"
-#include "qelibaselib/file/file.h"
-#include "test/support/child_process.h"
-#include "test/support/fake_clock.h"
-#include "test/support/log_folder.h"
-#include "test/support/replace_call.h"
-#include "test/support/scratch_folder.h"
-
-// The place that a host passes as its own.
-#define HOST 4711, "host.cpp"
+#include "test/support/library.h"
 
 namespace qel::test {
 

@@ -1,6 +1,4 @@
-#include "qelibaselib/settings/flush_statistics.h"
 #include "test/file/file_test.h"
-#include "test/support/open_handles.h"
 
 namespace qel::test {
 namespace {

@@ -2,12 +2,10 @@
 #include <unistd.h>
 
 #include "test/file/transfer_test.h"
-#include "test/support/open_handles.h"
 #include "test/support/small_disk.h"
 
 namespace qel::test {
 namespace {
-namespace fs = std::filesystem;
 
 class FullDisk : public FileTest {
  protected:

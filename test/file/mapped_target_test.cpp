@@ -1,8 +1,4 @@
 // Transfers into a file that is mapped: refused, and the file keeps what it holds.
-#include <functional>
-#include <string>
-#include <utility>
-
 #include "test/file/transfer_test.h"
 
 namespace qel::test {

@@ -1,5 +1,4 @@
 #include "test/file/transfer_test.h"
-#include "test/support/open_handles.h"
 
 namespace qel::test {
 namespace {
@@ -77,20 +76,6 @@ TEST_F(ObjectFile, ASizeBeyondTheObjectFailsAtItsView) {
   EXPECT_EQ(Assertions().size(), 2u);
   EXPECT_FALSE(ObjectToFile(HOST, source.Name(), 8192, 0, Wide("f").c_str(), -1));
   EXPECT_TRUE(FileHolds(Path("f"), std::string(8192, '\0'))) << "the size, no contents";
-}
-
-TEST_F(ObjectFile, ViewsAreFlushedWhileMemoryIsShort) {
-  NamedObject source(4096), target(4096);
-  MemoryShortage shortage;
-  auto flush = COUNT_CALLS(FlushViewOfFile);
-  EXPECT_TRUE(ObjectToFile(HOST, source.Name(), 4096, 0, Wide("f").c_str(), 100));
-  EXPECT_TRUE(CopyObject(HOST, source.Name(), 4096, 0, target.Name(), 0));
-  EXPECT_TRUE(FileToObject(HOST, Wide("f").c_str(), 4096, 0, target.Name(), 0, TRUE));
-  EXPECT_EQ(flush.Calls(), 6);
-  EXPECT_TRUE(FileToObject(HOST, Wide("f").c_str(), 4096, 0, target.Name(), 0, FALSE));
-  EXPECT_EQ(flush.Calls(), 7);
-  EXPECT_TRUE(CopyObject(HOST, source.Name(), 4096, 0, target.Name(), -1));
-  EXPECT_EQ(flush.Calls(), 7);
 }
 
 }  // namespace

@@ -2,22 +2,12 @@
 #pragma once
 #include "qelibaselib/memory/physical_memory.h"
 #include "test/file/file_test.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 
 inline constexpr DWORD kGranularity = 0x10000;
 inline constexpr DWORD kChunk = 0x1000000;
-
-// Bytes that tell every place of a file from its neighbours and from the same place of another chunk.
-inline std::string Pattern(size_t size, unsigned seed = 1) {
-  std::string bytes(size, '\0');
-  unsigned value = seed;
-  for (char& byte : bytes) {
-    value = value * 1664525 + 1013904223;
-    byte = static_cast<char>(value >> 24);
-  }
-  return bytes;
-}
 
 // Compares without printing megabytes.
 inline testing::AssertionResult SameBytes(const std::string& actual, const std::string& expected) {

@@ -1,9 +1,9 @@
 // What the tests of folder trees share.
 #pragma once
 #include "test/file/file_test.h"
+#include "test/support/library.h"
 
 namespace qel::test {
-namespace fs = std::filesystem;
 
 class DirectoryTree : public FileTest {
  protected:

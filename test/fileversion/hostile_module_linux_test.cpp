@@ -1,15 +1,10 @@
 // Modules that somebody has tampered with: nothing is read outside them. On Windows the parser is the system's.
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <cstring>
-#include <filesystem>
 #include <random>
 
-#include "qelibaselib/qelibaselib.h"
 #include "test/fileversion/module_builder.h"
-#include "test/support/log_folder.h"
-#include "test/support/scratch_folder.h"
+#include "test/support/library.h"
 
 namespace {
 

@@ -1,7 +1,5 @@
 // The library reads the version that its own build has put into it.
-#include <gtest/gtest.h>
-
-#include "qelibaselib/qelibaselib.h"
+#include "test/support/library.h"
 
 TEST(OwnModule, CarriesTheProjectsVersion) {
   wchar_t path[MAX_PATH];

@@ -1,11 +1,5 @@
-#include <gtest/gtest.h>
-
-#include <cstring>
-
-#include "qelibaselib/qelibaselib.h"
 #include "test/fileversion/module_builder.h"
-#include "test/support/replace_call.h"
-#include "test/support/scratch_folder.h"
+#include "test/support/library.h"
 
 namespace {
 

@@ -1,5 +1,4 @@
 #include "test/log/log_case.h"
-#include "test/support/replace_call.h"
 
 namespace {
 

@@ -1,13 +1,6 @@
 // One log file of a test's own, with a mutex of its own.
 #pragma once
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
-#include "qelibaselib/qelibaselib.h"
-#include "test/support/log_folder.h"
-#include "test/support/scratch_folder.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 

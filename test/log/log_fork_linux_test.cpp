@@ -2,11 +2,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <thread>
-
 #include "test/log/log_case.h"
-#include "test/support/sanitizer.h"
 
 namespace {
 

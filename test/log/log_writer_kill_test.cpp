@@ -1,15 +1,10 @@
 // Writers that are killed at any instruction while others write.
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <map>
-#include <memory>
 #include <random>
 #include <set>
-#include <thread>
 
 #include "test/log/log_case.h"
-#include "test/support/child_process.h"
 
 namespace {
 

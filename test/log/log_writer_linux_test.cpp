@@ -6,8 +6,6 @@
 #include <fstream>
 
 #include "test/log/log_case.h"
-#include "test/support/child_process.h"
-#include "test/support/replace_call.h"
 
 namespace {
 

@@ -1,14 +1,8 @@
 // Many writers of the same files at once.
-#include <gtest/gtest.h>
-
 #include <map>
 #include <set>
 
-#include "qelibaselib/qelibaselib.h"
-#include "test/support/child_process.h"
-#include "test/support/log_folder.h"
-#include "test/support/scratch_folder.h"
-#include "test/support/threads.h"
+#include "test/support/library.h"
 
 namespace {
 

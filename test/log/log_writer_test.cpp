@@ -1,9 +1,4 @@
 #include "test/log/log_case.h"
-#include "test/support/child_process.h"
-#include "test/support/open_handles.h"
-#include "test/support/page_buffer.h"
-#include "test/support/replace_call.h"
-#include "test/support/threads.h"
 
 namespace {
 

@@ -1,15 +1,6 @@
 #include "qelibaselib/memory/checked_memory.h"
 
-#include <algorithm>
-#include <cstring>
-#include <string>
-#include <vector>
-
-#include "gtest/gtest.h"
 #include "test/memory/on_thread.h"
-#include "test/support/log_folder.h"
-#include "test/support/page_buffer.h"
-#include "test/support/replace_call.h"
 
 namespace qel::test {
 namespace {

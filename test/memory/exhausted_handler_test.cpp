@@ -1,17 +1,8 @@
 // MemAllocHandler as the handler of a heap that has nothing left, not even for the line that it writes.
-#include <gtest/gtest.h>
-
-#include <cstdlib>
 #include <new>
-#include <string>
-#include <thread>
 
 #include "qelibaselib/memory/guarded_allocation.h"
-#include "test/support/child_process.h"
-#include "test/support/exhaustion.h"
-#include "test/support/fake_clock.h"
-#include "test/support/log_folder.h"
-#include "test/support/sanitizer.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {

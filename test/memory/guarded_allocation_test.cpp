@@ -1,20 +1,8 @@
 #include "qelibaselib/memory/guarded_allocation.h"
 
-#include <algorithm>
-#include <cstdio>
-#include <cstring>
 #include <new>
-#include <string>
-#include <vector>
 
-#include "gtest/gtest.h"
 #include "test/memory/replace_allocator.h"
-#include "test/support/child_process.h"
-#include "test/support/exhaustion.h"
-#include "test/support/fake_clock.h"
-#include "test/support/log_folder.h"
-#include "test/support/replace_call.h"
-#include "test/support/threads.h"
 
 namespace qel::test {
 namespace {

@@ -1,12 +1,7 @@
 // A thread on which nothing catches, neither the test framework's clauses nor a guard, so that faults and raised
 // exceptions reach the filter of the process.
 #pragma once
-#include <functional>
-#include <utility>
-#include <vector>
-
-#include "gtest/gtest.h"
-#include "qelibaselib/platform/win32.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 

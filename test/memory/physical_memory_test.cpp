@@ -1,9 +1,6 @@
 #include "qelibaselib/memory/physical_memory.h"
 
-#include <algorithm>
-
-#include "gtest/gtest.h"
-#include "test/support/replace_call.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {

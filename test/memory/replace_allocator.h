@@ -1,11 +1,8 @@
 // Stands in for the array operators that the library allocates with.
 #pragma once
-#include <cstddef>
-#include <functional>
 #include <new>
-#include <vector>
 
-#include "test/support/replace_call.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 

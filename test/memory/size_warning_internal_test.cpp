@@ -1,11 +1,6 @@
-#include <functional>
-
-#include "gtest/gtest.h"
 #include "qelibaselib/guard/exception_guard.h"
-#include "qelibaselib/memory/memory.h"
 #include "qelibaselib/memory/size_warning.h"
-#include "test/support/log_folder.h"
-#include "test/support/page_buffer.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {

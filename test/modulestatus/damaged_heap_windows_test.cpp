@@ -1,19 +1,6 @@
 // Reports of a process whose heap is really damaged. (On the other target the C library ends such a process itself.)
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstdlib>
-#include <filesystem>
-#include <utility>
-
-#include "qelibaselib/qelibaselib.h"
 #include "test/modulestatus/captured_fault.h"
 #include "test/modulestatus/report_text.h"
-#include "test/support/bad_pointer.h"
-#include "test/support/child_process.h"
-#include "test/support/log_folder.h"
-#include "test/support/replace_call.h"
-#include "test/support/scratch_folder.h"
 
 namespace qel::test {
 namespace {

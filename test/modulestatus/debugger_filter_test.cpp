@@ -1,20 +1,5 @@
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <filesystem>
-#include <functional>
-#include <string>
-#include <utility>
-
-#include "qelibaselib/qelibaselib.h"
 #include "test/modulestatus/captured_fault.h"
 #include "test/modulestatus/report_text.h"
-#include "test/support/bad_pointer.h"
-#include "test/support/child_process.h"
-#include "test/support/log_folder.h"
-#include "test/support/replace_call.h"
-#include "test/support/sanitizer.h"
-#include "test/support/scratch_folder.h"
 
 namespace qel::test {
 namespace {

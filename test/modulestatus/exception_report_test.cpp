@@ -1,20 +1,11 @@
-#include <gtest/gtest.h>
-
 #include <stdexcept>
 
 #include "qelibaselib/platform/mfc/exception.h"
-#include "qelibaselib/qelibaselib.h"
 #include "test/modulestatus/own_debug_help.h"
 #include "test/modulestatus/report_text.h"
-#include "test/support/child_process.h"
-#include "test/support/log_folder.h"
-#include "test/support/replace_call.h"
-#include "test/support/scratch_folder.h"
 
 namespace qel::test {
 namespace {
-
-namespace fs = std::filesystem;
 
 // A record and a context in which every member has a value of its own.
 struct MadeFault {

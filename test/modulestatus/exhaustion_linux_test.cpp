@@ -1,17 +1,6 @@
 // A thread that calls the library for the first time when there is no memory. (On Windows the thread library ends a
 // process whose thread throws its first exception then.)
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <thread>
-
-#include "qelibaselib/qelibaselib.h"
-#include "test/support/bad_pointer.h"
-#include "test/support/child_process.h"
-#include "test/support/exhaustion.h"
-#include "test/support/log_folder.h"
-#include "test/support/replace_call.h"
-#include "test/support/sanitizer.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {

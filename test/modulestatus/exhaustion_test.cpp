@@ -1,28 +1,10 @@
 // Reports of a process that has used up what a report needs.
-#include "test/support/exhaustion.h"
-
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <filesystem>
-#include <string>
-#include <utility>
-
-#include "qelibaselib/qelibaselib.h"
 #include "test/modulestatus/captured_fault.h"
 #include "test/modulestatus/own_debug_help.h"
 #include "test/modulestatus/report_text.h"
-#include "test/support/bad_pointer.h"
-#include "test/support/child_process.h"
-#include "test/support/log_folder.h"
-#include "test/support/replace_call.h"
-#include "test/support/sanitizer.h"
-#include "test/support/scratch_folder.h"
 
 namespace qel::test {
 namespace {
-
-namespace fs = std::filesystem;
 
 const std::pair<std::string, Resource> kResources[] = {
     {"address_space", Resource::kAddressSpace}, {"memory", Resource::kMemory}, {"files", Resource::kFiles}};

@@ -1,24 +1,11 @@
 // Real faults, and the reports about them whole.
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <filesystem>
 #include <set>
-#include <thread>
 
-#include "qelibaselib/qelibaselib.h"
 #include "test/modulestatus/captured_fault.h"
 #include "test/modulestatus/report_text.h"
-#include "test/support/log_folder.h"
-#include "test/support/replace_call.h"
-#include "test/support/sanitizer.h"
-#include "test/support/scratch_folder.h"
-#include "test/support/threads.h"
 
 namespace qel::test {
 namespace {
-
-namespace fs = std::filesystem;
 
 void WriteReport(CapturedFault& fault) {
   VemoExceptLogOut(L"fault", "", &fault.record, &fault.context, __LINE__, __FILE__);

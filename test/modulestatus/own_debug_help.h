@@ -1,7 +1,7 @@
 // The debug help of Windows reads all symbols of the process anew for each report: seconds, where a test looks at other
 // things. Without its start it gives addresses only. That of the layer stays as it is.
 #pragma once
-#include "test/support/replace_call.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 

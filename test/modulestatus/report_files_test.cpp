@@ -1,12 +1,5 @@
 // What the two report files have in common.
-#include <gtest/gtest.h>
-
-#include <filesystem>
-
-#include "qelibaselib/qelibaselib.h"
-#include "test/support/log_folder.h"
-#include "test/support/replace_call.h"
-#include "test/support/scratch_folder.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {

@@ -1,22 +1,13 @@
-#include <gtest/gtest.h>
-
 #include <chrono>
-#include <filesystem>
 #include <random>
-#include <thread>
 
-#include "qelibaselib/qelibaselib.h"
 #include "test/modulestatus/captured_fault.h"
 #include "test/modulestatus/own_debug_help.h"
 #include "test/modulestatus/report_text.h"
-#include "test/support/child_process.h"
-#include "test/support/log_folder.h"
-#include "test/support/scratch_folder.h"
 
 namespace qel::test {
 namespace {
 
-namespace fs = std::filesystem;
 using std::chrono::steady_clock;
 
 constexpr int kKills = sizeof(wchar_t) == 2 ? 20 : 100;  // a process takes its time to start there

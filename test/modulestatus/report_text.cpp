@@ -1,13 +1,7 @@
 #include "test/modulestatus/report_text.h"
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-
 #include "qellog/record/channel.h"
 #include "qellog/record/record_reader.h"
-#include "test/support/log_folder.h"
-#include "test/support/scratch_folder.h"
 
 namespace qel::test {
 namespace {

@@ -1,12 +1,8 @@
 // The reports that a test has the library write. Exact texts are compared as they stand; single values come from the
 // reader of log folders.
 #pragma once
-#include <cstdio>
-#include <functional>
-#include <string>
-#include <vector>
-
 #include "qellog/report/exception_report.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 

@@ -1,15 +1,6 @@
-#include <gtest/gtest.h>
-
-#include <algorithm>
-
-#include "qelibaselib/qelibaselib.h"
 #include "test/modulestatus/captured_fault.h"
 #include "test/modulestatus/own_debug_help.h"
 #include "test/modulestatus/report_text.h"
-#include "test/support/log_folder.h"
-#include "test/support/page_buffer.h"
-#include "test/support/replace_call.h"
-#include "test/support/target.h"
 
 namespace qel::test {
 namespace {

@@ -1,24 +1,11 @@
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstring>
 #include <cwchar>
-#include <filesystem>
 
 #include "qelibaselib/platform/mfc/exception.h"
-#include "qelibaselib/qelibaselib.h"
 #include "qellog/text/decode_text.h"
 #include "test/modulestatus/report_text.h"
-#include "test/support/bad_pointer.h"
-#include "test/support/failing_calls.h"
-#include "test/support/log_folder.h"
-#include "test/support/replace_call.h"
-#include "test/support/scratch_folder.h"
 
 namespace qel::test {
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr uintmax_t kReportLimit = 10485760;
 

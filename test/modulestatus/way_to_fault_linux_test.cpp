@@ -1,15 +1,6 @@
 // Walks from faults in code without frame pointers and in the C library.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstdlib>
-#include <cstring>
-
-#include "qelibaselib/qelibaselib.h"
 #include "test/modulestatus/captured_fault.h"
 #include "test/modulestatus/report_text.h"
-#include "test/support/bad_pointer.h"
-#include "test/support/sanitizer.h"
 
 #pragma GCC optimize("O2", "omit-frame-pointer")
 #define QEL_OWN_FRAME __attribute__((noipa, noinline))

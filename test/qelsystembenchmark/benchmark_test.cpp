@@ -1,13 +1,8 @@
-#include <gtest/gtest.h>
-
 #include <fstream>
 #include <new>
 #include <sstream>
 
-#include "qelibaselib/qelibaselib.h"
-#include "test/support/log_folder.h"
-#include "test/support/replace_call.h"
-#include "test/support/scratch_folder.h"
+#include "test/support/library.h"
 
 namespace {
 

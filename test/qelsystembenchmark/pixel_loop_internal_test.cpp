@@ -1,14 +1,9 @@
 // What the measured loops do to their buffers.
-#include <gtest/gtest.h>
-
-#include <vector>
-
 #include "qelibaselib/guard/omp_exception.h"
 #include "qelibaselib/log/log_channel.h"
 #include "qelibaselib/qelsystembenchmark/benchmark_buffer.h"
 #include "qelibaselib/qelsystembenchmark/pixel_loop.h"
-#include "test/support/bad_pointer.h"
-#include "test/support/log_folder.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {

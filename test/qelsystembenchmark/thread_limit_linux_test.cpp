@@ -1,14 +1,7 @@
 // The pixel loop with more threads than there is room for. The OpenMP run-time would end the process.
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <cstdio>
-#include <cstdlib>
-
-#include "qelibaselib/qelibaselib.h"
-#include "test/support/child_process.h"
-#include "test/support/log_folder.h"
-#include "test/support/sanitizer.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {

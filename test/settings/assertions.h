@@ -1,8 +1,6 @@
 // Assertions whose position lies in the library, where it moves with the code.
 #pragma once
-#include <gtest/gtest.h>
-
-#include "test/support/log_folder.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 

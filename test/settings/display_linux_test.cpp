@@ -1,16 +1,10 @@
 // A host that unloads the library while a thread of it runs.
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 
 #include <chrono>
-#include <filesystem>
 #include <fstream>
-#include <thread>
 
-#include "qelibaselib/qelibaselib.h"
-#include "test/support/child_process.h"
-#include "test/support/sanitizer.h"
-#include "test/support/scratch_folder.h"
+#include "test/support/library.h"
 
 using namespace qel::test;
 

@@ -1,12 +1,4 @@
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <vector>
-
-#include "qelibaselib/qelibaselib.h"
-#include "test/support/log_folder.h"
-#include "test/support/open_handles.h"
-#include "test/support/replace_call.h"
+#include "test/support/library.h"
 
 namespace {
 

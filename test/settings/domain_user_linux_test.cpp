@@ -1,13 +1,9 @@
 // Users of a domain, whose names have a backslash, in processes with a list of users of their own.
-#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
-#include "qelibaselib/qelibaselib.h"
-#include "test/support/child_process.h"
-#include "test/support/log_folder.h"
-#include "test/support/scratch_folder.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {

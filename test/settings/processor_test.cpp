@@ -1,13 +1,7 @@
 #include <cpuid.h>
-#include <gtest/gtest.h>
 #include <omp.h>
 
-#include <vector>
-
-#include "qelibaselib/qelibaselib.h"
 #include "test/settings/assertions.h"
-#include "test/support/log_folder.h"
-#include "test/support/replace_call.h"
 
 namespace {
 

@@ -1,15 +1,6 @@
-#include <gtest/gtest.h>
-
 #include <set>
-#include <string>
-#include <tuple>
-#include <vector>
 
-#include "qelibaselib/qelibaselib.h"
-#include "test/support/child_process.h"
-#include "test/support/log_folder.h"
-#include "test/support/replace_call.h"
-#include "test/support/threads.h"
+#include "test/support/library.h"
 
 namespace {
 

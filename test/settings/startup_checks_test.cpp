@@ -1,18 +1,4 @@
-#include "qelibaselib/settings/startup_checks.h"
-
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
-#include <tuple>
-#include <vector>
-
-#include "qelibaselib/qelibaselib.h"
 #include "test/settings/assertions.h"
-#include "test/support/child_process.h"
-#include "test/support/fake_clock.h"
-#include "test/support/log_folder.h"
-#include "test/support/replace_call.h"
 
 namespace {
 

@@ -1,17 +1,8 @@
 #include "qelibaselib/settings/thread_record.h"
 
-#include <gtest/gtest.h>
 #include <omp.h>
 
-#include <atomic>
-#include <cstring>
-
-#include "qelibaselib/qelibaselib.h"
 #include "test/settings/assertions.h"
-#include "test/support/log_folder.h"
-#include "test/support/open_handles.h"
-#include "test/support/replace_call.h"
-#include "test/support/threads.h"
 
 namespace {
 

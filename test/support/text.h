@@ -30,6 +30,17 @@ inline std::string Hex(HANDLE handle) { return Hex(Number(handle)); }
 inline std::string Narrow(const std::wstring& text) { return {text.begin(), text.end()}; }
 inline std::wstring Widen(const std::string& text) { return {text.begin(), text.end()}; }
 
+// Bytes that tell every place of a file from its neighbours and from the same place of another chunk.
+inline std::string Pattern(size_t size, unsigned seed = 1) {
+  std::string bytes(size, '\0');
+  unsigned value = seed;
+  for (char& byte : bytes) {
+    value = value * 1664525 + 1013904223;
+    byte = static_cast<char>(value >> 24);
+  }
+  return bytes;
+}
+
 // The path of this program, as log lines name it.
 inline std::string ProgramPath() {
   char path[MAX_PATH] = "";

@@ -1,7 +1,4 @@
-#include <cstring>
-
 #include "test/fileversion/module_builder.h"
-#include "test/support/replace_call.h"
 #include "test/systemcalls/system_calls_test.h"
 
 namespace qel::test {
@@ -18,6 +15,7 @@ class ServiceCalls : public SystemCalls {
               const std::string text = ReadWholeFile(ChannelFile(channel));
               return text.find(whole) != text.npos && (!*whole || text.ends_with("\r\n"));
             },
+            {},
             Tells::kNothing,
             [=] { return !ReadWholeFile(ChannelFile(channel)).empty(); }};
   }
@@ -42,7 +40,10 @@ TEST_F(ServiceCalls, Lines) {
            VemoLogOutFileDayHis(L"systemcalls", Wide("days").c_str(), L"day", L"txt", 1000, HOST, "line");
            return true;
          },
-         [&] { return readDay().ends_with("line\r\n"); }, Tells::kNothing, [&] { return !readDay().empty(); }});
+         [&] { return readDay().ends_with("line\r\n"); },
+         {},
+         Tells::kNothing,
+         [&] { return !readDay().empty(); }});
 }
 
 TEST_F(ServiceCalls, SynchronisationObjects) {
@@ -63,21 +64,27 @@ TEST_F(ServiceCalls, SynchronisationObjects) {
 
 TEST_F(ServiceCalls, Memory) {
   constexpr DWORD kLarge = 8 << 20;
-  Drive({"_MemAlloc and _MemFree", [] {},
+  Drive({"_MemAlloc and _MemFree",
+         [] {},
          [] {
            void* block = _MemAlloc("host.cpp", 4711, kLarge, 0);
            if (block) _MemFree("host.cpp", 4711, block);
            return block != nullptr;
          },
-         [] { return true; }, Tells::kNothing});
-  Drive({"_VMemAlloc and _VMemFree", [] {},
+         [] { return true; },
+         {},
+         Tells::kNothing});
+  Drive({"_VMemAlloc and _VMemFree",
+         [] {},
          [] {
            void* block = _VMemAlloc("host.cpp", 4711, kLarge, 0);
            return block && (*static_cast<char*>(block) = 1) && _VMemFree("host.cpp", 4711, block);
          },
-         [] { return true; }, Tells::kNothing});
+         [] { return true; },
+         {},
+         Tells::kNothing});
   Drive({"MemAllocHandler", [] {}, [] { return MemAllocHandler(kLarge) == 1; }, [] { return true; }});
-  Drive({"IsPhysMemShortage", [] {}, [] { return !IsPhysMemShortage(101); }, [] { return true; }, Tells::kNothing});
+  Drive({"IsPhysMemShortage", [] {}, [] { return !IsPhysMemShortage(101); }, [] { return true; }, {}, Tells::kNothing});
   MEMORYSTATUSEX status;
   DWORD largest, sum;
   double seconds;
@@ -91,6 +98,7 @@ TEST_F(ServiceCalls, Memory) {
                                  return status.ullTotalPhys != 0;
                                },
                                [&] { return status.ullTotalPhys >= status.ullAvailPhys && largest <= sum; },
+                               {},
                                Tells::kNothing};
   Drive(memory);
   DriveFirstUse(memory);
@@ -111,8 +119,11 @@ TEST_F(ServiceCalls, VersionsAndDisplay) {
            ReleaseCFileVersion(made);
            return found;
          },
-         [] { return true; }, Tells::kNothing});
-  Drive({"VemoDispInf", [] {}, [] { return VemoDispInf("text", TRUE), true; }, [] { return true; }, Tells::kNothing});
+         [] { return true; },
+         {},
+         Tells::kNothing});
+  Drive(
+      {"VemoDispInf", [] {}, [] { return VemoDispInf("text", TRUE), true; }, [] { return true; }, {}, Tells::kNothing});
 }
 
 // A debugger that ends without a word. The filter leaves its event to the debugger, so the test closes it.
@@ -126,13 +137,16 @@ TEST_F(ServiceCalls, StartOfADebugger) {
       STAND_IN(CreateEventW, [&](int, SECURITY_ATTRIBUTES* security, BOOL manual, BOOL set, const wchar_t* name) {
         return event = CreateEventW(security, manual, set, name);
       });
-  Drive({"AeDebuggerUnhandledExceptionFilter", [&] { event = nullptr; },
+  Drive({"AeDebuggerUnhandledExceptionFilter",
+         [&] { event = nullptr; },
          [&] {
            const LONG result = AeDebuggerUnhandledExceptionFilter();
            Close(event);
            return result == EXCEPTION_CONTINUE_SEARCH;
          },
-         [] { return true; }, Tells::kNothing});
+         [] { return true; },
+         {},
+         Tells::kNothing});
 }
 
 TEST_F(ServiceCalls, Reports) {

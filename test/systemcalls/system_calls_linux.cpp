@@ -147,7 +147,7 @@ void SystemCalls::FailAndRepeat(const TestedExport& tested, SystemCallFailure fa
 std::string SystemCalls::Check(const TestedExport& tested, bool succeeded, DWORD error) {
   std::string finding;
   if (succeeded && !tested.holds()) finding += "no truth in the success; ";
-  if (!succeeded && tested.tells == Tells::kError && (error == ERROR_SUCCESS || error == kUntouched))
+  if (!succeeded && tested.tells != Tells::kNothing && (error == ERROR_SUCCESS || error == kUntouched))
     finding += "failed with last error " + std::to_string(error) + "; ";
   const std::string assertions = ReadWholeFile(ChannelFile(channel::kAssert));
   if (assertions.find("_CATCH_") != assertions.npos) finding += "an exception was caught; ";
@@ -179,12 +179,11 @@ SystemCalls::Resources SystemCalls::CountResources() {
 
 std::string SystemCalls::FindLeftovers(Resources& before) {
   std::string finding;
-  for (const auto& entry : fs::recursive_directory_iterator(folder_.Path())) {
-    const std::wstring path = entry.path().wstring();
-    if (entry.is_regular_file() && !file_ &&
-        !Close(CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr)))
-      finding += entry.path().filename().string() + " is held; ";
-  }
+  for (const fs::path& folder : {folder_.Path(), exports_.Path("")})
+    for (const auto& entry : fs::recursive_directory_iterator(folder))
+      if (entry.is_regular_file() && !exports_.HoldsFile() &&
+          !Close(CreateFileW(entry.path().wstring().c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr)))
+        finding += entry.path().filename().string() + " is held; ";
   const Resources after = CountResources();
   std::vector<std::string> added;
   std::set_difference(after.descriptors.begin(), after.descriptors.end(), before.descriptors.begin(),

@@ -1,36 +1,12 @@
 // Every export with each system call of its own failing: no crash, no success that is none, an error where there is no
 // success, and nothing left behind that keeps the next call, of another thread, from success.
 #pragma once
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <functional>
 #include <set>
-#include <string>
 
-#include "qelibaselib/base/scoped_handles.h"
-#include "qelibaselib/qelibaselib.h"
-#include "test/support/fake_clock.h"
-#include "test/support/log_folder.h"
-#include "test/support/sanitizer.h"
-#include "test/support/scratch_folder.h"
+#include "test/support/tested_exports.h"
 #include "test/systemcalls/failing_system_call.h"
 
-#define HOST 4711, "host.cpp"
-
 namespace qel::test {
-namespace fs = std::filesystem;
-
-enum class Tells { kError, kNothing };  // whether the last error tells of a failure
-
-struct TestedExport {
-  const char* name;
-  std::function<void()> prepare;  // makes things as they are before the call
-  std::function<bool()> call;     // whether it reports success
-  std::function<bool()> holds;    // whether what a success promises is there
-  Tells tells = Tells::kError;
-  std::function<bool()> wrote = [] { return true; };  // for a call that says nothing: whether it has done anything
-};
 
 class SystemCalls : public testing::Test {
  protected:
@@ -41,24 +17,21 @@ class SystemCalls : public testing::Test {
   }
   // Fails every call in turn, or `most` calls at equal distances, in a process that has made the call before.
   void Drive(const TestedExport& tested, int most = 1000);
+  void DriveAll(const std::vector<TestedExport>& exports) {
+    for (const TestedExport& each : exports) Drive(each);
+  }
   // The same, each time in a process that has made no call yet.
   void DriveFirstUse(const TestedExport& tested);
 
   std::wstring Wide(const char* name) const { return folder_.Wide(name); }
   fs::path Path(const char* name) const { return folder_.Path() / name; }
-  bool Holds(const char* name, const std::string& bytes) const { return ReadWholeFile(Path(name)) == bytes; }
   void Write(const char* name, const std::string& bytes) const { WriteWholeFile(Path(name), bytes); }
-  bool OpenFile(const char* name) {
-    file_ =
-        ScopedFile(CreateFileW(Wide(name).c_str(), GENERIC_READ | GENERIC_WRITE, 7, nullptr, OPEN_ALWAYS, 0, nullptr));
-    return static_cast<bool>(file_);
-  }
   static bool Close(HANDLE object) {
     return object != INVALID_HANDLE_VALUE && object != nullptr && CloseHandle(object);
   }
 
   const ScratchFolder folder_;
-  ScopedFile file_;  // for the exports that take one
+  TestedExports exports_{70000};
   FakeClock clock_;
 
  private:

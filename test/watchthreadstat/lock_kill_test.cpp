@@ -1,7 +1,5 @@
-#include "gtest/gtest.h"
 #include "qelibaselib/watchthreadstat/lockmtx.h"
-#include "test/support/child_process.h"
-#include "test/support/log_folder.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {

@@ -1,13 +1,7 @@
 #include <deque>
-#include <string>
-#include <vector>
 
-#include "gtest/gtest.h"
 #include "qelibaselib/watchthreadstat/lockmtx.h"
-#include "test/support/log_folder.h"
-#include "test/support/replace_call.h"
-#include "test/support/scratch_folder.h"
-#include "test/support/threads.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {

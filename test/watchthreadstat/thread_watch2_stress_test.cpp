@@ -1,12 +1,4 @@
-#include <atomic>
-#include <memory>
-#include <thread>
-#include <vector>
-
-#include "gtest/gtest.h"
-#include "qelibaselib/qelibaselib.h"
-#include "test/support/log_folder.h"
-#include "test/support/replace_call.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {

@@ -1,17 +1,6 @@
-#include <atomic>
 #include <climits>
-#include <string>
-#include <thread>
-#include <tuple>
-#include <vector>
 
-#include "gtest/gtest.h"
 #include "qelibaselib/platform/mfc/exception.h"
-#include "qelibaselib/qelibaselib.h"
-#include "test/support/failing_calls.h"
-#include "test/support/log_folder.h"
-#include "test/support/open_handles.h"
-#include "test/support/threads.h"
 #include "test/watchthreadstat/watch_case.h"
 
 namespace qel::test {

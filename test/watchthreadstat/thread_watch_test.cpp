@@ -1,11 +1,3 @@
-#include <atomic>
-#include <tuple>
-#include <vector>
-
-#include "gtest/gtest.h"
-#include "qelibaselib/qelibaselib.h"
-#include "test/support/failing_calls.h"
-#include "test/support/log_folder.h"
 #include "test/watchthreadstat/watch_case.h"
 
 namespace qel::test {

@@ -1,12 +1,6 @@
 // Watchdogs whose ticks the test makes itself.
 #pragma once
-#include <functional>
-#include <vector>
-
-#include "gtest/gtest.h"
-#include "qelibaselib/base/scoped_handles.h"
-#include "qelibaselib/watchthreadstat/watchthreadstat.h"
-#include "test/support/replace_call.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 

@@ -5,7 +5,7 @@ namespace qel::test {
 namespace {
 
 // The filter in a process that has no debugger, with a command registered.
-class DebuggerFilter : public testing::Test {
+class DebuggerFilter : public ReportTest {
  protected:
   // What the filter starts, with this command and a debugger that does not start; empty for nothing.
   std::string Started(const std::string& command) {
@@ -62,6 +62,7 @@ TEST_F(DebuggerFilter, PutsProcessAndEventIntoTheCommand) {
     EXPECT_EQ(command, Print(started, GetCurrentProcessId(), Number(event_))) << registered;
   }
   EXPECT_EQ(Started(std::string(300, 'x')), std::string(258, 'x'));
+  for (const char* wide : {"%9999d", "%4000d%4000d%.4000d%999999999999999999d"}) EXPECT_EQ(Started(wide).size(), 4095u);
   EXPECT_EQ(create_.Calls(), start_.Calls());
 }
 
@@ -71,11 +72,6 @@ TEST_F(DebuggerFilter, RefusesOtherConversions) {
     EXPECT_EQ(Started(command), "") << command;
   }
   EXPECT_EQ(create_.Calls(), 0);
-}
-
-TEST_F(DebuggerFilter, BoundsTheCommand) {
-  EXPECT_EQ(Started("%9999d").size(), 4095u);
-  EXPECT_EQ(Started("%4000d%4000d%.4000d%999999999999999999d").size(), 4095u);
 }
 
 TEST_F(DebuggerFilter, WaitsForTheDebuggersSignalOrItsEnd) {
@@ -101,7 +97,6 @@ TEST_F(DebuggerFilter, DoesNothingUnderADebugger) {
 }
 
 TEST_F(DebuggerFilter, SearchesOnAfterAFailure) {
-  TakeLines(channel::kWinApiWrap);
   startDebugger_ = [](PROCESS_INFORMATION&) { return TRUE; };
   {
     const auto create = FAIL_CALL(CreateEventW, 1, ERROR_NOT_ENOUGH_MEMORY, nullptr);
@@ -124,7 +119,7 @@ LONG WINAPI ReportAndAskDebugger(EXCEPTION_POINTERS* fault) {
   VemoExceptLogOut(L"fault", "", fault->ExceptionRecord, fault->ContextRecord, 1, "host.cpp");
   const LONG result = AeDebuggerUnhandledExceptionFilter();
   // An attached debugger would have the process now.
-  if (result == EXCEPTION_CONTINUE_EXECUTION && std::filesystem::exists(g_debuggersFile)) {
+  if (result == EXCEPTION_CONTINUE_EXECUTION && fs::exists(g_debuggersFile)) {
     TerminateProcess(GetCurrentProcess(), kHandedOver);
   }
   return result;
@@ -149,9 +144,8 @@ CHILD_ROLE(AttachDebugger) {
   return SetEvent(reinterpret_cast<HANDLE>(std::stoul(arguments[1]))) ? 0 : 1;
 }
 
-TEST(DebuggerFilterOfAHost, HandsAFaultToARealDebugger) {
+TEST_F(ReportTest, HandsAFaultToARealDebugger) {
   SKIP_UNDER_ASAN();
-  LogFolder();
   const ScratchFolder folder;
   const auto file = folder.Path() / "debugger.txt";
   const std::string debugger = ProgramPath() + " --role=AttachDebugger %lu %lu " + file.string();
@@ -160,21 +154,18 @@ TEST(DebuggerFilterOfAHost, HandsAFaultToARealDebugger) {
                                         {(folder.Path() / "no debugger").string() + " %lu %lu", diedOfFault},
                                         {std::string(), diedOfFault}}) {
     SCOPED_TRACE(registered);
-    std::filesystem::remove(ChannelFile(channel::kExceptionReport));
     ChildProcess child("FaultWithDebugger", {registered, file.string()});
     EXPECT_EQ(child.Wait(), end);
     if (end == kHandedOver) {
       EXPECT_EQ(ReadWholeFile(file), std::to_string(child.Id()));
-      std::filesystem::remove(file);
+      fs::remove(file);
     }
-    EXPECT_FALSE(std::filesystem::exists(file));
-    const auto reports = TakeExceptionReports();
-    ASSERT_EQ(reports.size(), 1u);
-    EXPECT_EQ(reports[0].frames.at(0).function, "ReadThrough");
+    EXPECT_FALSE(fs::exists(file));
+    EXPECT_EQ(TakeOnlyExceptionReport().frames.at(0).function, "ReadThrough");
   }
 }
 
-TEST(ThreadPriority, CorrespondsToAProcessPriority) {
+TEST_F(ReportTest, ThreadPriorityCorrespondsToAProcessPriority) {
   const std::pair<int, DWORD> expected[] = {{-15, 0x40}, {-2, 0x40},  {-1, 0x4000}, {0, 0x20},         {1, 0x8000},
                                             {2, 0x80},   {15, 0x100}, {3, 0x20},    {0x7FFFFFFF, 0x20}};
   int priority = 0;
@@ -186,8 +177,6 @@ TEST(ThreadPriority, CorrespondsToAProcessPriority) {
     priority = thread;
     EXPECT_EQ(VemoThreadPriToProcPri(), process) << thread;
   }
-  LogFolder();
-  TakeLines(channel::kModuleStatusError);
   priority = 99;
   EXPECT_EQ(VemoThreadPriToProcPri(), 0x20u);
   EXPECT_EQ(TakeMessages(channel::kModuleStatusError), Messages{"VemoThreadPriToProcPri(catch(...))"});

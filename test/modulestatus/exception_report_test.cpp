@@ -1,7 +1,6 @@
 #include <stdexcept>
 
 #include "qelibaselib/platform/mfc/exception.h"
-#include "test/modulestatus/own_debug_help.h"
 #include "test/modulestatus/report_text.h"
 
 namespace qel::test {
@@ -33,12 +32,9 @@ struct MadeFault {
   qellog::ExceptionReport Report() const { return ReadExceptionReports(Text()).at(0); }
 };
 
-std::string ReportFileText() { return ReadWholeFile(ChannelFile(channel::kExceptionReport)); }
+using ExceptionReport = ReportTest;
 
-void RemoveReportFile() {
-  LogFolder();
-  fs::remove(ChannelFile(channel::kExceptionReport));
-}
+std::string ReportFileText() { return ReadWholeFile(ChannelFile(channel::kExceptionReport)); }
 
 // What stands before the record.
 std::string Banner(unsigned long count, const std::string& title, const std::string& source) {
@@ -107,7 +103,7 @@ auto StandingClock() {
   return STAND_IN(GetLocalTime, [](int, SYSTEMTIME* now) { *now = {2024, 3, 2, 5, 14, 7, 9, 42}; });
 }
 
-TEST(ExceptionReport, HasThisText) {
+TEST_F(ExceptionReport, HasThisText) {
   const auto clock = StandingClock();
   const MadeFault fault;
   const CONTEXT& context = fault.context;
@@ -122,7 +118,6 @@ TEST(ExceptionReport, HasThisText) {
   EXPECT_NE(text.find(title + std::string("()\n##### ProcessId"), code), std::string::npos) << "of the status report";
 
   const auto report = qellog::ParseExceptionReport(text);
-  EXPECT_EQ(report.threadId, GetCurrentThreadId());
   EXPECT_EQ(report.sourceFile + Print("(%d)", report.sourceLine), "folder/source.cpp(17)");
   EXPECT_EQ(report.exception.value().code, 0xC0000005u);
   EXPECT_EQ(report.exception->flags, 1u);
@@ -135,7 +130,7 @@ TEST(ExceptionReport, HasThisText) {
   EXPECT_TRUE(report.IsWhole());
 }
 
-TEST(ExceptionReport, SaysWhatIsMissing) {
+TEST_F(ExceptionReport, SaysWhatIsMissing) {
   const auto clock = StandingClock();
   const unsigned long count = MadeFault().Report().count;
   const std::string text = WrittenBy([](std::FILE* stream) {
@@ -153,7 +148,7 @@ TEST(ExceptionReport, SaysWhatIsMissing) {
       << text;
 }
 
-TEST(ExceptionReport, PrintsAtMostFifteenParameters) {
+TEST_F(ExceptionReport, PrintsAtMostFifteenParameters) {
   MadeFault fault;
   for (const auto& [stated, printed] : {std::pair<DWORD, size_t>{0, 0}, {15, 15}, {20, 15}, {0xFFFFFFFF, 15}}) {
     fault.record.NumberParameters = stated;
@@ -163,10 +158,8 @@ TEST(ExceptionReport, PrintsAtMostFifteenParameters) {
   }
 }
 
-TEST(ExceptionReport, AppendsToItsFile) {
+TEST_F(ExceptionReport, AppendsToItsFile) {
   const auto symbols = OwnDebugHelpOnly();
-  RemoveReportFile();
-  TakeLines(channel::kAssert);
   const MadeFault fault;
   for (int i = 0; i < 2; ++i) {
     EXPECT_EQ(VemoExceptLogOut(L"title", i == 0 ? nullptr : "two\nlines (1)", &fault.record, &fault.context, 5,
@@ -198,8 +191,7 @@ CHILD_ROLE(OwnReportMutex) {
   return 0;
 }
 
-TEST(ExceptionReport, TakesTheMutexOverFromADeadWriter) {
-  RemoveReportFile();
+TEST_F(ExceptionReport, TakesTheMutexOverFromADeadWriter) {
   // Somebody else keeps the mutex in being, so that its owner's death shows.
   const HANDLE mutex = CreateMutexW(nullptr, FALSE, ReportMutexName().c_str());
   ChildProcess child("OwnReportMutex");
@@ -207,17 +199,13 @@ TEST(ExceptionReport, TakesTheMutexOverFromADeadWriter) {
   child.Kill();
   VemoExceptLogOut(L"after", nullptr, nullptr, nullptr, 1, "source.cpp");
   CloseHandle(mutex);
-  const auto reports = TakeExceptionReports();
-  ASSERT_EQ(reports.size(), 1u);
-  EXPECT_EQ(reports[0].heading, "after()");
+  EXPECT_EQ(TakeOnlyExceptionReport().heading, "after()");
 }
 
 int BadHeap() { return -4; }
 
-TEST(ExceptionReport, ChecksTheHeapAroundEverySection) {
+TEST_F(ExceptionReport, ChecksTheHeapAroundEverySection) {
   const auto symbols = OwnDebugHelpOnly();
-  RemoveReportFile();
-  TakeLines(channel::kAssert);
   const MadeFault fault;
   {
     const ReplaceCall check("_heapchk", &BadHeap);
@@ -233,9 +221,8 @@ TEST(ExceptionReport, ChecksTheHeapAroundEverySection) {
   EXPECT_EQ(TakeMessages(channel::kAssert), expected);
 }
 
-TEST(ExceptionReport, LivesOnBadArguments) {
+TEST_F(ExceptionReport, LivesOnBadArguments) {
   const auto symbols = OwnDebugHelpOnly();
-  LogFolder();
   const MadeFault fault;
   const auto* const badAddress = reinterpret_cast<const char*>(0x11);
   struct {
@@ -253,8 +240,7 @@ TEST(ExceptionReport, LivesOnBadArguments) {
       {"sourceFile", L"", "", nullptr, nullptr, badAddress},
   };
   for (const auto& bad : cases) {
-    TakeLines(channel::kModuleStatusError);
-    RemoveReportFile();
+    fs::remove(ChannelFile(channel::kExceptionReport));
     EXPECT_EQ(VemoExceptLogOut(bad.title, bad.message, bad.record, bad.context, 1, bad.sourceFile), _HEAPOK);
     const auto errors = TakeMessages(channel::kModuleStatusError);
     ASSERT_FALSE(errors.empty()) << bad.name;
@@ -267,9 +253,7 @@ TEST(ExceptionReport, LivesOnBadArguments) {
   }
 }
 
-TEST(ExceptionReport, SaysWhichExceptionInterruptedIt) {
-  RemoveReportFile();
-  TakeLines(channel::kModuleStatusError);
+TEST_F(ExceptionReport, SaysWhichExceptionInterruptedIt) {
   {
     const auto time = STAND_IN(GetLocalTime, [](int nth, SYSTEMTIME* now) {
       if (nth == 2) throw new CException;  // the first is that of the mark in the assertion channel

@@ -1,6 +1,5 @@
 // Reports of a process that has used up what a report needs.
 #include "test/modulestatus/captured_fault.h"
-#include "test/modulestatus/own_debug_help.h"
 #include "test/modulestatus/report_text.h"
 
 namespace qel::test {

@@ -11,10 +11,10 @@ void WriteReport(CapturedFault& fault) {
   VemoExceptLogOut(L"fault", "", &fault.record, &fault.context, __LINE__, __FILE__);
 }
 
-void RemoveReportFile() {
-  LogFolder();
-  fs::remove(ChannelFile(channel::kExceptionReport));
-}
+class FaultReport : public ReportTest {
+ protected:
+  void SetUp() override { SKIP_UNDER_ASAN(); }
+};
 
 struct FaultCase {
   const char* name;
@@ -34,16 +34,12 @@ const FaultCase kFaults[] = {
     {"broken chain", [] { ReadWithBrokenChain(nullptr); }, EXCEPTION_ACCESS_VIOLATION, true},
 };
 
-TEST(FaultReport, IsWhole) {
-  SKIP_UNDER_ASAN();
-  RemoveReportFile();
+TEST_F(FaultReport, IsWhole) {
   for (const auto& fault : kFaults) {
     SCOPED_TRACE(fault.name);
     CapturedFault captured;
     ASSERT_TRUE(Capture(captured, fault.body, &WriteReport));
-    const auto reports = TakeExceptionReports();
-    ASSERT_EQ(reports.size(), 1u);
-    const auto& report = reports[0];
+    const auto report = TakeOnlyExceptionReport();
     EXPECT_EQ(report.exception.value().code, fault.code);
     EXPECT_EQ(ValueOf(report.registers, "Eip"), Print("0x%08lx", captured.context.Eip));
     EXPECT_EQ(report.rawStack.size(), 64u);
@@ -54,19 +50,16 @@ TEST(FaultReport, IsWhole) {
   }
 }
 
-TEST(FaultReport, IsWholeForATrappedFloatingPointOperation) {
-  SKIP_UNDER_ASAN();
-  RemoveReportFile();
+TEST_F(FaultReport, IsWholeForATrappedFloatingPointOperation) {
   CapturedFault captured;
   ASSERT_TRUE(Capture(
       captured, [] { DivideTrapping(0); }, &WriteReport));
-  const auto reports = TakeExceptionReports();
-  ASSERT_EQ(reports.size(), 1u);
-  EXPECT_EQ(reports[0].frames.at(0).function, "DivideTrapping");
+  const auto report = TakeOnlyExceptionReport();
+  EXPECT_EQ(report.frames.at(0).function, "DivideTrapping");
   // MXCSR in the saved area: the flag of the division by zero, and its mask not set.
   constexpr size_t kLineOfMxcsr = 5 + 1;  // behind the floating-point area
   unsigned int flags = 0, masks = 0;
-  const std::string bytes = reports[0].areas.at(kLineOfMxcsr);
+  const std::string bytes = report.areas.at(kLineOfMxcsr);
   ASSERT_EQ(std::sscanf(bytes.c_str() + bytes.find(" - "), " - %x %x", &flags, &masks), 2);
   EXPECT_EQ(flags & 4, 4u);
   EXPECT_EQ(masks & 2, 0u);
@@ -79,34 +72,25 @@ void FaultAndReport() {
       captured, [] { CallReadThrough(nullptr); }, &WriteReport));
 }
 
-TEST(FaultReport, IsWholeOnASmallStack) {
-  SKIP_UNDER_ASAN();
-  RemoveReportFile();
+TEST_F(FaultReport, IsWholeOnASmallStack) {
   OnThreadWithStack(64 << 10, &FaultAndReport);
-  const auto reports = TakeExceptionReports();
-  ASSERT_EQ(reports.size(), 1u);
-  EXPECT_EQ(reports[0].frames.at(0).function, "ReadThrough");
-  EXPECT_EQ(reports[0].frames.at(1).function, "CallReadThrough");
+  const auto report = TakeOnlyExceptionReport();
+  EXPECT_EQ(report.frames.at(0).function, "ReadThrough");
+  EXPECT_EQ(report.frames.at(1).function, "CallReadThrough");
 }
 
 // What is left of the stack is not enough for a report: the host writes it when it is back.
-TEST(FaultReport, IsWholeAfterAStackOverflow) {
-  SKIP_UNDER_ASAN();
-  RemoveReportFile();
+TEST_F(FaultReport, IsWholeAfterAStackOverflow) {
   OnThreadWithStack(1 << 20, [] {
     VemoGetCPUCount();
     CapturedFault captured;
     EXPECT_TRUE(Capture(captured, [] { OverflowStack(0); }));
     WriteReport(captured);
   });
-  const auto reports = TakeExceptionReports();
-  ASSERT_EQ(reports.size(), 1u);
-  EXPECT_EQ(reports[0].exception.value().code, EXCEPTION_STACK_OVERFLOW);
+  EXPECT_EQ(TakeOnlyExceptionReport().exception.value().code, EXCEPTION_STACK_OVERFLOW);
 }
 
-TEST(FaultReport, IsWholeForEachOfManyThreads) {
-  SKIP_UNDER_ASAN();
-  RemoveReportFile();
+TEST_F(FaultReport, IsWholeForEachOfManyThreads) {
   constexpr int kThreads = 16;
   // All of them fault before the first may write.
   const auto symbols = FAIL_CALL(SymInitialize, 1, ERROR_INVALID_PARAMETER, FALSE, 1000);
@@ -126,10 +110,7 @@ TEST(FaultReport, IsWholeForEachOfManyThreads) {
   EXPECT_EQ(counts.size(), size_t{kThreads});
 }
 
-TEST(FaultReport, KeepsWhatWasWrittenWhenItFaults) {
-  SKIP_UNDER_ASAN();
-  RemoveReportFile();
-  TakeLines(channel::kModuleStatusError);
+TEST_F(FaultReport, KeepsWhatWasWrittenWhenItFaults) {
   const auto information = STAND_IN(GetSystemInfo, [](auto...) { ReadThrough(nullptr); });
   const auto walk = STAND_IN(StackWalk, [](auto...) { return ReadThrough(nullptr); });
   CapturedFault captured;
@@ -142,7 +123,6 @@ TEST(FaultReport, KeepsWhatWasWrittenWhenItFaults) {
   }
   EXPECT_EQ(TakeMessages(channel::kModuleStatusError),
             (Messages{"StackWalkLogOut(catch(...))", "DebugOutSystemInfo(catch(...))"}));
-  RemoveReportFile();
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // What the two report files have in common.
-#include "test/support/library.h"
+#include "test/modulestatus/report_text.h"
 
 namespace qel::test {
 namespace {
@@ -19,14 +19,13 @@ const struct ReportFile {
      849},
     {channel::kModuleStatusReport, [] { EXPECT_EQ(VemoModuleStatusLogOut(L"title", ""), _HEAPOK); }, 0, {}, 775, 779}};
 
-class ReportFiles : public testing::Test {
+class ReportFiles : public ReportTest {
  protected:
   // The assertions of a report that is given up.
   Messages Write(const ReportFile& file) {
     TakeLines(channel::kAssert);
-    std::filesystem::remove(ChannelFile(file.channel));
     file.write();
-    EXPECT_FALSE(std::filesystem::exists(ChannelFile(file.channel)));
+    EXPECT_FALSE(fs::exists(ChannelFile(file.channel)));
     return TakeMessages(channel::kAssert);
   }
   static Messages With(Messages messages, int line) {
@@ -59,7 +58,7 @@ TEST_F(ReportFiles, ThatCannotBeOpenedCostTheReport) {
     }
     file.write();
     EXPECT_NE(ReadWholeFile(ChannelFile(file.channel)), "") << "the mutex was not given back";
-    std::filesystem::remove(ChannelFile(file.channel));
+    fs::remove(ChannelFile(file.channel));
   }
 }
 

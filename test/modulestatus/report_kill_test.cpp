@@ -2,7 +2,6 @@
 #include <random>
 
 #include "test/modulestatus/captured_fault.h"
-#include "test/modulestatus/own_debug_help.h"
 #include "test/modulestatus/report_text.h"
 
 namespace qel::test {

@@ -23,6 +23,13 @@ std::vector<std::string> CutReports(const std::string& text, qellog::FileRole ro
 
 }  // namespace
 
+ReportTest::ReportTest() {
+  for (const LogChannel& channel : {channel::kExceptionReport, channel::kModuleStatusReport})
+    fs::remove(ChannelFile(channel));
+  for (const LogChannel& channel : {channel::kAssert, channel::kModuleStatusError, channel::kWinApiWrap})
+    TakeLines(channel);
+}
+
 std::string WrittenBy(const std::function<void(std::FILE* stream)>& write) {
   const ScratchFolder folder;
   const std::string path = folder.Narrow("report");
@@ -68,8 +75,14 @@ std::vector<qellog::StatusReport> ReadStatusReports(const std::string& text) {
 std::vector<qellog::ExceptionReport> TakeExceptionReports() {
   const auto file = ChannelFile(channel::kExceptionReport);
   auto reports = ReadExceptionReports(ReadWholeFile(file));
-  std::filesystem::remove(file);
+  fs::remove(file);
   return reports;
+}
+
+qellog::ExceptionReport TakeOnlyExceptionReport() {
+  const auto reports = TakeExceptionReports();
+  EXPECT_EQ(reports.size(), 1u);
+  return reports.at(0);
 }
 
 std::string ValueOf(const std::vector<qellog::NamedValue>& values, const std::string& name) {

@@ -6,6 +6,18 @@
 
 namespace qel::test {
 
+// A test that starts without report files, assertions and errors of reports.
+class ReportTest : public testing::Test {
+ protected:
+  ReportTest();
+};
+
+// The debug help of Windows reads all symbols of the process anew for each report: seconds, where a test looks at other
+// things. Without its start it gives addresses only. That of the layer stays as it is.
+inline auto OwnDebugHelpOnly() {
+  return FAIL_CALL(SymInitialize, 1, ERROR_INVALID_PARAMETER, FALSE, kLinux ? 0 : 1'000'000);
+}
+
 std::string WrittenBy(const std::function<void(std::FILE* stream)>& write);
 
 // Those of the reports of a file or stream that go on to their last section.
@@ -15,6 +27,7 @@ std::vector<qellog::ExceptionReport> ReadExceptionReports(const std::string& tex
 std::vector<qellog::StatusReport> ReadStatusReports(const std::string& text);
 // As the file of the reports holds them; the file is gone then.
 std::vector<qellog::ExceptionReport> TakeExceptionReports();
+qellog::ExceptionReport TakeOnlyExceptionReport();
 
 // "0x1234abcd"; empty when there is none.
 std::string ValueOf(const std::vector<qellog::NamedValue>& values, const std::string& name);

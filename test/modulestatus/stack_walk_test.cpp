@@ -1,5 +1,4 @@
 #include "test/modulestatus/captured_fault.h"
-#include "test/modulestatus/own_debug_help.h"
 #include "test/modulestatus/report_text.h"
 
 namespace qel::test {
@@ -106,25 +105,9 @@ TEST(StackWalk, StopsTheRawDumpAtTheFirstUnreadableByte) {
   EXPECT_EQ(full[63], DumpLine(page.Begin() + 63 * 16));
 }
 
-TEST(StackWalk, SaysWhatIsMissing) {
-  LogFolder();
-  TakeLines(channel::kAssert);
-  const std::string heading = "\n======================= Stack Walk ==============================================\n";
-  EXPECT_EQ(WalkText(nullptr), heading + "Context not exist(122)\n");
-  EXPECT_EQ(TakeMessages(channel::kAssert), Messages{});
-  const CONTEXT context = ContextAt(nullptr, &context, nullptr);
-  const auto allocate = FAIL_CALL(GlobalAlloc, 1, ERROR_NOT_ENOUGH_MEMORY, nullptr);
-  EXPECT_EQ(WalkText(&context), heading + "Not enough memory(130)\n");
-  EXPECT_EQ(TakeMessages(channel::kAssert), Messages{"ASSERT : modulestatus.cpp(127)"});
-}
-
 // A walk of one frame while the debug help does what it should not.
-class DebugHelp : public testing::Test {
+class DebugHelp : public ReportTest {
  protected:
-  DebugHelp() {
-    LogFolder();
-    TakeLines(channel::kModuleStatusError);
-  }
   // The frames' functions, or addresses, and whether the stack follows.
   std::string Walk() {
     ChainFrame chain[1] = {{nullptr, Inside(&CallReadThrough, 9), {}}};
@@ -135,6 +118,16 @@ class DebugHelp : public testing::Test {
   }
   const void* const called_ = Inside(&ReadThrough, 6);
 };
+
+TEST_F(DebugHelp, SaysWhatIsMissing) {
+  const std::string heading = "\n======================= Stack Walk ==============================================\n";
+  EXPECT_EQ(WalkText(nullptr), heading + "Context not exist(122)\n");
+  EXPECT_EQ(TakeMessages(channel::kAssert), Messages{});
+  const CONTEXT context = ContextAt(nullptr, &context, nullptr);
+  const auto allocate = FAIL_CALL(GlobalAlloc, 1, ERROR_NOT_ENOUGH_MEMORY, nullptr);
+  EXPECT_EQ(WalkText(&context), heading + "Not enough memory(130)\n");
+  EXPECT_EQ(TakeMessages(channel::kAssert), Messages{"ASSERT : modulestatus.cpp(127)"});
+}
 
 TEST_F(DebugHelp, WithoutTheSymbolsAddressesArePrinted) {
   const auto find = FAIL_CALL(SymGetSymFromAddr, 1, ERROR_INVALID_ADDRESS, FALSE, 1000);

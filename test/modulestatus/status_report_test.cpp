@@ -7,6 +7,8 @@
 namespace qel::test {
 namespace {
 
+using StatusReport = ReportTest;
+
 constexpr uintmax_t kReportLimit = 10485760;
 
 std::string StatusText(const wchar_t* title = L"title", const char* message = "") {
@@ -129,8 +131,7 @@ struct MadeMachine {
       }};
 };
 
-TEST(StatusReport, HasThisText) {
-  LogFolder();
+TEST_F(StatusReport, HasThisText) {
   const std::string process = std::to_string(GetCurrentProcessId()), threads = std::to_string(VemoOMPGetNumThreads());
   const MadeMachine machine;
   const std::string text = StatusText(L"title", "message");
@@ -211,7 +212,7 @@ E(6) : FreeBytesAvailable=1099511627776, TotalNumberOfBytes=12345678901234, Tota
   EXPECT_NE(StatusText(nullptr, nullptr).find("\n##### viewer.exe()\n"), std::string::npos);
 }
 
-TEST(StatusReport, AgreesWithTheAddressSpace) {
+TEST_F(StatusReport, AgreesWithTheAddressSpace) {
   void* const block = VirtualAlloc(nullptr, 8 << 20, MEM_RESERVE, PAGE_READWRITE);
   const auto base = reinterpret_cast<ULONG_PTR>(block);
   const auto isFree = [&] {
@@ -226,7 +227,7 @@ TEST(StatusReport, AgreesWithTheAddressSpace) {
 }
 
 // More roots than fit into the usual room: the length is asked for and given.
-TEST(StatusReport, AnyNumberOfDrives) {
+TEST_F(StatusReport, AnyNumberOfDrives) {
   constexpr int kDrives = 1000;
   std::string roots;
   for (int i = 0; i < kDrives; ++i) roots += "/mounted/drive" + std::to_string(i) + '/' + '\0';
@@ -245,7 +246,7 @@ TEST(StatusReport, AnyNumberOfDrives) {
     EXPECT_NE(report.find("/mounted/drive" + std::to_string(i) + "/(3) : Drive not ready(0x15)"), std::string::npos);
 }
 
-TEST(StatusReport, GoesOnWhenAQueryFails) {
+TEST_F(StatusReport, GoesOnWhenAQueryFails) {
   const std::pair<FailingCall, const char*> cases[] = {
       {FAILING_CALL(VirtualQuery, ERROR_INVALID_PARAMETER, 0ul), "=           0 Bytes (      0 MBytes )\n\n======"},
       {FAILING_CALL(GlobalMemoryStatusEx, ERROR_INVALID_PARAMETER, FALSE),
@@ -266,8 +267,7 @@ TEST(StatusReport, GoesOnWhenAQueryFails) {
 }
 
 // A section of the report, the call in it that misbehaves, and what the error channel then says.
-TEST(StatusReport, LosesOnlyTheSectionThatFaults) {
-  LogFolder();
+TEST_F(StatusReport, LosesOnlyTheSectionThatFaults) {
   const auto expectError = [](const char* error) {
     TakeLines(channel::kModuleStatusError);
     const std::string text = StatusText();
@@ -291,10 +291,8 @@ TEST(StatusReport, LosesOnlyTheSectionThatFaults) {
   }
 }
 
-TEST(StatusReport, AppendsUpToItsLimit) {
-  LogFolder();
+TEST_F(StatusReport, AppendsUpToItsLimit) {
   const auto file = ChannelFile(channel::kModuleStatusReport);
-  fs::remove(file);
   EXPECT_EQ(VemoModuleStatusLogOut(nullptr, nullptr), _HEAPOK);
   EXPECT_EQ(VemoModuleStatusLogOut(L"second", "message"), _HEAPOK);
   const std::string text = ReadWholeFile(file);
@@ -310,15 +308,12 @@ TEST(StatusReport, AppendsUpToItsLimit) {
   fs::resize_file(file, kReportLimit);
   EXPECT_EQ(VemoModuleStatusLogOut(L"at", ""), _HEAPOK);
   EXPECT_GT(fs::file_size(file), kReportLimit);
-  fs::remove(file);
 }
 
 int BadHeap() { return -3; }
 
-TEST(StatusReport, ReturnsTheHeapsState) {
-  LogFolder();
+TEST_F(StatusReport, ReturnsTheHeapsState) {
   const ReplaceCall check("_heapchk", &BadHeap);
-  TakeLines(channel::kAssert);
   EXPECT_EQ(VemoModuleStatusLogOut(L"title", ""), -3);
   const auto messages = TakeMessages(channel::kAssert);
   ASSERT_FALSE(messages.empty());

@@ -8,6 +8,7 @@ using PathCall = std::function<bool(const wchar_t*)>;  // whether it succeeds
 
 class BadInput : public FileTest {
  protected:
+  FakeClock clock_;
   // Every export that takes a path, with that path.
   std::vector<std::pair<const char*, PathCall>> PathCalls() {
     return {
@@ -49,7 +50,6 @@ class BadInput : public FileTest {
     };
   }
   void AllRefuse(const wchar_t* path, const char* what) {
-    FakeClock clock;
     const unsigned long handles = OpenHandleCount();
     for (const auto& [name, call] : PathCalls()) {
       EXPECT_FALSE(call(path)) << name << " took " << what;
@@ -108,7 +108,6 @@ TEST_F(BadInput, DotsAndQuotesInsideAPath) {
 
 TEST_F(BadInput, BuffersThatCannotBeUsed) {
   PageBuffer page;
-  FakeClock clock;
   const unsigned long handles = OpenHandleCount();
   const ScopedFile file(OpenPlain(there_, GENERIC_READ | GENERIC_WRITE, 3));
   DWORD count;
@@ -162,7 +161,6 @@ TEST_F(BadInput, ASourceNameThatCannotBeRead) {
 
 TEST_F(BadInput, HandlesOfTheWrongKind) {
   const ScopedMapping event(CreateEventW(nullptr, FALSE, FALSE, nullptr));
-  FakeClock clock;
   DWORD count;
   ULONGLONG written;
   for (const HANDLE handle : {event.Get(), HANDLE(nullptr), HANDLE(0x7ABCDEF0)}) {

@@ -18,19 +18,11 @@ size_t g_count = 0;
 
 void Note(const char* call, BOOL done) { g_outcomes[g_count++] = {call, done, GetLastError()}; }
 
-struct Names {
-  explicit Names(const std::string& folder) : folder_(folder) {}
-  std::wstring operator()(const char* name) const { return (folder_ / name).wstring(); }
-
- private:
-  const std::filesystem::path folder_;
-};
-
 // arguments: the folder. It holds "source" and "target", both of kBytes.
 CHILD_ROLE(UseFilesWithoutAddresses) {
   LogFolder();
   FakeClock clock;
-  const Names names(arguments[0]);
+  const auto names = [&](const char* name) { return (fs::path(arguments[0]) / name).wstring(); };
   const std::wstring source = names("source"), target = names("target"), copy = names("copy"), made = names("made"),
                      mapped = names("mapped"), saved = names("saved"), moved = names("moved");
   NamedObject object(kBytes);

@@ -5,6 +5,7 @@ namespace {
 
 class MappingCalls : public FileTest {
  protected:
+  FakeClock clock_;
   static ScopedMapping Section(DWORD bytes, const wchar_t* name = nullptr) {
     return ScopedMapping(CreateFileMappingX(HOST, INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, bytes, 0, name));
   }
@@ -12,10 +13,9 @@ class MappingCalls : public FileTest {
 };
 
 TEST_F(MappingCalls, CreationIsTriedThirtyTimes) {
-  FakeClock clock;
   EXPECT_EQ(CreateFileMappingX(HOST, HANDLE(0x7ABCDEF0), nullptr, PAGE_READWRITE, 7, 1, nullptr), nullptr);
   EXPECT_EQ(GetLastError(), 6u);
-  EXPECT_EQ(clock.Sleeps(), std::vector<DWORD>(30, 100));
+  EXPECT_EQ(clock_.Sleeps(), std::vector<DWORD>(30, 100));
   Messages expected;
   for (int i = 0; i < 30; ++i) {
     expected.push_back("host.cpp(4711): retryCount=" + std::to_string(i) +
@@ -25,7 +25,6 @@ TEST_F(MappingCalls, CreationIsTriedThirtyTimes) {
 }
 
 TEST_F(MappingCalls, ASuccessAfterRetriesIsCompleteAndRestoresNothing) {
-  FakeClock clock;
   const ScopedMapping existing = Section(4096, name_.c_str());
   auto create = FAIL_CALL(CreateFileMappingW, 1, ERROR_NOT_ENOUGH_MEMORY, nullptr, 2);
   EXPECT_TRUE(Section(4096, name_.c_str()));
@@ -49,7 +48,6 @@ TEST_F(MappingCalls, AnExistingObjectIsOpenedWith183) {
 }
 
 TEST_F(MappingCalls, AFailureIsOneLineWithTheCallsArguments) {
-  FakeClock clock;
   const ScopedMapping mapping(
       CreateFileMappingX(HOST, INVALID_HANDLE_VALUE, nullptr, PAGE_READONLY, 0x20000, 0, nullptr));
   char inNoView;
@@ -63,22 +61,21 @@ TEST_F(MappingCalls, AFailureIsOneLineWithTheCallsArguments) {
        "MapViewOfFileX(0x12, 0x4, 2, 65536, 3)"},
       {[&] { return UnmapViewOfFileX(HOST, &inNoView); }, 487, "UnmapViewOfFileX(" + Address(&inNoView) + ")"},
   });
-  EXPECT_EQ(clock.Sleeps().size(), 0u);
+  EXPECT_EQ(clock_.Sleeps().size(), 0u);
 }
 
 TEST_F(MappingCalls, AShortageOfAddressSpaceIsWaitedOut) {
   const ScopedMapping mapping = Section(0x20000);
-  FakeClock clock;
   {
     auto map = FAIL_CALL(MapViewOfFile, 1, ERROR_NOT_ENOUGH_MEMORY, nullptr, 1000);
     EXPECT_EQ(MapViewOfFileX(HOST, mapping.Get(), FILE_MAP_READ, 0, 0, 0, 1000), nullptr);
     EXPECT_EQ(GetLastError(), 8u);
-    EXPECT_EQ(clock.Sleeps(), std::vector<DWORD>(4, 300)) << "900 ms are not more than 1000";
+    EXPECT_EQ(clock_.Sleeps(), std::vector<DWORD>(4, 300)) << "900 ms are not more than 1000";
     EXPECT_EQ(FileMessages().size(), 5u);
     EXPECT_EQ(MapViewOfFileX(HOST, mapping.Get(), FILE_MAP_READ, 0, 0, 0, 0), nullptr);
     EXPECT_EQ(FileMessages().size(), 2u);
   }
-  clock.now = 0xFFFFFF00;  // the tick count wraps on the way
+  clock_.now = 0xFFFFFF00;  // the tick count wraps on the way
   auto map = FAIL_CALL(MapViewOfFile, 1, ERROR_NOT_ENOUGH_MEMORY, nullptr, 50);
   auto* view =
       static_cast<char*>(MapViewOfFileX(HOST, mapping.Get(), FILE_MAP_ALL_ACCESS, 0x10000, 0, 0x10000, INFINITE));

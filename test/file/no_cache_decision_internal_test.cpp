@@ -18,7 +18,6 @@ constexpr DWORD kAnyLoad = 101, kNoLoad = 0;  // percent
 class NoCacheDecision : public testing::Test {
  protected:
   NoCacheDecision() {
-    LogFolder();
     WriteWholeFile(folder_.Path() / "x", "0123456789");
     VemoSetNoCacheFlushLimit(kLimitBytes, kAnyLoad);
     no_cache::enabled = true;

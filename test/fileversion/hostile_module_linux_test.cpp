@@ -8,11 +8,11 @@
 
 namespace {
 
-using qel::test::ByteVector;
+using namespace qel::test;
 
 // Reads all that there is to read, as a host would.
 void ReadAll(const std::wstring& file, const ByteVector& bytes, const std::filesystem::path& path) {
-  qel::test::WriteWholeFile(path, {bytes.begin(), bytes.end()});
+  WriteWholeFile(path, {bytes.begin(), bytes.end()});
   void* version = CreateCFileVersion(file.c_str());
   ASSERT_NE(version, nullptr);
   if (char** strings = GetVerCFileVersion(version)) {
@@ -26,13 +26,12 @@ void ReadAll(const std::wstring& file, const ByteVector& bytes, const std::files
 }
 
 TEST(HostileModule, DamagedBytesAndCutFilesNeverFault) {
-  qel::test::LogFolder();
-  const qel::test::ScratchFolder folder;
+  const ScratchFolder folder;
   const std::wstring file = folder.Wide("module.dll");
   const auto path = folder.Path() / "module.dll";
-  const ByteVector sound = qel::test::BuildModule(qel::test::BuildVersionResource(
-      {{{"040904e4", {{"CompanyName", u"ACME"}, {"FileVersion", std::u16string(300, u'\u20AC')}}}},
-       {{0x0409, 0x04E4}}}));
+  const ByteVector sound = BuildModule(
+      BuildVersionResource({{{"040904e4", {{"CompanyName", u"ACME"}, {"FileVersion", std::u16string(300, u'\u20AC')}}}},
+                            {{0x0409, 0x04E4}}}));
   std::mt19937 random(20240305);
   const auto below = [&](size_t limit) { return random() % limit; };
   constexpr int kRounds = 6000;
@@ -48,16 +47,15 @@ TEST(HostileModule, DamagedBytesAndCutFilesNeverFault) {
     if (below(8) == 0) bytes.resize(below(bytes.size()));
     ReadAll(file, bytes, path);
   }
-  EXPECT_TRUE(qel::test::TakeLines(qel::channel::kAssert).empty()) << "a fault was caught by the guard";
+  EXPECT_TRUE(TakeLines(qel::channel::kAssert).empty()) << "a fault was caught by the guard";
 }
 
 TEST(HugeModule, IsNotReadWhole) {
-  qel::test::LogFolder();
-  const qel::test::ScratchFolder folder;
+  const ScratchFolder folder;
   const auto path = folder.Path() / "huge.dll";
-  const ByteVector module = qel::test::BuildModule(
-      qel::test::BuildVersionResource({{{"040904e4", {{"CompanyName", u"ACME"}}}}, {{0x0409, 0x04E4}}}));
-  qel::test::WriteWholeFile(path, {module.begin(), module.end()});
+  const ByteVector module =
+      BuildModule(BuildVersionResource({{{"040904e4", {{"CompanyName", u"ACME"}}}}, {{0x0409, 0x04E4}}}));
+  WriteWholeFile(path, {module.begin(), module.end()});
   std::filesystem::resize_file(path, 1'900'000'000);
   rusage before, after;
   getrusage(RUSAGE_SELF, &before);

@@ -3,12 +3,7 @@
 
 namespace {
 
-using qel::test::BuildModule;
-using qel::test::BuildVersionResource;
-using qel::test::ByteVector;
-using qel::test::ModuleOptions;
-using qel::test::ScratchFolder;
-using qel::test::VersionContents;
+using namespace qel::test;
 
 VersionContents TwoLanguages() {
   return {{{"040904e4", {{"CompanyName", u"ACME"}, {"FileVersion", u"1.2.3.4"}, {"Comments", u""}}},
@@ -28,7 +23,7 @@ struct VersionHandle {
 class VersionStrings : public testing::Test {
  protected:
   std::wstring Write(const ByteVector& bytes) {
-    qel::test::WriteWholeFile(folder_.Path() / "module.dll", {bytes.begin(), bytes.end()});
+    WriteWholeFile(folder_.Path() / "module.dll", {bytes.begin(), bytes.end()});
     return folder_.Wide("module.dll");
   }
   ScratchFolder folder_;

@@ -1,9 +1,5 @@
 // The scoped helpers beside the guard.
-#include <gtest/gtest.h>
-
 #include <clocale>
-#include <cstdio>
-#include <string>
 
 #include "qelibaselib/base/delta_time.h"
 #include "qelibaselib/base/floating_point_guard.h"
@@ -12,8 +8,7 @@
 #include "qelibaselib/guard/omp_exception.h"
 #include "qelibaselib/guard/structured_exception_translator.h"
 #include "qelibaselib/platform/thread_locale.h"
-#include "test/support/child_process.h"
-#include "test/support/threads.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {
@@ -41,7 +36,8 @@ void SetMasks(Masks masks) {
   __control87_2(masks.sse2, _MCW_EM, nullptr, &now);
 }
 
-// Leaves the mark of an inexact result in both units, or tells whether there is any mark.
+// Leaves the mark of an inexact result in both units, or tells whether there is
+// any mark.
 void MarkInexact() {
   volatile double third = 1;
   third = third / 3;

@@ -1,6 +1,7 @@
 #include "qelibaselib/memory/checked_memory.h"
 
-#include "test/memory/on_thread.h"
+#include "test/support/library.h"
+#include "test/support/worker.h"
 
 namespace qel::test {
 namespace {
@@ -90,11 +91,40 @@ TEST(CheckedMemory, ProbesFirstAndLastByteForReadingAndNothingElse) {
   }
 }
 
+// A thread on which nothing catches, neither the test framework's clauses nor a guard, so that faults and raised
+// exceptions reach the filter of the process.
+void OnBareThread(const std::function<void()>& body) {
+  const Worker thread([&] { return body(), 0; });
+}
+
+// Records what nobody catches and lets the thread go on, after `mend` when there is one.
+class ContinuingFilter {
+ public:
+  explicit ContinuingFilter(std::function<void()> mend = {}) : mend_(std::move(mend)) {
+    active_ = this;
+    before_ = SetUnhandledExceptionFilter(&Enter);
+  }
+  ContinuingFilter(const ContinuingFilter&) = delete;
+  ContinuingFilter& operator=(const ContinuingFilter&) = delete;
+  ~ContinuingFilter() { SetUnhandledExceptionFilter(before_); }
+
+  std::vector<EXCEPTION_RECORD> records;
+
+ private:
+  static LONG WINAPI Enter(EXCEPTION_POINTERS* pointers) {
+    active_->records.push_back(*pointers->ExceptionRecord);
+    if (active_->mend_) active_->mend_();
+    return EXCEPTION_CONTINUE_EXECUTION;
+  }
+  static inline ContinuingFilter* active_ = nullptr;
+  std::function<void()> mend_;
+  LPTOP_LEVEL_EXCEPTION_FILTER before_ = nullptr;
+};
+
 class BadBuffer : public testing::Test {
  protected:
   // Runs the operation where nobody catches and lets it go on.
   void Expect(std::function<void()> operation, const std::string& message, std::vector<ULONG_PTR> parameters) {
-    LogFolder();
     TakeLines(channel::kMemoryOperation);
     ContinuingFilter filter;
     OnBareThread(operation);

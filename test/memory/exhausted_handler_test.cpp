@@ -42,7 +42,6 @@ CHILD_ROLE(HandleWithNothingLeft) {
 
 TEST(MemAllocHandlerWithoutHeap, AnswersAndWritesOrLosesItsLine) {
   SKIP_UNDER_ASAN();
-  LogFolder();
   for (const char* const process : {"used", "new"}) {
     for (const char* const thread : {"main", "other"}) {
       // Wine ends the whole process when a thread other than the first one meets an address space without room.

@@ -31,7 +31,6 @@ CHILD_ROLE(ReportWithDamagedHeap) {
 }
 
 TEST(DamagedHeap, IsReportedAndTheProcessLives) {
-  LogFolder();
   TakeLines(channel::kAssert);
   std::filesystem::remove(ChannelFile(channel::kExceptionReport));
   std::filesystem::remove(ChannelFile(channel::kModuleStatusReport));

@@ -36,7 +36,6 @@ CHILD_ROLE(CallFirstWithoutMemory) {
 
 TEST(NothingLeft, AThreadsFirstCallEndsInItsFailureValue) {
   SKIP_UNDER_ASAN();
-  LogFolder();
   TakeLines(channel::kMisc);
   ChildProcess child("CallFirstWithoutMemory");
   EXPECT_EQ(child.Wait(), 0);

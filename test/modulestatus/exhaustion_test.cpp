@@ -70,7 +70,6 @@ TEST(NothingLeft, TheFirstFaultIsSurvived) {
 // What a process can still do must end, whatever it loses, and what it had written stays.
 TEST(NothingLeft, ReportsReturnAndWriteWhatTheyCan) {
   SKIP_UNDER_ASAN();
-  LogFolder();
   const auto reportFile = ChannelFile(channel::kExceptionReport);
   for (const auto& [name, resource] : kResources) {
     SCOPED_TRACE(name);

@@ -27,7 +27,6 @@ CHILD_ROLE(ReportForEver) {
 }
 
 TEST(ReportKill, TheNextReportIsWhole) {
-  LogFolder();
   const auto file = ChannelFile(channel::kExceptionReport);
   const auto symbols = OwnDebugHelpOnly();
   CapturedFault captured;

@@ -6,16 +6,13 @@
 
 namespace {
 
-using qel::test::LogFolder;
-using qel::test::ScratchFolder;
-using qel::test::TakeMessages;
+using namespace qel::test;
 
 class Benchmark : public testing::Test {
  protected:
   Benchmark() {
-    LogFolder();
     TakeMessages(qel::channel::kAssert);
-    std::filesystem::remove(qel::test::ChannelFile(qel::channel::kBenchmarkReport));
+    std::filesystem::remove(ChannelFile(qel::channel::kBenchmarkReport));
     benchmark_.m_iterations = 2;
     benchmark_.m_bufferBytes = 1 << 20;
     benchmark_.m_maximumThreads = 2;
@@ -60,9 +57,9 @@ TEST_F(Benchmark, MappedFilesAreOpenedForWhatIsMeasuredAndGoneAfterwards) {
 
 TEST_F(Benchmark, TheReportNamesTheErrorOfTheStepThatFailed) {
   const auto error = [this] {
-    std::filesystem::remove(qel::test::ChannelFile(qel::channel::kBenchmarkReport));
+    std::filesystem::remove(ChannelFile(qel::channel::kBenchmarkReport));
     benchmark_.LogOutResult("", L"", 0);
-    const auto text = qel::test::ReadWholeFile(qel::test::ChannelFile(qel::channel::kBenchmarkReport));
+    const auto text = ReadWholeFile(ChannelFile(qel::channel::kBenchmarkReport));
     EXPECT_EQ(text.find("Line = 000000"), std::string::npos) << "the step's line";
     return text.substr(text.find("LastErrNum = "), 19);
   };
@@ -82,7 +79,7 @@ TEST_F(Benchmark, TheReportNamesTheErrorOfTheStepThatFailed) {
   EXPECT_EQ(error(), "LastErrNum =   1450");
   {
     const auto fail = +[](std::size_t, const std::nothrow_t&) noexcept -> void* { return nullptr; };
-    const qel::test::ReplaceCall allocate("_ZnwjRKSt9nothrow_t", fail);
+    const ReplaceCall allocate("_ZnwjRKSt9nothrow_t", fail);
     benchmark_.CheckOmpPerformanceRate();
   }
   EXPECT_EQ(error(), "LastErrNum =      8");
@@ -152,7 +149,7 @@ TEST_F(Benchmark, TheReportHasItsLinesInOrder) {
   benchmark_.m_threadRates[1] = 100;
   benchmark_.m_threadRates[2] = 200.5;
   benchmark_.LogOutResult("message", L"title", 7);
-  std::istringstream text(qel::test::ReadWholeFile(qel::test::ChannelFile(qel::channel::kBenchmarkReport)));
+  std::istringstream text(ReadWholeFile(ChannelFile(qel::channel::kBenchmarkReport)));
   std::vector<std::string> lines;
   for (std::string line; std::getline(text, line);) lines.push_back(line);
   ASSERT_EQ(lines.size(), 25u);
@@ -186,13 +183,13 @@ TEST_F(Benchmark, TheReportHasItsLinesInOrder) {
   };
   for (size_t i = 0; i < expected.size(); ++i) EXPECT_EQ(lines[i], expected[i] + "\r");
 
-  const auto file = qel::test::ChannelFile(qel::channel::kBenchmarkReport);
+  const auto file = ChannelFile(qel::channel::kBenchmarkReport);
   benchmark_.LogOutResult(nullptr, nullptr, 8);
-  EXPECT_TRUE(qel::test::ReadWholeFile(file).ends_with("\r\n(), 8\r\n"));
+  EXPECT_TRUE(ReadWholeFile(file).ends_with("\r\n(), 8\r\n"));
   {
     const auto mutex = FAIL_CALL(CreateMutexW, 1, ERROR_ACCESS_DENIED, nullptr);
     benchmark_.LogOutResult("lost", L"title", 7);
-    EXPECT_EQ(qel::test::ReadWholeFile(file).find("lost"), std::string::npos);
+    EXPECT_EQ(ReadWholeFile(file).find("lost"), std::string::npos);
   }
   for (const size_t bytes : {qel::kChannelLimitBytes, qel::kChannelLimitBytes + 1}) {
     SCOPED_TRACE(bytes);

@@ -35,7 +35,6 @@ TEST(PixelLoop, MovesTheStartOfEachRow) {
 }
 
 TEST(PixelLoop, TurnsAFaultIntoItsExceptionAndALine) {
-  LogFolder();
   TakeMessages(channel::kAssert);
   Image destination(kImageBytes);
   EXPECT_THROW(RunPixelLoop(static_cast<const unsigned char*>(nullptr), destination.data(), 2), COmpException);

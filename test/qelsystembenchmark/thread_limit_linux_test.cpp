@@ -23,7 +23,6 @@ CHILD_ROLE(MeasureWithLittleRoom) {
 
 TEST(BenchmarkThreads, AreRefusedWhenTheSystemHasNoRoomForThem) {
   SKIP_UNDER_ASAN();
-  LogFolder();
   TakeMessages(channel::kAssert);
   EXPECT_EQ(ChildProcess("MeasureWithLittleRoom").Wait(), 0);
   const auto messages = TakeMessages(channel::kAssert);

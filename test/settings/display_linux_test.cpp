@@ -33,7 +33,7 @@ CHILD_ROLE(UnloadAfterBeep) {
   return IsMapped(path) ? 3 : 0;
 }
 
-TEST(Display, TheLibraryStaysUntilItsThreadHasEnded) {
+TEST(DisplayThread, KeepsTheLibraryUntilItHasEnded) {
   SKIP_UNDER_ASAN();
   EXPECT_EQ(ChildProcess("UnloadAfterBeep").Wait(), 0);
 }

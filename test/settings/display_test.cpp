@@ -28,8 +28,11 @@ class Threads {
   }};
 };
 
-TEST(Display, EndsBeforeItReturnsWhenAsked) {
-  TakeLines(qel::channel::kAssert);
+struct Display : testing::Test {
+  Display() { TakeLines(qel::channel::kAssert); }
+};
+
+TEST_F(Display, EndsBeforeItReturnsWhenAsked) {
   std::atomic<int> timeCritical = 0;
   auto priority =
       WATCH_CALL(SetThreadPriority, [&](HANDLE, int value) { timeCritical += value == THREAD_PRIORITY_TIME_CRITICAL; });
@@ -51,7 +54,7 @@ TEST(Display, EndsBeforeItReturnsWhenAsked) {
   EXPECT_TRUE(TakeLines(qel::channel::kAssert).empty());
 }
 
-TEST(Display, LeavesNoHandleBehind) {
+TEST_F(Display, LeavesNoHandleBehind) {
   auto beep = ANSWER_CALL(Beep, TRUE);
   const auto display = [](int waitForEnd) {
     Threads threads;
@@ -63,8 +66,7 @@ TEST(Display, LeavesNoHandleBehind) {
   EXPECT_EQ(OpenHandleCount(), before);
 }
 
-TEST(Display, GoesOnAloneOtherwise) {
-  TakeLines(qel::channel::kAssert);
+TEST_F(Display, GoesOnAloneOtherwise) {
   auto beep = ANSWER_CALL(Beep, TRUE);
   Threads threads;
   for (int i = 0; i < 4; ++i) VemoDispInf("text", 0);
@@ -72,7 +74,7 @@ TEST(Display, GoesOnAloneOtherwise) {
   EXPECT_TRUE(TakeLines(qel::channel::kAssert).empty());
 }
 
-TEST(Display, BeepsUntilTheTextIsThere) {
+TEST_F(Display, BeepsUntilTheTextIsThere) {
   auto beep = ANSWER_CALL(Beep, TRUE);
   // The first answers of the beeper's look at its event: not signalled yet.
   std::atomic<int> looks = 0;
@@ -87,8 +89,7 @@ TEST(Display, BeepsUntilTheTextIsThere) {
   EXPECT_EQ(pauses, beep.Calls());
 }
 
-TEST(Display, IsGivenUpWithoutAThread) {
-  TakeLines(qel::channel::kAssert);
+TEST_F(Display, IsGivenUpWithoutAThread) {
   auto create = FAIL_CALL(CreateThread, 1, 8, nullptr);
   VemoDispInf("text", 1);
   const auto messages = TakeMessages(qel::channel::kAssert);
@@ -96,8 +97,7 @@ TEST(Display, IsGivenUpWithoutAThread) {
   EXPECT_TRUE(messages[0].ends_with(", lec=8")) << messages[0];
 }
 
-TEST(Display, BadTextStaysInside) {
-  LogFolder();
+TEST_F(Display, BadTextStaysInside) {
   VemoDispInf(reinterpret_cast<const char*>(16), 1);
   EXPECT_FALSE(TakeLines(qel::channel::kAssert).empty());
 }

@@ -45,7 +45,6 @@ TEST(Processor, CpuidAnswersBasicLeavesOnly) {
     EXPECT_EQ(VemoGetCPUID(refused, &eax, &ebx, &ecx, &edx), 0);
     EXPECT_EQ(eax + ebx + ecx + edx, 20u);
   }
-  LogFolder();
   EXPECT_EQ(VemoGetCPUID(0, reinterpret_cast<DWORD*>(16), &ebx, &ecx, &edx), 0);
 }
 

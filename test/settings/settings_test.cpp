@@ -47,7 +47,6 @@ CHILD_ROLE(RaceForFolder) {
 }
 
 TEST(Settings, ALaterFolderIsNotEvenRead) {
-  LogFolder();
   TakeLines(qel::channel::kAssert);
   const std::wstring folder = VemoGetLogPath();
   EXPECT_NE(VemoSetLogPath(nullptr), 0);
@@ -78,7 +77,6 @@ TEST(Settings, NoCacheFlushLimit) {
   EXPECT_EQ(VemoSetNoCacheFlushLimit(0xFFFFFFFF, 7), 0xFFFFFFFFu);
   EXPECT_EQ(VemoGetNoCacheFlushLimit(&second), 0xFFFFFFFFu);
   EXPECT_EQ(second, 7u);
-  LogFolder();
   EXPECT_EQ(VemoGetNoCacheFlushLimit(reinterpret_cast<DWORD*>(16)), 0xFFFFFFFFu);  // a fault that stays inside
   VemoSetNoCacheFlushLimit(33554432, 50);
 }

@@ -24,21 +24,23 @@ std::string Line(const std::string& kind) {
   return "host.cpp(21): " + kind + " : Multi Start Up, " + ProgramPath() + ", lc=0xb7";
 }
 
-void ForgetLines() {
-  TakeLines(qel::channel::kMisc);
-  TakeLines(qel::channel::kAssert);
-}
+struct MultiStartUp : testing::Test {
+  MultiStartUp() { ForgetLines(); }
+  ~MultiStartUp() override { ForgetLines(); }
+  static void ForgetLines() {
+    TakeLines(qel::channel::kMisc);
+    TakeLines(qel::channel::kAssert);
+  }
+};
 
-TEST(MultiStartUp, FirstInstanceIsAloneAtOnceAndSilent) {
-  ForgetLines();
+TEST_F(MultiStartUp, FirstInstanceIsAloneAtOnceAndSilent) {
   FakeClock clock;
   EXPECT_EQ(Check(Stem(), 3000), 0);
   EXPECT_TRUE(clock.Sleeps().empty());
   EXPECT_TRUE(TakeLines(qel::channel::kMisc).empty());
 }
 
-TEST(MultiStartUp, SecondInstanceTriesOnceASecond) {
-  ForgetLines();
+TEST_F(MultiStartUp, SecondInstanceTriesOnceASecond) {
   const std::string stem = Stem();
   ASSERT_EQ(Check(stem, 0), 0);
   for (const auto& [timeoutMs, attempts] : {std::pair{0ul, 1u}, {1ul, 1u}, {1000ul, 1u}, {1001ul, 2u}, {3000ul, 3u}}) {
@@ -51,8 +53,7 @@ TEST(MultiStartUp, SecondInstanceTriesOnceASecond) {
   }
 }
 
-TEST(MultiStartUp, ErrorIsWrittenAndDisplayedOnRequest) {
-  ForgetLines();
+TEST_F(MultiStartUp, ErrorIsWrittenAndDisplayedOnRequest) {
   const std::string stem = Stem();
   ASSERT_EQ(Check(stem, 0), 0);
   FakeClock clock;
@@ -63,8 +64,7 @@ TEST(MultiStartUp, ErrorIsWrittenAndDisplayedOnRequest) {
   EXPECT_EQ(TakePlacedMessages(qel::channel::kMisc), (Messages{Line("Warning"), Line("Error")}));
 }
 
-TEST(MultiStartUp, MarkThatCannotBeMadeEndsTheTries) {
-  ForgetLines();
+TEST_F(MultiStartUp, MarkThatCannotBeMadeEndsTheTries) {
   FakeClock clock;
   auto create = FAIL_CALL(CreateEventW, 1, 8, nullptr);
   EXPECT_EQ(Check(Stem(), INFINITE), 1);
@@ -74,8 +74,7 @@ TEST(MultiStartUp, MarkThatCannotBeMadeEndsTheTries) {
   EXPECT_EQ(TakeLines(qel::channel::kAssert).size(), 1u);
 }
 
-TEST(MultiStartUp, GoesOnWhenTheFirstInstanceEnds) {
-  ForgetLines();
+TEST_F(MultiStartUp, GoesOnWhenTheFirstInstanceEnds) {
   const std::string stem = Stem();
   auto first = std::make_unique<ChildProcess>("Start", Messages{stem});
   ASSERT_EQ(first->WaitForLine(), "ready");
@@ -90,8 +89,7 @@ TEST(MultiStartUp, GoesOnWhenTheFirstInstanceEnds) {
   EXPECT_TRUE(TakeLines(qel::channel::kAssert).empty());
 }
 
-TEST(MultiStartUp, OneOfManyThatStartTogetherIsFirst) {
-  LogFolder();
+TEST_F(MultiStartUp, OneOfManyThatStartTogetherIsFirst) {
   const std::string stem = Stem();
   constexpr int kProcesses = 20;
   std::vector<ChildProcess> children;
@@ -101,13 +99,10 @@ TEST(MultiStartUp, OneOfManyThatStartTogetherIsFirst) {
   int first = 0;
   for (auto& child : children) first += child.WaitForLine() == "0";
   EXPECT_EQ(first, 1);
-  ForgetLines();
 }
 
-TEST(MultiStartUp, BadStemIsNoReasonToStart) {
-  ForgetLines();
+TEST_F(MultiStartUp, BadStemIsNoReasonToStart) {
   EXPECT_EQ(VemoChkMultiStartUp(1, nullptr, reinterpret_cast<const wchar_t*>(16), 0, 0), 1);
-  ForgetLines();
 }
 
 // The version that the reader finds next.

@@ -41,53 +41,26 @@ std::vector<TestedExport> TestedExports::OfFiles() {
     OpenFile("x");
   };
   std::vector<TestedExport> exports = {
-      {"CreateFileX, new",
-       removeFolder,
-       [=] { return create("a/x"); },
-       [this] { return fs::exists(Path("a/x")); },
-       {"CreateFileW", "SHCreateDirectoryExW"},
+      {"CreateFileX, new", removeFolder, [=] { return create("a/x"); }, [this] { return fs::exists(Path("a/x")); },
+       "CreateFileW SHCreateDirectoryExW", Tells::kSomeError},
+      {"CreateFileX, emptied", [] {}, [=] { return create("x"); }, [this] { return Holds("x", ""); }, "CreateFileW",
        Tells::kSomeError},
-      {"CreateFileX, emptied",
-       [] {},
-       [=] { return create("x"); },
-       [this] { return Holds("x", ""); },
-       {"CreateFileW"},
-       Tells::kSomeError},
-      {"SHCreateDirectoryExX",
-       removeFolder,
-       [this] { return SHCreateDirectoryExX(HOST, Wide("a/b").c_str()); },
-       [this] { return fs::is_directory(Path("a/b")); },
-       {"SHCreateDirectoryExW"}},
-      {"GetTempFileNameX",
-       [] {},
-       [this] { return GetTempFileNameX(HOST, Wide("").c_str(), L"p", 0, wide_) != 0; },
-       [this] { return fs::exists(fs::path(wide_)); },
-       {"GetTempFileNameW"}},
-      {"GetTempFileNameTX",
-       [] {},
+      {"SHCreateDirectoryExX", removeFolder, [this] { return SHCreateDirectoryExX(HOST, Wide("a/b").c_str()); },
+       [this] { return fs::is_directory(Path("a/b")); }, "SHCreateDirectoryExW"},
+      {"GetTempFileNameX", [] {}, [this] { return GetTempFileNameX(HOST, Wide("").c_str(), L"p", 0, wide_) != 0; },
+       [this] { return fs::exists(fs::path(wide_)); }, "GetTempFileNameW"},
+      {"GetTempFileNameTX", [] {},
        [this] { return GetTempFileNameTX(HOST, folder_.Narrow().c_str(), "p", 0, narrow_) != 0; },
-       [this] { return fs::exists(fs::path(narrow_)); },
-       {"GetTempFileNameA"}},
-      {"DeleteFileX",
-       writeFile,
-       [this] { return DeleteFileX(HOST, Wide("x").c_str(), 30, 10); },
-       [this] { return !fs::exists(Path("x")); },
-       {"DeleteFileW", "FindFirstFileW"}},
-      {"WriteFileX",
-       openFile,
+       [this] { return fs::exists(fs::path(narrow_)); }, "GetTempFileNameA"},
+      {"DeleteFileX", writeFile, [this] { return DeleteFileX(HOST, Wide("x").c_str(), 30, 10); },
+       [this] { return !fs::exists(Path("x")); }, "DeleteFileW FindFirstFileW"},
+      {"WriteFileX", openFile,
        [this] { return WriteFileX(HOST, file_.Get(), "4", 1, &count_, nullptr) && count_ == 1; },
-       [this] { return Holds("x", "423"); },
-       {"WriteFile"}},
-      {"ReadFileX",
-       openFile,
-       [this] { return ReadFileX(HOST, file_.Get(), &byte_, 1, &count_, nullptr); },
-       [this] { return count_ == 1 && std::exchange(byte_, '\0') == '1'; },
-       {"ReadFile"}},
-      {"GetFileSizeX",
-       writeFile,
-       [this] { return GetFileSizeX(Wide("x").c_str(), &data_, &error_) != 0; },
-       [this] { return data_.nFileSizeLow == 3; },
-       {"FindFirstFileW"}}};
+       [this] { return Holds("x", "423"); }, "WriteFile"},
+      {"ReadFileX", openFile, [this] { return ReadFileX(HOST, file_.Get(), &byte_, 1, &count_, nullptr); },
+       [this] { return count_ == 1 && std::exchange(byte_, '\0') == '1'; }, "ReadFile"},
+      {"GetFileSizeX", writeFile, [this] { return GetFileSizeX(Wide("x").c_str(), &data_, &error_) != 0; },
+       [this] { return data_.nFileSizeLow == 3; }, "FindFirstFileW"}};
   for (const char* former : {"", "former"}) {
     const auto prepare = [=, this] {
       Write("x", "1");
@@ -95,14 +68,12 @@ std::vector<TestedExport> TestedExports::OfFiles() {
       fs::remove(Path("y"));
       if (*former) Write("y", former);
     };
-    exports.push_back({"CopyFileX",
-                       prepare,
+    exports.push_back({"CopyFileX", prepare,
                        [this] { return CopyFileX(HOST, Wide("x").c_str(), Wide("y").c_str(), FALSE, 20, 10); },
-                       [this] { return Holds("y", "1") && Holds("x", "1"); },
-                       {"CopyFileW"}});
+                       [this] { return Holds("y", "1") && Holds("x", "1"); }, "CopyFileW"});
     exports.push_back({"MoveFileX", prepare, [this] { return MoveFileX(HOST, Wide("x").c_str(), Wide("y").c_str()); },
                        [this] { return Holds("y", "1") && !fs::exists(Path("x")); },
-                       *former ? Messages{"MoveFileW", "DeleteFileW"} : Messages{"MoveFileW"}, Tells::kSomeError});
+                       *former ? "MoveFileW DeleteFileW" : "MoveFileW", Tells::kSomeError});
   }
   return EachFromTheStart(exports);
 }
@@ -115,18 +86,15 @@ std::vector<TestedExport> TestedExports::OfTrees() {
     Write("t/a/2", "22");
     Write("t/a/b/3", "333");
   };
-  const auto with = [](Messages more) {
-    more.insert(more.end(), {"GetFullPathNameW", "FindFirstFileW", "FindNextFileW", "PathCombineW"});
-    return more;
-  };
+  const std::string walk = "GetFullPathNameW FindFirstFileW FindNextFileW PathCombineW";
   return EachFromTheStart(
       {{"GetFileSizeDirectoryTree", make, [this] { return GetFileSizeDirectoryTree(HOST, Wide("t").c_str(), &size_); },
-        [this] { return size_ == 6; }, with({}), Tells::kNothing},
+        [this] { return size_ == 6; }, walk, Tells::kNothing},
        {"CopyDirectoryTree", make, [this] { return CopyDirectoryTree(HOST, Wide("t").c_str(), Wide("copy").c_str()); },
         [this] { return Holds("copy/1", "1") && Holds("copy/a/2", "22") && Holds("copy/a/b/3", "333"); },
-        with({"CopyFileW", "SHCreateDirectoryExW"}), Tells::kNothing},
+        walk + " CopyFileW SHCreateDirectoryExW", Tells::kNothing},
        {"DeleteDirectoryTree", make, [this] { return DeleteDirectoryTree(HOST, Wide("t").c_str(), TRUE, TRUE); },
-        [this] { return !fs::exists(Path("t")); }, with({"DeleteFileW", "RemoveDirectoryW"}), Tells::kNothing}});
+        [this] { return !fs::exists(Path("t")); }, walk + " DeleteFileW RemoveDirectoryW", Tells::kNothing}});
 }
 
 bool TestedExports::Made(HANDLE mapping) {
@@ -164,7 +132,7 @@ std::vector<TestedExport> TestedExports::OfMappings() {
   const auto create = [this](HANDLE file, const wchar_t* name) {
     return Made(CreateFileMappingX(HOST, file, nullptr, PAGE_READWRITE, 70000, 0, name));
   };
-  const std::vector<std::string> needs = {"CreateFileMappingW"};
+  const char* const needs = "CreateFileMappingW";
   return EachFromTheStart(
       {{"CreateFileMappingX", [] {}, [=] { return create(INVALID_HANDLE_VALUE, nullptr); },
         [this] { return IsShared(mapping_.Get()); }, needs},
@@ -181,19 +149,15 @@ std::vector<TestedExport> TestedExports::OfMappings() {
         },
         [=, this] { return create(file_.Get(), nullptr); },
         [this] { return fs::file_size(Path("x")) == 70000 && IsShared(mapping_.Get()); }, needs},
-       {"OpenFileMappingX",
-        [this] { MakeObjects(); },
+       {"OpenFileMappingX", [this] { MakeObjects(); },
         [this] { return Made(OpenFileMappingX(HOST, FILE_MAP_ALL_ACCESS, FALSE, source_.c_str())); },
-        [this] { return IsShared(sourceObject_.Get()); },
-        {"OpenFileMappingW"}},
-       {"MapViewOfFileX and UnmapViewOfFileX",
-        [this] { MakeObjects(); },
+        [this] { return IsShared(sourceObject_.Get()); }, "OpenFileMappingW"},
+       {"MapViewOfFileX and UnmapViewOfFileX", [this] { MakeObjects(); },
         [this] {
           auto* const view = static_cast<char*>(MapViewOfFileX(HOST, sourceObject_.Get(), FILE_MAP_READ, 0, 0, 0, 700));
           return view && *view == bytes_[0] && UnmapViewOfFileX(HOST, view);
         },
-        [] { return true; },
-        {"MapViewOfFile"}}});
+        [] { return true; }, "MapViewOfFile"}});
 }
 
 void TestedExports::MapFile() {
@@ -206,22 +170,15 @@ void TestedExports::MapFile() {
 }
 
 std::vector<TestedExport> TestedExports::OfViews() {
-  return EachFromTheStart({{"FlushViewOfFileX",
-                            [this] { MapFile(); },
-                            [this] { return FlushViewOfFileX(HOST, view_, 0, INVALID_HANDLE_VALUE); },
-                            [] { return VemoGetFVOFInf()->callCount == 1; },
-                            {"FlushViewOfFile"}},
-                           // The two say only whether the size could be read.
-                           {"FlushMMF",
-                            [this] { MapFile(); },
-                            [this] { return FlushMMF(HOST, file_.Get(), FALSE); },
-                            [] { return true; },
-                            {"GetFileSizeEx"}},
-                           {"FlushMMF2",
-                            [this] { Write("y", bytes_); },
-                            [this] { return FlushMMF2(HOST, Wide("y").c_str(), TRUE); },
-                            [] { return true; },
-                            {"GetFileSizeEx", "CreateFileW"}}});
+  return EachFromTheStart(
+      {{"FlushViewOfFileX", [this] { MapFile(); },
+        [this] { return FlushViewOfFileX(HOST, view_, 0, INVALID_HANDLE_VALUE); },
+        [] { return VemoGetFVOFInf()->callCount == 1; }, "FlushViewOfFile"},
+       // The two say only whether the size could be read.
+       {"FlushMMF", [this] { MapFile(); }, [this] { return FlushMMF(HOST, file_.Get(), FALSE); }, [] { return true; },
+        "GetFileSizeEx"},
+       {"FlushMMF2", [this] { Write("y", bytes_); }, [this] { return FlushMMF2(HOST, Wide("y").c_str(), TRUE); },
+        [] { return true; }, "GetFileSizeEx CreateFileW"}});
 }
 
 std::vector<TestedExport> TestedExports::OfTransfers() {
@@ -236,36 +193,22 @@ std::vector<TestedExport> TestedExports::OfTransfers() {
   };
   const auto arrived = [this] { return Holds("y", bytes_); };
   std::vector<TestedExport> exports = {
-      {"WriteFileMMF2",
-       open,
-       [=, this] { return WriteFileMMF2(HOST, file_.Get(), bytes_.data(), size, &written_, nullptr, 0, 0); },
-       arrived,
-       {"CreateFileMappingW", "MapViewOfFile", "SetFilePointerEx"}},
-      {"WriteFileMMF",
-       open,
-       [=, this] { return WriteFileMMF(HOST, file_.Get(), bytes_.data(), size, &count_, nullptr, -1); },
-       arrived,
-       {"CreateFileMappingW", "MapViewOfFile", "SetFilePointerEx"}},
-      {"Mem2FileMMF",
-       remove,
-       [=, this] { return Mem2FileMMF(HOST, bytes_.data(), size, Wide("y").c_str(), 0); },
-       arrived,
-       {"CreateFileW", "CreateFileMappingW", "MapViewOfFile"}},
+      {"WriteFileMMF2", open,
+       [=, this] { return WriteFileMMF2(HOST, file_.Get(), bytes_.data(), size, &written_, nullptr, 0, 0); }, arrived,
+       "CreateFileMappingW MapViewOfFile SetFilePointerEx"},
+      {"WriteFileMMF", open,
+       [=, this] { return WriteFileMMF(HOST, file_.Get(), bytes_.data(), size, &count_, nullptr, -1); }, arrived,
+       "CreateFileMappingW MapViewOfFile SetFilePointerEx"},
+      {"Mem2FileMMF", remove, [=, this] { return Mem2FileMMF(HOST, bytes_.data(), size, Wide("y").c_str(), 0); },
+       arrived, "CreateFileW CreateFileMappingW MapViewOfFile"},
       // A failed write leaves last error 0.
-      {"Mem2File",
-       remove,
-       [=, this] { return Mem2File(HOST, bytes_.data(), size, Wide("y").c_str()); },
-       arrived,
-       {"CreateFileW", "WriteFile"},
-       Tells::kNothing}};
+      {"Mem2File", remove, [=, this] { return Mem2File(HOST, bytes_.data(), size, Wide("y").c_str()); }, arrived,
+       "CreateFileW WriteFile", Tells::kNothing}};
   for (const BOOL mapSource : {TRUE, FALSE}) {
     exports.push_back(
-        {"CopyFileMMF",
-         remove,
-         [=, this] { return CopyFileMMF(HOST, Wide("x").c_str(), Wide("y").c_str(), TRUE, 0, mapSource); },
-         arrived,
-         {"CreateFileW", "GetFileSizeEx", "CreateFileMappingW", "MapViewOfFile",
-          mapSource ? "MapViewOfFile" : "ReadFile"}});
+        {"CopyFileMMF", remove,
+         [=, this] { return CopyFileMMF(HOST, Wide("x").c_str(), Wide("y").c_str(), TRUE, 0, mapSource); }, arrived,
+         std::string("CreateFileW GetFileSizeEx CreateFileMappingW MapViewOfFile") + (mapSource ? "" : " ReadFile")});
   }
   return EachFromTheStart(exports);
 }
@@ -280,24 +223,16 @@ std::vector<TestedExport> TestedExports::OfObjects() {
     return equal;
   };
   std::vector<TestedExport> exports = {
-      {"ObjectToFile",
-       make,
-       [=, this] { return ObjectToFile(HOST, source_.c_str(), size, 0, Wide("y").c_str(), 0); },
-       [this] { return Holds("y", bytes_); },
-       {"OpenFileMappingW", "CreateFileW", "CreateFileMappingW", "MapViewOfFile"}},
-      {"CopyObject",
-       make,
-       [=, this] { return CopyObject(HOST, source_.c_str(), size, 0, target_.c_str(), -1); },
-       arrived,
-       {"OpenFileMappingW", "MapViewOfFile"}}};
+      {"ObjectToFile", make, [=, this] { return ObjectToFile(HOST, source_.c_str(), size, 0, Wide("y").c_str(), 0); },
+       [this] { return Holds("y", bytes_); }, "OpenFileMappingW CreateFileW CreateFileMappingW MapViewOfFile"},
+      {"CopyObject", make, [=, this] { return CopyObject(HOST, source_.c_str(), size, 0, target_.c_str(), -1); },
+       arrived, "OpenFileMappingW MapViewOfFile"}};
   for (const BOOL mapSource : {TRUE, FALSE}) {
     exports.push_back(
-        {"FileToObject",
-         make,
-         [=, this] { return FileToObject(HOST, Wide("x").c_str(), size, 0, target_.c_str(), -1, mapSource); },
-         arrived,
-         {"OpenFileMappingW", "CreateFileW", "GetFileSizeEx", "MapViewOfFile",
-          mapSource ? "CreateFileMappingW" : "ReadFile"}});
+        {"FileToObject", make,
+         [=, this] { return FileToObject(HOST, Wide("x").c_str(), size, 0, target_.c_str(), -1, mapSource); }, arrived,
+         std::string("OpenFileMappingW CreateFileW GetFileSizeEx MapViewOfFile ") +
+             (mapSource ? "CreateFileMappingW" : "ReadFile")});
   }
   return EachFromTheStart(exports);
 }

@@ -14,7 +14,7 @@ struct TestedExport {
   std::function<void()> prepare;                      // makes things as they are before the call
   std::function<bool()> call;                         // whether it reports success
   std::function<bool()> holds = [] { return true; };  // whether what a success promises is there
-  std::vector<std::string> needs = {};                // the Win32 calls without which there is no success
+  std::string needs = {};  // the Win32 calls without which there is no success, with spaces between
   Tells tells = Tells::kItsError;
   std::function<bool()> wrote = [] { return true; };  // for a call that says nothing: whether it has done anything
 };

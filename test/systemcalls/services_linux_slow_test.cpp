@@ -84,7 +84,7 @@ TEST_F(ServiceCalls, Memory) {
          {},
          Tells::kNothing});
   Drive({"MemAllocHandler", [] {}, [] { return MemAllocHandler(kLarge) == 1; }, [] { return true; }});
-  Drive({"IsPhysMemShortage", [] {}, [] { return !IsPhysMemShortage(101); }, [] { return true; }, {}, Tells::kNothing});
+  Drive({"IsPhysMemShortage", [] {}, [] { return !IsPhysMemShortage(101); }, [] { return true; }, "", Tells::kNothing});
   MEMORYSTATUSEX status;
   DWORD largest, sum;
   double seconds;
@@ -123,7 +123,7 @@ TEST_F(ServiceCalls, VersionsAndDisplay) {
          {},
          Tells::kNothing});
   Drive(
-      {"VemoDispInf", [] {}, [] { return VemoDispInf("text", TRUE), true; }, [] { return true; }, {}, Tells::kNothing});
+      {"VemoDispInf", [] {}, [] { return VemoDispInf("text", TRUE), true; }, [] { return true; }, "", Tells::kNothing});
 }
 
 // A debugger that ends without a word. The filter leaves its event to the debugger, so the test closes it.

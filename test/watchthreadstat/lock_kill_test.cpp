@@ -14,7 +14,6 @@ CHILD_ROLE(HoldLock) {
 
 // Whoever waits when the owner is killed gets the mutex and knows nothing of it.
 TEST(Lock, OutlivesKilledOwners) {
-  LogFolder();
   const std::string name = Narrow(UniqueName());
   HANDLE mutex = CreateMutexW(nullptr, FALSE, Widen(name).c_str());
   ASSERT_NE(mutex, nullptr);

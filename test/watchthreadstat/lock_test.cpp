@@ -12,15 +12,14 @@ constexpr char kSource[] = "user.cpp";
 // The calls are those of this program, which the lock is compiled into.
 class Lock : public testing::Test {
  protected:
-  Lock() : mutex_(CreateMutexW(nullptr, FALSE, nullptr)) {
+  Lock() {
     TakeLines(channel::kLock);
     TakeLines(channel::kAssert);
   }
-  ~Lock() override { CloseHandle(mutex_); }
 
   // "tim=..., errCode=..., m_hMutex=..." as every line of a wait ends.
   std::string Tail(DWORD timeMs, DWORD error) const {
-    return Print("tim=%lu, errCode=%lu, m_hMutex=0x%lx)", timeMs, error, Number(mutex_));
+    return Print("tim=%lu, errCode=%lu, m_hMutex=0x%lx)", timeMs, error, Number(HANDLE(mutex_)));
   }
   std::string WaitLine(const char* outcome, DWORD timeMs, DWORD error = 0) const {
     return std::string("CLockMtx::_Lock(") + outcome + ", " + Tail(timeMs, error);
@@ -31,7 +30,7 @@ class Lock : public testing::Test {
     EXPECT_EQ(TakePlacedMessages(channel::kLock), messages);
   }
 
-  HANDLE mutex_;
+  const Handle mutex_ = CreateMutexW(nullptr, FALSE, nullptr);
 };
 
 // Answers waits from a script, its last answer for ever, and leaves the last error as the system would.
@@ -140,7 +139,7 @@ TEST_F(Lock, ExcludesOtherThreadsAndTakesOverFromDeadOnes) {
 
 // The mutex was released behind the lock's back.
 TEST_F(Lock, FailedReleaseIsLogged) {
-  const std::string message = "CLockMtx::_Unlock(errCode=288, m_hMutex=" + Hex(mutex_) + ")";
+  const std::string message = "CLockMtx::_Unlock(errCode=288, m_hMutex=" + Hex(HANDLE(mutex_)) + ")";
   CLockMtx lock(mutex_, 0, kLine, kSource);
   ReleaseMutex(mutex_);
   EXPECT_EQ(lock._Unlock(FALSE), 0);

@@ -20,26 +20,21 @@ void __stdcall Check(unsigned long, void*, unsigned long threadId, void* argumen
 
 TEST(ThreadWatch2, NoCallbackRunsAfterEnd) {
   constexpr int kThreads = 8, kRounds = 1000;
-  LogFolder();
   g_calls = g_late = g_mixedUp = 0;
   const auto realSet = &SetWaitableTimer;  // a thousand ticks a second instead of one
   auto fast = STAND_IN(SetWaitableTimer, [=](int, HANDLE timer, const LARGE_INTEGER* due, LONG, auto... rest) {
     return realSet(timer, due, 1, rest...);
   });
   CWatchThreadStat2 watch;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&watch] {
-      for (int round = 0; round < kRounds; ++round) {
-        auto work = std::make_unique<Work>();
-        void* registration = watch.Start(1, 1, &Check, work.get());
-        if (round % 16 == 0) Sleep(2);
-        ASSERT_TRUE(watch.End(registration));
-        work->state = 0;
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
+  OnThreads(kThreads, [&](int) {
+    for (int round = 0; round < kRounds; ++round) {
+      auto work = std::make_unique<Work>();
+      void* registration = watch.Start(1, 1, &Check, work.get());
+      if (round % 16 == 0) Sleep(2);
+      ASSERT_TRUE(watch.End(registration));
+      work->state = 0;
+    }
+  });
   EXPECT_GT(g_calls, 0);
   EXPECT_EQ(g_late, 0);
   EXPECT_EQ(g_mixedUp, 0);

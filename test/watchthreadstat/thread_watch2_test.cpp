@@ -13,7 +13,6 @@ HANDLE MutexOf(void* registration) { return static_cast<HANDLE*>(registration)[1
 
 class ThreadWatch2 : public testing::Test {
  protected:
-  ThreadWatch2() { LogFolder(); }
   StillTimer timer_;
   ManualWatch watch_;
 };
@@ -177,7 +176,6 @@ TEST_F(ThreadWatch2, WhatACallbackThrowsEndsInTheGuard) {
 void __stdcall StayLong(unsigned long, void*, unsigned long, void* call) { static_cast<LongCall*>(call)->Stay(); }
 
 TEST(ThreadWatch2Lifecycle, AWatcherThatIsNotWaitedForEndsWithItsCallback) {
-  LogFolder();
   LongCall call;
   int calls = 0;
   ScopedObject timer;  // ticks when the test says so
@@ -229,7 +227,6 @@ TEST(ThreadWatch2Priority, FollowsTheFirstAndTheLastRegistration) {
 }
 
 TEST(ThreadWatch2Lifecycle, KeepsNoHandles) {
-  LogFolder();
   StillTimer timer;
   int calls = 0;
   { ManualWatch once; }
@@ -248,7 +245,6 @@ TEST(ThreadWatch2Lifecycle, KeepsNoHandles) {
 
 // The first step of the start that fails ends it; what works without the watcher thread still does.
 TEST(ThreadWatch2Lifecycle, SurvivesAFailedStart) {
-  LogFolder();
   StillTimer timer;
   int calls = 0;
   const std::pair<FailingCall, std::tuple<bool, bool, bool>> cases[] = {
@@ -301,14 +297,11 @@ void __stdcall Signal(unsigned long, void*, unsigned long, void* event) { SetEve
 
 // With the system's timer: the first tick comes at once, the second after a second.
 TEST(ThreadWatch2RealTime, Ticks) {
-  HANDLE event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-  {
-    CWatchThreadStat2 watch;
-    const CWatchThreadStat2Wrap scope(&watch, 1, 1, &Signal, event);
-    EXPECT_EQ(WaitForSingleObject(event, 30000), WAIT_OBJECT_0);
-    EXPECT_EQ(WaitForSingleObject(event, 30000), WAIT_OBJECT_0);
-  }
-  CloseHandle(event);
+  const Handle event = NewEvent();
+  CWatchThreadStat2 watch;
+  const CWatchThreadStat2Wrap scope(&watch, 1, 1, &Signal, event);
+  EXPECT_EQ(WaitForSingleObject(event, 30000), WAIT_OBJECT_0);
+  EXPECT_EQ(WaitForSingleObject(event, 30000), WAIT_OBJECT_0);
 }
 
 }  // namespace

@@ -7,8 +7,7 @@ struct Seen {
   std::atomic<int> calls = 0;
   unsigned long threadId = 0;
   DWORD waitForThread = 0;
-  HANDLE called = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-  ~Seen() { CloseHandle(called); }
+  const Handle called = NewEvent();
 };
 void __stdcall See(void* thread, unsigned long threadId, void* argument) {
   auto& seen = *static_cast<Seen*>(argument);
@@ -101,7 +100,6 @@ TEST(ThreadWatch, AWatcherThatIsNotWaitedForEndsWithItsCallback) {
 
 // The first step that fails ends the start; those before it leave their handles.
 TEST(ThreadWatch, AFailedStartNeverCalls) {
-  LogFolder();
   Seen seen;
   const std::pair<FailingCall, std::tuple<bool, bool, bool>> cases[] = {
       {FAILING_CALL(DuplicateHandle, ERROR_NOT_ENOUGH_MEMORY, FALSE), {false, false, false}},

@@ -34,11 +34,10 @@ struct Priorities {
 
 // A callback that stays until it is let go.
 struct LongCall {
-  const ScopedObject entered{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
-  const ScopedObject leave{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  const Handle entered = NewEvent(true), leave = NewEvent(true);
   void Stay() const {
-    SetEvent(entered.Get());
-    WaitForSingleObject(leave.Get(), INFINITE);
+    SetEvent(entered);
+    WaitForSingleObject(leave, INFINITE);
   }
 };
 
@@ -63,10 +62,10 @@ void ExpectWatcherToEndWith(LongCall& call, const std::function<void(Watch&)>& s
     const NoPatience impatient;
     Watch watch(arguments...);
     start(watch);
-    ASSERT_EQ(WaitForSingleObject(call.entered.Get(), 30000), WAIT_OBJECT_0);
+    ASSERT_EQ(WaitForSingleObject(call.entered, 30000), WAIT_OBJECT_0);
     watcher = ScopedObject(DuplicateOf(watch.Thread()->m_hThread));
   }
-  SetEvent(call.leave.Get());
+  SetEvent(call.leave);
   EXPECT_EQ(WaitForSingleObject(watcher.Get(), 20000), WAIT_OBJECT_0);
 }
 

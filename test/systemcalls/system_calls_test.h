@@ -3,6 +3,7 @@
 #pragma once
 #include <set>
 
+#include "test/support/own_mounts.h"
 #include "test/support/tested_exports.h"
 #include "test/systemcalls/failing_system_call.h"
 
@@ -14,6 +15,8 @@ class SystemCalls : public testing::Test {
     SKIP_UNDER_ASAN();
     if (!FailingSystemCall::IsPossible()) GTEST_SKIP() << "the kernel hands no system calls over";
     LogFolder();
+    // The files of closed objects, which each child leaves to the next process of the user, end with this program.
+    [[maybe_unused]] static const bool isPrivate = UsePrivateSharedMemory();
   }
   // Fails every call in turn, or `most` calls at equal distances, in a process that has made the call before.
   void Drive(const TestedExport& tested, int most = 1000);

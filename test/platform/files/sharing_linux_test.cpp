@@ -1,23 +1,20 @@
 // Share modes beside foreign programs' locks, forked children and the ends of processes.
 #include <fcntl.h>
 #include <pthread.h>
-#include <sched.h>
 #include <sys/file.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
-#include <vector>
-
 #include "test/platform/files/file_calls.h"
-#include "test/platform/files/forked_child.h"
+#include "test/platform/files/sharing_test.h"
 #include "test/platform/files/turns_alone.h"
-#include "test/support/child_process.h"
+#include "test/support/forked_child.h"
+#include "test/support/own_mounts.h"
 
 using namespace qel::test;
 
 namespace {
 
-enum class ForeignLock {
+enum ForeignLock {
   kSharedOfProcess,
   kExclusiveOfProcess,
   kSharedOfOpenFile,
@@ -25,32 +22,21 @@ enum class ForeignLock {
   kShared,
   kExclusive
 };
-constexpr ForeignLock kForeignLocks[] = {ForeignLock::kSharedOfProcess,  ForeignLock::kExclusiveOfProcess,
-                                         ForeignLock::kSharedOfOpenFile, ForeignLock::kExclusiveOfOpenFile,
-                                         ForeignLock::kShared,           ForeignLock::kExclusive};
+constexpr int kForeignLocks = kExclusive + 1;
 
-bool LockAsAForeignProgramDoes(int file, ForeignLock lock) {
-  struct flock range = {};  // the whole file
-  const bool shared = lock == ForeignLock::kSharedOfProcess || lock == ForeignLock::kSharedOfOpenFile;
-  range.l_type = shared ? F_RDLCK : F_WRLCK;
-  switch (lock) {
-    case ForeignLock::kSharedOfProcess:
-    case ForeignLock::kExclusiveOfProcess:
-      return fcntl(file, F_SETLK, &range) == 0;
-    case ForeignLock::kSharedOfOpenFile:
-    case ForeignLock::kExclusiveOfOpenFile:
-      return fcntl(file, F_OFD_SETLK, &range) == 0;
-    default:
-      return flock(file, (lock == ForeignLock::kShared ? LOCK_SH : LOCK_EX) | LOCK_NB) == 0;
-  }
+bool LockAsAForeignProgramDoes(int file, int lock) {
+  const bool isShared = lock % 2 == 0;
+  if (lock >= kShared) return flock(file, (isShared ? LOCK_SH : LOCK_EX) | LOCK_NB) == 0;
+  struct flock wholeFile = {};
+  wholeFile.l_type = isShared ? F_RDLCK : F_WRLCK;
+  return fcntl(file, lock < kSharedOfOpenFile ? F_SETLK : F_OFD_SETLK, &wholeFile) == 0;
 }
 
 }  // namespace
 
 CHILD_ROLE(HoldForeignLock) {
   const int file = open(arguments[0].c_str(), O_RDWR);
-  const bool locked = LockAsAForeignProgramDoes(file, static_cast<ForeignLock>(std::stoi(arguments[1])));
-  Say(locked ? "locked" : "refused");
+  Say(LockAsAForeignProgramDoes(file, std::stoi(arguments[1])) ? "locked" : "refused");
   Hear();
   return 0;
 }
@@ -62,7 +48,7 @@ CHILD_ROLE(LockNowAndThen) {
   Say("begins");
   for (int i = 0;; ++i) {
     const int again = i % 3 == 0 ? open(arguments[0].c_str(), O_RDWR) : file;
-    LockAsAForeignProgramDoes(again, kForeignLocks[i % std::size(kForeignLocks)]);
+    LockAsAForeignProgramDoes(again, i % kForeignLocks);
     usleep(i % 7 * 30);
     struct flock all = {};
     all.l_type = F_UNLCK;
@@ -74,8 +60,7 @@ CHILD_ROLE(LockNowAndThen) {
 }
 
 CHILD_ROLE(OpenWithFullSharedMemory) {
-  if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      mount("test", "/dev/shm", "tmpfs", 0, "mode=1777,size=4k") != 0) {
+  if (!UsePrivateSharedMemory("size=4k")) {
     Say("forbidden");
     return 0;
   }
@@ -96,17 +81,11 @@ CHILD_ROLE(DeleteOnClose) {
   return 0;
 }
 
-class LinuxSharingTest : public FileTest {
+class LinuxSharingTest : public SharingTest {
  protected:
-  LinuxSharingTest() { Write("f"); }
-  ChildProcess LockForeign(ForeignLock lock, const char* expected = "locked") {
-    ChildProcess child("HoldForeignLock", {scratch.Narrow("f"), std::to_string(static_cast<int>(lock))});
-    EXPECT_EQ(child.WaitForLine(), expected);
-    return child;
-  }
-  ChildProcess Hold(DWORD access, DWORD share) {
-    ChildProcess child("HoldOpen", {scratch.Narrow("f"), std::to_string(access), std::to_string(share)});
-    EXPECT_EQ(child.WaitForLine(), "open");
+  ChildProcess LockForeign(int lock) {
+    ChildProcess child("HoldForeignLock", {scratch.Narrow("f"), std::to_string(lock)});
+    EXPECT_EQ(child.WaitForLine(), "locked");
     return child;
   }
   void ExpectHeld(bool held) {
@@ -125,8 +104,8 @@ class LinuxSharingTest : public FileTest {
 
 TEST_F(LinuxSharingTest, HoldsWhateverForeignLocksAreThere) {
   Write("source");
-  for (const ForeignLock lock : kForeignLocks) {
-    SCOPED_TRACE(testing::Message() << "lock " << static_cast<int>(lock));
+  for (int lock = 0; lock < kForeignLocks; ++lock) {
+    SCOPED_TRACE(lock);
     auto foreign = LockForeign(lock);
     auto holder = Hold(kRW, 0);
     ExpectHeld(true);
@@ -145,16 +124,7 @@ TEST_F(LinuxSharingTest, HoldsWhateverForeignLocksAreThere) {
 TEST_F(LinuxSharingTest, OneAtATimeWhileForeignLocksComeAndGo) {
   ChildProcess locker("LockNowAndThen", {scratch.Narrow("f")});
   ASSERT_EQ(locker.WaitForLine(), "begins");
-  std::vector<ChildProcess> children;
-  for (int i = 0; i < 3; ++i)
-    children.emplace_back("WantAloneBesideLocks", std::vector<std::string>{scratch.Narrow("f")});
-  int had = 0;
-  for (auto& child : children) {
-    const std::string said = child.WaitForLine();
-    EXPECT_NE(said, "overlap");
-    had += std::atoi(said.c_str());
-  }
-  EXPECT_GT(had, 0);
+  EXPECT_GT(CountTurnsAlone("WantAloneBesideLocks", 3, scratch.Narrow("f")), 0);
 }
 
 TEST_F(LinuxSharingTest, HoldsWithoutSharedMemory) {
@@ -166,8 +136,7 @@ TEST_F(LinuxSharingTest, HoldsWithoutSharedMemory) {
 
 TEST_F(LinuxSharingTest, AForeignLockThatComesLaterHidesNobody) {
   Write("source");
-  for (const ForeignLock lock :
-       {ForeignLock::kSharedOfProcess, ForeignLock::kSharedOfOpenFile, ForeignLock::kShared, ForeignLock::kExclusive}) {
+  for (const int lock : {kSharedOfProcess, kSharedOfOpenFile, kShared, kExclusive}) {
     auto holder = Hold(kRW, 0);
     auto foreign = LockForeign(lock);
     ExpectHeld(true);
@@ -176,7 +145,7 @@ TEST_F(LinuxSharingTest, AForeignLockThatComesLaterHidesNobody) {
   }
   const FileHandle reader(At("f"), kR, 3, OPEN_EXISTING);
   const Handle mapping = CreateFileMappingW(reader.get(), nullptr, PAGE_READONLY, 0, 0, nullptr);
-  auto foreign = LockForeign(ForeignLock::kSharedOfProcess);
+  auto foreign = LockForeign(kSharedOfProcess);
   EXPECT_EQ(Create(At("f"), kW, 3, CREATE_ALWAYS), Failure(1224)) << "nor a mapping";
 }
 
@@ -186,7 +155,7 @@ TEST_F(LinuxSharingTest, ForeignLocksHoldNobodyOff) {
   at9.Offset = 9;
   ASSERT_TRUE(LockFileEx(user.get(), 0, 0, 1, 0, &at9));
   ASSERT_TRUE(UnlockFileEx(user.get(), 0, 1, 0, &at9));
-  auto foreign = LockForeign(ForeignLock::kSharedOfProcess);
+  auto foreign = LockForeign(kSharedOfProcess);
   DWORD bytes = 0;
   EXPECT_TRUE(WriteFile(other.get(), "x", 1, &bytes, &at0));
   EXPECT_EQ(Create(At("f"), kW, 1, CREATE_ALWAYS), Failure(32));
@@ -221,14 +190,12 @@ TEST_F(LinuxSharingTest, DeleteOnCloseAndTheEndsOfAProcess) {
     ChildProcess child("DeleteOnClose", {scratch.Narrow("left")});
     EXPECT_EQ(child.WaitForLine(), "open");
     EXPECT_TRUE(Exists("left"));
-    if (killed)
-      child.Kill();
-    else
-      child.Tell("end");
+    killed ? child.Kill() : child.Tell("end");
     child.Wait();
     EXPECT_EQ(Exists("left"), killed);
-    if (!killed) continue;
-    EXPECT_EQ(Delete(At("left")), Success());
+    if (killed) {
+      EXPECT_EQ(Delete(At("left")), Success());
+    }
   }
 }
 

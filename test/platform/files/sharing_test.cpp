@@ -1,5 +1,4 @@
-#include "test/platform/files/file_calls.h"
-#include "test/support/child_process.h"
+#include "test/platform/files/sharing_test.h"
 
 using namespace qel::test;
 
@@ -35,16 +34,6 @@ CHILD_ROLE(HoldOpen) {
   }
   return 0;
 }
-
-class SharingTest : public FileTest {
- protected:
-  SharingTest() { Write("f"); }
-  ChildProcess Hold(DWORD access, DWORD share) {
-    ChildProcess child("HoldOpen", {scratch.Narrow("f"), std::to_string(access), std::to_string(share)});
-    EXPECT_EQ(child.WaitForLine(), "open");
-    return child;
-  }
-};
 
 TEST_F(SharingTest, EachAccessMustBeInTheOthersShare) {
   const auto kinds = AllKinds();

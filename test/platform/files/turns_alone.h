@@ -1,5 +1,7 @@
 // A child that wants a file for itself, again and again, beside others that want it too.
 #pragma once
+#include <vector>
+
 #include "test/platform/files/file_calls.h"
 #include "test/support/child_process.h"
 
@@ -26,6 +28,20 @@ inline int SayTurnsAlone(const std::wstring& wanted, int tries, int turns, Leavi
   }
   Say(std::to_string(had));
   return 0;
+}
+
+// Sends so many children in this role for the file. Returns how many turns they had together.
+inline int CountTurnsAlone(const char* role, int children, const std::string& wanted) {
+  std::vector<ChildProcess> all;
+  for (int i = 0; i < children; ++i) all.emplace_back(role, std::vector{wanted});
+  for (auto& child : all) child.Tell("go");
+  int had = 0;
+  for (auto& child : all) {
+    const std::string said = child.WaitForLine();
+    EXPECT_NE(said, "overlap");
+    had += std::atoi(said.c_str());
+  }
+  return had;
 }
 
 }  // namespace qel::test

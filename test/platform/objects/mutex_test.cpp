@@ -8,27 +8,6 @@ using namespace qel::test;
 
 namespace {
 
-TEST(Mutexes, ExcludeEachOther) {
-  constexpr int kThreads = 4, kTurns = 2000;
-  const std::wstring name = UniqueName();
-  int counter = 0;  // not atomic: the mutex is what keeps it right
-  {
-    std::vector<std::unique_ptr<Worker>> workers;
-    for (int i = 0; i < kThreads; ++i)
-      workers.push_back(std::make_unique<Worker>([&]() -> DWORD {
-        for (int turn = 0; turn < kTurns; ++turn) {
-          const Handle mutex = CreateMutexW(nullptr, FALSE, name.c_str());
-          if (WaitForSingleObject(mutex, kLongMs) != WAIT_OBJECT_0) return 1;
-          ++counter;
-          ReleaseMutex(mutex);
-        }
-        return 0;
-      }));
-    for (auto& worker : workers) EXPECT_EQ(worker->Join(), 0u);
-  }
-  EXPECT_EQ(counter, kThreads * kTurns);
-}
-
 CHILD_ROLE(OwnMutex) {
   const std::wstring name = Widen(arguments[0]);
   const HANDLE mutex = CreateMutexW(nullptr, FALSE, name.c_str());

@@ -12,8 +12,8 @@
 #include <fstream>
 
 #include "test/platform/objects/handles.h"
-#include "test/platform/objects/shared_memory.h"
 #include "test/support/child_process.h"
+#include "test/support/own_mounts.h"
 
 using namespace qel::test;
 namespace fs = std::filesystem;
@@ -32,6 +32,18 @@ constexpr wchar_t kName[] = L"Local\\qel-namespace";
     }                                                                      \
   } while (false)
 
+std::vector<const char*>& Names() {
+  static std::vector<const char*> names;
+  return names;
+}
+
+// A process with shared memory of its own, which a test starts by the name.
+#define SCENARIO(name)                                                            \
+  static int Play##name();                                                        \
+  CHILD_ROLE(name) { return UsePrivateSharedMemory() ? Play##name() : kSkipped; } \
+  static const bool g_has##name = (Names().push_back(#name), true);               \
+  static int Play##name()
+
 bool MakeFolder(const std::string& name, uid_t owner, mode_t mode) {
   const std::string path = "/dev/shm/" + name;
   return mkdir(path.c_str(), mode) == 0 && chown(path.c_str(), owner, owner) == 0 && chmod(path.c_str(), mode) == 0;
@@ -48,16 +60,26 @@ bool WorksAsMutex() {
   return excludes && ReleaseMutex(again) && !ReleaseMutex(mutex);
 }
 
-CHILD_ROLE(RefuseFolders) {
-  if (geteuid() != 0 || !UsePrivateSharedMemory()) return kSkipped;
+// The file of a closed mutex is kept at hand.
+void Park(const std::wstring& name) { Handle(CreateMutexW(nullptr, FALSE, name.c_str())).Close(); }
+
+bool BecomeOther() { return setresgid(kOther, kOther, kOther) == 0 && setresuid(kOther, kOther, kOther) == 0; }
+
+bool Limit(__rlimit_resource resource, rlim_t soft, rlim_t hard) {
+  const rlimit limit = {soft, hard};
+  return setrlimit(resource, &limit) == 0;
+}
+
+SCENARIO(RefuseFolders) {
+  if (geteuid() != 0) return kSkipped;
   const std::string prefix = "qel-" + std::to_string(kOther) + "-";
   REQUIRE(MakeFolder(prefix + "0-foreign", 0, 0700));
   REQUIRE(MakeFolder("target", kOther, 0700));
   REQUIRE(symlink("/dev/shm/target", ("/dev/shm/" + prefix + "1-link").c_str()) == 0);
   REQUIRE(MakeFolder(prefix + "2-open", kOther, 0777));
   std::ofstream("/dev/shm/" + prefix + "3-file");
-  const size_t before = ListSharedMemory().size();
-  REQUIRE(setresgid(kOther, kOther, kOther) == 0 && setresuid(kOther, kOther, kOther) == 0);
+  const size_t before = CountSharedMemory();
+  REQUIRE(BecomeOther());
   const Handle event = CreateEventW(nullptr, FALSE, FALSE, kName);
   REQUIRE(event);
   std::string folder;
@@ -78,8 +100,7 @@ CHILD_ROLE(RefuseFolders) {
   return 0;
 }
 
-CHILD_ROLE(TakeSmallest) {
-  if (!UsePrivateSharedMemory()) return kSkipped;
+SCENARIO(TakeSmallest) {
   REQUIRE(MakeFolder(OwnPrefix() + "b", geteuid(), 0700));
   REQUIRE(MakeFolder(OwnPrefix() + "a", geteuid(), 0700));
   REQUIRE(geteuid() != 0 || MakeFolder(OwnPrefix() + "0", kOther, 0700));  // which only root could enter
@@ -92,7 +113,7 @@ CHILD_ROLE(TakeSmallest) {
 
 CHILD_ROLE(EndOrderly) {
   static const Handle mutex = CreateMutexW(nullptr, TRUE, L"kept");
-  Handle(CreateMutexW(nullptr, FALSE, L"parked")).Close();
+  Park(L"parked");
   static const Handle event = CreateEventW(nullptr, TRUE, TRUE, L"Global\\event");
   return mutex && event ? 0 : 1;
 }
@@ -103,29 +124,27 @@ CHILD_ROLE(HoldAndHear) {
   Hear();
   return handles[2] ? 0 : 1;
 }
-CHILD_ROLE(LeaveNothing) {
-  if (!UsePrivateSharedMemory()) return kSkipped;
+SCENARIO(LeaveNothing) {
   {
     ChildProcess killed("HoldAndHear");
     REQUIRE(killed.WaitForLine() == "held");
     REQUIRE(ChildProcess("EndOrderly").Wait() == 0);
-    REQUIRE(ListSharedMemory().size() == 4);  // the folder and what is still held
+    REQUIRE(CountSharedMemory() == 4);  // the folder and what is still held
   }
-  REQUIRE(ListSharedMemory().size() == 4);
+  REQUIRE(CountSharedMemory() == 4);
   REQUIRE(ChildProcess("EndOrderly").Wait() == 0);
-  REQUIRE(ListSharedMemory().empty());
+  REQUIRE(CountSharedMemory() == 0);
   return 0;
 }
 
 // A process that has the folder open while somebody removes it makes and finds objects in the next one.
-CHILD_ROLE(LoseFolder) {
-  if (!UsePrivateSharedMemory()) return kSkipped;
+SCENARIO(LoseFolder) {
   Handle(CreateEventW(nullptr, FALSE, FALSE, kName)).Close();
-  Handle(CreateMutexW(nullptr, FALSE, kName)).Close();  // parked in it
+  Park(kName);  // parked in it
   for (const auto& entry : fs::directory_iterator("/dev/shm")) fs::remove_all(entry.path());
   Sleep(100);  // the file is not looked for at once
   REQUIRE(WorksAsMutex());
-  REQUIRE(ListSharedMemory().size() == 2);
+  REQUIRE(CountSharedMemory() == 2);
   ChildProcess holder("HoldAndHear");
   REQUIRE(holder.WaitForLine() == "held");
   const Handle joined = OpenMutexW(MUTEX_ALL_ACCESS, FALSE, L"left");
@@ -134,23 +153,21 @@ CHILD_ROLE(LoseFolder) {
 }
 
 CHILD_ROLE(OpenParked) { return OpenMutexW(MUTEX_ALL_ACCESS, FALSE, kName) ? 1 : static_cast<int>(GetLastError()); }
-CHILD_ROLE(Park) {
-  if (!UsePrivateSharedMemory()) return kSkipped;
+SCENARIO(ParkAndFind) {
   for (int i = 0; i < 3; ++i) {
     REQUIRE(WorksAsMutex());
     REQUIRE(OpenMutexW(MUTEX_ALL_ACCESS, FALSE, kName) == nullptr);
     REQUIRE(WorksAsMutex());
     if (i == 1) REQUIRE(ChildProcess("OpenParked").Wait() == ERROR_FILE_NOT_FOUND);
   }
-  for (int i = 0; i < 100; ++i) Handle(CreateMutexW(nullptr, FALSE, (kName + std::to_wstring(i)).c_str())).Close();
-  REQUIRE(ListSharedMemory().size() <= 17);  // only so many are kept at hand
+  for (int i = 0; i < 100; ++i) Park(kName + std::to_wstring(i));
+  REQUIRE(CountSharedMemory() <= 17);  // only so many are kept at hand
   return 0;
 }
 
 // What this process has at hand neither keeps another's object alive nor hides it, and the name is free for a section.
-CHILD_ROLE(ParkBeside) {
-  if (!UsePrivateSharedMemory()) return kSkipped;
-  Handle(CreateMutexW(nullptr, FALSE, L"left")).Close();
+SCENARIO(ParkBeside) {
+  Park(L"left");
   {
     ChildProcess killed("HoldAndHear");
     REQUIRE(killed.WaitForLine() == "held");
@@ -182,62 +199,54 @@ int FallBack() {
   REQUIRE(GetLastError() == ERROR_PATH_NOT_FOUND);
   return 0;
 }
-CHILD_ROLE(FullMemory) {
-  if (!UsePrivateSharedMemory("size=8k")) return kSkipped;
-  std::ofstream("/dev/shm/filler") << std::string(8192, 'x');
+SCENARIO(FullMemory) {
+  std::ofstream("/dev/shm/filler") << std::string(4 << 20, 'x');
   return FallBack();
 }
-CHILD_ROLE(ReadOnlyMemory) {
-  if (!UsePrivateSharedMemory()) return kSkipped;
+SCENARIO(ReadOnlyMemory) {
   REQUIRE(mount(nullptr, "/dev/shm", nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0);
   return FallBack();
 }
-CHILD_ROLE(NoMemory) {
-  if (!UsePrivateSharedMemory() || mount("test", "/dev", "tmpfs", 0, nullptr) != 0) return kSkipped;
+SCENARIO(NoMemory) {
+  REQUIRE(mount("test", "/dev", "tmpfs", 0, nullptr) == 0);
   return FallBack();
 }
 
 // Whoever cannot look for the folder must not take it for missing: a folder would be made with every try. The first
 // descriptors let more and more of the look succeed, up to one that makes the folder.
-CHILD_ROLE(NoDescriptors) {
-  if (!UsePrivateSharedMemory()) return kSkipped;
+SCENARIO(NoDescriptors) {
   const int next = dup(0);
   close(next);
   for (rlim_t left = 0; left < 8; ++left) {
-    const rlimit limit = {next + left, 1024};
-    REQUIRE(setrlimit(RLIMIT_NOFILE, &limit) == 0);
+    REQUIRE(Limit(RLIMIT_NOFILE, next + left, 1024));
     for (int i = 0; i < 3; ++i) REQUIRE(WorksAsMutex());
-    const rlimit enough = {1024, 1024};
-    REQUIRE(setrlimit(RLIMIT_NOFILE, &enough) == 0);
-    REQUIRE(ListSharedMemory().size() <= 2);  // the folder and the mutex at hand
+    REQUIRE(Limit(RLIMIT_NOFILE, 1024, 1024));
+    REQUIRE(CountSharedMemory() <= 2);  // the folder and the mutex at hand
   }
   return 0;
 }
 
-CHILD_ROLE(NoHeap) {
+SCENARIO(NoHeap) {
 #ifdef QEL_SANITIZE
   return kSkipped;  // its allocator ends the process
 #endif
-  if (!UsePrivateSharedMemory()) return kSkipped;
   rlimit limit;
   getrlimit(RLIMIT_AS, &limit);
-  const rlimit none = {0, limit.rlim_max};
-  REQUIRE(setrlimit(RLIMIT_AS, &none) == 0);
+  REQUIRE(Limit(RLIMIT_AS, 0, limit.rlim_max));
   void* volatile block;  // or the compiler leaves the blocks out
   for (size_t bytes = 1 << 20; bytes >= 16; bytes /= 2) do {
       block = malloc(bytes);
     } while (block);
-  for (int i = 0; i < 5; ++i) Handle(CreateMutexW(nullptr, FALSE, kName)).Close();
+  for (int i = 0; i < 5; ++i) Park(kName);
   REQUIRE(setrlimit(RLIMIT_AS, &limit) == 0);
-  REQUIRE(ListSharedMemory().size() <= 2);
+  REQUIRE(CountSharedMemory() <= 2);
   REQUIRE(WorksAsMutex());
   return 0;
 }
 
 // Folder and files have their rights whatever the umask takes, so that the next process finds them.
-CHILD_ROLE(Umask) {
-  if (!UsePrivateSharedMemory()) return kSkipped;
-  if (geteuid() == 0) REQUIRE(setresgid(kOther, kOther, kOther) == 0 && setresuid(kOther, kOther, kOther) == 0);
+SCENARIO(Umask) {
+  if (geteuid() == 0) REQUIRE(BecomeOther());
   for (const mode_t mask : {0777, 0177, 0277, 0}) {
     umask(mask);
     const Handle event = CreateEventW(nullptr, FALSE, FALSE, (kName + std::to_wstring(mask)).c_str());
@@ -258,8 +267,7 @@ CHILD_ROLE(Umask) {
 }
 
 // What the host does not open is not opened in its place.
-CHILD_ROLE(NoStandardDescriptors) {
-  if (!UsePrivateSharedMemory()) return kSkipped;
+SCENARIO(NoStandardDescriptors) {
   for (int i = 0; i < 3; ++i) close(i);
   SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
   const Handle inheritable = CreateEventW(&inherit, FALSE, FALSE, nullptr);
@@ -274,11 +282,10 @@ CHILD_ROLE(NoStandardDescriptors) {
 }
 
 // A daemon closes every descriptor and opens files of its own under the same numbers.
-CHILD_ROLE(AllDescriptorsClosed) {
-  if (!UsePrivateSharedMemory()) return kSkipped;
+SCENARIO(AllDescriptorsClosed) {
   Handle event = CreateEventW(nullptr, FALSE, FALSE, L"event");
-  for (int i = 0; i < 3; ++i) Handle(CreateMutexW(nullptr, FALSE, (kName + std::to_wstring(i)).c_str())).Close();
-  Handle(CreateMutexW(nullptr, FALSE, kName)).Close();
+  for (int i = 0; i < 3; ++i) Park(kName + std::to_wstring(i));
+  Park(kName);
   closefrom(3);
   std::vector<int> files;
   for (int i = 0; i < 40; ++i) {
@@ -292,7 +299,7 @@ CHILD_ROLE(AllDescriptorsClosed) {
   for (int i = 0; i < 3; ++i) REQUIRE(WorksAsMutex());
   const Handle mutex = CreateMutexW(nullptr, FALSE, kName);
   REQUIRE(ChildProcess("OpenParked").Wait() == 1);
-  for (int i = 0; i < 20; ++i) Handle(CreateMutexW(nullptr, FALSE, (kName + std::to_wstring(i)).c_str())).Close();
+  for (int i = 0; i < 20; ++i) Park(kName + std::to_wstring(i));
   for (const int file : files) {
     REQUIRE(fcntl(file, F_GETFD) >= 0);
     if (file != files[0]) close(file);
@@ -306,16 +313,15 @@ CHILD_ROLE(AllDescriptorsClosed) {
 }
 
 // More processes than one machine word, or a thousand, has room for.
-CHILD_ROLE(ManyProcesses) {
+SCENARIO(ManyProcesses) {
 #ifdef QEL_SANITIZE
   return kSkipped;  // each process would need much memory of its own
 #endif
-  if (!UsePrivateSharedMemory()) return kSkipped;
-  const int count = arguments.empty() ? 1100 : std::stoi(arguments[0]);
+  constexpr int kCount = 1100;
   const Handle mutex = CreateMutexW(nullptr, TRUE, kName);
   int results[2], end[2];
   REQUIRE(pipe(results) == 0 && pipe(end) == 0);
-  for (int i = 0; i < count; ++i) {
+  for (int i = 0; i < kCount; ++i) {
     const pid_t child = fork();
     REQUIRE(child >= 0);
     if (child != 0) continue;
@@ -326,7 +332,7 @@ CHILD_ROLE(ManyProcesses) {
     _exit(write(results[1], &byte, 1) == 1 && read(end[0], &byte, 1) == 0 ? 0 : 1);
   }
   close(results[1]);
-  for (int i = 0; i < count; ++i) {
+  for (int i = 0; i < kCount; ++i) {
     char byte = 0;
     REQUIRE(read(results[0], &byte, 1) == 1);
     REQUIRE(byte == '+');
@@ -339,13 +345,13 @@ CHILD_ROLE(ManyProcesses) {
 }
 
 // A service that starts as root and goes on as somebody else leaves no folders for the wrong user.
-CHILD_ROLE(ChangeUser) {
-  if (geteuid() != 0 || !UsePrivateSharedMemory()) return kSkipped;
+SCENARIO(ChangeUser) {
+  if (geteuid() != 0) return kSkipped;
   Handle event = CreateEventW(nullptr, FALSE, FALSE, L"event");
-  for (int i = 0; i < 16; ++i) Handle(CreateMutexW(nullptr, FALSE, (kName + std::to_wstring(i)).c_str())).Close();
+  for (int i = 0; i < 16; ++i) Park(kName + std::to_wstring(i));
   REQUIRE(setresuid(kOther, kOther, kOther) == 0);
   REQUIRE(WorksAsMutex());
-  for (int i = 0; i < 16; ++i) Handle(CreateMutexW(nullptr, FALSE, (kName + std::to_wstring(i)).c_str())).Close();
+  for (int i = 0; i < 16; ++i) Park(kName + std::to_wstring(i));
   event.Close();
   REQUIRE(WorksAsMutex());
   int folders = 0;
@@ -360,17 +366,13 @@ CHILD_ROLE(ChangeUser) {
 }
 
 // Growing a file beyond the limit would raise a signal that ends the host.
-CHILD_ROLE(FileSizeLimit) {
-  if (!UsePrivateSharedMemory()) return kSkipped;
-  rlimit limit = {100, RLIM_INFINITY};
-  REQUIRE(setrlimit(RLIMIT_FSIZE, &limit) == 0);
-  REQUIRE(FallBack() == 0);
-  return 0;
+SCENARIO(FileSizeLimit) {
+  REQUIRE(Limit(RLIMIT_FSIZE, 100, RLIM_INFINITY));
+  return FallBack();
 }
 
 // What a forked child closes and ends with is not its parent's.
-CHILD_ROLE(Fork) {
-  if (!UsePrivateSharedMemory()) return kSkipped;
+SCENARIO(Fork) {
   const Handle event = CreateEventW(nullptr, TRUE, FALSE, kName);
   const Handle mutex = CreateMutexW(nullptr, TRUE, L"forked");
   Handle(CreateMutexW(nullptr, TRUE, L"closed while owned")).Close();
@@ -390,17 +392,15 @@ CHILD_ROLE(Fork) {
   return 0;
 }
 
-class Scenario : public testing::TestWithParam<const char*> {};
-TEST_P(Scenario, EndsWell) {
+class Scenarios : public testing::TestWithParam<const char*> {};
+
+TEST_P(Scenarios, EndWell) {
   const int code = ChildProcess(GetParam()).Wait();
   if (code == kSkipped) GTEST_SKIP() << "needs shared memory of its own, and the system's allocator";
   EXPECT_EQ(code, 0);
 }
-INSTANTIATE_TEST_SUITE_P(Namespace, Scenario,
-                         testing::Values("RefuseFolders", "TakeSmallest", "LeaveNothing", "LoseFolder", "Park",
-                                         "ParkBeside", "FullMemory", "ReadOnlyMemory", "NoMemory", "NoDescriptors",
-                                         "NoHeap", "Umask", "NoStandardDescriptors", "AllDescriptorsClosed",
-                                         "ManyProcesses", "ChangeUser", "FileSizeLimit", "Fork"),
+
+INSTANTIATE_TEST_SUITE_P(Namespace, Scenarios, testing::ValuesIn(Names()),
                          [](const auto& info) { return std::string(info.param); });
 
 }  // namespace

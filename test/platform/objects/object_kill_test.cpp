@@ -6,8 +6,8 @@
 #include <thread>
 
 #include "test/platform/memory/mapped_file.h"
-#include "test/platform/objects/shared_memory.h"
 #include "test/support/child_process.h"
+#include "test/support/own_mounts.h"
 
 using namespace qel::test;
 
@@ -90,7 +90,7 @@ CHILD_ROLE(UseObjects) {
 }
 
 TEST(Kill, NoMutexIsStuckAndNothingIsLeft) {
-  const bool own = UsePrivateSharedMemory();
+  static const bool own = UsePrivateSharedMemory();
   const ScratchFolder scratch;
   const std::string stem = "kill-" + std::to_string(GetCurrentProcessId()) + "-";
   std::minstd_rand random(1);
@@ -127,7 +127,7 @@ TEST(Kill, NoMutexIsStuckAndNothingIsLeft) {
   ChildProcess last("EndInOrder");
   EXPECT_EQ(last.Wait(), 0);
   if (own) {
-    EXPECT_LE(ListSharedMemory().size(), 2u + kNames) << "more than this process's own folder, board and mutexes";
+    EXPECT_LE(CountSharedMemory(), 2u + kNames) << "more than this process's own folder, board and mutexes";
   }
 }
 

@@ -5,7 +5,7 @@
 #include <filesystem>
 
 #include "qelibaselib/platform/win32.h"
-#include "test/platform/files/forked_child.h"
+#include "test/support/forked_child.h"
 #include "test/support/scratch_folder.h"
 
 namespace qel::test {

@@ -66,26 +66,4 @@ class MemoryShortage {
   ~MemoryShortage() { SetIsPhysMemShortage(256ull << 20); }
 };
 
-// A named object of this process, with a view of all of it.
-class NamedObject {
- public:
-  explicit NamedObject(DWORD bytes)
-      : bytes_(bytes),
-        mapping_(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, bytes, name_.c_str())),
-        view_(static_cast<char*>(MapViewOfFile(mapping_.Get(), FILE_MAP_ALL_ACCESS, 0, 0, bytes))) {
-    EXPECT_NE(view_, nullptr);
-  }
-  ~NamedObject() { UnmapViewOfFile(view_); }
-
-  const wchar_t* Name() const { return name_.c_str(); }
-  std::string Bytes() const { return {view_, bytes_}; }
-  void Fill(const std::string& bytes) { std::copy(bytes.begin(), bytes.end(), view_); }
-
- private:
-  const std::wstring name_ = UniqueName();
-  const DWORD bytes_;
-  const ScopedMapping mapping_;
-  char* const view_;
-};
-
 }  // namespace qel::test

@@ -23,6 +23,7 @@
 #include "test/support/failing_calls.h"
 #include "test/support/fake_clock.h"
 #include "test/support/log_folder.h"
+#include "test/support/named_object.h"
 #include "test/support/open_handles.h"
 #include "test/support/page_buffer.h"
 #include "test/support/sanitizer.h"

@@ -20,7 +20,9 @@ std::vector<TestedExport> TestedExports::EachFromTheStart(std::vector<TestedExpo
 
 void TestedExports::LetGo() {
   if (view_) UnmapViewOfFile(std::exchange(view_, nullptr));
-  for (ScopedMapping* object : {&mapping_, &sourceObject_, &targetObject_}) ScopedMapping(std::move(*object));
+  ScopedMapping(std::move(mapping_));
+  source_.reset();
+  target_.reset();
   ScopedFile(std::move(file_));
 }
 
@@ -115,15 +117,9 @@ bool TestedExports::IsShared(HANDLE other) {
 
 // Two named objects, the first with the bytes, the second with zeros, and a file with the bytes.
 void TestedExports::MakeObjects() {
-  const auto make = [this](ScopedMapping& object, const std::wstring& name, const std::string& bytes) {
-    object = ScopedMapping(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
-                                              static_cast<DWORD>(bytes.size()), name.c_str()));
-    auto* view = static_cast<char*>(MapViewOfFile(object.Get(), FILE_MAP_WRITE, 0, 0, 0));
-    std::copy(bytes.begin(), bytes.end(), view);
-    UnmapViewOfFile(view);
-  };
-  make(sourceObject_, source_, bytes_);
-  make(targetObject_, target_, std::string(bytes_.size(), '\0'));
+  source_ = std::make_unique<NamedObject>(bytes_.size());
+  source_->Fill(bytes_);
+  target_ = std::make_unique<NamedObject>(bytes_.size());
   Write("x", bytes_);
   fs::remove(Path("y"));
 }
@@ -150,11 +146,11 @@ std::vector<TestedExport> TestedExports::OfMappings() {
         [=, this] { return create(file_.Get(), nullptr); },
         [this] { return fs::file_size(Path("x")) == 70000 && IsShared(mapping_.Get()); }, needs},
        {"OpenFileMappingX", [this] { MakeObjects(); },
-        [this] { return Made(OpenFileMappingX(HOST, FILE_MAP_ALL_ACCESS, FALSE, source_.c_str())); },
-        [this] { return IsShared(sourceObject_.Get()); }, "OpenFileMappingW"},
+        [this] { return Made(OpenFileMappingX(HOST, FILE_MAP_ALL_ACCESS, FALSE, source_->Name())); },
+        [this] { return IsShared(source_->Get()); }, "OpenFileMappingW"},
        {"MapViewOfFileX and UnmapViewOfFileX", [this] { MakeObjects(); },
         [this] {
-          auto* const view = static_cast<char*>(MapViewOfFileX(HOST, sourceObject_.Get(), FILE_MAP_READ, 0, 0, 0, 700));
+          auto* const view = static_cast<char*>(MapViewOfFileX(HOST, source_->Get(), FILE_MAP_READ, 0, 0, 0, 700));
           return view && *view == bytes_[0] && UnmapViewOfFileX(HOST, view);
         },
         [] { return true; }, "MapViewOfFile"}});
@@ -216,21 +212,16 @@ std::vector<TestedExport> TestedExports::OfTransfers() {
 std::vector<TestedExport> TestedExports::OfObjects() {
   const auto size = static_cast<DWORD>(bytes_.size());
   const auto make = [this] { MakeObjects(); };
-  const auto arrived = [this] {
-    auto* const view = static_cast<char*>(MapViewOfFile(targetObject_.Get(), FILE_MAP_READ, 0, 0, 0));
-    const bool equal = view && std::equal(bytes_.begin(), bytes_.end(), view);
-    UnmapViewOfFile(view);
-    return equal;
-  };
+  const auto arrived = [this] { return target_->Bytes() == bytes_; };
   std::vector<TestedExport> exports = {
-      {"ObjectToFile", make, [=, this] { return ObjectToFile(HOST, source_.c_str(), size, 0, Wide("y").c_str(), 0); },
+      {"ObjectToFile", make, [=, this] { return ObjectToFile(HOST, source_->Name(), size, 0, Wide("y").c_str(), 0); },
        [this] { return Holds("y", bytes_); }, "OpenFileMappingW CreateFileW CreateFileMappingW MapViewOfFile"},
-      {"CopyObject", make, [=, this] { return CopyObject(HOST, source_.c_str(), size, 0, target_.c_str(), -1); },
+      {"CopyObject", make, [=, this] { return CopyObject(HOST, source_->Name(), size, 0, target_->Name(), -1); },
        arrived, "OpenFileMappingW MapViewOfFile"}};
   for (const BOOL mapSource : {TRUE, FALSE}) {
     exports.push_back(
         {"FileToObject", make,
-         [=, this] { return FileToObject(HOST, Wide("x").c_str(), size, 0, target_.c_str(), -1, mapSource); }, arrived,
+         [=, this] { return FileToObject(HOST, Wide("x").c_str(), size, 0, target_->Name(), -1, mapSource); }, arrived,
          std::string("OpenFileMappingW CreateFileW GetFileSizeEx MapViewOfFile ") +
              (mapSource ? "CreateFileMappingW" : "ReadFile")});
   }

@@ -45,9 +45,10 @@ class TestedExports {
 
   const std::string bytes_;
   const ScratchFolder folder_;
-  const std::wstring made_ = UniqueName(), source_ = UniqueName(), target_ = UniqueName();
+  const std::wstring made_ = UniqueName();
   ScopedFile file_;
-  ScopedMapping mapping_, sourceObject_, targetObject_;
+  ScopedMapping mapping_;
+  std::unique_ptr<NamedObject> source_, target_;
   char* view_ = nullptr;
   // What the exports fill.
   DWORD count_ = 0, error_ = 0;

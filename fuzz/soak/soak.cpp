@@ -21,8 +21,8 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/soak/worker.h"
 #include "qelibaselib/qelibaselib.h"
-#include "test/soak/worker.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "test/soak/board.h"
+#include "fuzz/soak/board.h"
 
 namespace qel::soak {
 

@@ -1,4 +1,4 @@
-#include "test/soak/own_files.h"
+#include "fuzz/soak/own_files.h"
 
 #include <iterator>
 

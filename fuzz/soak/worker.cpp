@@ -1,4 +1,4 @@
-#include "test/soak/worker.h"
+#include "fuzz/soak/worker.h"
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,8 +9,8 @@
 #include <iterator>
 #include <thread>
 
+#include "fuzz/soak/own_files.h"
 #include "qelibaselib/qelibaselib.h"
-#include "test/soak/own_files.h"
 
 namespace qel::soak {
 namespace {

@@ -13,16 +13,15 @@ using namespace qel::test;
 // Reads all that there is to read, as a host would.
 void ReadAll(const std::wstring& file, const ByteVector& bytes, const std::filesystem::path& path) {
   WriteWholeFile(path, {bytes.begin(), bytes.end()});
-  void* version = CreateCFileVersion(file.c_str());
-  ASSERT_NE(version, nullptr);
-  if (char** strings = GetVerCFileVersion(version)) {
+  const VersionHandle version(file);
+  ASSERT_NE(version.handle, nullptr);
+  if (char** strings = version.strings()) {
     for (int column = 0; column < kVersionStringCount; ++column) {
       if (strings[column]) {
         ASSERT_LT(std::strlen(strings[column]), 200000u);
       }
     }
   }
-  ReleaseCFileVersion(version);
 }
 
 TEST(HostileModule, DamagedBytesAndCutFilesNeverFault) {
@@ -59,14 +58,12 @@ TEST(HugeModule, IsNotReadWhole) {
   std::filesystem::resize_file(path, 1'900'000'000);
   rusage before, after;
   getrusage(RUSAGE_SELF, &before);
-  void* version = CreateCFileVersion(folder.Wide("huge.dll").c_str());
+  const VersionHandle version(folder.Wide("huge.dll"));
   getrusage(RUSAGE_SELF, &after);
-  ASSERT_NE(version, nullptr);
-  char** strings = GetVerCFileVersion(version);
+  char** strings = version.strings();
   ASSERT_NE(strings, nullptr);
   EXPECT_STREQ(strings[1], "ACME");
   EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 32 * 1024) << "in KiB";
-  ReleaseCFileVersion(version);
 }
 
 }  // namespace

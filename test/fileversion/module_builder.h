@@ -5,6 +5,8 @@
 #include <utility>
 #include <vector>
 
+#include "qelibaselib/qelibaselib.h"
+
 namespace qel::test {
 
 using ByteVector = std::vector<uint8_t>;
@@ -31,5 +33,15 @@ struct ModuleOptions {
   uint32_t resourceType = 16;  // RT_VERSION
 };
 ByteVector BuildModule(const ByteVector& resource, const ModuleOptions& options = {});
+
+// The version of a file, as a host holds it.
+struct VersionHandle {
+  explicit VersionHandle(const std::wstring& file) : handle(CreateCFileVersion(file.c_str())) {}
+  VersionHandle(const VersionHandle&) = delete;
+  VersionHandle& operator=(const VersionHandle&) = delete;
+  ~VersionHandle() { ReleaseCFileVersion(handle); }
+  char** strings() const { return GetVerCFileVersion(handle); }
+  void* handle;
+};
 
 }  // namespace qel::test

@@ -11,15 +11,6 @@ VersionContents TwoLanguages() {
           {{0x0409, 0x04E4}, {0x0411, 0x03A4}}};
 }
 
-struct VersionHandle {
-  explicit VersionHandle(const std::wstring& file) : handle(CreateCFileVersion(file.c_str())) {}
-  VersionHandle(const VersionHandle&) = delete;
-  VersionHandle& operator=(const VersionHandle&) = delete;
-  ~VersionHandle() { ReleaseCFileVersion(handle); }
-  char** strings() const { return GetVerCFileVersion(handle); }
-  void* handle;
-};
-
 class VersionStrings : public testing::Test {
  protected:
   std::wstring Write(const ByteVector& bytes) {

@@ -16,13 +16,6 @@ void Free(void* block) { _MemFree(kSource, kLine, block); }
 void* AllocatePages(DWORD size, DWORD timeoutMs = 0) { return _VMemAlloc(kSource, kLine, size, timeoutMs); }
 BOOL FreePages(void* base) { return _VMemFree(kSource, kLine, base); }
 
-// The sanitizer ends the process where an operator new fails.
-#ifdef QEL_SANITIZE
-#define SKIP_WITHOUT_FAILING_HEAP() GTEST_SKIP() << "the heap never fails here"
-#else
-#define SKIP_WITHOUT_FAILING_HEAP() static_cast<void>(0)
-#endif
-
 // What one failed attempt has written.
 struct Failure {
   unsigned long size = 0, load = 0, largest = 0, sum = 0, count = 0;
@@ -124,7 +117,7 @@ TEST_F(GuardedAllocation, PagesAreFreshCommittedAndOfTheSameClasses) {
 }
 
 TEST_F(GuardedAllocation, FailureIsLoggedThenWaitedForThenTheTimeoutCounts) {
-  SKIP_WITHOUT_FAILING_HEAP();
+  SKIP_UNDER_ASAN();
   FakeClock clock;  // stands at a whole second
   EXPECT_EQ(Allocate(kTooMuch, 0), nullptr);
   EXPECT_EQ(clock.Sleeps(), std::vector<DWORD>{100}) << "one attempt, one wait";
@@ -149,7 +142,7 @@ TEST_F(GuardedAllocation, FailureIsLoggedThenWaitedForThenTheTimeoutCounts) {
 }
 
 TEST_F(GuardedAllocation, TimeoutSurvivesTheWrapOfTheClock) {
-  SKIP_WITHOUT_FAILING_HEAP();
+  SKIP_UNDER_ASAN();
   FakeClock clock;
   clock.now = 0xFFFFFFF0;
   EXPECT_EQ(Allocate(kTooMuch, 400), nullptr);
@@ -182,7 +175,7 @@ TEST_F(GuardedAllocation, LastErrorOfTheSystemSurvivesTheLogging) {
 
 // The host's handler for a failing allocator runs inside the allocation, under the position of its caller.
 TEST_F(GuardedAllocation, HandlerNamesTheAllocationUnderWay) {
-  SKIP_WITHOUT_FAILING_HEAP();
+  SKIP_UNDER_ASAN();
   FakeClock clock;
   static int calls;
   calls = 0;
@@ -307,7 +300,7 @@ CHILD_ROLE(ExhaustedAddressSpace) {
 }
 
 TEST_F(GuardedAllocation, ExhaustedAddressSpaceFailsInOrder) {
-  SKIP_WITHOUT_FAILING_HEAP();
+  SKIP_UNDER_ASAN();
   ASSERT_EQ(ChildProcess("ExhaustedAddressSpace").Wait(), 0);
   const auto failures = TakeFailures();
   ASSERT_EQ(failures.size(), 2u);

@@ -118,7 +118,6 @@ TEST_F(ExceptionReport, HasThisText) {
   EXPECT_NE(text.find(title + std::string("()\n##### ProcessId"), code), std::string::npos) << "of the status report";
 
   const auto report = qellog::ParseExceptionReport(text);
-  EXPECT_EQ(report.sourceFile + Print("(%d)", report.sourceLine), "folder/source.cpp(17)");
   EXPECT_EQ(report.exception.value().code, 0xC0000005u);
   EXPECT_EQ(report.exception->flags, 1u);
   EXPECT_EQ(report.exception->address, 0xCDEF02u);
@@ -126,7 +125,6 @@ TEST_F(ExceptionReport, HasThisText) {
   EXPECT_EQ(report.registers.size(), 16u + 7u + 8u);
   EXPECT_EQ(ValueOf(report.registers, "FloatSave.ControlWord"), Print("0x%08lx", context.FloatSave.ControlWord));
   EXPECT_EQ(report.areas.size(), 5u + 32u);
-  EXPECT_EQ(report.code.size(), 40u);
   EXPECT_TRUE(report.IsWhole());
 }
 

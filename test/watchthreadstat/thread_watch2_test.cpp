@@ -8,6 +8,10 @@ namespace {
 
 void __stdcall Count(unsigned long, void*, unsigned long, void* counter) { ++*static_cast<int*>(counter); }
 
+// A callback with names of its own.
+using Callback = std::function<void()>;
+void __stdcall Invoke(unsigned long, void*, unsigned long, void* callback) { (*static_cast<Callback*>(callback))(); }
+
 // The record's mutex, its second word.
 HANDLE MutexOf(void* registration) { return static_cast<HANDLE*>(registration)[1]; }
 
@@ -91,77 +95,55 @@ TEST_F(ThreadWatch2, CallsInOrderOfStartWithTheIdentityOfTheThread) {
 }
 
 // While a callback runs the list is free for others, its own record is not.
-struct Inside {
-  ManualWatch* watch;
+TEST_F(ThreadWatch2, CallsBackOutsideTheListUnderTheRecord) {
   void* registration = nullptr;
   DWORD ownRecord = 0;
   BOOL listWasFree = FALSE;
-};
-void __stdcall LookAround(unsigned long, void*, unsigned long, void* argument) {
-  auto& inside = *static_cast<Inside*>(argument);
-  OnThread([&inside] {
-    inside.ownRecord = WaitForSingleObject(MutexOf(inside.registration), 0);
-    int calls = 0;
-    inside.listWasFree = inside.watch->End(inside.watch->Start(1, 1, &Count, &calls));
-  });
-}
-
-TEST_F(ThreadWatch2, CallsBackOutsideTheListUnderTheRecord) {
-  Inside inside{&watch_};
-  inside.registration = watch_.Start(1, 0, &LookAround, &inside);
+  Callback lookAround = [&] {
+    OnThread([&] {
+      ownRecord = WaitForSingleObject(MutexOf(registration), 0);
+      int calls = 0;
+      listWasFree = watch_.End(watch_.Start(1, 1, &Count, &calls));
+    });
+  };
+  registration = watch_.Start(1, 0, &Invoke, &lookAround);
   watch_.Tick();
-  EXPECT_EQ(inside.ownRecord, WAIT_TIMEOUT);
-  EXPECT_TRUE(inside.listWasFree);
+  EXPECT_EQ(ownRecord, WAIT_TIMEOUT);
+  EXPECT_TRUE(listWasFree);
   OnThread([&] {
-    EXPECT_EQ(WaitForSingleObject(MutexOf(inside.registration), 0), WAIT_OBJECT_0) << "released after the call";
-    ReleaseMutex(MutexOf(inside.registration));
+    EXPECT_EQ(WaitForSingleObject(MutexOf(registration), 0), WAIT_OBJECT_0) << "released after the call";
+    ReleaseMutex(MutexOf(registration));
   });
-  watch_.End(inside.registration);
-}
-
-struct Slow {
-  std::atomic<bool> entered = false, leave = false, left = false;
-};
-void __stdcall WaitToLeave(unsigned long, void*, unsigned long, void* argument) {
-  auto& slow = *static_cast<Slow*>(argument);
-  slow.entered = true;
-  while (!slow.leave) std::this_thread::yield();
-  slow.left = true;
+  watch_.End(registration);
 }
 
 TEST_F(ThreadWatch2, EndWaitsForTheCallbackThatRuns) {
-  Slow slow;
-  void* registration = watch_.Start(1, 0, &WaitToLeave, &slow);
+  std::atomic<bool> entered = false, leave = false, left = false;
+  Callback stay = [&] {
+    entered = true;
+    while (!leave) std::this_thread::yield();
+    left = true;
+  };
+  void* registration = watch_.Start(1, 0, &Invoke, &stay);
   std::thread ticker([this] { watch_.Tick(); });
-  while (!slow.entered) std::this_thread::yield();
+  while (!entered) std::this_thread::yield();
   bool leftBeforeEnd = false;
   std::thread ender([&] {
     watch_.End(registration);
-    leftBeforeEnd = slow.left;
+    leftBeforeEnd = left;
   });
   while (watch_.Param().m_watchList.GetCount() != 0) std::this_thread::yield();  // End has begun
-  slow.leave = true;
+  leave = true;
   ender.join();
   ticker.join();
   EXPECT_TRUE(leftBeforeEnd);
 }
 
-void __stdcall Misbehave(unsigned long, void*, unsigned long, void* how) {
-  switch (reinterpret_cast<INT_PTR>(how)) {
-    case 1:
-      throw 1;
-    case 2:
-      throw new CException;
-    default:
-      *static_cast<volatile int*>(nullptr) = 1;
-  }
-}
-
 TEST_F(ThreadWatch2, WhatACallbackThrowsEndsInTheGuard) {
   TakeLines(channel::kAssert);
   std::vector<void*> registrations;
-  for (int how = 1; how <= 3; ++how)
-    registrations.push_back(watch_.Start(1, 0, &Misbehave, reinterpret_cast<void*>(how)));
+  Callback bad[] = {[] { throw 1; }, [] { throw new CException; }, &WriteBadAddress};
+  for (Callback& each : bad) registrations.push_back(watch_.Start(1, 0, &Invoke, &each));
   int calls = 0;
   registrations.push_back(watch_.Start(1, 0, &Count, &calls));
   watch_.Tick();
@@ -173,10 +155,9 @@ TEST_F(ThreadWatch2, WhatACallbackThrowsEndsInTheGuard) {
   EXPECT_EQ(caught, 3);
 }
 
-void __stdcall StayLong(unsigned long, void*, unsigned long, void* call) { static_cast<LongCall*>(call)->Stay(); }
-
 TEST(ThreadWatch2Lifecycle, AWatcherThatIsNotWaitedForEndsWithItsCallback) {
   LongCall call;
+  Callback stay = [&] { call.Stay(); };
   int calls = 0;
   ScopedObject timer;  // ticks when the test says so
   auto create = STAND_IN(CreateWaitableTimerA, [&](auto...) {
@@ -185,7 +166,7 @@ TEST(ThreadWatch2Lifecycle, AWatcherThatIsNotWaitedForEndsWithItsCallback) {
   });
   const StillTimer still;
   ExpectWatcherToEndWith<ManualWatch>(call, [&](ManualWatch& watch) {
-    watch.Start(1, 1, &StayLong, &call);
+    watch.Start(1, 1, &Invoke, &stay);
     watch.Start(1, 1, &Count, &calls);
     SetEvent(timer.Get());
   });
@@ -293,13 +274,12 @@ TEST_F(ThreadWatch2, ScopeRegistersAndEnds) {
   const CWatchThreadStat2Wrap nothing(nullptr, 1, 1, &Count, &calls);
 }
 
-void __stdcall Signal(unsigned long, void*, unsigned long, void* event) { SetEvent(event); }
-
 // With the system's timer: the first tick comes at once, the second after a second.
 TEST(ThreadWatch2RealTime, Ticks) {
   const Handle event = NewEvent();
+  Callback signal = [&] { SetEvent(event); };
   CWatchThreadStat2 watch;
-  const CWatchThreadStat2Wrap scope(&watch, 1, 1, &Signal, event);
+  const CWatchThreadStat2Wrap scope(&watch, 1, 1, &Invoke, &signal);
   EXPECT_EQ(WaitForSingleObject(event, 30000), WAIT_OBJECT_0);
   EXPECT_EQ(WaitForSingleObject(event, 30000), WAIT_OBJECT_0);
 }

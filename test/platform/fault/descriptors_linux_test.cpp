@@ -1,17 +1,12 @@
 // Reports of a process that has used up its descriptors.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <string>
 
 #include "test/platform/fault/reports.h"
-#include "test/support/child_process.h"
-#include "test/support/exhaustion.h"
-#include "test/support/log_folder.h"
-#include "test/support/sanitizer.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {

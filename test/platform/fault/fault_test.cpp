@@ -1,17 +1,10 @@
 // Faults under fault::Run, the same on both targets.
 #include "qelibaselib/platform/fault/fault.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cstring>
 #include <exception>
-#include <functional>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "test/platform/fault/provoke.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {
@@ -60,12 +53,6 @@ Outcome RunCaught(Body&& body) {
     outcome.clause = Outcome::kOther;
   }
   return outcome;
-}
-
-void OnThreads(int count, const std::function<void(int)>& body) {
-  std::vector<std::thread> threads;
-  for (int i = 0; i < count; ++i) threads.emplace_back(body, i);
-  for (std::thread& thread : threads) thread.join();
 }
 
 class FaultOfKind : public testing::TestWithParam<FaultKind> {

@@ -1,20 +1,13 @@
 // Reports while another thread holds a lock for ever.
-#include <gtest/gtest.h>
 #include <link.h>
 #include <pthread.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
-#include <string>
-#include <thread>
-#include <utility>
 
 #include "qelibaselib/platform/fault/fault.h"
 #include "test/platform/fault/reports.h"
-#include "test/support/child_process.h"
-#include "test/support/log_folder.h"
-#include "test/support/sanitizer.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {

@@ -1,18 +1,14 @@
 // Faults outside any guard: the host sees them as if the library were not there, and its handlers do not displace ours.
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <setjmp.h>
 #include <signal.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
-#include <string>
-#include <thread>
 
 #include "qelibaselib/platform/fault/fault.h"
 #include "test/platform/fault/provoke.h"
-#include "test/support/child_process.h"
+#include "test/support/library.h"
 
 extern "C" int __sigaction(int signal, const struct sigaction* action, struct sigaction* former) noexcept;
 
@@ -49,26 +45,14 @@ CHILD_ROLE(FaultWithoutHandler) {
   if (arguments[0] == "ud2") __asm__ __volatile__("ud2");
   if (arguments[0] == "kill") kill(getpid(), SIGILL);
   if (arguments[0] == "raise") std::thread([] { RaiseException(EXCEPTION_ACCESS_VIOLATION, 0, 0, nullptr); }).join();
-  if (arguments[0] == "blocked") {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, nullptr);
-    std::thread([] { _exit(CatchesFault() ? 42 : 1); }).join();
-  }
   Fault();
   return 2;
 }
-int EndOf(const char* how) { return ChildProcess("FaultWithoutHandler", {how}).Wait(); }
-
 TEST(HostWithoutHandler, DiesOfTheSignalOfItsFault) {
-  EXPECT_EQ(EndOf("read"), kEndByAccess);
-  EXPECT_EQ(EndOf("ud2"), -SIGILL);
-  EXPECT_EQ(EndOf("kill"), -SIGILL);
-  EXPECT_EQ(EndOf("raise"), kEndByAccess);
+  for (const auto& [how, end] :
+       {std::pair{"read", kEndByAccess}, {"raise", kEndByAccess}, {"ud2", -SIGILL}, {"kill", -SIGILL}})
+    EXPECT_EQ(ChildProcess("FaultWithoutHandler", {how}).Wait(), end) << how;
 }
-
-// The kernel ends a process whose fault is blocked; a thread's first guard sees to it.
-TEST(HostWithoutHandler, BlockedSignalsDoNotStopAGuard) { EXPECT_EQ(EndOf("blocked"), 42); }
 
 CHILD_ROLE(FaultWithHandler) {
   if (arguments[0] == "late" && !CatchesFault()) return 1;
@@ -86,8 +70,7 @@ CHILD_ROLE(FaultWithHandler) {
 }
 
 TEST(HostWithHandler, GetsItsFaultsAndWeGetOurs) {
-  EXPECT_EQ(ChildProcess("FaultWithHandler", {"early"}).Wait(), -SIGSEGV);
-  EXPECT_EQ(ChildProcess("FaultWithHandler", {"late"}).Wait(), -SIGSEGV);
+  for (const char* when : {"early", "late"}) EXPECT_EQ(ChildProcess("FaultWithHandler", {when}).Wait(), -SIGSEGV);
 }
 
 // What a host does that did not link the layer: the C library's own call displaces us, and keeps us as the former
@@ -146,9 +129,8 @@ CHILD_ROLE(FaultWithFilter) {
 }
 
 TEST(HostWithFilter, EveryAnswerHolds) {
-  EXPECT_EQ(ChildProcess("FaultWithFilter", {"search"}).Wait(), kEndByAccess);
-  EXPECT_EQ(ChildProcess("FaultWithFilter", {"execute"}).Wait(), 1);
-  EXPECT_EQ(ChildProcess("FaultWithFilter", {"continue"}).Wait(), 7);
+  for (const auto& [answer, end] : {std::pair{"search", kEndByAccess}, {"execute", 1}, {"continue", 7}})
+    EXPECT_EQ(ChildProcess("FaultWithFilter", {answer}).Wait(), end) << answer;
 }
 
 TEST(Handler, KeepsErrno) {

@@ -1,11 +1,8 @@
 // IsBadReadPtr and IsBadWritePtr, with and without a guard around.
-#include <gtest/gtest.h>
-
-#include <thread>
 
 #include "qelibaselib/platform/fault/fault.h"
 #include "test/platform/fault/provoke.h"
-#include "test/support/page_buffer.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {

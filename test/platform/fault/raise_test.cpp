@@ -1,13 +1,11 @@
 // RaiseException under guards, under the host's own handlers and under nobody's.
-#include <gtest/gtest.h>
 
-#include <algorithm>
 #include <iterator>
 #include <numeric>
-#include <thread>
 
 #include "qelibaselib/platform/fault/fault.h"
 #include "test/platform/fault/provoke.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {

@@ -1,15 +1,10 @@
 // Reports on a disk that has no room for them.
-#include <gtest/gtest.h>
 
 #include <fstream>
-#include <string>
 
 #include "qelibaselib/platform/fault/fault.h"
-#include "qelibaselib/settings/settings.h"
 #include "test/platform/fault/reports.h"
-#include "test/support/child_process.h"
-#include "test/support/log_folder.h"
-#include "test/support/scratch_folder.h"
+#include "test/support/library.h"
 #include "test/support/small_disk.h"
 
 namespace qel::test {

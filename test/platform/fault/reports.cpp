@@ -1,10 +1,6 @@
 #include "test/platform/fault/reports.h"
 
-#include "qelibaselib/file/file.h"
-#include "qelibaselib/modulestatus/exception_report.h"
-#include "test/support/bad_pointer.h"
-#include "test/support/log_folder.h"
-#include "test/support/scratch_folder.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 

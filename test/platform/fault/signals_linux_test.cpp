@@ -1,6 +1,5 @@
 // Signals besides the plain fault: what else ends a process, masks, the host's handlers, cancellation, locks left
 // behind.
-#include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <pthread.h>
@@ -10,23 +9,15 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <map>
 #include <stdexcept>
-#include <string>
-#include <thread>
 
-#include "qelibaselib/file/retrying_calls.h"
-#include "qelibaselib/log/log_writer.h"
 #include "qelibaselib/platform/fault/fault.h"
 #include "test/platform/fault/provoke.h"
 #include "test/platform/fault/reports.h"
-#include "test/support/child_process.h"
-#include "test/support/log_folder.h"
-#include "test/support/sanitizer.h"
-#include "test/support/scratch_folder.h"
+#include "test/support/library.h"
 
 // What assert() calls.
 extern "C" [[noreturn]] void __assert_fail(const char* text, const char* file, unsigned int line,
@@ -220,23 +211,21 @@ TEST(FaultInHostsHandler, GivesBackTheMaskOfTheGuard) {
 CHILD_ROLE(HoldFile) {
   alarm(60);
   LogFolder();
-  const std::wstring path(arguments[0].begin(), arguments[0].end());
+  static const std::wstring path = Widen(arguments[0]);
   const HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_ALWAYS, 0, nullptr);
   pthread_t thread;
-  std::wstring* shared = new std::wstring(path);
   pthread_create(
       &thread, nullptr,
-      [](void* name) -> void* {
-        CreateFileX(1, "host.cpp", static_cast<std::wstring*>(name)->c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
-                    0, nullptr, INFINITE, 1);
+      [](void*) -> void* {
+        CreateFileX(HOST, path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr, INFINITE, 1);
         return nullptr;
       },
-      shared);
+      nullptr);
   usleep(30'000);
   pthread_cancel(thread);
   void* result = nullptr;
   pthread_join(thread, &result);
-  VemoLogOutMisc("after the cancellation", 1, "host.cpp");
+  VemoLogOutMisc("after the cancellation", HOST);
   CloseHandle(file);
   return result == PTHREAD_CANCELED ? 42 : 1;
 }

@@ -1,19 +1,13 @@
 // Faults where the stack is small, used up, or not the thread's own.
 #include <alloca.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
-
-#include <algorithm>
-#include <cstring>
-#include <string>
 
 #include "qelibaselib/platform/fault/fault.h"
 #include "test/platform/fault/provoke.h"
 #include "test/platform/fault/reports.h"
 #include "test/platform/fault/thread_stack_linux.h"
-#include "test/support/child_process.h"
-#include "test/support/log_folder.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {
@@ -36,7 +30,7 @@ TEST(StackOverflow, IsCaughtWhateverTheStackAndWhereverItEnds) {
   SKIP_UNDER_ASAN();
   for (const size_t bytes : {16, 20, 32, 64, 256, 1024, 8192}) {
     int failed = 0;
-    const bool ran = OnThreadWithStack(bytes * kKilobyte, [&] {
+    OnThreadWithStack(bytes * kKilobyte, [&] {
       fault::SetTranslator(&fault::ThrowCse);
       for (size_t offset = 0; offset<4096; offset += bytes> 256 ? 512 : 64) {
         volatile char* skipped = static_cast<char*>(alloca(32));
@@ -45,7 +39,6 @@ TEST(StackOverflow, IsCaughtWhateverTheStackAndWhereverItEnds) {
                       [&] { failed += CodeOfOverflow() != EXCEPTION_STACK_OVERFLOW; });
       }
     });
-    EXPECT_TRUE(ran);
     EXPECT_EQ(failed, 0) << bytes;
   }
 }

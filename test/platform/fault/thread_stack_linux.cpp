@@ -24,19 +24,4 @@ __attribute__((noipa)) void WithStackLeft(size_t left, const std::function<void(
   body();
 }
 
-bool OnThreadWithStack(size_t bytes, const std::function<void()>& body) {
-  const auto run = [](void* argument) -> void* {
-    (*static_cast<const std::function<void()>*>(argument))();
-    return nullptr;
-  };
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  pthread_t thread;
-  const bool started = pthread_attr_setstacksize(&attributes, bytes) == 0 &&
-                       pthread_create(&thread, &attributes, run, const_cast<std::function<void()>*>(&body)) == 0;
-  pthread_attr_destroy(&attributes);
-  if (started) pthread_join(thread, nullptr);
-  return started;
-}
-
 }  // namespace qel::test

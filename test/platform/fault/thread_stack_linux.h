@@ -1,4 +1,4 @@
-// Threads whose stack is small, or nearly used up.
+// A stack that is nearly used up.
 #pragma once
 #include <cstddef>
 #include <functional>
@@ -9,7 +9,5 @@ namespace qel::test {
 size_t RemainingStack();
 // Calls `body` with about that many bytes left of the stack, or with all that are left when these are fewer.
 void WithStackLeft(size_t left, const std::function<void()>& body);
-// Runs `body` on a thread of its own. False when there is none.
-bool OnThreadWithStack(size_t bytes, const std::function<void()>& body);
 
 }  // namespace qel::test

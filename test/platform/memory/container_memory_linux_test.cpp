@@ -1,6 +1,5 @@
 // Memory limits of containers, of both versions of control groups.
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mount.h>
 
 #include <string>
@@ -10,6 +9,7 @@
 #include "qelibaselib/platform/linux/memory/container_memory.h"
 #include "qelibaselib/platform/win32.h"
 #include "test/support/child_process.h"
+#include "test/support/own_mounts.h"
 #include "test/support/scratch_folder.h"
 
 using namespace qel::test;
@@ -73,9 +73,7 @@ TEST(ContainerMemory, LeastOfAllGroupsUpToTheTop) {
 
 // In a mount name space of its own, where the groups' files say what they say in a container of 400 MiB.
 CHILD_ROLE(AskMemoryInContainer) {
-  if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      mount("groups", "/sys/fs/cgroup", "tmpfs", 0, nullptr) != 0)
-    return 77;
+  if (!EnterOwnMountSpace() || mount("groups", "/sys/fs/cgroup", "tmpfs", 0, nullptr) != 0) return 77;
   for (const bool isFull : {false, true}) {
     WriteGroup1("/sys/fs/cgroup/memory", 400 * kMiB, isFull ? 200 * kMiB : 20 * kMiB, 0);
     WriteGroup2("/sys/fs/cgroup", std::to_string(400 * kMiB), isFull ? 200 * kMiB : 20 * kMiB, 0);

@@ -20,6 +20,13 @@ CHILD_ROLE(WriteIntoMapping) {
   return 0;
 }
 
+// A child that has written into the mapping, and has it open.
+ChildProcess StartWriter(const std::wstring& name) {
+  ChildProcess child("WriteIntoMapping", {Narrow(name)});
+  EXPECT_EQ(child.WaitForLine(), "written");
+  return child;
+}
+
 // The name keeps what it had when the process that holds it is killed at its side.
 TEST(Mapping, NamesAreSharedBetweenProcesses) {
   MappedFile file(10);
@@ -29,8 +36,7 @@ TEST(Mapping, NamesAreSharedBetweenProcesses) {
     file.Close();
     const View view(mapping, FILE_MAP_WRITE, 0, 0);
     view[0] = 'a';
-    ChildProcess child("WriteIntoMapping", {Narrow(name)});
-    ASSERT_EQ(child.WaitForLine(), "written");
+    ChildProcess child = StartWriter(name);
     EXPECT_EQ(view[1], 'b');
     child.Kill();
     EXPECT_MADE(OpenFileMappingW(FILE_MAP_READ, FALSE, name.c_str()), kUntouched);
@@ -48,13 +54,11 @@ TEST(Mapping, NamesLeadToAFileThatWasRenamed) {
   WriteWholeFile(file.Path(), std::string(10, 'o'));
   const View view(mapping, FILE_MAP_WRITE, 0, 0);
   view[0] = 'a';
-  ChildProcess first("WriteIntoMapping", {Narrow(name)});
-  ASSERT_EQ(first.WaitForLine(), "written");
+  ChildProcess first = StartWriter(name);
   EXPECT_EQ(view[1], 'b');
   mapping.Close();
   view[0] = 'r';
-  ChildProcess second("WriteIntoMapping", {Narrow(name)});
-  ASSERT_EQ(second.WaitForLine(), "written");
+  ChildProcess second = StartWriter(name);
   EXPECT_EQ(view[1], 's');
   EXPECT_EQ(file.Contents(), std::string(10, 'o')) << "the file that has the name now";
 }
@@ -66,13 +70,11 @@ TEST(Mapping, ManyProcessesWithARenamedFile) {
   Handle mapping(CreateMapping(file.handle(), PAGE_READWRITE, 0, name.c_str()));
   file.Close();
   for (int i = 0; i < 70; ++i) {
-    ChildProcess child("WriteIntoMapping", {Narrow(name)});
-    ASSERT_EQ(child.WaitForLine(), "written");
+    ChildProcess child = StartWriter(name);
     child.Kill();
   }
   std::filesystem::rename(file.Path(), file.Path().string() + "-renamed");
-  ChildProcess joined("WriteIntoMapping", {Narrow(name)});
-  ASSERT_EQ(joined.WaitForLine(), "written");
+  ChildProcess joined = StartWriter(name);
   mapping.Close();
   EXPECT_MADE(OpenFileMappingW(FILE_MAP_READ, FALSE, name.c_str()), kUntouched);
 }

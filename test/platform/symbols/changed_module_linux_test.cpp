@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 
 #include "test/platform/symbols/named_place.h"
@@ -37,40 +38,24 @@ const FileChange kChanges[] = {
      }},
 };
 
-class LoadedCopy {
- public:
-  explicit LoadedCopy(const fs::path& file) : module_(dlopen(file.c_str(), RTLD_NOW)) {}
-  LoadedCopy(const LoadedCopy&) = delete;
-  LoadedCopy& operator=(const LoadedCopy&) = delete;
-  ~LoadedCopy() {
-    if (module_) dlclose(module_);
-  }
-  const void* Find(const char* name, const char* version) const { return dlvsym(module_, name, version); }
-  bool IsLoaded() const { return module_ != nullptr; }
-
- private:
-  void* const module_;
-};
-
 TEST(ChangedModule, KeepsItsNames) {
   ScratchFolder folder;
   for (const auto& change : kChanges) {
     SCOPED_TRACE(change.name);
     const fs::path file = folder.Path() / (std::string("copy of ") + change.name + ".so");
     fs::copy_file(fs::canonical("/usr/lib32/libnsl.so.1"), file);
-    const LoadedCopy copy(file);
-    ASSERT_TRUE(copy.IsLoaded()) << dlerror();
-    const auto function = reinterpret_cast<DWORD>(copy.Find("yp_all", "GLIBC_2.0"));
+    const std::unique_ptr<void, int (*)(void*)> copy(dlopen(file.c_str(), RTLD_NOW), &dlclose);
+    ASSERT_TRUE(copy) << dlerror();
+    const auto function = reinterpret_cast<DWORD>(dlvsym(copy.get(), "yp_all", "GLIBC_2.0"));
     ASSERT_NE(function, 0u);
     change.make(file);
-    ASSERT_TRUE(SymInitialize(GetCurrentProcess(), nullptr, TRUE));
+    const Session session;
     EXPECT_EQ(NameOf(function + 7).name, "yp_all");
     EXPECT_EQ(NameOf(function + 7).displacement, 7u);
     // The start of the module is no function.
     const DWORD start = SymGetModuleBase(GetCurrentProcess(), function);
     EXPECT_EQ(NameOf(start + 0x12).name, file.filename());
     EXPECT_EQ(NameOf(start + 0x12).displacement, 0x12u);
-    SymCleanup(GetCurrentProcess());
   }
 }
 
@@ -80,8 +65,7 @@ TEST(ChangedModule, IsStillNamedWhenNothingIsLeftOfItsFile) {
   fs::copy_file(fs::canonical("/usr/lib32/libnsl.so.1"), file);
   // In a child: neither the module nor a process that holds it can be left in an orderly way any more.
   const auto look = [&] {
-    const auto* copy = new LoadedCopy(file);
-    const auto function = reinterpret_cast<DWORD>(copy->Find("yp_all", "GLIBC_2.0"));
+    const auto function = reinterpret_cast<DWORD>(dlvsym(dlopen(file.c_str(), RTLD_NOW), "yp_all", "GLIBC_2.0"));
     fs::resize_file(file, 0);
     SymInitialize(GetCurrentProcess(), nullptr, TRUE);
     std::fprintf(stderr, "%s and %s", NameOf(function).name.c_str(),
@@ -92,11 +76,10 @@ TEST(ChangedModule, IsStillNamedWhenNothingIsLeftOfItsFile) {
 }
 
 TEST(KernelsModule, HasItsNamesInMemory) {
-  ASSERT_TRUE(SymInitialize(GetCurrentProcess(), nullptr, TRUE));
+  const Session session;
   DWORD entry;
   __asm__("movl %%gs:0x10, %0" : "=r"(entry));  // where the C library enters the kernel
   EXPECT_EQ(NameOf(entry).name, "__kernel_vsyscall");
-  SymCleanup(GetCurrentProcess());
 }
 
 }  // namespace

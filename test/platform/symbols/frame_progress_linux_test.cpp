@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "qelibaselib/platform/win32.h"
+#include "test/platform/symbols/named_place.h"
 
 extern "C" __attribute__((noipa, noinline)) int CalledFunction(int value) { return value + 1; }
 // Without unwind tables, as some compilers leave the function by which code finds its own address.
@@ -17,14 +17,13 @@ namespace {
 DWORD AddressOf(const void* pointer) { return reinterpret_cast<DWORD>(pointer); }
 
 struct Walker {
+  const Session session;
   STACKFRAME frame{};
   Walker(DWORD code, DWORD stack, DWORD base) {
-    SymInitialize(GetCurrentProcess(), nullptr, TRUE);
     frame.AddrPC.Offset = code;
     frame.AddrStack.Offset = stack;
     frame.AddrFrame.Offset = base;
   }
-  ~Walker() { SymCleanup(GetCurrentProcess()); }
   BOOL Next() {
     return StackWalk(IMAGE_FILE_MACHINE_I386, GetCurrentProcess(), GetCurrentThread(), &frame, nullptr, nullptr,
                      SymFunctionTableAccess, SymGetModuleBase, nullptr);

@@ -1,10 +1,18 @@
-// The name that the debug help has for an address.
+// The debug help, and the name that it has for an address.
 #pragma once
+#include <gtest/gtest.h>
+
 #include <string>
 
 #include "qelibaselib/platform/win32.h"
 
 namespace qel::test {
+
+// The debug help is ready while this lives.
+struct Session {
+  Session() { EXPECT_TRUE(SymInitialize(GetCurrentProcess(), nullptr, TRUE)); }
+  ~Session() { SymCleanup(GetCurrentProcess()); }
+};
 
 struct NamedPlace {
   std::string name;    // empty where there is none; then the displacement is

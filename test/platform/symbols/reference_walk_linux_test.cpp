@@ -166,7 +166,7 @@ std::string Describe(const Places& places) {
 
 TEST(StackWalk, AgreesWithTheCompilersUnwinderAtEachInstruction) {
   SKIP_UNDER_ASAN();
-  SymInitialize(GetCurrentProcess(), nullptr, TRUE);
+  const Session session;
   struct sigaction action {
   }, before;
   action.sa_sigaction = &CompareWalks;
@@ -185,7 +185,6 @@ TEST(StackWalk, AgreesWithTheCompilersUnwinderAtEachInstruction) {
                   << Describe(g_mismatches[i].reference);
   }
   std::printf("%d steps, %d of them to the outermost frame, %d without a reference\n", g_steps, g_complete, g_unsound);
-  SymCleanup(GetCurrentProcess());
 }
 
 // The debugger fills the first, calls the function and reads the second, by their places alone: it knows no types.

@@ -221,14 +221,12 @@ TEST(Symbols, FollowModulesThatComeAndGo) {
   const auto function = reinterpret_cast<DWORD>(dlvsym(module, "yp_all", "GLIBC_2.0"));
   if (!function) GTEST_SKIP() << dlerror();
   for (int round = 0; round < 3; ++round) {
-    ASSERT_TRUE(SymInitialize(GetCurrentProcess(), nullptr, TRUE));
+    const Session session;
     EXPECT_EQ(NameOf(function).name, "yp_all");
-    SymCleanup(GetCurrentProcess());
   }
   dlclose(module);
-  ASSERT_TRUE(SymInitialize(GetCurrentProcess(), nullptr, TRUE));
+  const Session session;
   EXPECT_EQ(NameOf(function).displacement, ERROR_MOD_NOT_FOUND);
-  SymCleanup(GetCurrentProcess());
 }
 
 }  // namespace

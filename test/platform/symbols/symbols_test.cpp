@@ -4,7 +4,7 @@
 #include <cstring>
 #include <vector>
 
-#include "qelibaselib/platform/win32.h"
+#include "test/platform/symbols/named_place.h"
 
 static DWORD AddressOf(const void* place) { return reinterpret_cast<DWORD>(place); }
 
@@ -27,11 +27,6 @@ __attribute__((noipa, noinline)) DWORD PlaceInHiddenFunction() {
 
 const DWORD kPlainFunction = AddressOf(reinterpret_cast<void*>(&PlaceInPlainFunction));
 
-struct Session {
-  Session() { EXPECT_TRUE(SymInitialize(GetCurrentProcess(), nullptr, TRUE)); }
-  ~Session() { SymCleanup(GetCurrentProcess()); }
-};
-
 struct SymbolBlock {
   IMAGEHLP_SYMBOL symbol{};
   char rest[500] = {};
@@ -39,23 +34,19 @@ struct SymbolBlock {
     symbol.SizeOfStruct = size;
     symbol.MaxNameLength = maximum;
   }
-  BOOL Find(DWORD address, DWORD* displacement = nullptr) {
-    return SymGetSymFromAddr(GetCurrentProcess(), address, displacement, &symbol);
-  }
+  BOOL Find(DWORD address) { return SymGetSymFromAddr(GetCurrentProcess(), address, nullptr, &symbol); }
 };
 
 TEST(Symbols, NameFunctions) {
   const Session session;
   SymbolBlock block;
-  DWORD displacement = 0;
-  ASSERT_TRUE(block.Find(kPlainFunction + 3, &displacement));
-  EXPECT_STREQ(block.symbol.Name, "PlaceInPlainFunction");
-  EXPECT_EQ(displacement, 3u);
+  ASSERT_TRUE(block.Find(kPlainFunction + 3));
   EXPECT_EQ(block.symbol.Address, kPlainFunction);
-  ASSERT_TRUE(block.Find(PlaceInLocalFunction()));
-  EXPECT_STREQ(block.symbol.Name, "PlaceInLocalFunction");
-  ASSERT_TRUE(block.Find(PlaceInHiddenFunction()));
-  EXPECT_STREQ(block.symbol.Name, "qel::test::PlaceInHiddenFunction");
+  EXPECT_EQ(NameOf(kPlainFunction + 3).displacement, 3u);
+  for (const auto& [place, name] : {std::pair{kPlainFunction + 3, "PlaceInPlainFunction"},
+                                    {PlaceInLocalFunction(), "PlaceInLocalFunction"},
+                                    {PlaceInHiddenFunction(), "qel::test::PlaceInHiddenFunction"}})
+    EXPECT_EQ(NameOf(place).name, name);
 }
 
 TEST(Symbols, TakeAnySizeThatIsLargeEnough) {

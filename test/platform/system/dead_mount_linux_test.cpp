@@ -2,7 +2,6 @@
 // many disks.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mount.h>
 
 #include <cstring>
@@ -12,6 +11,7 @@
 #include "qelibaselib/modulestatus/status_report.h"
 #include "qelibaselib/platform/win32.h"
 #include "test/support/child_process.h"
+#include "test/support/own_mounts.h"
 #include "test/support/sanitizer.h"
 #include "test/support/scratch_folder.h"
 
@@ -20,10 +20,6 @@ using namespace qel::test;
 namespace {
 
 constexpr int kNotAllowed = 77;
-
-bool EnterOwnMountSpace() {
-  return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-}
 
 // A file system in user space whose questions nobody reads: to the kernel, a server that has gone.
 bool MountDeadServer(const std::string& folder) {

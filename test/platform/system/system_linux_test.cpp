@@ -1,7 +1,6 @@
 // What the layer reads from the kernel and from files of the user, and what a host may do under it.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -20,6 +19,7 @@
 #include "qelibaselib/platform/linux/system/mount_table.h"
 #include "qelibaselib/platform/linux/system/profile_text.h"
 #include "qelibaselib/platform/win32.h"
+#include "test/support/own_mounts.h"
 #include "test/support/scratch_folder.h"
 
 using qel::layer::ListDisks;
@@ -226,28 +226,20 @@ std::wstring NameIn(const std::string& database, uid_t user) {
 TEST(UserName, OfADomainMakesAnObjectsName) {
   if (geteuid() != 0) GTEST_SKIP() << "needs to be root, to put another user database in place";
   EXPECT_EQ(InForkedChild([] {
-              if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-                return true;
-              const std::wstring domain = NameIn(
-                  "DOMAIN\\j\xC3\xB6"
-                  "rg:x:50001:1::/:/bin/sh\n",
-                  50001);
-              const std::wstring mapped = NameIn(
-                  "DOMAIN\xEF\x81\x9C"
-                  "j\xC3\xB6"
-                  "rg:x:50002:1::/:/bin/sh\n",
-                  50002);
-              const std::wstring large = NameIn("large:x:50003:1:" + std::string(20'000, 'g') + ":/:/bin/sh\n", 50003);
-              const std::wstring empty = NameIn(":x:50004:1::/:/bin/sh\n", 50004);
-              const HANDLE mutex = CreateMutexW(nullptr, FALSE, (L"Local\\stem_" + domain).c_str());
-              return domain ==
-                         L"DOMAIN\xF05C"
-                         L"j\xF6"
-                         L"rg" &&
-                     mapped ==
-                         L"DOMAIN\xDCEF\xDC81\xDC9C"
-                         L"j\xF6rg" &&
-                     large == L"large" && empty == L"50004" && mutex && CloseHandle(mutex);
+              if (!qel::test::EnterOwnMountSpace()) return true;
+              const struct {
+                std::string name, comment;
+                std::wstring shown;
+              } rows[] = {{"DOMAIN\\j\u00F6rg", "", L"DOMAIN\xF05Cj\u00F6rg"},
+                          {"DOMAIN\uF05Cj\u00F6rg", "", L"DOMAIN\xDCEF\xDC81\xDC9Cj\u00F6rg"},
+                          {"large", std::string(20'000, 'g'), L"large"},
+                          {"", "", L"50004"}};
+              uid_t user = 50001;
+              for (const auto& [name, comment, shown] : rows) {
+                const std::string line = name + ":x:" + std::to_string(user) + ":1:" + comment + ":/:/bin/sh\n";
+                if (NameIn(line, user++) != shown) return false;
+              }
+              return CloseHandle(CreateMutexW(nullptr, FALSE, (L"Local\\stem_" + rows[0].shown).c_str())) != 0;
             }),
             0);
 }

@@ -36,9 +36,7 @@ TEST_F(SystemTree, NoNameLeadsOutOfItsTree) {
   fs::current_path(current.Path());
   WriteWholeFile("outside", "kept");
   const unsigned long long made = make();
-  unsigned long long size;
-  EXPECT_TRUE(Size(Wide("t"), size));
-  EXPECT_EQ(size, made);
+  EXPECT_EQ(Size(Wide("t")), Told(true, made));
   EXPECT_TRUE(Copy("t", "copy"));
   for (const std::string& name : odd) EXPECT_EQ(ReadWholeFile(Path("copy/" + name)), "of " + name) << name;
   EXPECT_EQ(EntryCount("copy"), EntryCount("t"));
@@ -56,9 +54,7 @@ TEST_F(SystemTree, WhatIsNoFileFailsAtOnce) {
   fs::create_symlink("nowhere", Path("t/broken"));
   ASSERT_EQ(mkfifo(Path("t/fifo").c_str(), 0600), 0);
   fs::create_symlink("/dev/zero", Path("t/zero"));
-  unsigned long long size;
-  EXPECT_TRUE(Size(Wide("t"), size));
-  EXPECT_EQ(size, 6u);
+  EXPECT_EQ(Size(Wide("t")), Told(true, 6u));
   FakeClock clock;
   EXPECT_FALSE(Copy("t", "copy"));
   EXPECT_EQ(clock.Sleeps(), std::vector<DWORD>{});
@@ -116,13 +112,12 @@ TEST_F(SystemTree, AWalkVisits1024Folders) {
   };
   make("full", 1024);
   make("over", 1025);
-  unsigned long long size;
-  EXPECT_TRUE(Size(Wide("full"), size));
+  EXPECT_TRUE(Size(Wide("full")).first);
   EXPECT_TRUE(Copy("full", "copy"));
   EXPECT_TRUE(Delete("full", TRUE, TRUE));
   EXPECT_EQ(Assertions(), Messages{});
 
-  EXPECT_FALSE(Size(Wide("over"), size));
+  EXPECT_FALSE(Size(Wide("over")).first);
   EXPECT_EQ(Assertions().size(), 1u);
   EXPECT_FALSE(Copy("over", "copy2"));
   EXPECT_EQ(EntryCount("copy2"), 1023u);
@@ -133,7 +128,7 @@ TEST_F(SystemTree, AWalkVisits1024Folders) {
 }
 
 // Symbolic links in trees; Wine makes none.
-class DirectoryLink : public FileTest {
+class DirectoryLink : public DirectoryTree {
  protected:
   DirectoryLink() {
     fs::create_directories(Path("t/a"));
@@ -147,12 +142,11 @@ class DirectoryLink : public FileTest {
 };
 
 TEST_F(DirectoryLink, NoWalkGoesThroughALink) {
-  unsigned long long size;
-  EXPECT_TRUE(GetFileSizeDirectoryTree(HOST, Wide("t").c_str(), &size));
-  EXPECT_LT(size, 22u) << "not again and again";
+  const Told told = Size(Wide("t"));
+  EXPECT_TRUE(told.first);
+  EXPECT_LT(told.second, 22u) << "not again and again";
   fs::remove(Path("t/broken"));
-  EXPECT_TRUE(GetFileSizeDirectoryTree(HOST, Wide("t").c_str(), &size));
-  EXPECT_EQ(size, 1u);
+  EXPECT_EQ(Size(Wide("t")), Told(true, 1u));
   EXPECT_TRUE(CopyDirectoryTree(HOST, Wide("t").c_str(), Wide("copy").c_str()));
   EXPECT_TRUE(fs::exists(Path("copy/a/1")));
   EXPECT_FALSE(fs::exists(Path("copy/link")));
@@ -175,9 +169,7 @@ TEST_F(DirectoryLink, DeletionTakesTheLinkAndLeavesWhatItLeadsTo) {
 
 TEST_F(DirectoryLink, TheStartFolderMayBeALink) {
   fs::create_directory_symlink("outside", Path("start"));
-  unsigned long long size;
-  EXPECT_TRUE(GetFileSizeDirectoryTree(HOST, Wide("start").c_str(), &size));
-  EXPECT_EQ(size, 2u);
+  EXPECT_EQ(Size(Wide("start")), Told(true, 2u));
   EXPECT_TRUE(DeleteDirectoryTree(HOST, Wide("start").c_str(), FALSE, TRUE));
   EXPECT_TRUE(fs::is_empty(Path("outside")));
 }

@@ -6,15 +6,11 @@ TEST_F(DirectoryTree, AllFilesCount) {
   MakeFiles({"t/1", "t/.hidden", "t/a/no extension", "t/a/b/c/deep.txt", "beside"});
   SetFileAttributesW(Wide("t/1").c_str(), FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM);
   fs::create_directories(Path("t/..."));  // not a dot entry where the system allows it
-  unsigned long long size = 99;
-  EXPECT_TRUE(Size(Wide("t"), size));
-  EXPECT_EQ(size, 3u + 9 + 16 + 16);
-  EXPECT_TRUE(Size(L"\"" + Wide("t") + L"\\\\\\\"", size)) << "quotes and backslashes at the end";
-  EXPECT_EQ(size, 44u);
+  EXPECT_EQ(Size(Wide("t")), Told(true, 3u + 9 + 16 + 16));
+  EXPECT_EQ(Size(L"\"" + Wide("t") + L"\\\\\\\""), Told(true, 44u)) << "quotes and backslashes at the end";
 
   fs::create_directories(Path("empty"));
-  EXPECT_TRUE(Size(Wide("empty"), size));
-  EXPECT_EQ(size, 0u);
+  EXPECT_EQ(Size(Wide("empty")), Told(true, 0u));
   EXPECT_EQ(Assertions(), Messages{});
 }
 
@@ -94,13 +90,10 @@ TEST_F(DirectoryTree, CopyTakesAllAndOverwrites) {
 TEST_F(DirectoryTree, RelativePathsStartAtTheCurrentFolder) {
   MakeFiles({"t/1", "t/a/2", "here/3"});
   fs::current_path(Path("here"));
-  unsigned long long size;
   for (const wchar_t* path : {L"..\\t", L"..\\here\\..\\t\\"}) {
-    EXPECT_TRUE(Size(path, size)) << path;
-    EXPECT_EQ(size, 8u);
+    EXPECT_EQ(Size(path), Told(true, 8u)) << path;
   }
-  EXPECT_TRUE(Size(L".", size));
-  EXPECT_EQ(size, 6u);
+  EXPECT_EQ(Size(L"."), Told(true, 6u));
   EXPECT_TRUE(CopyDirectoryTree(HOST, L"..\\t", L"..\\new\\copy"));
   EXPECT_TRUE(Exists("new/copy/a/2"));
   EXPECT_FALSE(CopyDirectoryTree(HOST, L"..", L"inside")) << "into itself, which the two texts do not show";
@@ -144,9 +137,7 @@ TEST_F(DirectoryTree, PathsEndAt259Characters) {
   while (fitting.string().size() < 250) fitting /= "d";
   fs::create_directories(fitting);
   WriteWholeFile(fitting / "f", "12345");
-  unsigned long long size;
-  EXPECT_TRUE(Size(Wide("t"), size));
-  EXPECT_EQ(size, 5u);
+  EXPECT_EQ(Size(Wide("t")), Told(true, 5u));
   EXPECT_TRUE(Delete("t", TRUE, TRUE)) << "a hundred levels";
 
   fs::path beyond = fitting;
@@ -157,7 +148,7 @@ TEST_F(DirectoryTree, PathsEndAt259Characters) {
   ScratchFolder current;
   WriteWholeFile(current.Path() / "bystander", "x");
   fs::current_path(current.Path());
-  EXPECT_FALSE(Size(Wide("t"), size));
+  EXPECT_FALSE(Size(Wide("t")).first);
   EXPECT_FALSE(Copy("t", "copy"));
   EXPECT_FALSE(Delete("t", TRUE, TRUE));
   EXPECT_TRUE(fs::exists(beyond)) << "nothing of it can be reached";
@@ -177,9 +168,9 @@ TEST_F(DirectoryTree, AFolderThatCannotBeReadIsAnError) {
     });
     EXPECT_FALSE(call());
   };
-  unsigned long long size;
-  secondFolderFails([&] { return Size(Wide("t"), size); });
-  EXPECT_EQ(size, 8u) << "all but the unreadable folder";
+  Told told;
+  secondFolderFails([&] { return (told = Size(Wide("t"))).first; });
+  EXPECT_EQ(told.second, 8u) << "all but the unreadable folder";
   EXPECT_EQ(Assertions().size(), 1u);
   secondFolderFails([&] { return Copy("t", "copy"); });
   EXPECT_TRUE(Exists("copy/b/3"));
@@ -191,11 +182,9 @@ TEST_F(DirectoryTree, AFolderThatCannotBeReadIsAnError) {
 
 TEST_F(DirectoryTree, ABrokenEnumerationIsAnError) {
   MakeFiles({"t/1", "t/2"});
-  unsigned long long size;
   {
     auto next = FAIL_CALL(FindNextFileW, 3, ERROR_READ_FAULT, FALSE);
-    EXPECT_FALSE(Size(Wide("t"), size));
-    EXPECT_EQ(size, 3u);
+    EXPECT_EQ(Size(Wide("t")), Told(false, 3u));
   }
   fs::create_directories(Path("empty"));
   auto close = STAND_IN(FindClose, [](int, HANDLE find) {

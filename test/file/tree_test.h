@@ -19,8 +19,12 @@ class DirectoryTree : public FileTest {
     return static_cast<size_t>(std::distance(fs::directory_iterator(Path(path)), fs::directory_iterator()));
   }
 
-  BOOL Size(const std::wstring& path, unsigned long long& size) {
-    return GetFileSizeDirectoryTree(HOST, path.c_str(), &size);
+  // Whether the size could be told, and what was told.
+  using Told = std::pair<bool, unsigned long long>;
+  static Told Size(const std::wstring& path) {
+    unsigned long long size = 99;
+    const bool told = GetFileSizeDirectoryTree(HOST, path.c_str(), &size);
+    return {told, size};
   }
   BOOL Delete(const std::string& path, BOOL removeFolder, BOOL recurse) {
     return DeleteDirectoryTree(HOST, Wide(path).c_str(), removeFolder, recurse);

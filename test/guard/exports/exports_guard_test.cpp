@@ -1,14 +1,6 @@
 // The guard of exported functions, through the real log and the real report: a call that the library makes faults.
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "qelibaselib/platform/mfc/exception.h"
-#include "qelibaselib/qelibaselib.h"
-#include "test/support/bad_pointer.h"
-#include "test/support/log_folder.h"
-#include "test/support/replace_call.h"
-#include "test/support/scratch_folder.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {

@@ -1,11 +1,6 @@
 // Bad buffers, and threads that share a position.
-#include <algorithm>
-#include <atomic>
-#include <string>
-#include <thread>
-
 #include "test/platform/files/file_calls.h"
-#include "test/support/page_buffer.h"
+#include "test/support/library.h"
 
 using namespace qel::test;
 

@@ -1,16 +1,9 @@
 // Memory limits of containers, of both versions of control groups.
-#include <gtest/gtest.h>
 #include <sys/mount.h>
 
-#include <string>
-#include <vector>
-
-#include "qelibaselib/memory/physical_memory.h"
 #include "qelibaselib/platform/linux/memory/container_memory.h"
-#include "qelibaselib/platform/win32.h"
-#include "test/support/child_process.h"
+#include "test/support/library.h"
 #include "test/support/own_mounts.h"
-#include "test/support/scratch_folder.h"
 
 using namespace qel::test;
 using qel::layer::ContainerMemory;
@@ -18,7 +11,6 @@ using qel::layer::ReadContainerMemory;
 
 namespace {
 
-namespace fs = std::filesystem;
 constexpr uint64_t kMiB = 1 << 20, kNoLimit = UINT64_MAX;
 
 void WriteGroup2(const fs::path& folder, const std::string& limit, uint64_t used, uint64_t cached) {

@@ -2,13 +2,13 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <vector>
 
 #include "test/platform/memory/mapped_file.h"
 #include "test/support/child_process.h"
+#include "test/support/forked_child.h"
 #include "test/support/small_disk.h"
 
 using namespace qel::test;
@@ -101,18 +101,15 @@ std::string LockedKilobytes() {
 
 TEST(Shortage, MoreThanMayBeLocked) {
   if (geteuid() != 0) GTEST_SKIP() << "needs to be root, to give the right up";
-  const pid_t child = fork();  // without the right to lock more than the limit
-  if (child == 0) {
+  const auto lock = [] {  // without the right to lock more than the limit
     const rlimit limit = {64 << 10, 64 << 10};
     const bool ready = setrlimit(RLIMIT_MEMLOCK, &limit) == 0 && setuid(65534) == 0;
     void* const block = VirtualAlloc(nullptr, 1 << 20, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE);
     const bool locked = VirtualLock(block, 4096);
     const bool refused = !VirtualLock(block, 1 << 20) && GetLastError() == ERROR_WORKING_SET_QUOTA;
-    _exit(ready && locked && refused && LockedKilobytes() == "4 kB" ? 0 : 1);  // what was locked before stays so
-  }
-  int status = -1;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
+    return ready && locked && refused && LockedKilobytes() == "4 kB" ? 0 : 1;  // what was locked before stays so
+  };
+  EXPECT_EQ(RunInChild(lock), 0);
 }
 
 }  // namespace

@@ -1,12 +1,8 @@
 // PATH of an ordinary user with a folder that the user may not search.
-#include <gtest/gtest.h>
-
 #include <cstdlib>
-#include <filesystem>
 
-#include "qelibaselib/platform/win32.h"
 #include "test/support/forked_child.h"
-#include "test/support/scratch_folder.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {

@@ -1,21 +1,15 @@
 // Names of a module whose file is no longer what was loaded.
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
-#include <memory>
-#include <string>
 
 #include "test/platform/symbols/named_place.h"
-#include "test/support/scratch_folder.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {
-
-namespace fs = std::filesystem;
 
 struct FileChange {
   const char* name;

@@ -1,19 +1,16 @@
 // The walk against the compiler's own unwinder, at each instruction of a program that steps through itself; and what
 // the debugger asks for that compares it with its own (walk_by_gdb.py).
-#include <gtest/gtest.h>
 #include <link.h>
 #include <ucontext.h>
 #include <unwind.h>
 
 #include <csignal>
 #include <cstdio>
-#include <string>
 
 #include "qelibaselib/platform/fault/fault.h"
 #include "test/platform/symbols/named_place.h"
 #include "test/platform/symbols/walked_functions_linux.h"
-#include "test/support/child_process.h"
-#include "test/support/sanitizer.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {

@@ -1,19 +1,16 @@
 #include <dlfcn.h>
 #include <elf.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <random>
-#include <string>
 
 #include "qelibaselib/platform/linux/modules/loaded_module.h"
 #include "qelibaselib/platform/linux/modules/symbol_name.h"
 #include "test/platform/symbols/named_place.h"
-#include "test/support/scratch_folder.h"
+#include "test/support/library.h"
 
 namespace qel::test {
 namespace {

@@ -1,19 +1,13 @@
 // Disks of a mount name space of its own: a file system whose server never answers, files mounted on files, and very
 // many disks.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/mount.h>
 
-#include <cstring>
 #include <set>
-#include <string>
 
 #include "qelibaselib/modulestatus/status_report.h"
-#include "qelibaselib/platform/win32.h"
-#include "test/support/child_process.h"
+#include "test/support/library.h"
 #include "test/support/own_mounts.h"
-#include "test/support/sanitizer.h"
-#include "test/support/scratch_folder.h"
 
 using namespace qel::test;
 

@@ -1,26 +1,20 @@
 // What the layer reads from the kernel and from files of the user, and what a host may do under it.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
-#include <filesystem>
 #include <fstream>
-#include <functional>
-#include <thread>
 
 #include "qelibaselib/platform/linux/system/mount_table.h"
 #include "qelibaselib/platform/linux/system/profile_text.h"
-#include "qelibaselib/platform/win32.h"
+#include "test/support/library.h"
 #include "test/support/own_mounts.h"
-#include "test/support/scratch_folder.h"
 
 using qel::layer::ListDisks;
 using qel::layer::ProfileValue;

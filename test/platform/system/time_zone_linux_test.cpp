@@ -1,19 +1,16 @@
 // Local time against the C library's, for every zone of the machine and for rules; and when a change is seen.
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 #include <sys/auxv.h>
 
 #include <cstdlib>
 #include <ctime>
-#include <filesystem>
 #include <fstream>
 #include <random>
-#include <thread>
 
 #include "qelibaselib/platform/linux/system/time_zone.h"
 #include "qelibaselib/platform/linux/system/zone_file.h"
 #include "qelibaselib/platform/linux/system/zone_rule.h"
-#include "qelibaselib/platform/win32.h"
+#include "test/support/library.h"
 
 using qel::layer::FindPeriodInRule;
 using qel::layer::FindPeriodInZoneFile;

@@ -20,10 +20,10 @@ std::vector<TestedExport> TestedExports::EachFromTheStart(std::vector<TestedExpo
 
 void TestedExports::LetGo() {
   if (view_) UnmapViewOfFile(std::exchange(view_, nullptr));
-  ScopedMapping(std::move(mapping_));
+  mapping_ = ScopedMapping();
   source_.reset();
   target_.reset();
-  ScopedFile(std::move(file_));
+  file_ = ScopedFile();
 }
 
 void TestedExports::OpenFile(const char* name) {
@@ -111,7 +111,7 @@ bool TestedExports::IsShared(HANDLE other) {
   const bool shared = mine && others && (*mine = '\1', *others == '\1');
   UnmapViewOfFile(mine);
   UnmapViewOfFile(others);
-  ScopedMapping(std::move(mapping_));
+  mapping_ = ScopedMapping();
   return shared;
 }
 

@@ -7,6 +7,23 @@
 namespace qel {
 namespace {
 
+// A thread's stack may still be there for a moment after its end was signalled. This is room for one more, which is
+// free again with the call that releases it.
+class StackReserve {
+ public:
+  StackReserve() = default;
+  StackReserve(const StackReserve&) = delete;
+  StackReserve& operator=(const StackReserve&) = delete;
+  ~StackReserve() {
+    if (room_) VirtualFree(room_, 0, MEM_RELEASE);
+  }
+  explicit operator bool() const { return room_ != nullptr; }
+
+ private:
+  static constexpr SIZE_T kBytes = 16 * 1024 * 1024;  // twice the usual stack of a thread
+  void* const room_ = VirtualAlloc(nullptr, kBytes, MEM_RESERVE, PAGE_NOACCESS);
+};
+
 UINT __cdecl EndAtOnce(LPVOID) { return 0; }
 
 std::unique_ptr<CWinThread> StartSuspended() {
@@ -24,7 +41,8 @@ void LetEnd(const std::unique_ptr<CWinThread>& thread) {
 }  // namespace
 
 bool CanStartThreads() {
-  const auto first = StartSuspended();
+  const StackReserve reserve;
+  const auto first = reserve ? StartSuspended() : nullptr;
   const auto second = first ? StartSuspended() : nullptr;
   LetEnd(first);
   LetEnd(second);

@@ -92,6 +92,27 @@ CHILD_ROLE(UseFlags) {
 }
 TEST(FloatingPointGuard, FlagsOfTheFirstHoldAndMasksOfX87ComeBack) { EXPECT_EQ(ChildProcess("UseFlags").Wait(), 0); }
 
+// An exception that x87 has noted waits for its next operation; a change of the masks is one.
+CHILD_ROLE(ChangeMasksWithPendingException) {
+  const Masks none{_MCW_EM, _MCW_EM};
+  const auto notePending = [&] {
+    SetMasks(none);
+    MarkInexact();
+    SetMasks({_MCW_EM & ~_EM_INEXACT, _MCW_EM});
+  };
+  notePending();
+  {
+    const CNdpCtrl87 guard(1, 1, 1, 1, 1, 1);
+    notePending();
+  }
+  const bool isMarked = IsMarked();
+  SetMasks(none);
+  return isMarked ? 1 : 0;
+}
+TEST(FloatingPointGuard, DiscardsWhatIsPendingBeforeItChangesMasks) {
+  EXPECT_EQ(ChildProcess("ChangeMasksWithPendingException").Wait(), 0);
+}
+
 TEST(StringConverter, MakesTheOtherFormAndKeepsIt) {
   CStrCnv fromNarrow("text");
   EXPECT_STREQ(fromNarrow.Narrow(), "text");

@@ -4,6 +4,7 @@
 #include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/guard/structured_exception_translator.h"
 #include "test/guard/recorder.h"
+#include "test/support/bad_pointer.h"
 #include "test/support/library.h"
 
 namespace qel::test {

@@ -1,6 +1,7 @@
 // Reports of a process whose heap is really damaged. (On the other target the C library ends such a process itself.)
 #include "test/modulestatus/captured_fault.h"
 #include "test/modulestatus/report_text.h"
+#include "test/support/bad_pointer.h"
 
 namespace qel::test {
 namespace {

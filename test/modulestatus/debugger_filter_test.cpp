@@ -1,5 +1,6 @@
 #include "test/modulestatus/captured_fault.h"
 #include "test/modulestatus/report_text.h"
+#include "test/support/bad_pointer.h"
 
 namespace qel::test {
 namespace {

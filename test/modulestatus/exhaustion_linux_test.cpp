@@ -1,5 +1,6 @@
 // A thread that calls the library for the first time when there is no memory. (On Windows the thread library ends a
 // process whose thread throws its first exception then.)
+#include "test/support/bad_pointer.h"
 #include "test/support/library.h"
 
 namespace qel::test {

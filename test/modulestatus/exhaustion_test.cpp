@@ -1,6 +1,7 @@
 // Reports of a process that has used up what a report needs.
 #include "test/modulestatus/captured_fault.h"
 #include "test/modulestatus/report_text.h"
+#include "test/support/bad_pointer.h"
 
 namespace qel::test {
 namespace {

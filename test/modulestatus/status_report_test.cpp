@@ -3,6 +3,7 @@
 #include "qelibaselib/platform/mfc/exception.h"
 #include "qellog/text/decode_text.h"
 #include "test/modulestatus/report_text.h"
+#include "test/support/bad_pointer.h"
 
 namespace qel::test {
 namespace {

@@ -17,7 +17,6 @@
 
 #include "qelibaselib/base/scoped_handles.h"
 #include "qelibaselib/qelibaselib.h"
-#include "test/support/bad_pointer.h"
 #include "test/support/child_process.h"
 #include "test/support/exhaustion.h"
 #include "test/support/failing_calls.h"

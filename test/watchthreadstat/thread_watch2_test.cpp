@@ -1,6 +1,7 @@
 #include <climits>
 
 #include "qelibaselib/platform/mfc/exception.h"
+#include "test/support/bad_pointer.h"
 #include "test/watchthreadstat/watch_case.h"
 
 namespace qel::test {

@@ -1,5 +1,6 @@
 // The guard of exported functions, through the real log and the real report: a call that the library makes faults.
 #include "qelibaselib/platform/mfc/exception.h"
+#include "test/support/bad_pointer.h"
 #include "test/support/library.h"
 
 namespace qel::test {

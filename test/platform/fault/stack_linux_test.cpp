@@ -78,6 +78,48 @@ TEST(SmallStack, GetsAWholeReport) {
   }
 }
 
+enum class ReportPlace { kHere, kBelowFault, kOwnStack };
+
+ReportPlace PlaceOfReport(size_t left, std::ptrdiff_t faultBelow) {
+  uintptr_t here = 0, limit = 0, fault = 0, report = 0;
+  OnThreadWithStack(8192 * kKilobyte, [&] {
+    fault::Run([] {});  // the thread is known from its first guard on
+    WithStackLeft(left, [&] {
+      here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+      limit = here - RemainingStack();
+      CONTEXT context{};
+      context.Esp = fault = here - static_cast<uintptr_t>(faultBelow);
+      const auto note = [](void* place) {
+        *static_cast<uintptr_t*>(place) = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+      };
+      fault::CallBelow(faultBelow != 0 ? &context : nullptr, note, &report);
+    });
+  });
+  if (report < limit || report > here) return ReportPlace::kOwnStack;
+  return faultBelow > 0 && report < fault ? ReportPlace::kBelowFault : ReportPlace::kHere;
+}
+
+// A report that runs out of stack loses sections and still has its first and its last.
+TEST(StackLeft, DecidesWhereAReportIsWritten) {
+  SKIP_UNDER_ASAN();
+  struct Row {
+    int left, faultBelow;  // in KiB; 0 for what has no place, less for a fault further up, more than is left for
+                           // another stack
+    ReportPlace place;
+  };
+  for (const Row& row : {Row{120, 0, ReportPlace::kOwnStack},
+                         {140, 0, ReportPlace::kHere},
+                         {120, -64, ReportPlace::kOwnStack},
+                         {140, -64, ReportPlace::kHere},
+                         {140, 4096, ReportPlace::kHere},
+                         {120 + 64, 64, ReportPlace::kOwnStack},
+                         {140 + 64, 64, ReportPlace::kBelowFault},
+                         {4096, 1016, ReportPlace::kBelowFault},
+                         {4096, 1032, ReportPlace::kOwnStack}})
+    EXPECT_EQ(PlaceOfReport(row.left * kKilobyte, row.faultBelow * static_cast<int>(kKilobyte)), row.place)
+        << row.left << ' ' << row.faultBelow;
+}
+
 // What the kernel switches to may be the host's, and as small as the kernel allows.
 CHILD_ROLE(OverflowStack) {
   alarm(30);

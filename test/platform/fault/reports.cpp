@@ -1,5 +1,6 @@
 #include "test/platform/fault/reports.h"
 
+#include "test/support/bad_pointer.h"
 #include "test/support/library.h"
 
 namespace qel::test {

@@ -31,9 +31,9 @@ set(core_tests
   memory/mapping memory/mapping_hold memory/view
   objects/concurrent_use_stress objects/mutex objects/namespace_linux objects/object_kill objects/thread objects/wait)
 list(TRANSFORM core_tests REPLACE "(.+)" "${test}/platform/\\1_test.cpp")
-set(core_support child_process_linux child_role main open_handles_linux scratch_folder)
+set(core_support child_process_linux child_role main open_handles_linux own_mounts_linux scratch_folder)
 list(TRANSFORM core_support REPLACE "(.+)" "${test}/support/\\1.cpp")
-add_executable(core_test ${core_tests} ${core_support} ${test}/platform/objects/shared_memory_linux.cpp)
+add_executable(core_test ${core_tests} ${core_support})
 # The tests have one word for every sanitizer that has the heap and the ends of a process to itself.
 target_compile_definitions(core_test PRIVATE QEL_SANITIZE)
 target_link_libraries(core_test PRIVATE concurrency_core gtest ${CMAKE_DL_LIBS})

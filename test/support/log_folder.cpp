@@ -38,6 +38,12 @@ struct Folder {
   }
 };
 
+// The tests of a program that looks at logs have a log folder from the start. A role may be one that has none yet.
+struct FolderFromTheStart : testing::Environment {
+  void SetUp() override { LogFolder(); }
+};
+const auto* const g_fromTheStart = testing::AddGlobalTestEnvironment(new FolderFromTheStart);
+
 constexpr std::string_view kTimeForm = "0000/00/00, 00:00:00.000";
 
 // Whether the text begins with the form, in which a 0 stands for any digit.

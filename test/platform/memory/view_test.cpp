@@ -1,8 +1,12 @@
 // Where views lie, and which protections their pages may have.
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <set>
+#include <vector>
 
 #include "test/platform/memory/mapped_file.h"
-#include "test/support/library.h"
+#include "test/support/open_handles.h"
 
 using namespace qel::test;
 

@@ -1,8 +1,12 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
 #include <fstream>
 #include <random>
+#include <thread>
 
 #include "test/platform/memory/mapped_file.h"
-#include "test/support/library.h"
+#include "test/support/child_process.h"
 #include "test/support/own_mounts.h"
 
 using namespace qel::test;

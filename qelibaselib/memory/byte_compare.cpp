@@ -11,7 +11,8 @@ namespace {
 
 constexpr DWORD kPageBytes = 4096;
 constexpr DWORD kLaneBytes = sizeof(__m128i);
-constexpr DWORD kLanes = 8, kBlockBytes = kLanes * kLaneBytes;
+constexpr DWORD kLanes = 8;
+constexpr DWORD kBlockBytes = kLanes * kLaneBytes;
 
 DWORD BytesToPageEnd(const BYTE* address) {
   return kPageBytes - (reinterpret_cast<uintptr_t>(address) & (kPageBytes - 1));

@@ -7,8 +7,8 @@
 namespace qel {
 namespace {
 
-// A thread's stack may still be there for a moment after its end was signalled. This is room for one more, which is
-// free again with the call that releases it.
+// Room in the address space for one more stack. A thread's stack may still be there for a moment after the end of the
+// thread was signalled; this room is free as soon as the object has ended.
 class StackReserve {
  public:
   StackReserve() = default;

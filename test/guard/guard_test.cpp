@@ -1,5 +1,4 @@
-// The three clauses: what they write, in which order, and that nothing leaves
-// them.
+// The three clauses: what they write, in which order, and that nothing leaves them.
 #include "qelibaselib/base/floating_point_guard.h"
 #include "qelibaselib/guard/exception_guard.h"
 #include "qelibaselib/guard/structured_exception_translator.h"
@@ -76,8 +75,7 @@ __attribute__((noinline)) int FaultInside(int value) {
 }
 __attribute__((noinline)) int CallFault(int value) {
   NoteCaller(__builtin_return_address(0));
-  volatile char room[4096];  // so that what the report calls would stand on the
-                             // frames below
+  volatile char room[4096];  // so that what the report calls would stand on the frames below
   room[0] = 1;
   return FaultInside(value) + room[0];
 }

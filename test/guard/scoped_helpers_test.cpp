@@ -36,8 +36,7 @@ void SetMasks(Masks masks) {
   __control87_2(masks.sse2, _MCW_EM, nullptr, &now);
 }
 
-// Leaves the mark of an inexact result in both units, or tells whether there is
-// any mark.
+// Leaves the mark of an inexact result in both units, or tells whether there is any mark.
 void MarkInexact() {
   volatile double third = 1;
   third = third / 3;

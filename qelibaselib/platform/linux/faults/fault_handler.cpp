@@ -176,7 +176,7 @@ void MakeInnermost(GuardFrame* guard) {
   thread.innermost = guard;
 }
 
-// A function of its own, so that the entry on a prepared thread calls nothing and saves no registers.
+// This is a function of its own so that the entry on a prepared thread calls nothing and saves no registers.
 [[gnu::noinline]] void PrepareThreadAndEnter(GuardFrame* guard) {
   qel::layer::PrepareFaultThread();
   MakeInnermost(guard);
